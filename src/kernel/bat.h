@@ -167,8 +167,8 @@ typedef struct BATatom {
     int (*atom_put)(BATvheap *heap, void *place, const void *value, BATcol *column);
 } BATatom;
 
-extern BATatom BATatoms[];      /* by type code */
-extern const int32_t int_nil;    /* also: "no BAT" in a BAT-number variable */
+extern BATatom BATatoms[];    /* by type code */
+extern const int32_t int_nil; /* also: "no BAT" in a BAT-number variable */
 extern const oid oid_nil;
 
 /* ---- making and shaping BATs -------------------------------------------- */
@@ -238,10 +238,10 @@ lng GDKusec(void); /* monotonic, microseconds */
 
 /* ---- settings, never written by the library ----------------------------- */
 
-extern int32_t GDKnr_threads;     /* at least 1 */
-extern int32_t GDKmin_part_size;  /* rows; at least 1 */
-extern int32_t GDKpart_size_div;  /* partitions allowed per thread */
-extern uint32_t GDKdebug;         /* DEBUG_ bits below */
+extern int32_t GDKnr_threads;    /* at least 1 */
+extern int32_t GDKmin_part_size; /* rows; at least 1 */
+extern int32_t GDKpart_size_div; /* partitions allowed per thread */
+extern uint32_t GDKdebug;        /* DEBUG_ bits below */
 extern uint32_t GDKgroup_algo_select_vask_size;
 extern uint32_t GDKgroup_algo_select_sample_size;
 extern uint32_t GDKgroup_algo_select_uniqueness_thresh;

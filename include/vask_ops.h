@@ -1,0 +1,79 @@
+/*
+ * lib_vask_ops: multi-core column operators for a column-store kernel.
+ *
+ * The library is loaded into the kernel's process and finds the kernel's
+ * operations, listed in kernel/bat.h, there. A plan looks the operators up by
+ * name. Rules that hold for all of them:
+ *
+ * Arguments: pointers only. The first is the result slot, or the first of two;
+ * a BAT is given by a pointer to its number.
+ *
+ * Result: null on success, otherwise an exception string made by the kernel's
+ * createException, which the caller owns. A failed call leaves the result slot
+ * as it was.
+ *
+ * Nil: a value is nil when it equals the reserved nil value of the column's
+ * type. Floats compare by ordinary equality, so a NaN is a value.
+ *
+ * Types: the type of the column decides what runs, never the operator's name,
+ * where several names stand for one operator.
+ *
+ * Determinism: results depend on the data and the kernel's settings, never on
+ * the timing of tasks or the number of cores.
+ *
+ * Thread safety: calls may overlap, on the same BATs too, as long as nobody
+ * changes those. A call uses the calling thread and the task scheduler's pool.
+ *
+ * Memory: running out of it where a contract below does not say otherwise ends
+ * the call with a C++ exception, or the process, as the kernel expects.
+ */
+#ifndef VASK_OPS_H
+#define VASK_OPS_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define VASK_EXPORT __attribute__((visibility("default")))
+#else
+#define VASK_EXPORT
+#endif
+
+/*
+ * Sum of all values of a column. Seven names for one operator.
+ *
+ *   tail type        result slot   arithmetic
+ *   bte, sht, int    8 bytes, lng  64 bits, wrapping
+ *   wrd              8 bytes, wrd  64 bits, wrapping
+ *   lng              8 bytes, lng  64 bits, wrapping
+ *   flt              4 bytes, flt  single precision throughout
+ *   dbl              8 bytes, dbl  double precision
+ *
+ * Nil: nil rows are skipped; a column without a value, an empty one too, gives
+ * the nil of the result type. Values that cancel out give 0.
+ * NaN: makes the sum NaN.
+ * Overflow: integers wrap without notice, and may wrap onto the nil.
+ * Floats: rows are added in order within a partition and partitions in order,
+ * so GDKnr_threads and the partition settings can change the last bits.
+ * Errors: "Object not found"; "operation failed" for any other tail type, void,
+ * oid and user atoms included. Place: "vask_sum_wrapper".
+ *
+ *   int64_t total;
+ *   char *exception = vask_sum_int(&total, &bid);
+ */
+VASK_EXPORT char *vask_sum_bte(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_sht(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_int(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_wrd(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_lng(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_flt(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_sum_dbl(void *result, const int32_t *bid);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

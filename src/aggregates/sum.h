@@ -1,0 +1,83 @@
+// The sum as an aggregate: what whole-column and grouped sum share.
+#pragma once
+
+#include "kernel/bat.h"
+#include "kernel/isa.h"
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <type_traits>
+
+namespace vask {
+
+//! What a column of T sums into. Integers widen to 64 bits and wrap there; floats keep their own
+//! precision all the way.
+template <class T>
+using sum_accumulator = std::conditional_t<std::integral<T>, lng, T>;
+
+//! The type code of a sum's result for a column of `type`: the narrow integers give lng.
+constexpr int sum_result_type(int type) noexcept {
+    return type == TYPE_bte || type == TYPE_sht || type == TYPE_int ? int{TYPE_lng} : type;
+}
+
+//! Two's complement addition: a sum may wrap, and may land on the nil by wrapping.
+VASK_ALWAYS_INLINE lng add_wrapping(lng a, lng b) noexcept {
+    return static_cast<lng>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+template <std::floating_point T>
+VASK_ALWAYS_INLINE T add_wrapping(T a, T b) noexcept {
+    return a + b;
+}
+
+template <class T>
+struct sum {
+    using element = T;
+    using accumulator = sum_accumulator<T>;
+    struct partial {
+        accumulator value;
+        bool seen;
+    };
+
+    VASK_ALWAYS_INLINE static partial scan(const T *rows, std::size_t n, T nil) noexcept {
+        partial result{0, false};
+        if constexpr (std::floating_point<T>) {
+            // Additions stay in row order: the latency of the addition is the bound, and a branch
+            // on nil would come on top. Adding -0.0 changes no value, not even a sum of -0.0.
+            for (std::size_t i = 0; i < n; ++i) {
+                const bool value = rows[i] != nil;
+                result.value += value ? rows[i] : T(-0.0);
+                result.seen |= value;
+            }
+        } else if constexpr (sizeof(T) < 4) {
+            // As many rows as a 32-bit sum can take, so that a vector holds twice as many lanes.
+            constexpr std::size_t block = std::size_t{1} << 16;
+            for (std::size_t i = 0; i < n; i += block) {
+                std::int32_t block_sum = 0;
+                for (std::size_t j = i, end = std::min(n, i + block); j < end; ++j) {
+                    const bool value = rows[j] != nil;
+                    block_sum += value ? rows[j] : 0;
+                    result.seen |= value;
+                }
+                result.value += block_sum;
+            }
+        } else {
+            std::uint64_t total = 0;
+            for (std::size_t i = 0; i < n; ++i) {
+                const bool value = rows[i] != nil;
+                total += value ? static_cast<std::uint64_t>(static_cast<lng>(rows[i])) : 0;
+                result.seen |= value;
+            }
+            result.value = static_cast<lng>(total);
+        }
+        return result;
+    }
+
+    static void merge(partial &total, const partial &part) noexcept {
+        total.value = add_wrapping(total.value, part.value);
+        total.seen |= part.seen;
+    }
+};
+
+} // namespace vask

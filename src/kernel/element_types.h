@@ -1,0 +1,50 @@
+// From a type code to a C++ type: the one place where the operators turn the one into the other.
+#pragma once
+
+#include "kernel/bat.h"
+
+#include <type_traits>
+
+namespace vask {
+
+//! Calls `f(std::type_identity<T>{})` with the arithmetic type that `code` names, wrd and lng both
+//! as 64-bit integers, and gives its result; `otherwise` for any other code. A family that
+//! dispatches on the column's own type passes that, one that accepts user atoms passes
+//! storage_of() it.
+template <class R, class F>
+R visit_arithmetic_type(int code, R otherwise, F f) {
+    switch (code) {
+        case TYPE_bte:
+            return f(std::type_identity<bte>{});
+        case TYPE_sht:
+            return f(std::type_identity<sht>{});
+        case TYPE_int:
+            return f(std::type_identity<std::int32_t>{});
+        case TYPE_wrd:
+        case TYPE_lng:
+            return f(std::type_identity<lng>{});
+        case TYPE_flt:
+            return f(std::type_identity<flt>{});
+        case TYPE_dbl:
+            return f(std::type_identity<dbl>{});
+        default:
+            return otherwise;
+    }
+}
+
+//! The same for the six storage classes of grouping, distinct counting, statistics and union: all
+//! one-byte types run as bte, and wrd has no class of its own (the kernel stores it as lng).
+template <class R, class F>
+R visit_storage_class(int storage, R otherwise, F f) {
+    switch (storage) {
+        case TYPE_bit:
+        case TYPE_byte:
+            return f(std::type_identity<bte>{});
+        case TYPE_wrd:
+            return otherwise;
+        default:
+            return visit_arithmetic_type(storage, otherwise, f);
+    }
+}
+
+} // namespace vask

@@ -1,0 +1,202 @@
+// The road every operator travels: inputs by number, a partition plan, tasks, a result, a failure
+// text. An operator supplies what happens to a row and how partial results are merged.
+#pragma once
+
+#include "kernel/bat.h"
+#include "kernel/column.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_group.h>
+
+namespace vask {
+
+// ---- failures ---------------------------------------------------------------------------------
+
+namespace failure {
+inline constexpr const char *object_not_found = "Object not found";
+inline constexpr const char *operation_failed = "operation failed";
+inline constexpr const char *unsupported_tail = "Unsupported tail type";
+} // namespace failure
+
+//! An exception string, owned by whoever called the exported function. `text` can be null.
+inline char *make_exception(const char *place, const char *text) {
+    return createException(0, place, text);
+}
+
+// ---- inputs -----------------------------------------------------------------------------------
+
+//! The BAT of a number, with one physical reference that the caller owes BBPreleaseref; null when
+//! the number is 0, int_nil, out of range or not in use, or the BAT cannot be loaded. An unknown
+//! number is traced when DEBUG_RANGE_ERROR is set. Called on the entering thread only.
+BAT *vask_descriptor(std::int32_t id);
+
+//! The logical name of a BAT's number for a message; the empty text when the number is not good.
+const char *vask_bat_name(std::int32_t id);
+
+//! The BATs of an operator's inputs, fetched in order and released in the same order. A fetch that
+//! fails ends the fetching. Nothing is released on destruction: an exception that passes an
+//! operator loses its references, which the kernel knows and accounts for.
+template <std::size_t N>
+class input_bats {
+public:
+    template <class... Ids>
+    explicit input_bats(const Ids *...ids) {
+        static_assert(sizeof...(Ids) == N);
+        (fetch(*ids) && ...);
+    }
+
+    bool complete() const noexcept { return fetched_ == N; }
+    BAT *operator[](std::size_t i) const noexcept { return bats_[i]; }
+
+    //! Drops the reference of every BAT that was fetched.
+    void release() const {
+        for (std::size_t i = 0; i < fetched_; ++i)
+            BBPreleaseref(bats_[i]->bat_id);
+    }
+
+private:
+    bool fetch(std::int32_t id) {
+        bats_[fetched_] = vask_descriptor(id);
+        if (bats_[fetched_] == nullptr)
+            return false;
+        ++fetched_;
+        return true;
+    }
+
+    std::array<BAT *, N> bats_{};
+    std::size_t fetched_ = 0;
+};
+
+template <class... Ids>
+input_bats(const Ids *...) -> input_bats<sizeof...(Ids)>;
+
+//! What a family's wrapper does around its body: `body(inputs)` gives null or a failure text, the
+//! inputs are released, and a text becomes an exception string under the wrapper's name.
+template <std::size_t N, class Body>
+char *run_wrapper(const char *name, const input_bats<N> &inputs, Body body) {
+    const char *text = inputs.complete() ? body(inputs) : failure::object_not_found;
+    inputs.release();
+    return text == nullptr ? nullptr : make_exception(name, text);
+}
+
+// ---- partitions -------------------------------------------------------------------------------
+
+//! Positions begin .. end - 1.
+struct row_range {
+    BUN begin;
+    BUN end;
+
+    BUN size() const noexcept { return end > begin ? end - begin : 0; }
+};
+
+//! How many partitions a column of `rows` rows gets under the kernel's settings, which are read
+//! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads is 0, under
+//! which the kernel must not run an aggregate: the plan then divides by it.
+std::uint64_t partition_count(BUN rows);
+
+//! Contiguous partitions of a BAT's rows. The remainder of the division falls wholly on the last.
+struct partition_plan {
+    std::uint64_t nparts;
+    BUN part_size;
+    BUN part_base;
+    BUN end;
+
+    partition_plan(const BAT &b, std::uint64_t parts)
+        : nparts(parts),
+          part_size(static_cast<BUN>(b.info->count / parts)),
+          part_base(b.info->first),
+          end(end_position(b)) {}
+
+    row_range partition(std::uint64_t part) const noexcept {
+        const auto i = static_cast<BUN>(part);
+        return {part_base + i * part_size,
+                part + 1 == nparts ? end : part_base + (i + 1) * part_size};
+    }
+};
+
+// ---- tasks ------------------------------------------------------------------------------------
+
+//! A set of tasks on the scheduler's pool, started in the order of the calls to spawn. The caller
+//! takes part in the work while it waits. An exception in a task is rethrown from wait; a set that
+//! is destroyed with tasks outstanding cancels them and waits first.
+class task_set {
+public:
+    task_set()
+        : context_(tbb::task_group_context::bound, tbb::task_group_context::concurrent_wait),
+          group_(context_) {}
+
+    template <class Task>
+    void spawn(Task task) {
+        group_.run(std::move(task));
+    }
+
+    void wait() { group_.wait(); }
+
+private:
+    tbb::task_group_context context_;
+    tbb::task_group group_;
+};
+
+//! Runs `task(part, range)` for every partition of the plan, each as a task with a copy of its own
+//! of everything that `task` holds, and waits for all.
+template <class Task>
+void run_partitions(const partition_plan &plan, const Task &task) {
+    task_set tasks;
+    for (std::uint64_t part = 0; part < plan.nparts; ++part)
+        tasks.spawn([task, part, range = plan.partition(part)] { task(part, range); });
+    tasks.wait();
+}
+
+//! Runs `body(row_range)` over the rows 0 .. rows - 1, cut as the scheduler sees fit. For loops
+//! without a merge, in which every row writes an element of its own.
+template <class Body>
+void run_row_loop(BUN rows, const Body &body) {
+    tbb::task_group_context context(tbb::task_group_context::bound);
+    tbb::parallel_for(
+        tbb::blocked_range<BUN>(0, rows, 1),
+        [&body](const tbb::blocked_range<BUN> &r) {
+            body(row_range{r.begin(), r.end()});
+        },
+        tbb::auto_partitioner{}, context);
+}
+
+//! A zero-filled array on the kernel's memory. The aggregates do not test it: running out of
+//! memory there faults at the first write, which the kernel takes as fatal.
+template <class T>
+T *zeroed_array(std::size_t n) {
+    return static_cast<T *>(GDKzalloc(n * sizeof(T)));
+}
+
+// ---- results ----------------------------------------------------------------------------------
+
+//! Stores a scalar result through its slot, at the width of T.
+template <class T>
+void store_result(void *slot, T value) noexcept {
+    *static_cast<T *>(slot) = value;
+}
+
+//! Makes a writable BAT read-only without a kernel call, as a view's source has to be.
+void freeze(BAT &b) noexcept;
+
+//! Makes a BAT read-only through the kernel unless its access word already forbids writing; the
+//! result is the BAT to go on with.
+BAT *seal(BAT *b);
+
+//! Marks a column as one without nils and in no order, as every result starts out.
+void mark_nonil_unsorted(BATcol &column) noexcept;
+
+//! Marks a column as one with nils.
+void mark_nil(BATcol &column) noexcept;
+
+//! Turns a new BAT of one tail element per group into the result: its tail under the head of the
+//! extents `e`, marked free of nils. `*result` becomes the view; the new BAT's reference goes to
+//! it.
+void vask_grp_result_view(BAT **result, BAT *e);
+
+} // namespace vask
