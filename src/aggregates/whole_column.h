@@ -29,7 +29,7 @@ void reduce_column(BAT *b, std::uint64_t nparts, Store store) {
     using accumulator = typename Aggregate::accumulator;
     using partial = typename Aggregate::partial;
 
-    accumulator *partials = zeroed_array<accumulator>(nparts);
+    auto *partials = zeroed_array<accumulator>(nparts);
     bte *seen = nullptr;
     if constexpr (tells_seen<Aggregate>)
         seen = zeroed_array<bte>(nparts);
