@@ -54,6 +54,11 @@ const char *vask_bat_name(std::int32_t id) {
     return is_in_pool(id, "BBPname") ? pool_record(id).logical_name : "";
 }
 
+BAT *mirror_of(const BAT &b) noexcept {
+    const BBPrec &record = pool_record(b.bat_id);
+    return b.bat_id > 0 ? record.desc_mirror : record.desc;
+}
+
 std::uint64_t partition_count(BUN rows) {
     const std::uint64_t smallest_part = sign_extended(GDKmin_part_size);
     const std::uint64_t threads = sign_extended(GDKnr_threads);

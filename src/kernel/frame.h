@@ -39,6 +39,9 @@ BAT *vask_descriptor(std::int32_t id);
 //! The logical name of a BAT's number for a message; the empty text when the number is not good.
 const char *vask_bat_name(std::int32_t id);
 
+//! The same data with head and tail exchanged, without a reference of its own.
+BAT *mirror_of(const BAT &b) noexcept;
+
 //! The BATs of an operator's inputs, fetched in order and released in the same order. A fetch that
 //! fails ends the fetching. Nothing is released on destruction: an exception that passes an
 //! operator loses its references, which the kernel knows and accounts for.

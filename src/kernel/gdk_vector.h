@@ -40,14 +40,14 @@ class gdk_vector {
 public:
     gdk_vector() noexcept = default;
 
-    //! Holds n value-initialised elements.
-    explicit gdk_vector(std::size_t n) {
+    //! Holds n value-initialised elements. An element that throws takes those before it along.
+    explicit gdk_vector(std::size_t n) : gdk_vector() {
         if (n == 0)
             return;
-        begin_ = gdk_allocate<T>(n);
-        end_ = limit_ = begin_ + n;
-        for (T *p = begin_; p != end_; ++p)
-            new (p) T();
+        begin_ = end_ = gdk_allocate<T>(n);
+        limit_ = begin_ + n;
+        for (; end_ != limit_; ++end_)
+            new (end_) T();
     }
 
     gdk_vector(gdk_vector &&other) noexcept
