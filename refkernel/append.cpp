@@ -1,0 +1,143 @@
+// Appending rows one at a time.
+#include "refkernel/atoms.h"
+#include "refkernel/bats.h"
+#include "refkernel/errors.h"
+#include "refkernel/instrumentation.h"
+#include "refkernel/pool.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+using refkernel::instrumentation::enter;
+using refkernel::instrumentation::operation;
+
+namespace refkernel {
+namespace {
+
+bool widen_offsets(column &c, std::uint32_t offset, bool copy_all) noexcept {
+    column wide;
+    wide.width = c.width;
+    while (!offset_fits(wide, offset)) {
+        wide.width = static_cast<std::int16_t>(wide.width * 2);
+        wide.shift = static_cast<std::uint8_t>(wide.width / 2);
+    }
+    if (wide.width == c.width) {
+        return true;
+    }
+    const auto skipped =
+        static_cast<std::size_t>(static_cast<char *>(c.base) - static_cast<char *>(c.memory->base));
+    const std::size_t capacity = (c.memory->bytes - skipped) >> c.shift;
+    auto memory = memory::allocate_block(capacity << wide.shift);
+    if (memory == nullptr) {
+        return false;
+    }
+    wide.base = memory->base;
+    const std::size_t rows =
+        copy_all ? capacity : std::min<std::size_t>(c.free >> c.shift, capacity);
+    for (BUN p = 0; p < rows; ++p) {
+        set_offset(wide, p, offset_at(c, p));
+    }
+    c.free = c.free >> c.shift << wide.shift;
+    c.width = wide.width;
+    c.shift = wide.shift;
+    c.adopt_memory(std::move(memory));
+    return true;
+}
+
+// Marks stay only as far as the new row bears them out. They are dropped, not
+// set: an empty column bears none either.
+void update_marks(column &c, const BATinfo &info, BUN position, const void *value) noexcept {
+    if (is_nil_value(c, value)) {
+        c.nil = 1;
+        c.nonil = 0;
+    }
+    if (c.dense != 0 && *static_cast<const oid *>(value) != c.seqbase + info.count) {
+        c.dense = 0;
+    }
+    if (info.count == 0 || (c.sorted == 0 && c.key == 0)) {
+        return;
+    }
+    oid scratch = 0;
+    const int order = BATatoms[c.type].atom_cmp(value_at(c, info, position - 1, scratch), value);
+    if (order > 0) {
+        c.sorted = 0;
+    }
+    if (order >= 0 || c.sorted == 0) {
+        c.key = 0;
+    }
+}
+
+// Room is there; false when the heap runs out.
+bool store_value(column &c, const BATinfo &info, BUN position, const void *value) noexcept {
+    const BATatom &atom = BATatoms[c.type];
+    update_marks(c, info, position, value);
+    c.free += static_cast<std::uint64_t>(c.width);
+    if (c.varsized) {
+        std::uint32_t offset = 0;
+        if (atom.atom_put(c.vheap, &offset, value, &c) == 0 || !widen_offsets(c, offset, false)) {
+            return false;
+        }
+        set_offset(c, position, offset);
+        return true;
+    }
+    if (atom.atom_fix != nullptr) {
+        atom.atom_fix(value);
+    }
+    std::memcpy(element_place(c, position), value, static_cast<std::size_t>(atom.atom_size));
+    return true;
+}
+
+// A void column takes only the oid that follows; it is stored from here on if
+// another one comes.
+bool prepare_void(column &c, const BATinfo &info, const void *value) noexcept {
+    oid wanted = 0;
+    std::memcpy(&wanted, value, sizeof wanted);
+    if (info.count == 0) {
+        c.seqbase = wanted;
+        set_void_marks(c);
+        return true;
+    }
+    return wanted == oid_at(c, info, info.first + info.count) || materialize_column(c, info);
+}
+
+bool append_value(column &c, const BATinfo &info, const void *value) noexcept {
+    if (is_void(c) && !prepare_void(c, info, value)) {
+        return false;
+    }
+    c.drop_hash();
+    c.alignment = 0;
+    return is_void(c) || store_value(c, info, info.first + info.count, value);
+}
+
+} // namespace
+} // namespace refkernel
+
+int GDKupgradevarheap(BATcol *column, uint32_t offset, int copy_all) {
+    if (enter(operation::gdk_upgradevarheap, column->width, offset, copy_all)) {
+        return 0;
+    }
+    return refkernel::widen_offsets(refkernel::column_of(column), offset, copy_all != 0);
+}
+
+BAT *BUNfastins(BAT *b, const void *head_value, const void *tail_value) {
+    if (enter(operation::bun_fastins, b)) {
+        return nullptr;
+    }
+    BATinfo &info = *b->info;
+    const BUN position = info.first + info.count;
+    if (position >= refkernel::max_rows || info.count >= refkernel::max_rows) {
+        refkernel::record_error("bunfastins: bat too large\n");
+        return nullptr;
+    }
+    if (position + 1 > info.capacity && !refkernel::extend(*b, refkernel::next_capacity(*b))) {
+        return nullptr;
+    }
+    if (!refkernel::append_value(refkernel::column_of(b->head), info, head_value) ||
+        !refkernel::append_value(refkernel::column_of(b->tail), info, tail_value)) {
+        refkernel::record_error("BUNfastins: out of memory\n");
+        return nullptr;
+    }
+    ++info.count;
+    return b;
+}

@@ -1,0 +1,156 @@
+#include "refkernel/errors.h"
+
+#include "refkernel/instrumentation.h"
+#include "refkernel/memory.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+using refkernel::instrumentation::enter;
+using refkernel::instrumentation::operation;
+
+// The output of a thread. There is one for all threads: where it leads is the
+// printing thread's own.
+struct stream {};
+
+namespace refkernel {
+namespace {
+
+thread_local std::string thread_errors;
+thread_local std::string *thread_capture = nullptr;
+std::atomic<fatal_handler> installed_handler{nullptr};
+stream thread_output;
+
+std::string formatted(const char *format, va_list arguments) {
+    if (format == nullptr) {
+        return {};
+    }
+    va_list measured;
+    va_copy(measured, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, measured);
+    va_end(measured);
+    if (length <= 0) {
+        return {};
+    }
+    std::string text(static_cast<std::size_t>(length), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+} // namespace
+
+void record_error(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    thread_errors += formatted(format, arguments);
+    va_end(arguments);
+}
+
+char *make_exception(const char *place, const char *text) {
+    const std::size_t place_length = std::strlen(place);
+    const std::size_t text_length = std::strlen(text);
+    auto *message = static_cast<char *>(memory::allocate(place_length + text_length + 2));
+    if (message != nullptr) {
+        std::memcpy(message, place, place_length);
+        message[place_length] = ':';
+        std::memcpy(message + place_length + 1, text, text_length + 1);
+    }
+    return message;
+}
+
+exception take_exception(char *message) {
+    if (message == nullptr) {
+        return {};
+    }
+    const std::string_view whole(message);
+    const std::size_t colon = std::min(whole.find(':'), whole.size());
+    exception read{std::string(whole.substr(0, colon)),
+                   std::string(whole.substr(std::min(colon + 1, whole.size())))};
+    memory::release(message);
+    return read;
+}
+
+const std::string &error_buffer() {
+    return thread_errors;
+}
+
+void clear_error_buffer() {
+    thread_errors.clear();
+}
+
+fatal_handler set_fatal_handler(fatal_handler handler) {
+    return installed_handler.exchange(handler);
+}
+
+output_capture::output_capture() : outer_(std::exchange(thread_capture, &text_)) {}
+
+output_capture::~output_capture() {
+    thread_capture = outer_;
+}
+
+} // namespace refkernel
+
+// The kind tells a plan's interpreter how to go on after an exception; there is
+// none here.
+char *createException(int kind, const char *function, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = refkernel::formatted(format, arguments);
+    va_end(arguments);
+    if (enter(operation::create_exception, kind, function,
+              format == nullptr ? nullptr : text.c_str())) {
+        return nullptr;
+    }
+    return refkernel::make_exception(function, text.c_str());
+}
+
+void GDKerror(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = refkernel::formatted(format, arguments);
+    va_end(arguments);
+    enter(operation::gdk_error, text.c_str());
+    refkernel::thread_errors += text;
+}
+
+int GDKfatal(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = refkernel::formatted(format, arguments);
+    va_end(arguments);
+    enter(operation::gdk_fatal, text.c_str());
+    if (const auto handler = refkernel::installed_handler.load()) {
+        return handler(text.c_str());
+    }
+    std::fflush(stdout);
+    std::fprintf(stderr, "fatal: %s", text.c_str());
+    std::fflush(stderr);
+    std::_Exit(EXIT_FAILURE);
+}
+
+stream *THRgetdata(int slot) {
+    return slot == 0 ? &refkernel::thread_output : nullptr;
+}
+
+int THRprintf(stream *, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = refkernel::formatted(format, arguments);
+    va_end(arguments);
+    if (refkernel::thread_capture != nullptr) {
+        *refkernel::thread_capture += text;
+        return static_cast<int>(text.size());
+    }
+    return static_cast<int>(std::fwrite(text.data(), 1, text.size(), stdout));
+}
+
+lng GDKusec() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}

@@ -1,0 +1,66 @@
+// Exceptions handed to plans, the error buffer of each thread, and the end of
+// the process.
+#ifndef REFKERNEL_ERRORS_H
+#define REFKERNEL_ERRORS_H
+
+#include "refkernel/contract.h"
+
+#include <string>
+#include <string_view>
+
+namespace refkernel {
+
+//! Adds a text to the calling thread's error buffer, like GDKerror.
+[[gnu::format(printf, 1, 2)]] void record_error(const char *format, ...);
+
+//! An exception string for a plan, like createException; null when memory runs out.
+char *make_exception(const char *place, const char *text);
+
+//! What an exception string says.
+struct exception {
+    std::string place;
+    std::string text;
+    bool operator==(const exception &) const = default;
+};
+
+/*
+ * Reads an exception string, "place:text" with no colon in the place, and frees
+ * it. Every exception string comes from GDKmalloc's memory: whoever receives one
+ * owns it and gives it back through this or GDKfree. Null reads as two empty texts.
+ */
+REFKERNEL_API exception take_exception(char *message);
+
+//! What GDKerror recorded on the calling thread since it was last cleared.
+REFKERNEL_API const std::string &error_buffer();
+REFKERNEL_API void clear_error_buffer();
+
+/*
+ * What GDKfatal does instead of ending the process; null puts its own way back:
+ * the message on standard error and exit status 1, at once and without
+ * destructors, since tasks may still be running. GDKfatal returns what the handler
+ * returns. The handler is called on the failing thread, which may be a task's.
+ */
+using fatal_handler = int (*)(const char *message);
+REFKERNEL_API fatal_handler set_fatal_handler(fatal_handler handler);
+
+/*
+ * Collects what the calling thread prints on its output stream, which goes to
+ * standard output otherwise. Captures nest.
+ */
+class REFKERNEL_API output_capture {
+public:
+    output_capture();
+    ~output_capture();
+    output_capture(const output_capture &) = delete;
+    output_capture &operator=(const output_capture &) = delete;
+
+    [[nodiscard]] const std::string &text() const { return text_; }
+
+private:
+    std::string text_;
+    std::string *outer_;
+};
+
+} // namespace refkernel
+
+#endif

@@ -1,0 +1,225 @@
+#include "refkernel/instrumentation.h"
+
+#include "refkernel/memory.h"
+
+#include <array>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+namespace refkernel::instrumentation {
+namespace {
+
+constexpr std::size_t operations = static_cast<std::size_t>(operation::count_of_operations);
+
+constexpr std::array names = {"BBPincref",
+                              "BBPdescriptor",
+                              "BBPreleaseref",
+                              "BBPkeepref",
+                              "BBPdecref",
+                              "BBPreclaim",
+                              "BATnew",
+                              "BATsetcount",
+                              "BATextend",
+                              "BATgrows",
+                              "BUNfastins",
+                              "GDKupgradevarheap",
+                              "BATseqbase",
+                              "BATkey",
+                              "BATsetaccess",
+                              "BATcopy",
+                              "BATmaterialize",
+                              "BATmaterializeh",
+                              "BATsample",
+                              "VIEWcreate",
+                              "VIEWcombine",
+                              "ALIGNsetH",
+                              "ALIGNsynced",
+                              "BATaccess",
+                              "BAThash",
+                              "GDKmalloc",
+                              "GDKzalloc",
+                              "GDKcalloc",
+                              "GDKrealloc",
+                              "GDKfree",
+                              "createException",
+                              "GDKerror",
+                              "GDKfatal",
+                              "BATmin",
+                              "BATmax",
+                              "doALGfetch",
+                              "VALget",
+                              "VALset",
+                              "VALconvert",
+                              "BATjoin",
+                              "GRPgroup",
+                              "GRPderive",
+                              "AX3aggrX3_count3Nils"};
+static_assert(names.size() == operations);
+
+struct observation {
+    mutable std::mutex lock;
+    bool standing = false;
+    bool recording = false;
+    std::uint64_t failures = 0;
+    std::array<std::uint64_t, operations> calls{};
+    std::array<std::uint64_t, operations> fail_in{}; // calls until the failing one; 0: none
+    std::vector<recorded_call> record;
+    std::map<std::pair<int32_t, int>, std::int64_t> open_accesses;
+
+    void clear() {
+        recording = false;
+        failures = 0;
+        calls.fill(0);
+        fail_in.fill(0);
+        record.clear();
+        open_accesses.clear();
+    }
+};
+
+observation observed;
+std::atomic<bool> setaccess_replaces{false};
+
+std::size_t index_of(operation op) {
+    return static_cast<std::size_t>(op);
+}
+
+} // namespace
+
+std::atomic<bool> watching{false};
+
+const char *operation_name(operation op) {
+    return names[index_of(op)];
+}
+
+void argument::append_to(std::string &record) const {
+    if (kind_ == kind::number) {
+        record += std::to_string(number_);
+    } else if (text_ == nullptr) {
+        record += "null";
+    } else {
+        record.append("\"").append(text_).append("\"");
+    }
+}
+
+bool enter_watched(operation op, std::initializer_list<argument> arguments) {
+    const std::lock_guard guard(observed.lock);
+    if (!observed.standing) {
+        return false;
+    }
+    ++observed.calls[index_of(op)];
+    if (observed.recording) {
+        std::string text = operation_name(op);
+        text += '(';
+        const char *separator = "";
+        for (const argument &each : arguments) {
+            text += separator;
+            each.append_to(text);
+            separator = ", ";
+        }
+        text += ')';
+        observed.record.push_back({op, std::move(text)});
+    }
+    std::uint64_t &fail_in = observed.fail_in[index_of(op)];
+    if (fail_in == 0 || --fail_in != 0) {
+        return false;
+    }
+    ++observed.failures;
+    return true;
+}
+
+watch::watch() {
+    const std::lock_guard guard(observed.lock);
+    if (observed.standing) {
+        throw std::logic_error("only one watch can stand at a time");
+    }
+    observed.clear();
+    observed.standing = true;
+    memory::start_account();
+    watching.store(true);
+}
+
+watch::~watch() {
+    const std::lock_guard guard(observed.lock);
+    watching.store(false);
+    memory::stop_account();
+    observed.standing = false;
+    observed.clear();
+}
+
+void watch::fail_at(operation op, std::uint64_t nth) {
+    const std::lock_guard guard(observed.lock);
+    observed.fail_in[index_of(op)] = nth;
+}
+
+std::uint64_t watch::calls(operation op) const {
+    const std::lock_guard guard(observed.lock);
+    return observed.calls[index_of(op)];
+}
+
+std::uint64_t watch::failures() const {
+    const std::lock_guard guard(observed.lock);
+    return observed.failures;
+}
+
+void watch::record(bool on) {
+    const std::lock_guard guard(observed.lock);
+    observed.recording = on;
+}
+
+std::vector<recorded_call> watch::recorded() const {
+    const std::lock_guard guard(observed.lock);
+    return observed.record;
+}
+
+std::vector<std::string> watch::recorded_texts() const {
+    std::vector<std::string> texts;
+    for (recorded_call &call : recorded()) {
+        texts.push_back(std::move(call.text));
+    }
+    return texts;
+}
+
+std::vector<unpaired_access> watch::unpaired_accesses() const {
+    return open_accesses();
+}
+
+std::vector<unpaired_access> open_accesses() {
+    const std::lock_guard guard(observed.lock);
+    std::vector<unpaired_access> unpaired;
+    for (const auto &[key, open] : observed.open_accesses) {
+        if (open != 0) {
+            unpaired.push_back({key.first, key.second, open});
+        }
+    }
+    return unpaired;
+}
+
+std::uint64_t watch::bytes_outstanding() const {
+    return memory::bytes_outstanding();
+}
+
+void watch::clear() {
+    const std::lock_guard guard(observed.lock);
+    observed.clear();
+}
+
+void note_access(int32_t bat_id, int what, int load) {
+    if (!watching.load(std::memory_order_relaxed)) [[likely]] {
+        return;
+    }
+    const std::lock_guard guard(observed.lock);
+    observed.open_accesses[{bat_id, what}] += load;
+}
+
+void replace_on_setaccess(bool on) {
+    setaccess_replaces.store(on);
+}
+
+bool replaces_on_setaccess() {
+    return setaccess_replaces.load();
+}
+
+} // namespace refkernel::instrumentation

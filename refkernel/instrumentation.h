@@ -1,0 +1,179 @@
+// What tests of operators ask of the kernel: which operations were called and
+// how often, in what order, with what arguments; an operation that fails at its
+// n-th call; BATaccess brackets that were never closed; bytes never given back.
+//
+// Everything is off until a `watch` stands. An operation then costs one relaxed
+// load and a branch that is never taken.
+//
+// Thread safety: operations may report from any thread; a watch is made, asked
+// and destroyed on one thread, while no operation it should see is running.
+#ifndef REFKERNEL_INSTRUMENTATION_H
+#define REFKERNEL_INSTRUMENTATION_H
+
+#include "refkernel/contract.h"
+
+#include <atomic>
+#include <concepts>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace refkernel::instrumentation {
+
+//! The operations of the contract, by the names of operation_name().
+enum class operation {
+    bbp_incref,
+    bbp_descriptor,
+    bbp_releaseref,
+    bbp_keepref,
+    bbp_decref,
+    bbp_reclaim,
+    bat_new,
+    bat_setcount,
+    bat_extend,
+    bat_grows,
+    bun_fastins,
+    gdk_upgradevarheap,
+    bat_seqbase,
+    bat_key,
+    bat_setaccess,
+    bat_copy,
+    bat_materialize,
+    bat_materializeh,
+    bat_sample,
+    view_create,
+    view_combine,
+    align_seth,
+    align_synced,
+    bat_access,
+    bat_hash,
+    gdk_malloc,
+    gdk_zalloc,
+    gdk_calloc,
+    gdk_realloc,
+    gdk_free,
+    create_exception,
+    gdk_error,
+    gdk_fatal,
+    bat_min,
+    bat_max,
+    do_alg_fetch,
+    val_get,
+    val_set,
+    val_convert,
+    bat_join,
+    grp_group,
+    grp_derive,
+    aggr_count3_nils,
+    count_of_operations
+};
+
+//! The contract's name of an operation, such as "BATnew".
+REFKERNEL_API const char *operation_name(operation op);
+
+//! An argument as it stands in the record of a call.
+class argument {
+public:
+    template <std::integral T>
+    argument(T value) : kind_(kind::number), number_(static_cast<std::int64_t>(value)) {}
+    argument(const char *text) : kind_(kind::text), text_(text) {}
+    //! A BAT stands in the record with its number, null as 0.
+    argument(const BAT *b) : argument(b == nullptr ? 0 : b->bat_id) {}
+
+    void append_to(std::string &record) const;
+
+private:
+    enum class kind { number, text };
+    kind kind_;
+    std::int64_t number_ = 0;
+    const char *text_ = nullptr;
+};
+
+extern REFKERNEL_API std::atomic<bool> watching;
+
+//! The part of enter() that runs while a watch stands.
+REFKERNEL_API bool enter_watched(operation op, std::initializer_list<argument> arguments);
+
+/*
+ * Every operation calls this first, with its arguments:
+ *
+ *     if (enter(operation::bat_new, head_type, tail_type, capacity)) {
+ *         return nullptr;
+ *     }
+ *
+ * True when the operation was told to fail now. An operation that cannot fail
+ * ignores the answer.
+ */
+template <class... Arguments>
+inline bool enter(operation op, const Arguments &...arguments) {
+    if (!watching.load(std::memory_order_relaxed)) [[likely]] {
+        return false;
+    }
+    return enter_watched(op, {argument(arguments)...});
+}
+
+struct recorded_call {
+    operation op;
+    std::string text; // as in "BATnew(0, 8, 100)"
+};
+
+//! BATaccess calls of one BAT and one set of columns, opened less closed.
+struct unpaired_access {
+    int32_t bat_id;
+    int what;
+    std::int64_t open;
+};
+
+/*
+ * Switches the instrumentation on while it lives. One watch at a time; making a
+ * second one throws std::logic_error.
+ *
+ *     watch kernel;
+ *     kernel.fail_at(operation::bat_new, 2);
+ *     char *message = VASKgroup(&histogram, &map, &input);
+ *     EXPECT_EQ(kernel.bytes_outstanding(), 0);
+ */
+class REFKERNEL_API watch {
+public:
+    watch();
+    ~watch();
+    watch(const watch &) = delete;
+    watch &operator=(const watch &) = delete;
+
+    //! Makes the n-th call from now on fail, once; n of 1 is the next call, 0 takes the order back.
+    void fail_at(operation op, std::uint64_t nth);
+    //! Calls of the operation since the watch began or was last cleared.
+    [[nodiscard]] std::uint64_t calls(operation op) const;
+    //! Calls that failed because they were told to.
+    [[nodiscard]] std::uint64_t failures() const;
+
+    //! Starts or ends the record of calls, which is off at first.
+    void record(bool on);
+    //! The recorded calls in the order in which they began.
+    [[nodiscard]] std::vector<recorded_call> recorded() const;
+    //! The same as lines of text.
+    [[nodiscard]] std::vector<std::string> recorded_texts() const;
+
+    //! Brackets of BATaccess that are open, or closed once too often.
+    [[nodiscard]] std::vector<unpaired_access> unpaired_accesses() const;
+    //! Bytes handed out by the GDK operations (and as exception strings) since the watch began.
+    [[nodiscard]] std::uint64_t bytes_outstanding() const;
+
+    //! Forgets counts, records, brackets and orders to fail, but no bytes.
+    void clear();
+};
+
+//! What watch::unpaired_accesses() gives; empty while no watch stands.
+[[nodiscard]] std::vector<unpaired_access> open_accesses();
+
+//! What BATaccess reports.
+void note_access(int32_t bat_id, int what, int load);
+
+//! Makes every BATsetaccess give back another BAT than its argument, as the contract allows.
+REFKERNEL_API void replace_on_setaccess(bool on);
+[[nodiscard]] bool replaces_on_setaccess();
+
+} // namespace refkernel::instrumentation
+
+#endif

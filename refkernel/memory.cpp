@@ -1,0 +1,231 @@
+#include "refkernel/memory.h"
+
+#include "refkernel/instrumentation.h"
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <sys/mman.h>
+#include <unordered_map>
+
+namespace refkernel::memory {
+namespace {
+
+constexpr std::size_t cache_line = 64;
+constexpr std::size_t huge_page = std::size_t{2} << 20;
+// glibc serves a block this large by its own mapping and grows it by remapping,
+// without a copy and without holding both sizes at once.
+constexpr std::size_t remap_threshold = std::size_t{1} << 20;
+
+struct allocated_block final : block {
+    ~allocated_block() override { std::free(base); }
+
+    bool grow(std::size_t new_bytes) noexcept override {
+        void *grown = nullptr;
+        if (bytes >= remap_threshold) {
+            grown = std::realloc(base, new_bytes);
+            if (grown == nullptr) {
+                return false;
+            }
+        } else {
+            const std::size_t rounded = (new_bytes + cache_line - 1) / cache_line * cache_line;
+            grown = std::aligned_alloc(cache_line, rounded);
+            if (grown == nullptr) {
+                return false;
+            }
+            std::memcpy(grown, base, bytes);
+            std::free(base);
+        }
+        advise_huge_pages(grown, new_bytes);
+        base = grown;
+        bytes = new_bytes;
+        return true;
+    }
+};
+
+// An exact account needs the size of a block when it comes back. A table beside
+// the blocks costs nothing while it is off, unlike a size written before each.
+// It is cut by address so that tasks seldom meet on one lock.
+struct account_shard {
+    std::mutex lock;
+    std::unordered_map<void *, std::size_t> blocks;
+};
+
+std::atomic<bool> account_on{false};
+std::array<account_shard, 64> account;
+
+account_shard &shard_of(void *held) {
+    return account[(reinterpret_cast<std::uintptr_t>(held) >> 4) % account.size()];
+}
+
+void enter_account(void *held, std::size_t bytes) noexcept {
+    if (held == nullptr || !account_on.load(std::memory_order_relaxed)) [[likely]] {
+        return;
+    }
+    account_shard &shard = shard_of(held);
+    const std::lock_guard guard(shard.lock);
+    shard.blocks.insert_or_assign(held, bytes);
+}
+
+constexpr std::size_t not_in_account = std::numeric_limits<std::size_t>::max();
+
+// The bytes that the account had for the block.
+std::size_t leave_account(void *held) noexcept {
+    if (held == nullptr || !account_on.load(std::memory_order_relaxed)) [[likely]] {
+        return not_in_account;
+    }
+    account_shard &shard = shard_of(held);
+    const std::lock_guard guard(shard.lock);
+    const auto found = shard.blocks.find(held);
+    if (found == shard.blocks.end()) {
+        return not_in_account;
+    }
+    const std::size_t bytes = found->second;
+    shard.blocks.erase(found);
+    return bytes;
+}
+
+template <class Visit>
+std::uint64_t sum_account(Visit visit) noexcept {
+    std::uint64_t sum = 0;
+    for (account_shard &shard : account) {
+        const std::lock_guard guard(shard.lock);
+        for (const auto &[held, bytes] : shard.blocks) {
+            sum += visit(bytes);
+        }
+    }
+    return sum;
+}
+
+void clear_account() noexcept {
+    for (account_shard &shard : account) {
+        const std::lock_guard guard(shard.lock);
+        shard.blocks.clear();
+    }
+}
+
+} // namespace
+
+void advise_huge_pages(void *base, std::size_t bytes) noexcept {
+    if (base == nullptr || bytes < huge_page_threshold) {
+        return;
+    }
+    const auto address = reinterpret_cast<std::uintptr_t>(base);
+    const std::uintptr_t begin = (address + huge_page - 1) / huge_page * huge_page;
+    const std::uintptr_t end = (address + bytes) / huge_page * huge_page;
+    if (begin < end) {
+        // Advice only: a system without huge pages refuses, and nothing is lost.
+        (void)madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+    }
+}
+
+bool block::grow(std::size_t) noexcept {
+    return false;
+}
+
+std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept {
+    if (bytes > std::numeric_limits<std::size_t>::max() / 2) {
+        return nullptr;
+    }
+    const std::size_t rounded =
+        (bytes == 0 ? cache_line : (bytes + cache_line - 1) / cache_line * cache_line);
+    try {
+        auto made = std::make_shared<allocated_block>();
+        made->base = std::aligned_alloc(cache_line, rounded);
+        if (made->base == nullptr) {
+            return nullptr;
+        }
+        made->bytes = bytes;
+        advise_huge_pages(made->base, rounded);
+        return made;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+void *allocate(std::size_t bytes) noexcept {
+    void *made = std::malloc(bytes == 0 ? 1 : bytes);
+    advise_huge_pages(made, bytes);
+    enter_account(made, bytes);
+    return made;
+}
+
+void *allocate_zeroed(std::size_t bytes) noexcept {
+    void *made = std::calloc(1, bytes == 0 ? 1 : bytes);
+    advise_huge_pages(made, bytes);
+    enter_account(made, bytes);
+    return made;
+}
+
+void *reallocate(void *held, std::size_t bytes) noexcept {
+    // Left before the call: another thread may be given the old address at once.
+    const std::size_t old_bytes = leave_account(held);
+    void *made = std::realloc(held, bytes == 0 ? 1 : bytes);
+    if (made == nullptr) {
+        if (old_bytes != not_in_account) {
+            enter_account(held, old_bytes);
+        }
+        return nullptr;
+    }
+    advise_huge_pages(made, bytes);
+    enter_account(made, bytes);
+    return made;
+}
+
+void release(void *held) noexcept {
+    leave_account(held);
+    std::free(held);
+}
+
+void start_account() noexcept {
+    clear_account();
+    account_on.store(true, std::memory_order_relaxed);
+}
+
+void stop_account() noexcept {
+    account_on.store(false, std::memory_order_relaxed);
+    clear_account();
+}
+
+std::uint64_t bytes_outstanding() noexcept {
+    return sum_account([](std::size_t bytes) { return bytes; });
+}
+
+std::uint64_t blocks_outstanding() noexcept {
+    return sum_account([](std::size_t) { return std::size_t{1}; });
+}
+
+} // namespace refkernel::memory
+
+using refkernel::instrumentation::enter;
+using refkernel::instrumentation::operation;
+namespace memory = refkernel::memory;
+
+void *GDKmalloc(size_t bytes) {
+    return enter(operation::gdk_malloc, bytes) ? nullptr : memory::allocate(bytes);
+}
+
+void *GDKzalloc(size_t bytes) {
+    return enter(operation::gdk_zalloc, bytes) ? nullptr : memory::allocate_zeroed(bytes);
+}
+
+void *GDKcalloc(size_t count, size_t size) {
+    if (enter(operation::gdk_calloc, count, size) ||
+        (size != 0 && count > std::numeric_limits<size_t>::max() / size)) {
+        return nullptr;
+    }
+    return memory::allocate_zeroed(count * size);
+}
+
+void *GDKrealloc(void *block, size_t bytes) {
+    return enter(operation::gdk_realloc, bytes) ? nullptr : memory::reallocate(block, bytes);
+}
+
+void GDKfree(void *block) {
+    enter(operation::gdk_free);
+    memory::release(block);
+}

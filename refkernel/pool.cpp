@@ -1,0 +1,273 @@
+#include "refkernel/pool.h"
+
+#include "refkernel/instrumentation.h"
+
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace refkernel {
+namespace {
+
+constexpr std::int32_t chunk_records = 1 << 16;
+constexpr std::int32_t chunks = 1 << 15; // numbers are 31 bits
+
+} // namespace
+} // namespace refkernel
+
+// The first level never moves, and a chunk never goes: readers need no lock.
+BBPrec *BBParr[refkernel::chunks];
+int32_t BBPsize = 0;
+
+namespace refkernel {
+
+bat_entry::bat_entry() noexcept
+    : desc{{0, &head, &tail, &state, &info}, this},
+      mirror{{0, &tail, &head, &state, &info}, this} {}
+
+namespace pool {
+namespace {
+
+// A number comes back only after so many others, so that a stale one is found
+// out ("not in use") instead of meaning somebody else's BAT.
+constexpr std::size_t resting_numbers = 4096;
+
+struct bat_pool {
+    std::mutex lock;
+    std::array<bat_entry **, chunks> entries{};
+    std::deque<std::int32_t> resting;
+    std::int32_t next = 1;
+    usage used{};
+
+    bat_pool() { add_chunk(); }
+
+    void add_chunk() {
+        const auto at = static_cast<std::size_t>(BBPsize / chunk_records);
+        // Zero pages that cost nothing until their numbers are used.
+        auto *records = static_cast<BBPrec *>(std::calloc(chunk_records, sizeof(BBPrec)));
+        auto **slots = static_cast<bat_entry **>(std::calloc(chunk_records, sizeof(bat_entry *)));
+        if (records == nullptr || slots == nullptr || at == entries.size()) {
+            std::free(records);
+            std::free(slots);
+            throw std::bad_alloc();
+        }
+        BBParr[at] = records;
+        entries[at] = slots;
+        std::atomic_ref(BBPsize).store(static_cast<std::int32_t>(at + 1) * chunk_records,
+                                       std::memory_order_release);
+    }
+
+    BBPrec &record(std::int32_t id) { return BBParr[id >> 16][id & 0xffff]; }
+    bat_entry *&slot(std::int32_t id) {
+        return entries[static_cast<std::size_t>(id >> 16)][id & 0xffff];
+    }
+
+    // Null for a number that is not in use; id is positive or a mirror's.
+    bat_entry *entry(std::int32_t id) {
+        const std::int64_t n = id < 0 ? -std::int64_t{id} : id;
+        return n == 0 || n >= BBPsize ? nullptr : slot(static_cast<std::int32_t>(n));
+    }
+
+    std::int32_t take_number() {
+        if (resting.size() > resting_numbers) {
+            const std::int32_t id = resting.front();
+            resting.pop_front();
+            return id;
+        }
+        if (next == BBPsize) {
+            add_chunk();
+        }
+        return next++;
+    }
+
+    std::int64_t &total(reference kind) {
+        return kind == reference::logical ? used.logical : used.physical;
+    }
+};
+
+// Never destroyed: handles in static storage may outlive every other static.
+bat_pool &the_pool() {
+    static bat_pool &made = *new bat_pool;
+    return made;
+}
+
+[[maybe_unused]] const bat_pool &made_at_load = the_pool();
+
+std::int32_t &count_of(bat_entry &entry, reference kind) {
+    switch (kind) {
+        case reference::physical:
+            return entry.physical;
+        case reference::logical:
+            return entry.logical;
+        default:
+            return entry.views;
+    }
+}
+
+} // namespace
+
+BAT *insert(std::unique_ptr<bat_entry> made) {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    const std::int32_t id = pool.take_number();
+    made->name = "tmp_" + std::to_string(id);
+    made->mirror_name = "rev_" + std::to_string(id);
+    made->desc.bat_id = id;
+    made->mirror.bat_id = -id;
+    made->physical = 1;
+    ++pool.used.bats;
+    ++pool.used.physical;
+    pool.record(id) = {&made->desc, &made->mirror, made->name.c_str(), made->mirror_name.c_str()};
+    pool.slot(id) = made.release();
+    return pool.record(id).desc;
+}
+
+BAT *find(std::int32_t id) noexcept {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    bat_entry *entry = pool.entry(id);
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    return id < 0 ? &entry->mirror : &entry->desc;
+}
+
+std::int32_t add_reference(std::int32_t id, reference kind) noexcept {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    bat_entry *entry = pool.entry(id);
+    if (entry == nullptr) {
+        return 0;
+    }
+    if (kind != reference::view) {
+        ++pool.total(kind);
+    }
+    return ++count_of(*entry, kind);
+}
+
+void drop_reference(std::int32_t id, reference kind) noexcept {
+    bat_pool &pool = the_pool();
+    std::unique_ptr<bat_entry> dead;
+    {
+        const std::lock_guard guard(pool.lock);
+        bat_entry *entry = pool.entry(id);
+        if (entry == nullptr || count_of(*entry, kind) == 0) {
+            ++pool.used.misuses;
+            return;
+        }
+        --count_of(*entry, kind);
+        if (kind != reference::view) {
+            --pool.total(kind);
+        }
+        if (entry->physical != 0 || entry->logical != 0 || entry->views != 0) {
+            return;
+        }
+        const std::int32_t number = entry->desc.bat_id;
+        dead.reset(std::exchange(pool.slot(number), nullptr));
+        pool.record(number) = {};
+        pool.resting.push_back(number);
+        --pool.used.bats;
+    }
+    // Outside the lock: its memory goes back, and then what it held.
+    const auto sources = dead->sources;
+    dead.reset();
+    for (const std::int32_t source : sources) {
+        if (source != 0) {
+            drop_reference(source, reference::view);
+        }
+    }
+}
+
+void keep(std::int32_t id) noexcept {
+    // Taken before the other is dropped: the BAT must not die in between.
+    if (add_reference(id, reference::logical) != 0) {
+        drop_reference(id, reference::physical);
+    } else {
+        drop_reference(id, reference::logical); // counts the misuse
+    }
+}
+
+bool unload(std::int32_t id) noexcept {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    bat_entry *entry = pool.entry(id);
+    if (entry == nullptr) {
+        return false;
+    }
+    BBPrec &record = pool.record(entry->desc.bat_id);
+    record.desc = nullptr;
+    record.desc_mirror = nullptr;
+    return true;
+}
+
+BAT *load(std::int32_t id) noexcept {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    bat_entry *entry = pool.entry(id);
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    BBPrec &record = pool.record(entry->desc.bat_id);
+    record.desc = &entry->desc;
+    record.desc_mirror = &entry->mirror;
+    return id < 0 ? record.desc_mirror : record.desc;
+}
+
+usage current_usage() noexcept {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    return pool.used;
+}
+
+std::vector<live_bat> live_bats() {
+    bat_pool &pool = the_pool();
+    const std::lock_guard guard(pool.lock);
+    std::vector<live_bat> live;
+    for (std::int32_t id = 1; id < pool.next; ++id) {
+        if (const bat_entry *entry = pool.slot(id); entry != nullptr) {
+            live.push_back({id, entry->physical, entry->logical, entry->views, entry->info.count});
+        }
+    }
+    return live;
+}
+
+} // namespace pool
+} // namespace refkernel
+
+using refkernel::instrumentation::enter;
+using refkernel::instrumentation::operation;
+namespace pool = refkernel::pool;
+
+int BBPincref(int32_t id, int logical) {
+    if (enter(operation::bbp_incref, id, logical)) {
+        return 0;
+    }
+    return pool::add_reference(id,
+                               logical != 0 ? pool::reference::logical : pool::reference::physical);
+}
+
+BAT *BBPdescriptor(int32_t id) {
+    return enter(operation::bbp_descriptor, id) ? nullptr : pool::load(id);
+}
+
+void BBPreleaseref(int32_t id) {
+    enter(operation::bbp_releaseref, id);
+    pool::drop_reference(id, pool::reference::physical);
+}
+
+void BBPkeepref(int32_t id) {
+    enter(operation::bbp_keepref, id);
+    pool::keep(id);
+}
+
+void BBPdecref(int32_t id, int logical) {
+    enter(operation::bbp_decref, id, logical);
+    pool::drop_reference(id, logical != 0 ? pool::reference::logical : pool::reference::physical);
+}
+
+void BBPreclaim(BAT *b) {
+    enter(operation::bbp_reclaim, b);
+    pool::drop_reference(b->bat_id, pool::reference::physical);
+}

@@ -1,0 +1,14 @@
+// The settings that operators read. Their defaults are for machines of a few to
+// some tens of cores; docs/ says how they were measured.
+#include "refkernel/contract.h"
+
+#include <algorithm>
+#include <thread>
+
+int32_t GDKnr_threads = static_cast<int32_t>(std::max(1U, std::thread::hardware_concurrency()));
+int32_t GDKmin_part_size = 16384;
+int32_t GDKpart_size_div = 4;
+uint32_t GDKdebug = 0;
+uint32_t GDKgroup_algo_select_vask_size = 65536;
+uint32_t GDKgroup_algo_select_sample_size = 1024;
+uint32_t GDKgroup_algo_select_uniqueness_thresh = 800;

@@ -1,0 +1,111 @@
+// Text columns for embedders.
+#include "refkernel/column_making.h"
+#include "refkernel/embed.h"
+#include "refkernel/pool.h"
+
+#include <algorithm>
+#include <new>
+
+namespace refkernel {
+namespace {
+
+template <class Offset>
+std::shared_ptr<memory::block> narrowed(std::span<const std::uint32_t> offsets, BUN first) {
+    auto memory = rows_behind(first, offsets.size(), sizeof(Offset));
+    Offset *out = static_cast<Offset *>(memory->base) + first;
+    constexpr std::uint32_t bias = sizeof(Offset) < sizeof(std::uint32_t) ? offset_bias : 0;
+    std::transform(offsets.begin(), offsets.end(), out,
+                   [](std::uint32_t offset) { return static_cast<Offset>(offset - bias); });
+    return memory;
+}
+
+} // namespace
+
+text_builder::text_builder(const text_options &options)
+    : options_(options), heap_(std::make_shared<text_heap>(options.sharing)) {
+    if (!is_type(options.type) || !is_varsized(options.type)) {
+        throw kernel_error("the column's type is not stored as text");
+    }
+    if (options.offset_width != 1 && options.offset_width != 2 && options.offset_width != 4) {
+        throw kernel_error("an offset has 1, 2 or 4 bytes");
+    }
+}
+
+void text_builder::note_nil(std::string_view text) {
+    if (!text.empty() && text.front() == str_nil_text.front()) [[unlikely]] {
+        has_nil_ = has_nil_ || text == nil_bytes(options_.type);
+    }
+}
+
+void text_builder::append(std::string_view text) {
+    const std::uint32_t offset = heap_->put(text);
+    if (offset == 0) {
+        throw std::bad_alloc();
+    }
+    offsets_.push_back(offset);
+    note_nil(text);
+}
+
+void text_builder::append_nil() {
+    append(nil_bytes(options_.type));
+}
+
+void text_builder::append_all(std::span<const std::string_view> texts) {
+    const std::size_t before = offsets_.size();
+    offsets_.resize(before + texts.size());
+    if (!heap_->put_all(texts.data(), texts.size(), offsets_.data() + before)) {
+        offsets_.resize(before);
+        throw std::bad_alloc();
+    }
+    for (const std::string_view text : texts) {
+        note_nil(text);
+    }
+}
+
+bat text_builder::finish(const column_options &options) {
+    auto made = entry_with_head(offsets_.size(), options);
+    int width = options_.offset_width;
+    const std::uint32_t last = std::max(heap_->end(), offset_bias + 1) - 1 - offset_bias;
+    while (width < 4 && last >> (8 * width) != 0) {
+        width *= 2;
+    }
+    std::shared_ptr<memory::block> memory;
+    if (width == 1) {
+        memory = narrowed<std::uint8_t>(offsets_, options.first);
+    } else if (width == 2) {
+        memory = narrowed<std::uint16_t>(offsets_, options.first);
+    } else if (options.first != 0 || offsets_.empty()) {
+        memory = narrowed<std::uint32_t>(offsets_, options.first);
+    } else {
+        memory = std::make_shared<memory::vector_block<std::uint32_t>>(std::move(offsets_));
+    }
+    set_tail(*made, options_.type, static_cast<std::size_t>(width), std::move(memory), options);
+    made->tail.varsized = 1;
+    made->tail.nil = has_nil_;
+    made->tail.nonil = !has_nil_;
+    // Made again if the column ever grows.
+    heap_->drop_index();
+    made->tail.adopt_heap(std::exchange(heap_, std::make_shared<text_heap>(options_.sharing)));
+    offsets_ = {};
+    has_nil_ = false;
+    return insert(std::move(made));
+}
+
+bat make_text_column(std::span<const std::optional<std::string_view>> texts,
+                     const column_options &options, const text_options &text) {
+    text_builder builder(text);
+    builder.reserve(texts.size());
+    for (const auto &each : texts) {
+        each ? builder.append(*each) : builder.append_nil();
+    }
+    return builder.finish(options);
+}
+
+bat make_text_column(std::span<const std::string_view> texts, const column_options &options,
+                     const text_options &text) {
+    text_builder builder(text);
+    builder.append_all(texts);
+    return builder.finish(options);
+}
+
+} // namespace refkernel
