@@ -55,10 +55,14 @@ bool append_value(BATcol &column, BUN position, const void *value) {
 
 } // namespace
 
+void record_bat_too_large() {
+    GDKerror("bunfastins: bat too large\n");
+}
+
 bool vask_bunfastins(BAT &b, const void *head_value, const void *tail_value) {
     const BUN position = b.info->first + b.info->count;
     if (position == last_position || b.info->count == last_position) {
-        GDKerror("bunfastins: bat too large\n");
+        record_bat_too_large();
         return false;
     }
     if (position + 1 > b.info->capacity && BATextend(&b, BATgrows(&b)) == nullptr)

@@ -5,6 +5,9 @@
 
 namespace vask {
 
+//! Says in the calling thread's error buffer that a BAT cannot take the rows it was to get.
+void record_bat_too_large();
+
 //! Appends the row (*head_value, *tail_value) to b, as the kernel's BUNfastins does: grows the BAT
 //! where needed, puts variable-sized values into their heap and widens the offsets when the next
 //! one does not fit. False when b holds all the rows that a BAT can hold (the kernel's error
