@@ -1,0 +1,104 @@
+// What a cell of a file can hold: the types of columns, and reading their values from text.
+#pragma once
+
+#include "kernel/bat.h"
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace vask::runner {
+
+//! The types a column can be loaded as. The inferred ones stand last, each wider than the one
+//! before it.
+enum class column_type : std::uint8_t { bit, bte, sht, flt, timestamp, int_, lng, dbl, str };
+
+//! All of them, in the order in which they are listed to users.
+inline constexpr std::array all_column_types{
+    column_type::bit, column_type::bte, column_type::sht, column_type::int_,     column_type::lng,
+    column_type::flt, column_type::dbl, column_type::str, column_type::timestamp};
+
+//! The name as --types takes it.
+std::string_view name_of(column_type type);
+std::optional<column_type> type_named(std::string_view name);
+//! The kernel's type code.
+int type_code(column_type type);
+
+//! Microseconds since 1970-01-01 00:00:00, without time zone or leap seconds.
+struct timestamp {
+    lng microseconds;
+};
+//! A truth value, stored in one byte.
+struct truth {
+    bit value;
+};
+
+//! Calls `f(std::type_identity<T>{})` with the type that cells of a fixed-width column are read as.
+template <class F>
+decltype(auto) visit_cell_type(column_type type, F f) {
+    switch (type) {
+        case column_type::bit:
+            return f(std::type_identity<truth>{});
+        case column_type::bte:
+            return f(std::type_identity<bte>{});
+        case column_type::sht:
+            return f(std::type_identity<sht>{});
+        case column_type::flt:
+            return f(std::type_identity<flt>{});
+        case column_type::timestamp:
+            return f(std::type_identity<timestamp>{});
+        case column_type::int_:
+            return f(std::type_identity<std::int32_t>{});
+        case column_type::lng:
+            return f(std::type_identity<lng>{});
+        case column_type::dbl:
+            break;
+        case column_type::str:
+            break; // stored as an offset, not as a value
+    }
+    return f(std::type_identity<dbl>{});
+}
+
+/*
+ * Reads a whole cell as a value; false when the cell is no such value or does not fit.
+ *   integers   decimal digits with an optional sign
+ *   flt, dbl   decimal or scientific notation, rounded correctly; inf and nan in any case
+ *   timestamp  YYYY-MM-DD, then perhaps a space or T and HH:MM[:SS[.ffffff]], then perhaps Z
+ *   truth      true, false, t, f, 1 or 0 in any case
+ */
+bool read_cell(std::string_view cell, bte &value);
+bool read_cell(std::string_view cell, sht &value);
+bool read_cell(std::string_view cell, std::int32_t &value);
+bool read_cell(std::string_view cell, lng &value);
+bool read_cell(std::string_view cell, flt &value);
+bool read_cell(std::string_view cell, dbl &value);
+bool read_cell(std::string_view cell, timestamp &value);
+bool read_cell(std::string_view cell, truth &value);
+
+//! The narrowest of int, lng, dbl and str that a cell's text fits in: the kernel's nil of a type
+//! does not fit, nor does an integer above 64 bits, which becomes dbl.
+column_type narrowest_type(std::string_view cell);
+
+//! The texts that stand for a missing value.
+class missing_words {
+public:
+    explicit missing_words(std::vector<std::string> words);
+
+    bool contains(std::string_view cell) const {
+        if (cell.empty())
+            return empty_;
+        return starts_[static_cast<unsigned char>(cell.front())] && listed(cell);
+    }
+
+private:
+    bool listed(std::string_view cell) const;
+
+    std::vector<std::string> words_;
+    std::array<bool, 256> starts_{}; // by the first byte of a word: turns most cells away at once
+    bool empty_ = false;
+};
+
+} // namespace vask::runner

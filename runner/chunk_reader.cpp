@@ -1,0 +1,123 @@
+#include "chunk_reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace vask::runner {
+namespace {
+
+class chunk_reader {
+public:
+    chunk_reader(const record_chunk &chunk, const missing_words &missing,
+                 const std::vector<column_target> &targets, std::uint64_t first_row)
+        : missing_(missing), targets_(targets), first_row_(first_row) {
+        outcome_.columns.resize(targets.size());
+        bool has_text = false;
+        for (std::size_t i = 0; i < targets.size(); ++i) {
+            outcome_.columns[i].needed = targets[i].type;
+            if (!targets[i].wanted || targets[i].type != column_type::str)
+                continue;
+            outcome_.columns[i].texts.reserve(chunk.max_records);
+            has_text = true;
+        }
+        // Cells are never longer than what they were written as, so all texts fit in.
+        if (has_text)
+            outcome_.text_memory = std::make_shared_for_overwrite<char[]>(chunk.end - chunk.begin);
+        text_end_ = outcome_.text_memory.get();
+    }
+
+    void field(std::string_view cell) {
+        const std::size_t i = column_++;
+        if (i >= targets_.size() || !targets_[i].wanted || outcome_.fault)
+            return;
+        if (targets_[i].type == column_type::str)
+            store_text(cell, i);
+        else
+            visit_cell_type(targets_[i].type,
+                            [&]<class T>(std::type_identity<T>) { store_value<T>(cell, i); });
+    }
+
+    void record() {
+        if (outcome_.fault)
+            return;
+        if (column_ != targets_.size())
+            outcome_.fault =
+                load_fault{load_fault::kind::ragged, outcome_.records, column_, 0, {}, {}, 0};
+        column_ = 0;
+        ++outcome_.records;
+    }
+
+    bool stopped() const { return outcome_.fault.has_value(); }
+
+    //! Records that the text cannot be parsed from this place on.
+    void refuse(load_fault::kind what, std::size_t position) {
+        outcome_.fault = load_fault{what, outcome_.records, 0, column_, {}, {}, position};
+    }
+
+    chunk_outcome take_outcome() { return std::move(outcome_); }
+
+private:
+    template <class T>
+    T *place(std::size_t column) const {
+        return static_cast<T *>(targets_[column].values) + first_row_ + outcome_.records;
+    }
+
+    template <class T>
+    void store_value(std::string_view cell, std::size_t i) {
+        T value;
+        // A number can be listed as a missing word, so the list comes first.
+        if (missing_.contains(cell)) {
+            std::memcpy(&value, BATatoms[type_code(targets_[i].type)].atom_null, sizeof value);
+            ++outcome_.columns[i].missing;
+        } else if (!read_cell(cell, value)) {
+            misfit(cell, i);
+            return;
+        }
+        *place<T>(i) = value;
+    }
+
+    void store_text(std::string_view cell, std::size_t i) {
+        column_outcome &column = outcome_.columns[i];
+        if (missing_.contains(cell)) {
+            column.texts.emplace_back(static_cast<const char *>(BATatoms[TYPE_str].atom_null));
+            ++column.missing;
+            return;
+        }
+        column.texts.emplace_back(text_end_, cell.size());
+        text_end_ = std::copy(cell.begin(), cell.end(), text_end_);
+    }
+
+    void misfit(std::string_view cell, std::size_t i) {
+        const column_target &target = targets_[i];
+        if (target.forced)
+            outcome_.fault = load_fault{load_fault::kind::bad_cell, outcome_.records, 0, i,
+                                        std::string(cell),          target.type,      0};
+        else
+            outcome_.columns[i].needed = std::max(outcome_.columns[i].needed, narrowest_type(cell));
+    }
+
+    const missing_words &missing_;
+    const std::vector<column_target> &targets_;
+    const std::uint64_t first_row_;
+    std::size_t column_ = 0;   // of the next field
+    char *text_end_ = nullptr; // of the used text memory
+    chunk_outcome outcome_;
+};
+
+} // namespace
+
+chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
+                         const csv_dialect &dialect, const missing_words &missing,
+                         const std::vector<column_target> &targets, std::uint64_t first_row) {
+    chunk_reader reader(chunk, missing, targets, first_row);
+    csv_parser parser(dialect, reader);
+    const std::size_t size = chunk.end - chunk.begin;
+    const std::size_t good = parser.feed(text.substr(chunk.begin, size));
+    if (good < size)
+        reader.refuse(load_fault::kind::stray_quote, chunk.begin + good);
+    else if (!parser.finish())
+        reader.refuse(load_fault::kind::open_quote, chunk.end);
+    return reader.take_outcome();
+}
+
+} // namespace vask::runner

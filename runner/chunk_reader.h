@@ -1,0 +1,48 @@
+// From one chunk of a file to the values of its columns.
+#pragma once
+
+#include "cell_values.h"
+#include "csv_parser.h"
+#include "load_fault.h"
+#include "record_chunks.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace vask::runner {
+
+//! How a column is read and where its values go.
+struct column_target {
+    bool wanted = false; //!< false: its cells are passed over
+    column_type type = column_type::int_;
+    bool forced = false; //!< by the user: a cell of another type is a fault
+    //! Row 0 of the whole column, elements of the type's width. Not used for text.
+    void *values = nullptr;
+};
+
+struct column_outcome {
+    //! The type that all cells fit in. Wider than the target's: its values are not of use.
+    column_type needed{};
+    std::uint64_t missing = 0;
+    //! The cells of a text column, the kernel's nil for a missing one. They lie in the outcome's
+    //! `text_memory`.
+    std::vector<std::string_view> texts;
+};
+
+struct chunk_outcome {
+    std::uint64_t records = 0;
+    std::vector<column_outcome> columns;
+    std::shared_ptr<char[]> text_memory;
+    std::optional<load_fault> fault; // with it the rest is not of use
+};
+
+//! Parses one chunk and stores its values from row `first_row` on. Chunks can be read at the same
+//! time.
+chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
+                         const csv_dialect &dialect, const missing_words &missing,
+                         const std::vector<column_target> &targets, std::uint64_t first_row);
+
+} // namespace vask::runner

@@ -1,0 +1,22 @@
+// Reading a kernel's column as result cells.
+#pragma once
+
+#include "cell_values.h"
+#include "result_table.h"
+
+#include "refkernel/embed.h"
+
+#include <functional>
+#include <memory>
+
+namespace vask::runner {
+
+//! The value of a type that lies at `value`, not of str; a nil reads as a missing one.
+result_cell cell_at(const void *value, column_type type);
+
+//! Gives the cell of a row, from 0 on, of a column whose values are to be shown as `type`: its own
+//! type or, for values of a user atom in a result, the type that they came from. Holds the column.
+std::function<result_cell(std::size_t)> cells_of(std::shared_ptr<const refkernel::bat> column,
+                                                 column_type type);
+
+} // namespace vask::runner

@@ -1,0 +1,30 @@
+// The names of the columns, and where the data begin.
+#pragma once
+
+#include "csv_parser.h"
+#include "source_text.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace vask::runner {
+
+struct csv_header {
+    std::vector<std::string> names;
+    std::size_t data_begin; // place of the first byte behind the header's line
+};
+
+struct header_rules {
+    //! Names given by the user; when there are any, the file has no header line.
+    std::vector<std::string> names;
+    //! Takes the first line as the header even if all its fields are numbers.
+    bool numeric_names = false;
+};
+
+//! Reads the header. A column without a name is called columnN by its place. Throws user_error for
+//! an empty file, for names that occur twice and for a first line that looks like data.
+csv_header read_header(const source_text &source, const csv_dialect &dialect,
+                       const header_rules &rules);
+
+} // namespace vask::runner

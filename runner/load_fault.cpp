@@ -1,0 +1,128 @@
+#include "load_fault.h"
+
+#include <limits>
+
+#include <fmt/format.h>
+
+namespace vask::runner {
+namespace {
+
+constexpr std::size_t no_field = std::numeric_limits<std::size_t>::max();
+
+struct place_finder {
+    std::uint64_t target_record;
+    std::size_t target_field;
+    std::uint64_t records = 0;
+    std::size_t fields = 0;
+    bool found = false;
+
+    void field(std::string_view) {
+        if (records == target_record && fields == target_field)
+            found = true;
+        ++fields;
+    }
+    void record() {
+        ++records;
+        fields = 0;
+    }
+    bool stopped() const { return found || records > target_record; }
+};
+
+bool is_blank(std::string_view line) {
+    return line.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
+std::string separator_name(char separator) {
+    return separator == '\t' ? "a tab" : fmt::format("'{}'", separator);
+}
+
+std::string describe_ragged(const load_fault &fault, const csv_header &header,
+                            const csv_dialect &dialect) {
+    const std::size_t expected = header.names.size();
+    return fmt::format("{} field{} where the header has {}; {}", fault.fields,
+                       fault.fields == 1 ? "" : "s", expected,
+                       fault.fields < expected
+                           ? "complete the line (an empty field stands for a missing value)"
+                           : fmt::format("put fields that contain {} in quotes",
+                                         separator_name(dialect.separator)));
+}
+
+std::string describe_bad_cell(const load_fault &fault, const csv_header &header) {
+    const std::string &name = header.names[fault.column];
+    const column_type fitting = narrowest_type(fault.cell);
+    return fmt::format("column {} ({}): '{}' is no {}; correct it, add it to the list of missing "
+                       "values with --na, or give --types '{}:{}'",
+                       fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
+                       name_of(fitting == fault.type ? column_type::str : fitting));
+}
+
+} // namespace
+
+std::uint64_t line_at(std::string_view text, std::size_t position) {
+    return 1 + count_line_ends(text.substr(0, position));
+}
+
+std::uint64_t line_of(std::string_view text, const csv_dialect &dialect, std::size_t begin,
+                      std::uint64_t record, std::size_t field) {
+    place_finder finder{record, field};
+    csv_parser parser(dialect, finder);
+    std::uint64_t line = line_at(text, begin);
+    std::uint64_t record_line = line;
+    for (std::size_t at = begin; at < text.size(); ++line) {
+        const std::size_t end = end_of_line(text, at);
+        const std::string_view bytes = text.substr(at, end - at);
+        const std::uint64_t records_before = finder.records;
+        parser.feed(bytes);
+        if (finder.found)
+            return line;
+        if (finder.stopped())
+            break;
+        // Blank lines are no records; inside a quoted field they belong to its record.
+        if (finder.records != records_before || (record_line == line && is_blank(bytes)))
+            record_line = line + 1;
+        at = end;
+    }
+    return record_line;
+}
+
+std::string shown(std::string_view text) {
+    constexpr std::size_t most = 60;
+    std::string result(text.substr(0, most));
+    for (char &c : result)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
+            c = '?';
+    if (text.size() > most)
+        result += "...";
+    return result;
+}
+
+std::string describe(const load_fault &fault, const source_text &source, const csv_header &header,
+                     const csv_dialect &dialect, const record_chunk &chunk) {
+    const std::string_view text = source.text();
+    const auto at_line = [&](std::uint64_t line, const std::string &message) {
+        return fmt::format("{}:{}: {}", source.name(), line, message);
+    };
+    const auto record_line = [&](std::size_t field) {
+        return line_of(text, dialect, chunk.begin, fault.record, field);
+    };
+    switch (fault.what) {
+        case load_fault::kind::ragged:
+            return at_line(record_line(no_field), describe_ragged(fault, header, dialect));
+        case load_fault::kind::bad_cell:
+            return at_line(record_line(fault.column), describe_bad_cell(fault, header));
+        case load_fault::kind::stray_quote:
+            return at_line(line_at(text, fault.position),
+                           fmt::format("column {}: a quote inside a field that is not in quotes as "
+                                       "a whole; put the whole field in quotes and double the "
+                                       "quotes in it, or give --no-quotes to read quotes as "
+                                       "ordinary characters",
+                                       fault.column + 1));
+        case load_fault::kind::open_quote:
+            break;
+    }
+    return at_line(record_line(no_field),
+                   "a quoted field begins here that does not end before the end of the file; add "
+                   "the closing quote, or give --no-quotes to read quotes as ordinary characters");
+}
+
+} // namespace vask::runner

@@ -1,0 +1,47 @@
+// What can be wrong with the data of a file, and the message that tells it.
+#pragma once
+
+#include "cell_values.h"
+#include "csv_header.h"
+#include "csv_parser.h"
+#include "record_chunks.h"
+#include "source_text.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vask::runner {
+
+struct load_fault {
+    enum class kind {
+        ragged,      // another number of fields than the header
+        bad_cell,    // no value of the type that was asked for
+        stray_quote, // a quote inside an unquoted field, or text behind a closing quote
+        open_quote   // a quoted field that the file's end cuts off
+    };
+    kind what;
+    std::uint64_t record = 0; // counted from the chunk's first
+    std::size_t fields = 0;   // ragged: how many there are
+    std::size_t column = 0;   // bad_cell
+    std::string cell;         // bad_cell: its text
+    column_type type{};       // bad_cell: what it should have been
+    std::size_t position = 0; // stray_quote: place in the text
+};
+
+//! The message for a fault: file, line, column, what it is and what to do. Finding the line parses
+//! the chunk once more.
+std::string describe(const load_fault &fault, const source_text &source, const csv_header &header,
+                     const csv_dialect &dialect, const record_chunk &chunk);
+
+//! A file's text as it can be shown within a message: shortened, control characters replaced.
+std::string shown(std::string_view text);
+
+//! The number of the line, from 1 on, that holds the given place.
+std::uint64_t line_at(std::string_view text, std::size_t position);
+
+//! The line on which a field of a record ends; with `field` beyond the record's last, the line on
+//! which the record begins. `begin` is the start of record 0.
+std::uint64_t line_of(std::string_view text, const csv_dialect &dialect, std::size_t begin,
+                      std::uint64_t record, std::size_t field);
+
+} // namespace vask::runner

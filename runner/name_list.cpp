@@ -1,0 +1,154 @@
+#include "name_list.h"
+
+#include "user_error.h"
+
+#include <algorithm>
+
+namespace vask::runner {
+namespace {
+
+constexpr std::string_view spaces = " \t\r\n";
+
+std::string_view trimmed(std::string_view text) {
+    const std::size_t first = text.find_first_not_of(spaces);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(spaces) - first + 1);
+}
+
+class scanner {
+public:
+    scanner(std::string_view text, std::string_view option) : text_(text), option_(option) {}
+
+    bool at_end() {
+        skip_spaces();
+        return at_ == text_.size();
+    }
+    std::size_t place() const { return at_; }
+    std::string_view since(std::size_t begin) const {
+        return trimmed(text_.substr(begin, at_ - begin));
+    }
+
+    bool take(char c) {
+        skip_spaces();
+        if (at_ == text_.size() || text_[at_] != c)
+            return false;
+        ++at_;
+        return true;
+    }
+
+    void expect(char c, std::string_view where) {
+        if (!take(c))
+            complain(fmt::format("expected '{}' {}", c, where));
+    }
+
+    //! Text in quotes, or all up to one of `ends`.
+    argument take_argument(std::string_view ends) {
+        skip_spaces();
+        if (at_ < text_.size() && text_[at_] == '"')
+            return {take_quoted(), true};
+        const std::size_t end = std::min(text_.find_first_of(ends, at_), text_.size());
+        const std::string_view found = trimmed(text_.substr(at_, end - at_));
+        if (found.empty())
+            complain("expected a name");
+        at_ = end;
+        return {std::string(found), false};
+    }
+
+    [[noreturn]] void complain(const std::string &what) {
+        skip_spaces();
+        const std::string_view rest = text_.substr(at_);
+        fail("{}: {} {}", option_, what,
+             rest.empty() ? std::string("at its end") : fmt::format("before '{}'", rest));
+    }
+
+private:
+    void skip_spaces() { at_ = std::min(text_.find_first_not_of(spaces, at_), text_.size()); }
+
+    std::string take_quoted() {
+        std::string name;
+        for (++at_; at_ < text_.size(); ++at_) {
+            if (text_[at_] != '"') {
+                name += text_[at_];
+            } else if (text_.substr(at_ + 1).starts_with('"')) {
+                name += '"';
+                ++at_;
+            } else {
+                ++at_;
+                return name;
+            }
+        }
+        complain("a name in quotes does not end");
+    }
+
+    std::string_view text_;
+    std::string_view option_;
+    std::size_t at_ = 0;
+};
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return result;
+}
+
+// Calls `item` for each item of a list with commas between.
+template <class Item>
+void scan_list(scanner &scan, Item item) {
+    do
+        item();
+    while (scan.take(','));
+    if (!scan.at_end())
+        scan.complain("expected a comma");
+}
+
+} // namespace
+
+std::vector<aggregate_call> parse_aggregates(std::string_view text) {
+    scanner scan(text, "--agg");
+    std::vector<aggregate_call> calls;
+    scan_list(scan, [&] {
+        aggregate_call call;
+        const std::size_t begin = scan.place();
+        call.function = lower(scan.take_argument(",()").text);
+        scan.expect('(',
+                    fmt::format("after '{}', as in {}(column),", call.function, call.function));
+        do
+            call.arguments.push_back(scan.take_argument(",()"));
+        while (scan.take(','));
+        scan.expect(')', "after the column");
+        call.text = scan.since(begin);
+        calls.push_back(std::move(call));
+    });
+    return calls;
+}
+
+std::vector<std::string> parse_names(std::string_view text, std::string_view option) {
+    scanner scan(text, option);
+    std::vector<std::string> names;
+    scan_list(scan, [&] { names.push_back(scan.take_argument(",").text); });
+    return names;
+}
+
+std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,
+                                                                   std::string_view option) {
+    scanner scan(text, option);
+    std::vector<std::pair<std::string, std::string>> pairs;
+    scan_list(scan, [&] {
+        argument name = scan.take_argument(",");
+        if (name.quoted) {
+            scan.expect(':', "after the name,");
+            pairs.emplace_back(std::move(name.text), scan.take_argument(",").text);
+            return;
+        }
+        const std::size_t colon = name.text.rfind(':');
+        if (colon == std::string::npos)
+            scan.complain(fmt::format("expected name:type instead of '{}'", name.text));
+        pairs.emplace_back(trimmed(std::string_view(name.text).substr(0, colon)),
+                           trimmed(std::string_view(name.text).substr(colon + 1)));
+    });
+    return pairs;
+}
+
+} // namespace vask::runner

@@ -1,0 +1,35 @@
+// Reading lists of names and aggregates from the command line.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vask::runner {
+
+//! A column's name, or a number or * where an aggregate takes one.
+struct argument {
+    std::string text;
+    bool quoted = false; //!< was in quotes, so it is a name whatever it looks like
+};
+
+//! An aggregate as it was written: `text` is the whole of it, without spaces around.
+struct aggregate_call {
+    std::string text;
+    std::string function; //!< in lower case
+    std::vector<argument> arguments;
+};
+
+//! Parses `sum(v1), sum("unit price, net")`. A name may stand in double quotes, with quotes in it
+//! doubled; without them it ends at a comma or bracket. Throws user_error.
+std::vector<aggregate_call> parse_aggregates(std::string_view text);
+
+//! Parses `a,"b, c",d`. `option` names the option in messages.
+std::vector<std::string> parse_names(std::string_view text, std::string_view option);
+
+//! Parses `a:int,"b, c":str` into names and what stands behind their last colon.
+std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,
+                                                                   std::string_view option);
+
+} // namespace vask::runner

@@ -1,0 +1,159 @@
+#include "options.h"
+
+#include "user_error.h"
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+
+namespace vask::runner {
+namespace {
+
+constexpr const char *description =
+    "Aggregates the columns of a CSV or TSV file, whole or by group, on all cores.";
+
+constexpr const char *footer = R"(
+Examples:
+  vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
+  vask penguins.csv --group-by species,sex --agg 'sum(body_mass_g)' --sort
+  vask prices.csv --agg 'sum("unit price")' --format csv
+  zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
+  vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
+
+The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
+a field that is not in quotes do not belong to it; blank lines are passed over.
+Exit status: 0, or 2 when the request or the data are at fault (the message says where).)";
+
+//! The largest number of partitions an operator makes, and so of threads that can help.
+constexpr int most_threads = 256;
+
+int default_threads() {
+    return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, most_threads);
+}
+
+char separator_named(const std::string &text) {
+    if (text == "tab" || text == "\\t")
+        return '\t';
+    if (text.size() != 1 || text == "\"" || text == "\n" || text == "\r")
+        fail("--sep: '{}' is no separator; give one character, or tab", text);
+    return text.front();
+}
+
+bool looks_tab_separated(const std::string &file) {
+    return file.ends_with(".tsv") || file.ends_with(".tab");
+}
+
+std::vector<std::string> split_at_commas(const std::string &text) {
+    std::vector<std::string> parts(1);
+    for (const char c : text) {
+        if (c == ',')
+            parts.emplace_back();
+        else
+            parts.back() += c;
+    }
+    return parts;
+}
+
+std::vector<std::pair<std::string, column_type>> parse_types(const std::string &text) {
+    std::vector<std::pair<std::string, column_type>> types;
+    for (auto &[name, type] : parse_assignments(text, "--types")) {
+        const auto known = type_named(type);
+        if (!known)
+            fail("--types: '{}' is no type; the types are bit, bte, sht, int, lng, flt, dbl, str "
+                 "and timestamp",
+                 type);
+        types.emplace_back(std::move(name), *known);
+    }
+    return types;
+}
+
+// Values of options that are read further once the whole command line is known to be well-formed.
+struct raw_options {
+    std::vector<std::string> aggregates;
+    std::string group_by, separator, missing, types, names;
+};
+
+void declare(CLI::App &app, options &result, raw_options &raw) {
+    app.footer(footer);
+    app.set_version_flag("--version", "vask " VASK_VERSION);
+    app.add_option("FILE", result.file,
+                   "CSV or TSV file with a header line, or - for standard input")
+        ->required();
+    app.add_option("--agg", raw.aggregates, "Aggregates, e.g. 'sum(v1), sum(\"net price\")'")
+        ->type_name("LIST")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--group-by", raw.group_by, "Columns whose equal values make up a group")
+        ->type_name("COLUMNS");
+    app.add_flag("--sort", result.sort,
+                 "Print groups in ascending order of their columns (default: as they first occur)");
+    const std::map<std::string, output_format> formats{{"table", output_format::table},
+                                                       {"csv", output_format::csv},
+                                                       {"json", output_format::json}};
+    app.add_option("--format", result.format, "table, csv or json (default: table)")
+        ->type_name("FORMAT")
+        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
+    app.add_option("--sep", raw.separator,
+                   "Separator: one character or tab (default: comma; tab for .tsv and .tab)")
+        ->type_name("CHAR");
+    app.add_option("--types", raw.types,
+                   "Types of columns instead of the inferred ones: bit, bte, sht, int, lng, flt, "
+                   "dbl, str, timestamp")
+        ->type_name("NAME:TYPE,...");
+    app.add_option("--na", raw.missing,
+                   "What stands for a missing value, with commas between; an empty item stands for "
+                   "an empty field (default: ',NA,NaN')")
+        ->type_name("LIST");
+    app.add_option("--names", raw.names, "Names of the columns of a file without a header line")
+        ->type_name("COLUMNS");
+    app.add_flag("--header", result.header.numeric_names,
+                 "The first line is the header even if it holds only numbers");
+    app.add_flag_callback(
+        "--no-quotes", [&result] { result.dialect.quotes = false; },
+        "Read quotes as ordinary characters");
+    app.add_option("--threads", result.threads, "Threads to use (default: one per core)")
+        ->type_name("N")
+        ->check(CLI::Range(1, most_threads).description(""));
+    app.add_flag("--explain", result.explain,
+                 "Tell on standard error what was loaded and called, with rows, partitions, time");
+    app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
+}
+
+} // namespace
+
+std::optional<options> parse_options(int argc, const char *const *argv) {
+    options result;
+    result.threads = default_threads();
+    raw_options raw;
+    CLI::App app(description, "vask");
+    declare(app, result, raw);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != 0)
+            fail("{}; vask --help tells more", error.what());
+        app.exit(error, std::cout, std::cerr);
+        return std::nullopt;
+    }
+    for (const std::string &list : raw.aggregates)
+        for (aggregate_call &call : parse_aggregates(list))
+            result.aggregates.push_back(std::move(call));
+    if (!raw.group_by.empty())
+        result.group_by = parse_names(raw.group_by, "--group-by");
+    if (!raw.names.empty())
+        result.header.names = parse_names(raw.names, "--names");
+    if (!raw.types.empty())
+        result.types = parse_types(raw.types);
+    if (app.count("--na") != 0)
+        result.missing = split_at_commas(raw.missing);
+    if (!raw.separator.empty())
+        result.dialect.separator = separator_named(raw.separator);
+    else if (looks_tab_separated(result.file))
+        result.dialect.separator = '\t';
+    return result;
+}
+
+} // namespace vask::runner

@@ -1,0 +1,37 @@
+// The command line.
+#pragma once
+
+#include "cell_values.h"
+#include "csv_header.h"
+#include "csv_parser.h"
+#include "name_list.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vask::runner {
+
+enum class output_format { table, csv, json };
+
+struct options {
+    std::string file;
+    std::vector<aggregate_call> aggregates;
+    std::vector<std::string> group_by;
+    bool sort = false;
+    csv_dialect dialect;
+    header_rules header;
+    std::vector<std::string> missing{"", "NA", "NaN"};
+    std::vector<std::pair<std::string, column_type>> types;
+    int threads = 1;
+    output_format format = output_format::table;
+    bool explain = false;
+    std::string library; //!< empty: look where it is installed
+};
+
+//! Reads the command line. Without a value: --help or --version was asked for and answered. Throws
+//! user_error.
+std::optional<options> parse_options(int argc, const char *const *argv);
+
+} // namespace vask::runner

@@ -1,0 +1,41 @@
+// A request with its names resolved: which columns it needs, and what is computed of them.
+#pragma once
+
+#include "aggregate_table.h"
+#include "csv_header.h"
+#include "options.h"
+#include "table_loader.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace vask::runner {
+
+struct bound_aggregate {
+    std::string title; //!< as it was written
+    const aggregate_rule *rule;
+    std::size_t column; //!< by its place in the file
+};
+
+struct query {
+    std::vector<std::size_t> group_by; //!< columns by their place in the file
+    std::vector<bound_aggregate> aggregates;
+
+    //! Which of the file's columns are needed.
+    std::vector<bool> needed_columns(std::size_t columns) const;
+};
+
+//! The place of a column in the file; throws user_error, with what names there are, for none.
+std::size_t find_column(const csv_header &header, const source_text &source,
+                        const std::string &name, std::string_view asked_by);
+
+//! Resolves the names of a request. Throws user_error for an unknown column or aggregate.
+query bind_query(const options &request, const csv_header &header, const source_text &source);
+
+//! Checks that every aggregate can work on its column's type. Throws user_error, with the cell that
+//! made a column text when its type was inferred.
+void check_types(const query &asked, const table &data, const load_request &request,
+                 const csv_header &header, const source_text &source);
+
+} // namespace vask::runner

@@ -1,0 +1,31 @@
+// What a query gives, as the output formats see it.
+#pragma once
+
+#include "cell_values.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace vask::runner {
+
+//! A value; monostate is a missing one.
+using result_cell =
+    std::variant<std::monostate, std::int64_t, float, double, truth, timestamp, std::string_view>;
+
+struct result_column {
+    std::string title; //!< of an aggregate, as it was written
+    bool is_text = false;
+    //! The cell of a row. Text lives as long as the function.
+    std::function<result_cell(std::size_t row)> cell;
+};
+
+struct result_table {
+    std::vector<result_column> columns;
+    std::size_t rows = 0;
+};
+
+} // namespace vask::runner

@@ -1,0 +1,117 @@
+#include "source_text.h"
+
+#include "user_error.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vask::runner {
+namespace {
+
+constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+
+class open_file {
+public:
+    explicit open_file(const std::string &path)
+        : descriptor_(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~open_file() {
+        if (descriptor_ > STDIN_FILENO)
+            ::close(descriptor_);
+    }
+    open_file(const open_file &) = delete;
+    open_file &operator=(const open_file &) = delete;
+
+    int descriptor() const noexcept { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+} // namespace
+
+source_text::source_text(const std::string &path) : name_(path == "-" ? "standard input" : path) {
+    const open_file file(path);
+    struct stat status {};
+    if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0)
+        fail("{}: cannot open the file: {}; check its name and that you may read it", name_,
+             std::strerror(errno));
+    if (S_ISDIR(status.st_mode))
+        fail("{}: is a directory; name a file, or - for standard input", name_);
+    // A file that is standard input may already have been read in part.
+    const bool from_start = path != "-" || ::lseek(file.descriptor(), 0, SEEK_CUR) == 0;
+    if (S_ISREG(status.st_mode) && status.st_size > 0 && from_start)
+        map(file.descriptor(), static_cast<std::size_t>(status.st_size));
+    else
+        read_to_end(file.descriptor());
+    if (text_.starts_with(byte_order_mark))
+        text_.remove_prefix(byte_order_mark.size());
+}
+
+source_text::~source_text() {
+    if (mapped_bytes_ != 0)
+        ::munmap(block_, mapped_bytes_);
+    else
+        std::free(block_);
+}
+
+void source_text::map(int descriptor, std::size_t bytes) {
+    void *const address = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE, descriptor, 0);
+    if (address == MAP_FAILED)
+        fail("{}: cannot map the file: {}", name_, std::strerror(errno));
+    ::madvise(address, bytes, MADV_SEQUENTIAL);
+    block_ = address;
+    mapped_bytes_ = bytes;
+    text_ = {static_cast<const char *>(address), bytes};
+}
+
+void source_text::read_to_end(int descriptor) {
+    // Growing a large block with realloc moves pages instead of copying them, and the part not yet
+    // written takes no memory, so the input is never held twice.
+    std::size_t room = std::size_t{1} << 20;
+    std::size_t used = 0;
+    block_ = std::malloc(room);
+    while (block_ != nullptr) {
+        const ssize_t got = ::read(descriptor, static_cast<char *>(block_) + used, room - used);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            const int reason = errno;
+            std::free(block_);
+            fail("{}: cannot read: {}", name_, std::strerror(reason));
+        }
+        if (got == 0) {
+            text_ = {static_cast<const char *>(block_), used};
+            return;
+        }
+        used += static_cast<std::size_t>(got);
+        if (used < room)
+            continue;
+        room += room / 2;
+        void *const grown = std::realloc(block_, room);
+        if (grown == nullptr)
+            std::free(block_);
+        block_ = grown;
+    }
+    throw std::bad_alloc();
+}
+
+void source_text::release_pages(std::size_t begin, std::size_t end) const noexcept {
+    if (mapped_bytes_ == 0 || begin >= end)
+        return;
+    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const auto first =
+        (reinterpret_cast<std::uintptr_t>(text_.data()) + begin + page - 1) / page * page;
+    const auto last = (reinterpret_cast<std::uintptr_t>(text_.data()) + end) / page * page;
+    if (first < last)
+        ::madvise(reinterpret_cast<void *>(first), last - first, MADV_DONTNEED);
+}
+
+} // namespace vask::runner

@@ -1,0 +1,233 @@
+#include "table_loader.h"
+
+#include "chunk_reader.h"
+#include "load_fault.h"
+#include "progress_bar.h"
+#include "record_chunks.h"
+#include "text_merger.h"
+#include "type_inference.h"
+#include "user_error.h"
+#include "worker_pool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <numeric>
+
+namespace vask::runner {
+namespace {
+
+//! The largest number of rows of a kernel's column.
+constexpr std::uint64_t most_rows = NO_BUN - 1;
+
+class table_loader {
+public:
+    table_loader(const source_text &source, const csv_header &header, const load_request &request)
+        : source_(source), header_(header), request_(request) {}
+
+    table load() {
+        split();
+        plan_columns();
+        std::vector<std::size_t> columns;
+        for (std::size_t i = 0; i < plan_.size(); ++i)
+            if (plan_[i].wanted)
+                columns.push_back(i);
+        // The first pass also checks that all records have as many fields as the header.
+        do
+            columns = read_columns(columns);
+        while (!columns.empty());
+        return std::move(table_);
+    }
+
+private:
+    void split() {
+        const std::string_view text = source_.text();
+        record_chunks found = split_records(text, header_.data_begin, request_.dialect.quote(),
+                                            request_.chunk_bytes, request_.threads);
+        source_.release_pages(header_.data_begin, text.size());
+        if (found.nul_byte)
+            fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 "
+                 "first",
+                 source_.name(), line_at(text, *found.nul_byte));
+        chunks_ = std::move(found.chunks);
+        for (const record_chunk &chunk : chunks_) {
+            first_rows_.push_back(room_);
+            room_ += chunk.max_records;
+        }
+        if (room_ > most_rows)
+            fail("{}: {} lines are more rows than a column can have ({}); split the file",
+                 source_.name(), room_, most_rows);
+    }
+
+    void plan_columns() {
+        const std::vector<column_type> types = guess_types(
+            source_.text(), chunks_, request_.dialect, request_.missing, header_.names.size());
+        for (std::size_t i = 0; i < types.size(); ++i)
+            plan_.push_back({request_.wanted[i], types[i], false, nullptr});
+        for (const auto &[column, type] : request_.forced) {
+            plan_[column].type = type;
+            plan_[column].forced = true;
+        }
+        table_.columns.resize(plan_.size());
+    }
+
+    // One pass over the text for some of the columns. The result is those for which the pass found
+    // that they need a wider type, with that type planned.
+    std::vector<std::size_t> read_columns(const std::vector<std::size_t> &columns) {
+        for (column_target &target : plan_)
+            target.wanted = false;
+        for (const std::size_t i : columns)
+            make_room(i);
+        const std::vector<chunk_outcome> outcomes = read_chunks();
+
+        table_.rows = std::accumulate(
+            outcomes.begin(), outcomes.end(), std::uint64_t{0},
+            [](std::uint64_t sum, const chunk_outcome &o) { return sum + o.records; });
+        std::vector<std::size_t> too_narrow;
+        for (const std::size_t i : columns) {
+            column_type needed = plan_[i].type;
+            std::uint64_t missing = 0;
+            for (const chunk_outcome &outcome : outcomes) {
+                needed = std::max(needed, outcome.columns[i].needed);
+                missing += outcome.columns[i].missing;
+            }
+            if (needed != plan_[i].type) {
+                plan_[i].type = needed;
+                too_narrow.push_back(i);
+            } else {
+                finish_column(i, outcomes, missing);
+            }
+        }
+        return too_narrow;
+    }
+
+    void make_room(std::size_t i) {
+        column_target &target = plan_[i];
+        target.wanted = true;
+        texts_.resize(plan_.size());
+        refkernel::bat &values = table_.columns[i].values;
+        if (target.type == column_type::str) {
+            values.reset();
+            texts_[i] = std::make_unique<text_merger>(room_);
+        } else {
+            values =
+                refkernel::make_empty(TYPE_void, type_code(target.type), static_cast<BUN>(room_));
+            target.values = values->tail->base;
+        }
+    }
+
+    std::vector<chunk_outcome> read_chunks() {
+        std::vector<chunk_outcome> outcomes(chunks_.size());
+        std::atomic<std::uint64_t> bytes_done = 0;
+        progress_bar progress(source_.text().size());
+        run_pieces(
+            chunks_.size(), request_.threads,
+            [&](std::size_t i) {
+                outcomes[i] = read_one(i);
+                bytes_done += chunks_[i].end - chunks_[i].begin;
+            },
+            [&] { progress.draw(bytes_done); });
+        return outcomes;
+    }
+
+    chunk_outcome read_one(std::size_t i) {
+        const record_chunk &chunk = chunks_[i];
+        chunk_outcome outcome = read_chunk(source_.text(), chunk, request_.dialect,
+                                           request_.missing, plan_, first_rows_[i]);
+        // Chunks before this one still run, so the file's first fault is the one that is told.
+        if (outcome.fault)
+            throw user_error(describe(*outcome.fault, source_, header_, request_.dialect, chunk));
+        for (std::size_t c = 0; c < plan_.size(); ++c)
+            if (plan_[c].wanted && plan_[c].type == column_type::str)
+                texts_[c]->add(i, std::move(outcome.columns[c].texts), outcome.text_memory);
+        outcome.text_memory.reset();
+        source_.release_pages(chunk.begin, chunk.end);
+        return outcome;
+    }
+
+    void finish_column(std::size_t i, const std::vector<chunk_outcome> &outcomes,
+                       std::uint64_t missing) {
+        table_column &column = table_.columns[i];
+        column.type = plan_[i].type;
+        column.missing = missing;
+        if (column.type == column_type::str) {
+            column.values = texts_[i]->finish();
+            texts_[i].reset();
+            return;
+        }
+        BAT *const values = column.values.record();
+        close_gaps(*values->tail, outcomes);
+        BATsetcount(values, static_cast<BUN>(table_.rows));
+        values->tail->nil = missing > 0;
+        values->tail->nonil = missing == 0;
+        values->state->access = ACCESS_READ;
+    }
+
+    // A chunk with quoted newlines or blank lines has fewer records than room.
+    void close_gaps(const BATcol &column, const std::vector<chunk_outcome> &outcomes) const {
+        const auto width = static_cast<std::size_t>(column.width);
+        char *const base = static_cast<char *>(column.base);
+        std::uint64_t row = 0;
+        for (std::size_t i = 0; i < outcomes.size(); ++i) {
+            if (row != first_rows_[i])
+                std::memmove(base + row * width, base + first_rows_[i] * width,
+                             outcomes[i].records * width);
+            row += outcomes[i].records;
+        }
+    }
+
+    const source_text &source_;
+    const csv_header &header_;
+    const load_request &request_;
+    std::vector<record_chunk> chunks_;
+    std::vector<std::uint64_t> first_rows_; // of each chunk, as if each had all rows it may have
+    std::uint64_t room_ = 0;                // the most rows there can be
+    std::vector<column_target> plan_;
+    std::vector<std::unique_ptr<text_merger>> texts_;
+    table table_;
+};
+
+struct text_finder {
+    const missing_words &missing;
+    std::size_t target;
+    std::size_t column = 0;
+    std::uint64_t records = 0;
+    std::string found;
+
+    void field(std::string_view cell) {
+        if (column++ != target || !found.empty() || missing.contains(cell))
+            return;
+        if (narrowest_type(cell) == column_type::str)
+            found = cell.empty() ? "(empty)" : cell;
+    }
+    void record() {
+        column = 0;
+        if (found.empty())
+            ++records;
+    }
+    bool stopped() const { return !found.empty(); }
+};
+
+} // namespace
+
+table load_table(const source_text &source, const csv_header &header, const load_request &request) {
+    return table_loader(source, header, request).load();
+}
+
+std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
+                                    const load_request &request, std::size_t column) {
+    for (const auto &[forced, type] : request.forced)
+        if (forced == column)
+            return std::nullopt;
+    text_finder finder{request.missing, column, 0, 0, {}};
+    csv_parser parser(request.dialect, finder);
+    const std::string_view data = source.text().substr(header.data_begin);
+    parser.feed(data);
+    parser.finish();
+    if (finder.found.empty())
+        return std::nullopt;
+    return text_cell{finder.found, line_of(source.text(), request.dialect, header.data_begin,
+                                           finder.records, column)};
+}
+
+} // namespace vask::runner

@@ -1,0 +1,65 @@
+// Loading a file's columns into the kernel.
+#pragma once
+
+#include "cell_values.h"
+#include "csv_header.h"
+#include "csv_parser.h"
+#include "source_text.h"
+
+#include "refkernel/embed.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vask::runner {
+
+struct load_request {
+    csv_dialect dialect;
+    //! The columns to load, by place in the file; the others are passed over.
+    std::vector<bool> wanted;
+    //! Types asked for, by place; the others are inferred.
+    std::vector<std::pair<std::size_t, column_type>> forced;
+    missing_words missing{{"", "NA", "NaN"}};
+    unsigned threads = 1;
+    //! Text that one thread parses at a time: small enough that what lies between parsing and the
+    //! kernel stays in the cache, large enough that starting a piece costs nothing.
+    std::size_t chunk_bytes = std::size_t{4} << 20;
+};
+
+struct table_column {
+    column_type type{};
+    std::uint64_t missing = 0;
+    refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
+};
+
+struct table {
+    std::uint64_t rows = 0;
+    std::vector<table_column> columns; //!< by place in the file
+};
+
+/*
+ * Loads the columns that are asked for. Types are guessed from a sample; where the guess turns out
+ * too narrow, the columns concerned are read again from the text at the type that all their cells
+ * fit in. The result does not depend on the number of threads. Throws user_error for a fault of the
+ * data: the first one in the file.
+ *
+ * Memory: the columns, the text's table of different texts, and a few chunks; of a mapped file only
+ * what is being read.
+ */
+table load_table(const source_text &source, const csv_header &header, const load_request &request);
+
+struct text_cell {
+    std::string cell;
+    std::uint64_t line;
+};
+
+//! The first cell of a column whose type was inferred that is neither missing nor a number; nothing
+//! for a column whose type was asked for, or that has no such cell. Parses the file from its start.
+std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
+                                    const load_request &request, std::size_t column);
+
+} // namespace vask::runner
