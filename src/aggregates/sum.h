@@ -55,21 +55,27 @@ struct sum {
             constexpr std::size_t block = std::size_t{1} << 16;
             for (std::size_t i = 0; i < n; i += block) {
                 std::int32_t block_sum = 0;
+                std::int32_t block_values = 0;
                 for (std::size_t j = i, end = std::min(n, i + block); j < end; ++j) {
                     const bool value = rows[j] != nil;
                     block_sum += value ? rows[j] : 0;
-                    result.seen |= value;
+                    block_values += value;
                 }
                 result.value += block_sum;
+                result.seen |= block_values != 0;
             }
         } else {
+            // The values are counted at the width of the sum: a bool of its own width beside it
+            // keeps the loop from being vectorised, at a third of the speed.
             std::uint64_t total = 0;
+            std::uint64_t values = 0;
             for (std::size_t i = 0; i < n; ++i) {
                 const bool value = rows[i] != nil;
                 total += value ? static_cast<std::uint64_t>(static_cast<lng>(rows[i])) : 0;
-                result.seen |= value;
+                values += value;
             }
             result.value = static_cast<lng>(total);
+            result.seen = values != 0;
         }
         return result;
     }
