@@ -28,6 +28,7 @@
 #include "refkernel/nil.h"
 #include "refkernel/text_heap.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -209,8 +210,9 @@ struct text_options {
  * builder sets the marks nil and nonil to the truth; other marks come from the
  * options of finish().
  *
- * append_all() is the faster way where texts lie side by side: it overlaps the
- * cache misses of looking for equal texts.
+ * Texts are looked up in the heap some at a time, so that the cache misses of
+ * looking for equal ones overlap; append() keeps copies of them until then, and
+ * a failure to store a text may be thrown by a later call.
  */
 class REFKERNEL_API text_builder {
 public:
@@ -220,18 +222,27 @@ public:
     void append(std::string_view text);
     void append_nil();
     void append_all(std::span<const std::string_view> texts);
-    [[nodiscard]] std::size_t rows() const { return offsets_.size(); }
+    [[nodiscard]] std::size_t rows() const { return offsets_.size() + pending_; }
 
     //! The column; the builder is empty after.
     bat finish(const column_options &options = {});
 
 private:
-    void note_nil(std::string_view text);
+    static constexpr std::size_t batch_texts = 16;
+    static constexpr std::size_t staging_bytes = 2048;
+
+    void put(std::span<const std::string_view> texts);
+    void flush();
 
     text_options options_;
     std::shared_ptr<text_heap> heap_;
     std::vector<std::uint32_t> offsets_;
     bool has_nil_ = false;
+    // Texts that wait for their batch to be full, and their bytes.
+    std::size_t pending_ = 0;
+    std::size_t staged_ = 0;
+    std::array<std::string_view, batch_texts> pending_texts_;
+    std::unique_ptr<char[]> staging_;
 };
 
 //! A text column; an empty optional is a nil.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace refkernel {
 namespace {
@@ -22,7 +23,9 @@ std::shared_ptr<memory::block> narrowed(std::span<const std::uint32_t> offsets, 
 } // namespace
 
 text_builder::text_builder(const text_options &options)
-    : options_(options), heap_(std::make_shared<text_heap>(options.sharing)) {
+    : options_(options),
+      heap_(std::make_shared<text_heap>(options.sharing)),
+      staging_(std::make_unique<char[]>(staging_bytes)) {
     if (!is_type(options.type) || !is_varsized(options.type)) {
         throw kernel_error("the column's type is not stored as text");
     }
@@ -31,26 +34,7 @@ text_builder::text_builder(const text_options &options)
     }
 }
 
-void text_builder::note_nil(std::string_view text) {
-    if (!text.empty() && text.front() == str_nil_text.front()) [[unlikely]] {
-        has_nil_ = has_nil_ || text == nil_bytes(options_.type);
-    }
-}
-
-void text_builder::append(std::string_view text) {
-    const std::uint32_t offset = heap_->put(text);
-    if (offset == 0) {
-        throw std::bad_alloc();
-    }
-    offsets_.push_back(offset);
-    note_nil(text);
-}
-
-void text_builder::append_nil() {
-    append(nil_bytes(options_.type));
-}
-
-void text_builder::append_all(std::span<const std::string_view> texts) {
+void text_builder::put(std::span<const std::string_view> texts) {
     const std::size_t before = offsets_.size();
     offsets_.resize(before + texts.size());
     if (!heap_->put_all(texts.data(), texts.size(), offsets_.data() + before)) {
@@ -58,11 +42,43 @@ void text_builder::append_all(std::span<const std::string_view> texts) {
         throw std::bad_alloc();
     }
     for (const std::string_view text : texts) {
-        note_nil(text);
+        if (!text.empty() && text.front() == str_nil_text.front()) [[unlikely]] {
+            has_nil_ = has_nil_ || text == nil_bytes(options_.type);
+        }
     }
 }
 
+void text_builder::flush() {
+    const std::size_t waiting = std::exchange(pending_, 0);
+    staged_ = 0;
+    put(std::span(pending_texts_).first(waiting));
+}
+
+void text_builder::append(std::string_view text) {
+    if (pending_ == batch_texts || text.size() > staging_bytes - staged_) {
+        flush();
+        if (text.size() > staging_bytes) {
+            put({&text, 1});
+            return;
+        }
+    }
+    char *copy = staging_.get() + staged_;
+    std::copy(text.begin(), text.end(), copy);
+    staged_ += text.size();
+    pending_texts_[pending_++] = {copy, text.size()};
+}
+
+void text_builder::append_nil() {
+    append(nil_bytes(options_.type));
+}
+
+void text_builder::append_all(std::span<const std::string_view> texts) {
+    flush();
+    put(texts);
+}
+
 bat text_builder::finish(const column_options &options) {
+    flush();
     auto made = entry_with_head(offsets_.size(), options);
     int width = options_.offset_width;
     const std::uint32_t last = std::max(heap_->end(), offset_bias + 1) - 1 - offset_bias;

@@ -41,6 +41,19 @@ std::size_t units_of(std::size_t length) noexcept {
     return length / heap_unit + 1;
 }
 
+bool has_room(std::size_t entries, std::size_t slots) noexcept {
+    return entries * load_denominator <= slots * load_numerator;
+}
+
+template <class Slot>
+void insert(Slot *table, std::size_t slots, Slot entry) noexcept {
+    std::size_t at = entry.tag & (slots - 1);
+    while (table[at].offset != 0) {
+        at = (at + 1) & (slots - 1);
+    }
+    table[at] = entry;
+}
+
 std::string_view until_zero_byte(std::string_view text) noexcept {
     const void *zero = text.empty() ? nullptr : std::memchr(text.data(), 0, text.size());
     return zero == nullptr ? text
@@ -72,12 +85,17 @@ std::uint64_t hash_text(std::string_view text) noexcept {
     return fold_product(last ^ hash, odd1);
 }
 
+void text_heap::free_memory::operator()(slot *held) const noexcept {
+    std::free(held);
+}
+
 text_heap::~text_heap() {
     std::free(vbase);
 }
 
 void text_heap::drop_index() noexcept {
-    index_ = std::vector<slot>();
+    index_.reset();
+    slots_ = 0;
     indexed_ = 0;
 }
 
@@ -113,50 +131,53 @@ bool text_heap::reserve(std::size_t units) noexcept {
     return true;
 }
 
-bool text_heap::grow_index(std::size_t slots) {
-    std::vector<slot> grown(slots, slot{0, 0});
-    const std::size_t mask = slots - 1;
-    const auto insert = [&](slot entry) {
-        std::size_t at = entry.tag & mask;
-        while (grown[at].offset != 0) {
-            at = (at + 1) & mask;
+// A first entry for each text of the heap; false when the table is too small.
+bool text_heap::index_texts(slot *table, std::size_t slots) noexcept {
+    std::size_t entered = 0;
+    for (std::size_t unit = offset_bias; unit < used_;) {
+        if (!has_room(entered + 1, slots)) {
+            return false;
         }
-        grown[at] = entry;
-    };
-    if (!index_.empty()) {
-        for (const slot &entry : index_) {
-            if (entry.offset != 0) {
-                insert(entry);
-            }
+        const std::string_view text(vbase + unit * heap_unit);
+        insert(table, slots,
+               slot{static_cast<std::uint32_t>(hash_text(text) >> 32),
+                    static_cast<std::uint32_t>(unit)});
+        ++entered;
+        unit += units_of(text.size());
+    }
+    indexed_ = entered;
+    return true;
+}
+
+bool text_heap::grow_index(std::size_t slots) noexcept {
+    const std::size_t bytes = slots * sizeof(slot);
+    std::unique_ptr<slot[], free_memory> grown(
+        static_cast<slot *>(std::calloc(slots, sizeof(slot))));
+    if (grown == nullptr) {
+        return false;
+    }
+    memory::advise_huge_pages(grown.get(), bytes);
+    if (index_ == nullptr) {
+        if (!index_texts(grown.get(), slots)) {
+            return grow_index(slots * 2);
         }
     } else {
-        for (std::size_t unit = offset_bias; unit < used_;) {
-            const std::string_view text(vbase + unit * heap_unit);
-            insert({static_cast<std::uint32_t>(hash_text(text) >> 32),
-                    static_cast<std::uint32_t>(unit)});
-            ++indexed_;
-            unit += units_of(text.size());
-            if (indexed_ * load_denominator > slots * load_numerator) {
-                indexed_ = 0;
-                return grow_index(slots * 2);
+        // In slot order: both halves of the new table are then filled in order too.
+        for (std::size_t i = 0; i < slots_; ++i) {
+            if (index_[i].offset != 0) {
+                insert(grown.get(), slots, index_[i]);
             }
         }
     }
     index_ = std::move(grown);
+    slots_ = slots;
     return true;
 }
 
 // Room for a batch more.
 bool text_heap::index_is_ready() noexcept {
-    const std::size_t needed = (indexed_ + batch_texts) * load_denominator;
-    if (needed <= index_.size() * load_numerator) [[likely]] {
-        return true;
-    }
-    try {
-        return grow_index(std::max(initial_slots, index_.size() * 2));
-    } catch (const std::bad_alloc &) {
-        return false;
-    }
+    return has_room(indexed_ + batch_texts, slots_) ||
+           grow_index(std::max(initial_slots, slots_ * 2));
 }
 
 std::uint32_t text_heap::store(std::string_view text) noexcept {
@@ -186,7 +207,7 @@ bool text_heap::holds_at(std::uint32_t offset, std::string_view text) const noex
 }
 
 std::uint32_t text_heap::find_or_store(std::string_view text, std::uint32_t tag) noexcept {
-    const std::size_t mask = index_.size() - 1;
+    const std::size_t mask = slots_ - 1;
     std::size_t at = tag & mask;
     for (; index_[at].offset != 0; at = (at + 1) & mask) {
         if (index_[at].tag == tag && holds_at(index_[at].offset, text)) {
@@ -226,7 +247,7 @@ bool text_heap::put_all(const std::string_view *texts, std::size_t count,
         if (!index_is_ready()) [[unlikely]] {
             return false;
         }
-        const std::size_t mask = index_.size() - 1;
+        const std::size_t mask = slots_ - 1;
         for (std::size_t i = 0; i < n; ++i) {
             batch[i] = until_zero_byte(texts[done + i]);
             tags[i] = static_cast<std::uint32_t>(hash_text(batch[i]) >> 32);

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 namespace refkernel {
 
@@ -70,7 +69,8 @@ private:
 
     bool reserve(std::size_t units) noexcept;
     bool index_is_ready() noexcept;
-    bool grow_index(std::size_t slots);
+    bool grow_index(std::size_t slots) noexcept;
+    bool index_texts(slot *table, std::size_t slots) noexcept;
     std::uint32_t find_or_store(std::string_view text, std::uint32_t tag) noexcept;
     std::uint32_t store(std::string_view text) noexcept;
     [[nodiscard]] bool holds_at(std::uint32_t offset, std::string_view text) const noexcept;
@@ -78,7 +78,13 @@ private:
     text_sharing sharing_;
     std::size_t used_ = 0;     // units
     std::size_t capacity_ = 0; // units
-    std::vector<slot> index_;
+    // Plain memory, and not a vector: it asks for huge pages and comes zeroed
+    // from the system.
+    struct free_memory {
+        void operator()(slot *held) const noexcept;
+    };
+    std::unique_ptr<slot[], free_memory> index_;
+    std::size_t slots_ = 0;
     std::size_t indexed_ = 0; // texts in the table
 };
 
