@@ -48,6 +48,9 @@ struct dense_places {
     }
 };
 
+//! Rows ahead of which a place in the map is asked for: the sort has left the places in no order.
+inline constexpr BUN rows_ahead = 32;
+
 //! Turns the runs of equal values in a range of the sorted copy into groups: appends a row for each
 //! to the BAT in `slot`, which is made if there is none, and writes the map's rows. The range holds
 //! no NaN. False when the kernel has no memory, when the slot's BAT is full, or when an oid lies
@@ -66,7 +69,10 @@ bool vask_group_runs(const BAT &copy, vask_row_range range, BAT *&slot, BAT &grp
     oid *map_heads = grp.head->type == TYPE_void ? nullptr : rows_of<oid>(*grp.head);
     oid *map = rows_of<oid>(*grp.tail);
 
+    const BUN last_ahead = range.high - std::min(range.high - range.low, rows_ahead);
     for (BUN row = range.low; row <= range.high;) {
+        if (row < last_ahead)
+            __builtin_prefetch(map + places.first + (oids[row + rows_ahead] - places.seqbase), 1);
         const T value = values[row];
         oid id = oids[row];
         BUN end = row + 1;

@@ -1,0 +1,55 @@
+// Keys of the tables with open addressing: bit patterns and texts.
+#pragma once
+
+#include "grouping/key_hash.h"
+#include "kernel/isa.h"
+
+#include <concepts>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+namespace vask {
+
+//! Numbers by their bits, so -0.0 is not 0.0 and a NaN is equal to itself.
+template <std::unsigned_integral Bits>
+struct bit_pattern_keys {
+    using key_type = Bits;
+
+    VASK_ALWAYS_INLINE static std::uint32_t hash(Bits key) noexcept {
+        if constexpr (sizeof(Bits) == 8)
+            return static_cast<std::uint32_t>(key >> 33 ^ key ^ key << 11);
+        else
+            return key;
+    }
+
+    VASK_ALWAYS_INLINE static bool equal(Bits a, Bits b) noexcept { return a == b; }
+};
+
+//! Texts by what they read, wherever they lie.
+struct text_keys {
+    using key_type = str;
+
+    VASK_ALWAYS_INLINE static std::uint32_t hash(str key) noexcept { return vask_str_hash(key); }
+
+    VASK_ALWAYS_INLINE static bool equal(str a, str b) noexcept {
+        return a == b || (*a == *b && std::strcmp(a, b) == 0);
+    }
+};
+
+namespace detail {
+template <class T>
+struct table_keys {
+    using type = bit_pattern_keys<decltype(key_bits(T()))>;
+};
+template <>
+struct table_keys<str> {
+    using type = text_keys;
+};
+} // namespace detail
+
+//! The keys of a column's values.
+template <class T>
+using table_keys = typename detail::table_keys<T>::type;
+
+} // namespace vask
