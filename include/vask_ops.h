@@ -72,6 +72,40 @@ VASK_EXPORT char *vask_sum_lng(void *result, const int32_t *bid);
 VASK_EXPORT char *vask_sum_flt(void *result, const int32_t *bid);
 VASK_EXPORT char *vask_sum_dbl(void *result, const int32_t *bid);
 
+/*
+ * Grouped aggregates: one result per group of a grouping.
+ *
+ * Inputs, by pointers to their BAT numbers:
+ *   b  values in the tail.
+ *   g  group map: in the tail the oid of each row's group, at the same position
+ *      as the row of b. A void tail makes every row a group of its own; b must
+ *      then start at position 0 and have as many rows as e.
+ *   e  extents: in the head the oid of each group. Must start at position 0.
+ *   b and g must be aligned row for row, which is not checked.
+ *
+ * Result: the number of a new BAT goes to *result. It is a read-only view with
+ * the head of e and, in its tail, the result of each group in e's order; the
+ * caller owns its reference. A group without a value, also one without rows,
+ * gets the nil of the result type and the tail is then marked as holding nils.
+ *
+ * Unknown groups: a row with a value whose group e does not hold ends the work
+ * on its partition: that row and the rest of the partition are left out without
+ * notice. Nil rows are never looked up.
+ *
+ * Errors: "Object not found"; "operation failed" for a type of b that the
+ * operator does not have and when the result cannot be made. Place: the
+ * operator's wrapper, named below. A hash of e that cannot be built ends the
+ * process through GDKfatal.
+ */
+
+/*
+ * Grouped sum. Types, wrapping and rounding are those of the whole-column sum,
+ * for each group: bte, sht and int give lng. The result of a group whose values
+ * cancel out is 0. Place: "vask_grp_sum_wrapper".
+ */
+VASK_EXPORT char *vask_grp_sum(int32_t *result, const int32_t *bid, const int32_t *gid,
+                               const int32_t *eid);
+
 #ifdef __cplusplus
 }
 #endif

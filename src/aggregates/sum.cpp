@@ -8,16 +8,6 @@ namespace vask {
 
 namespace {
 
-//! The sum of b's tail into the slot; the nil of the result type if no row holds a value.
-//! `result_type` tells wrd from lng, which share a body and differ in nothing but that nil.
-template <class T>
-int vask_sum_column(void *result, BAT *b, std::uint64_t nparts, int result_type) {
-    reduce_column<sum<T>>(b, nparts, [=](const typename sum<T>::partial &total) {
-        store_result(result, total.seen ? total.value : nil_of<sum_accumulator<T>>(result_type));
-    });
-    return 1;
-}
-
 //! The type of the column decides, never the exported name: a plan may call any of the seven names
 //! on any column. User atoms have no sum, so the dispatch is on the type and not on its storage.
 char *vask_sum_wrapper(void *result, const std::int32_t *bid) {
@@ -27,7 +17,8 @@ char *vask_sum_wrapper(void *result, const std::int32_t *bid) {
         const int done = visit_arithmetic_type(type, 0, [=]<class T>(std::type_identity<T>) {
             const int result_type = sum_result_type(type);
             if (b->info->count != 0)
-                return vask_sum_column<T>(result, b, partition_count(b->info->count), result_type);
+                return store_reduced<sum<T>, column_rows<T>>(
+                    result, b, partition_count(b->info->count), result_type);
             store_result(result, nil_of<sum_accumulator<T>>(result_type));
             return 1;
         });

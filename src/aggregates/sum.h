@@ -1,12 +1,13 @@
 // The sum as an aggregate: what whole-column and grouped sum share.
 #pragma once
 
-#include "kernel/bat.h"
-#include "kernel/isa.h"
+#include "aggregates/aggregate.h"
+#include "kernel/frame.h"
 
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
+#include <tuple>
 #include <type_traits>
 
 namespace vask {
@@ -33,14 +34,28 @@ VASK_ALWAYS_INLINE T add_wrapping(T a, T b) noexcept {
 
 template <class T>
 struct sum {
-    using element = T;
     using accumulator = sum_accumulator<T>;
     struct partial {
         accumulator value;
         bool seen;
+        static constexpr auto fields() noexcept {
+            return std::tuple(&partial::value, &partial::seen);
+        }
     };
 
-    VASK_ALWAYS_INLINE static partial scan(const T *rows, std::size_t n, T nil) noexcept {
+    VASK_ALWAYS_INLINE static void add(partial &p, accumulator value) noexcept {
+        p.value = add_wrapping(p.value, value);
+        p.seen = true;
+    }
+
+    VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
+        add(total, part.value);
+    }
+
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
+        const T *rows = column.rows + r.begin;
+        const T nil = column.nil;
+        const std::size_t n = r.size();
         partial result{0, false};
         if constexpr (std::floating_point<T>) {
             // Additions stay in row order: the latency of the addition is the bound, and a branch
@@ -78,11 +93,6 @@ struct sum {
             result.seen = values != 0;
         }
         return result;
-    }
-
-    static void merge(partial &total, const partial &part) noexcept {
-        total.value = add_wrapping(total.value, part.value);
-        total.seen |= part.seen;
     }
 };
 

@@ -1,0 +1,60 @@
+// What an aggregate is, for a whole column and per group alike: a type with
+//   accumulator                 what values are gathered in
+//   partial                     plain struct, the result over some of the rows: `accumulator
+//   value`,
+//                               and `bool seen` if the aggregate must tell "no value" from a
+//                               neutral one; all zero means no rows
+//   add(partial, value)         folds one value in; always inlined, no calls
+//   merge(total, partial)       folds the partial of later rows into the total; when the aggregate
+//                               tells seen, only called with a partial that saw a value
+//   scan(rows, range)           partial of a range of a row source; always inlined, no calls
+//
+// and a row source is what answers is_nil(p) and [p] for the positions of the rows.
+#pragma once
+
+#include "kernel/bat.h"
+#include "kernel/column.h"
+#include "kernel/isa.h"
+
+namespace vask {
+
+//! The rows of a fixed-width column, which are nil by ordinary equality: a NaN is a value. A plain
+//! value, to be copied into a row loop.
+template <class T>
+struct column_rows {
+    const T *rows;
+    T nil;
+
+    explicit column_rows(const BAT &b) noexcept
+        : rows(rows_of<const T>(*b.tail)), nil(nil_of<T>(b.tail->type)) {}
+
+    VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept { return rows[p] == nil; }
+    VASK_ALWAYS_INLINE T operator[](BUN p) const noexcept { return rows[p]; }
+};
+
+template <class Aggregate>
+concept tells_seen = requires(typename Aggregate::partial p) {
+    p.seen;
+};
+
+//! Merges unless the partial saw no value.
+template <class Aggregate>
+VASK_ALWAYS_INLINE void merge_partial(typename Aggregate::partial &total,
+                                      const typename Aggregate::partial &part) noexcept {
+    if constexpr (tells_seen<Aggregate>) {
+        if (!part.seen)
+            return;
+    }
+    Aggregate::merge(total, part);
+}
+
+//! Whether the result over the rows of `total` is nil.
+template <class Aggregate>
+VASK_ALWAYS_INLINE bool has_no_value(const typename Aggregate::partial &total) noexcept {
+    if constexpr (tells_seen<Aggregate>)
+        return !total.seen;
+    else
+        return false;
+}
+
+} // namespace vask

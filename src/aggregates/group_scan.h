@@ -1,0 +1,216 @@
+// The row loop of the grouped operators.
+#pragma once
+
+#include "aggregates/aggregate.h"
+#include "aggregates/slot_table.h"
+#include "aggregates/state_blocks.h"
+#include "kernel/frame.h"
+#include "kernel/oid_lookup.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace vask {
+
+//! A row source that wants to see each block of rows before it is asked for them, say to convert
+//! it. Blocks have at most scan_block_rows rows and come in order.
+template <class Rows>
+concept loads_blocks = requires(Rows rows, row_range block) {
+    rows.load(block);
+};
+
+// Long enough to choose a loop by the nils of the block before, short enough for a row source to
+// keep a block in the first-level cache.
+inline constexpr BUN scan_block_rows = 2048;
+
+//! Adds rows to the states of their groups. With one block of states per task, 1e7 rows of 100
+//! groups on two cores take 4 ms for int and 5 ms for dbl, at a read speed of 2.4 ms per 80 MB.
+//! Spreading neighbouring rows over several blocks gained nothing: the processor forwards a state
+//! from one row to the next unless all rows have the same group, and those are taken as runs.
+template <class Aggregate, class Lookup, class Rows>
+class group_scan {
+public:
+    group_scan(Lookup lookup, Rows rows, const oid *gids, BUN groups,
+               state_columns<typename Aggregate::partial> states) noexcept
+        : lookup_(lookup), rows_(rows), gids_(gids), groups_(groups), states_(states) {}
+
+    //! Adds the rows in order. A row with a value whose group the extents do not hold ends the
+    //! scan: the rest of the partition is left out, which is how the operators are defined.
+    void run(row_range partition) {
+        BUN nils = 0;
+        for (BUN p = partition.begin; p < partition.end;) {
+            const row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
+            if constexpr (loads_blocks<Rows>)
+                rows_.load(block);
+            const bool many_nils = nils > block.size() / branch_nil_share;
+            nils = 0;
+            if (!(many_nils ? add_live_rows(block, nils) : add_rows(block, nils)))
+                return;
+            p = block.end;
+        }
+    }
+
+private:
+    // Above one nil in so many rows, a branch per row costs more in mispredictions than gathering
+    // the rows with a value in a mask.
+    static constexpr BUN branch_nil_share = 8;
+    // Rows that are tested for being of one group at once.
+    static constexpr BUN run_rows = 16;
+
+    VASK_ALWAYS_INLINE bool add_row(BUN p) const noexcept {
+        const BUN slot = lookup_.find(gids_[p]);
+        if (slot >= groups_) [[unlikely]]
+            return false;
+        auto state = states_.load(slot);
+        Aggregate::add(state, rows_[p]);
+        states_.store(slot, state);
+        return true;
+    }
+
+    //! Whether n rows from p on have one group. Looks at a few first: that is all it takes where
+    //! groups alternate.
+    template <BUN n>
+    VASK_ALWAYS_INLINE bool one_group(BUN p) const noexcept {
+        const oid *gids = gids_ + p;
+        if (((gids[0] ^ gids[n / 3]) | (gids[0] ^ gids[2 * (n / 3)]) | (gids[0] ^ gids[n - 1])) !=
+            0)
+            return false;
+        oid difference = 0;
+        for (BUN i = 0; i < n; ++i)
+            difference |= gids[i] ^ gids[0];
+        return difference == 0;
+    }
+
+    //! Adds the rows p .. p + n - 1 of one group, keeping its state in registers. False when it is
+    //! unknown.
+    template <BUN n>
+    VASK_ALWAYS_INLINE bool add_run(BUN p, BUN &nils) const noexcept {
+        const BUN slot = lookup_.find(gids_[p]);
+        if (slot >= groups_) [[unlikely]]
+            return false;
+        auto state = states_.load(slot);
+        for (BUN i = 0; i < n; ++i) {
+            if (rows_.is_nil(p + i))
+                ++nils;
+            else
+                Aggregate::add(state, rows_[p + i]);
+        }
+        states_.store(slot, state);
+        return true;
+    }
+
+    VASK_ALWAYS_INLINE bool add_unless_nil(BUN p, BUN &nils) const noexcept {
+        if (rows_.is_nil(p)) [[unlikely]] {
+            ++nils;
+            return true;
+        }
+        return add_row(p);
+    }
+
+    //! False at the end of the scan.
+    bool add_rows(row_range block, BUN &nils) const noexcept {
+        BUN p = block.begin;
+        for (; block.end - p >= run_rows; p += run_rows) {
+            // An unknown group goes the way row by row: nil rows before it must not end the scan.
+            if (one_group<run_rows>(p) && add_run<run_rows>(p, nils))
+                continue;
+            const bool known = [&]<std::size_t... i>(std::index_sequence<i...>) {
+                return (add_unless_nil(p + static_cast<BUN>(i), nils) && ...);
+            }
+            (std::make_index_sequence<run_rows>{});
+            if (!known) [[unlikely]]
+                return false;
+        }
+        for (; p < block.end; ++p)
+            if (!add_unless_nil(p, nils))
+                return false;
+        return true;
+    }
+
+    static constexpr BUN mask_rows = 64;
+
+    //! Bit i is set when row p + i has a value; i < n.
+    VASK_ALWAYS_INLINE std::uint64_t live_mask(BUN p, BUN n) const noexcept {
+        std::uint8_t live[mask_rows];
+        if (n == mask_rows) {
+            for (BUN i = 0; i < mask_rows; ++i)
+                live[i] = !rows_.is_nil(p + i);
+        } else {
+            for (BUN i = 0; i < mask_rows; ++i)
+                live[i] = i < n && !rows_.is_nil(p + i);
+        }
+        std::uint64_t mask = 0;
+        for (BUN i = 0; i < mask_rows; i += 8) {
+            // Eight bytes of 0 or 1 into eight bits: the product brings each into the top byte.
+            std::uint64_t bytes;
+            std::memcpy(&bytes, live + i, sizeof bytes);
+            mask |= ((bytes * 0x0102040810204080U) >> 56) << i;
+        }
+        return mask;
+    }
+
+    //! add_rows() without a branch on nil per row.
+    bool add_live_rows(row_range block, BUN &nils) const noexcept {
+        for (BUN p = block.begin; p < block.end; p += mask_rows) {
+            const BUN n = std::min(mask_rows, block.end - p);
+            std::uint64_t live = live_mask(p, n);
+            nils += n - static_cast<BUN>(std::popcount(live));
+            if (n == mask_rows && live != 0 && one_group<mask_rows>(p)) {
+                const BUN slot = lookup_.find(gids_[p]);
+                if (slot >= groups_) [[unlikely]]
+                    return false;
+                auto state = states_.load(slot);
+                for (; live != 0; live &= live - 1)
+                    Aggregate::add(state, rows_[p + static_cast<BUN>(std::countr_zero(live))]);
+                states_.store(slot, state);
+            }
+            for (; live != 0; live &= live - 1)
+                if (!add_row(p + static_cast<BUN>(std::countr_zero(live))))
+                    return false;
+        }
+        return true;
+    }
+
+    Lookup lookup_;
+    Rows rows_;
+    const oid *gids_;
+    BUN groups_;
+    state_columns<typename Aggregate::partial> states_;
+};
+
+//! The position of the first row with a value, or the end of the range.
+template <class Rows>
+BUN first_value(Rows rows, row_range r) {
+    for (BUN p = r.begin; p < r.end; ++p) {
+        if constexpr (loads_blocks<Rows>) {
+            if ((p - r.begin) % scan_block_rows == 0)
+                rows.load({p, p + std::min(scan_block_rows, r.end - p)});
+        }
+        if (!rows.is_nil(p))
+            return p;
+    }
+    return r.end;
+}
+
+//! What a task does with its partition, after it has its blocks. The hash of the extents is built
+//! when the first value is met and not before, whether or not `table` then spares its use: the
+//! kernel sees the build.
+template <class Aggregate, class Rows>
+void scan_partition(const Rows &rows, const BAT &map, BAT &extents, const slot_table *table,
+                    state_columns<typename Aggregate::partial> states, row_range partition) {
+    partition.begin = first_value(rows, partition);
+    if (partition.size() == 0)
+        return;
+    const oid_lookup lookup(extents);
+    if (!lookup.built())
+        return;
+    const oid *gids = rows_of<const oid>(*map.tail);
+    const BUN groups = extents.info->count;
+    if (table != nullptr)
+        group_scan<Aggregate, slot_table, Rows>(*table, rows, gids, groups, states).run(partition);
+    else
+        group_scan<Aggregate, oid_lookup, Rows>(lookup, rows, gids, groups, states).run(partition);
+}
+
+} // namespace vask

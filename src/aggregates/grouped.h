@@ -1,0 +1,169 @@
+// The frame of the grouped operators: private states per partition and group, merged group by group
+// in partition order, written under the head of the extents.
+#pragma once
+
+#include "aggregates/group_scan.h"
+#include "kernel/frame.h"
+
+#include <array>
+#include <atomic>
+#include <tuple>
+
+namespace vask {
+
+//! What a family's wrapper does around its body: the BATs of values, group map and extents are
+//! fetched in this order, `body(place, b, g, e, nparts)` puts the result BAT in its place and gives
+//! 1, and the result's number goes to the caller.
+template <class Body>
+char *run_grouped_wrapper(const char *name, std::int32_t *result, const std::int32_t *bid,
+                          const std::int32_t *gid, const std::int32_t *eid, Body body) {
+    return run_wrapper(name, input_bats(bid, gid, eid), [=](const auto &inputs) {
+        BAT *b = inputs[0];
+        BAT *view = nullptr;
+        if (body(&view, b, inputs[1], inputs[2], partition_count(b->info->count)) != 1)
+            return failure::operation_failed;
+        *result = view->bat_id;
+        BBPkeepref(view->bat_id);
+        return static_cast<const char *>(nullptr);
+    });
+}
+
+//! A new BAT under the head of the extents, to be filled with one element per group; null when
+//! BATnew fails.
+inline BAT *make_grouped_result(int head_type, int tail_type, BAT *e) {
+    BAT *result = BATnew(head_type, tail_type, e->info->count);
+    if (result != nullptr)
+        vask_grp_result_view(&result, e);
+    return result;
+}
+
+//! The inputs of a grouped operator: the BATs of values, of which the first has the rows that are
+//! partitioned; the group map, whose tail has the id of each row's group at the same position; and
+//! the extents, whose head has the ids of the groups, from position 0 on.
+template <std::size_t N>
+struct grouped_inputs {
+    std::array<BAT *, N> values;
+    BAT *map;
+    BAT *extents;
+
+    void access(int load) const {
+        for (BAT *b : values)
+            BATaccess(b, 2, 0, load);
+        BATaccess(map, 2, 0, load);
+        BATaccess(extents, 2, 0, load);
+    }
+};
+
+//! Gathers the rows of the values, read as Rows, into one Aggregate::partial per group, and hands
+//! each group's to `finish(j, total)` on the calling thread, in the order of the extents. The
+//! partial can be any plain struct that starts at zero: every field of it gets a zeroed block of
+//! one element per group from each task. The map must have a stored tail.
+template <class Aggregate, class Rows, std::size_t N, class Finish>
+void aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
+    using partial = typename Aggregate::partial;
+    BAT *e = inputs.extents;
+    const BUN groups = e->info->count;
+    const state_blocks<partial> blocks(nparts);
+    inputs.access(1);
+
+    const BAT &first = *inputs.values[0];
+    const slot_table_owner table(*e, first.info->count);
+    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
+    run_partitions(partition_plan(first, nparts),
+                   [=, map = inputs.map, slots = table.get()](std::uint64_t part, row_range r) {
+                       const state_columns<partial> states = blocks.allocate(part, groups);
+                       scan_partition<Aggregate>(rows, *map, *e, slots, states, r);
+                   });
+
+    for (BUN j = 0; j < groups; ++j) {
+        partial total{};
+        for (std::uint64_t part = 0; part < nparts; ++part)
+            merge_partial<Aggregate>(total, blocks.of(part).load(j));
+        finish(j, total);
+    }
+
+    blocks.release();
+    inputs.access(-1);
+}
+
+//! Runs a row loop over the values, under a map in which every row is a group of its own:
+//! `make_row()` gives a `row(i)` that writes row i of the result and says whether that is a nil, in
+//! which case the result is marked as one with nils. The values are read from position 0 on
+//! whatever their first position, and as many rows are written as there are values: the caller
+//! answers for both.
+template <class MakeRow>
+void for_each_row_group(BAT *b, BAT *result, MakeRow make_row) {
+    BATaccess(b, 2, 0, 1);
+    BATaccess(result, 2, 0, 1);
+    std::uint8_t has_nil = 0;
+    run_row_loop(b->info->count, [&has_nil, row = make_row()](row_range r) {
+        bool any = false;
+        for (BUN i = r.begin; i < r.end; ++i)
+            any |= row(i);
+        // Tasks may say so at the same time: all of them store the same 1.
+        if (any)
+            std::atomic_ref(has_nil).store(1, std::memory_order_relaxed);
+    });
+    if (has_nil)
+        mark_nil(*result->tail);
+    BATaccess(b, 2, 0, -1);
+    BATaccess(result, 2, 0, -1);
+}
+
+//! The row loop of the aggregates of which a single value is the value itself.
+template <class Rows, class Result>
+void copy_row_groups(BAT *b, BAT *result, Result nil) {
+    for_each_row_group(b, result, [=] {
+        return [rows = Rows(*b), out = rows_of<Result>(*result->tail), nil](BUN i) {
+            const bool is_nil = rows.is_nil(i);
+            out[i] = is_nil ? nil : static_cast<Result>(rows[i]);
+            return is_nil;
+        };
+    });
+}
+
+//! The row loop of the counts.
+template <class Rows>
+void count_row_groups(BAT *b, BAT *result) {
+    for_each_row_group(b, result, [=] {
+        return [rows = Rows(*b), out = rows_of<wrd>(*result->tail)](BUN i) {
+            out[i] = !rows.is_nil(i);
+            return false;
+        };
+    });
+}
+
+//! The typed body of a grouped aggregate: b, read as Rows, into a result whose tail has the type
+//! `result_type`, of the accumulator's width. Gives 1, or 0 when the result cannot be made.
+template <class Aggregate, class Rows>
+int aggregate_into(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts, int result_type) {
+    using result = typename Aggregate::accumulator;
+    BAT *view = make_grouped_result(e->head->type, result_type, e);
+    if (view == nullptr)
+        return 0;
+    *place = view;
+    const result nil = nil_of<result>(result_type);
+    if (g->tail->type == TYPE_void) {
+        if constexpr (tells_seen<Aggregate>)
+            copy_row_groups<Rows>(b, view, nil);
+        else
+            count_row_groups<Rows>(b, view);
+        return 1;
+    }
+    if (e->info->count == 0)
+        return 1;
+
+    bool any_nil = false;
+    aggregate_groups<Aggregate, Rows>(grouped_inputs<1>{{b}, g, e}, nparts,
+                                      [&any_nil, nil, out = rows_of<result>(*view->tail)](
+                                          BUN j, const typename Aggregate::partial &total) {
+                                          const bool is_nil = has_no_value<Aggregate>(total);
+                                          out[j] = is_nil ? nil : total.value;
+                                          any_nil |= is_nil;
+                                      });
+    if (any_nil)
+        mark_nil(*view->tail);
+    return 1;
+}
+
+} // namespace vask

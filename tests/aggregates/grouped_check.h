@@ -1,0 +1,124 @@
+// Runs a grouped aggregate over all shapes of inputs and compares each result with the plain
+// reference, element by element and mark by mark.
+#pragma once
+
+#include "aggregates/plain_aggregates.h"
+#include "refkernel/instrumentation.h"
+#include "support/grouped_reference.h"
+#include "support/kernel_settings.h"
+#include "support/values.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace support {
+
+using grouped_function = char *(*)(std::int32_t *, const std::int32_t *, const std::int32_t *,
+                                   const std::int32_t *);
+
+//! The result of a call that must succeed.
+inline refkernel::bat call_grouped(grouped_function call, const refkernel::bat &values,
+                                   const refkernel::bat &map, const refkernel::bat &extents) {
+    std::int32_t id = 0;
+    const auto failure =
+        refkernel::take_exception(call(&id, values.slot(), map.slot(), extents.slot()));
+    EXPECT_EQ(failure.text, "");
+    return refkernel::bat::adopt(id);
+}
+
+//! Whether a result has the head of the extents and the given tail type, and is marked as having
+//! nils exactly if it has.
+inline void expect_grouped_shape(const refkernel::bat &result, const refkernel::bat &extents,
+                                 int type, bool nil) {
+    ASSERT_EQ(result.count(), extents.count());
+    EXPECT_EQ(result.type(), type);
+    EXPECT_EQ(result->tail->nil, nil);
+    EXPECT_EQ(result->tail->nonil, !nil);
+    EXPECT_EQ(result->tail->sorted, 0);
+    EXPECT_EQ(result->state->access, unsigned{ACCESS_READ});
+    EXPECT_TRUE(ALIGNsynced(result.record(), extents.record()));
+    for (BUN j = 0; j < result.count(); ++j)
+        ASSERT_EQ(result.head_oid(j), extents.head_oid(j));
+}
+
+//! Aggregate<T> is the reference for columns of T; `result_type` gives the type code of the result
+//! for that of the column; a group without a value has `empty` or, if that is missing, the nil.
+template <template <class> class Aggregate, class ResultType>
+void check_grouped(grouped_function call, ResultType result_type,
+                   std::optional<std::int64_t> empty = std::nullopt) {
+    for (const grouped_shape &shape : grouped_shapes()) {
+        grouped_inputs inputs(shape);
+        const int nil_percent = static_cast<int>(std::array{0, 0, 3, 50, 95, 100}[shape.seed % 6]);
+        const auto values_spread = static_cast<spread>(shape.seed % 3);
+        const std::int32_t threads = std::array{1, 2, 3, 8, 300}[shape.seed % 5];
+        for_each_arithmetic_type([&]<class T>(int type) {
+            using result = typename Aggregate<T>::result;
+            const auto values =
+                draw_values<T>(inputs.random(), shape.rows, nil_percent, values_spread);
+            const auto rows =
+                inputs.rows_by_group(plain_partitions(shape.rows, threads), [&](BUN row) {
+                    return values[row] != refkernel::nil_of<T>();
+                });
+
+            refkernel::column_options b;
+            b.type = type;
+            b.first = shape.first;
+            const refkernel::bat column = refkernel::make_column(std::span<const T>(values), b);
+            const kernel_settings settings(threads);
+            const refkernel::checkpoint before;
+            {
+                const refkernel::bat answer =
+                    call_grouped(call, column, inputs.map, inputs.extents);
+                const auto got = answer.values<result>();
+                bool any_nil = false;
+                for (BUN j = 0; j < shape.groups; ++j) {
+                    const auto expected = plain::result_of<Aggregate<T>>(rows[j], values);
+                    any_nil |= !expected && !empty;
+                    ASSERT_TRUE(same_value(got[j], expected ? *expected
+                                                   : empty  ? static_cast<result>(*empty)
+                                                            : refkernel::nil_of<result>()))
+                        << shape << ", type " << type << ", nils " << nil_percent << "%, "
+                        << threads << " threads: group " << j << " got " << +got[j];
+                }
+                expect_grouped_shape(answer, inputs.extents, result_type(type), any_nil);
+            }
+            ASSERT_EQ(before.leaks(), "") << shape;
+        });
+        if (testing::Test::HasFatalFailure())
+            return;
+    }
+}
+
+//! A map in which every row is a group of its own: row i of the result is `expected(v)` for value i
+//! from position 0 on, whatever the first position of the values is.
+template <class Result, class T, class Expected>
+void check_row_groups(grouped_function call, int type, int result_type, Expected expected) {
+    std::mt19937 random(static_cast<std::uint32_t>(type));
+    for (const BUN rows : {0U, 1U, 5U, 70'000U}) {
+        for (const int nil_percent : {0, 30}) {
+            auto values = draw_values<T>(random, rows + 3, nil_percent, spread::any);
+            refkernel::column_options b;
+            b.type = type;
+            const refkernel::bat source = refkernel::make_column(std::span<const T>(values), b);
+            const refkernel::bat column = refkernel::slice(source, 3, rows);
+            const refkernel::bat groups = refkernel::make_void_column(rows, 7);
+            const kernel_settings settings(2);
+            const refkernel::checkpoint before;
+            {
+                const refkernel::bat answer = call_grouped(call, column, groups, groups);
+                bool any_nil = false;
+                for (BUN i = 0; i < rows; ++i) {
+                    const Result wanted = expected(values[i]);
+                    any_nil |= wanted == refkernel::nil_of<Result>();
+                    ASSERT_TRUE(same_value(answer.values<Result>()[i], wanted))
+                        << "type " << type << ", row " << i << " of " << rows;
+                }
+                expect_grouped_shape(answer, groups, result_type, any_nil);
+            }
+            ASSERT_EQ(before.leaks(), "");
+        }
+    }
+}
+
+} // namespace support

@@ -1,0 +1,174 @@
+// What the grouped operators have in common, seen through the grouped sum.
+
+#include "aggregates/grouped.h"
+
+#include "aggregates/grouped_check.h"
+#include "vask_ops.h"
+
+#include <numeric>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using refkernel::bat;
+using refkernel::make_column;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+using support::kernel_settings;
+
+//! Extents with a stored head that is not dense.
+bat make_extents(const std::vector<oid> &ids, bool dense = false, oid seqbase = 0) {
+    refkernel::column_options e;
+    e.type = TYPE_wrd;
+    e.stored_head = true;
+    e.head_oids = ids;
+    e.seqbase = seqbase;
+    e.head.dense = e.head.sorted = dense;
+    return make_column(std::vector<std::int64_t>(ids.size(), 1), e);
+}
+
+bat one_to_ten() {
+    return make_column(std::vector<std::int32_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+}
+//! The odd ones are of group 5, the even ones of group 9.
+bat odd_and_even() {
+    return make_column(std::vector<oid>{5, 9, 5, 9, 5, 9, 5, 9, 5, 9});
+}
+
+//! Calls without the numbers of the BATs, which differ from run to run.
+std::vector<std::string> call_names(const watch &kernel) {
+    std::vector<std::string> names;
+    for (const auto &call : kernel.recorded())
+        names.push_back(call.text.substr(0, call.text.find('(')));
+    return names;
+}
+
+TEST(GroupedFrame, CallsTheKernelInTheAgreedOrder) {
+    const bat values = one_to_ten();
+    const bat map = odd_and_even();
+    const bat extents = make_extents({9, 5});
+    const kernel_settings settings(1);
+    watch kernel;
+    kernel.record(true);
+    const bat result = support::call_grouped(vask_grp_sum, values, map, extents);
+    kernel.record(false);
+    EXPECT_EQ(
+        call_names(kernel),
+        (std::vector<std::string>{
+            "BBPincref",  "BBPincref",     "BBPincref",                                   // inputs
+            "BATnew",     "BATsetcount",   "VIEWcreate",    "BBPreleaseref", "ALIGNsetH", // result
+            "GDKzalloc",  "GDKzalloc",     "BATaccess",     "BATaccess",     "BATaccess", // arrays
+            "GDKzalloc",  "GDKzalloc",     "BAThash",                  // the task
+            "GDKfree",    "GDKfree",       "GDKfree",       "GDKfree", // its end
+            "BATaccess",  "BATaccess",     "BATaccess",                //
+            "BBPkeepref", "BBPreleaseref", "BBPreleaseref", "BBPreleaseref"}));
+    EXPECT_EQ(result.values<std::int64_t>()[0], 30);
+    EXPECT_EQ(kernel.unpaired_accesses().size(), 0U);
+    EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+}
+
+TEST(GroupedFrame, TheHashIsBuiltForTheFirstValueAndNotForADenseHead) {
+    const kernel_settings settings(1);
+    const bat map = odd_and_even();
+    watch kernel;
+    const bat nils = make_column(std::vector<std::int32_t>(10, refkernel::nil_of<std::int32_t>()));
+    support::call_grouped(vask_grp_sum, nils, map, make_extents({9, 5}));
+    EXPECT_EQ(kernel.calls(operation::bat_hash), 0U) << "nobody was looked up";
+    const bat values = one_to_ten();
+    support::call_grouped(vask_grp_sum, values, map, make_extents({5, 6, 7, 8, 9}, true, 5));
+    EXPECT_EQ(kernel.calls(operation::bat_hash), 0U) << "dense";
+    const bat extents = make_extents({9, 5});
+    support::call_grouped(vask_grp_sum, values, map, extents);
+    support::call_grouped(vask_grp_sum, values, map, extents);
+    EXPECT_EQ(kernel.calls(operation::bat_hash), 1U) << "it stays for the next call";
+    // Dense by its marks, but of nils: stored oids count then.
+    const bat nil_base = make_extents({5, 9}, true, oid_nil);
+    const bat result = support::call_grouped(vask_grp_sum, values, map, nil_base);
+    EXPECT_EQ(kernel.calls(operation::bat_hash), 2U);
+    EXPECT_EQ(result.values<std::int64_t>()[0], 25);
+}
+
+TEST(GroupedFrame, AHashThatCannotBeBuiltIsFatal) {
+    const kernel_settings settings(1);
+    const bat values = one_to_ten();
+    const bat map = odd_and_even();
+    const bat extents = make_extents({9, 5});
+    watch kernel;
+    kernel.fail_at(operation::bat_hash, 1);
+    static std::string message;
+    const auto before = refkernel::set_fatal_handler([](const char *text) {
+        message = text;
+        return 0;
+    });
+    const bat result = support::call_grouped(vask_grp_sum, values, map, extents);
+    refkernel::set_fatal_handler(before);
+    EXPECT_EQ(message, std::string("HASHfnd_oid: hash build failed on ") +
+                           BBParr[extents.id() >> 16][extents.id() & 0xffff].logical_name + ".\n");
+    // A kernel that goes on sees the task end as for an unknown group.
+    EXPECT_TRUE(result.is_nil(0) && result.is_nil(1));
+}
+
+TEST(GroupedFrame, WithoutGroupsTheResultIsEmptyAndNothingIsRead) {
+    const bat values = one_to_ten();
+    const bat map = odd_and_even();
+    const bat none = make_extents({});
+    watch kernel;
+    const bat result = support::call_grouped(vask_grp_sum, values, map, none);
+    EXPECT_EQ(kernel.calls(operation::bat_access), 0U);
+    support::expect_grouped_shape(result, none, TYPE_lng, false);
+}
+
+TEST(GroupedFrame, FailuresNameTheWrapperAndReleaseEverything) {
+    const bat values = one_to_ten();
+    const bat map = odd_and_even();
+    const bat extents = make_extents({9, 5});
+    const bat text = refkernel::make_text_column(std::vector<std::string_view>(10, "a"));
+    const bat oids = odd_and_even();
+    const std::int32_t missing = 0;
+    const refkernel::checkpoint before;
+    const auto failure = [](const std::int32_t *b, const std::int32_t *g, const std::int32_t *e) {
+        std::int32_t slot = 77;
+        const auto exception = refkernel::take_exception(vask_grp_sum(&slot, b, g, e));
+        EXPECT_EQ(slot, 77) << "the slot stays as it was";
+        EXPECT_EQ(exception.place, "vask_grp_sum_wrapper");
+        return exception.text;
+    };
+    EXPECT_EQ(failure(&missing, map.slot(), extents.slot()), "Object not found");
+    EXPECT_EQ(failure(values.slot(), &missing, extents.slot()), "Object not found");
+    EXPECT_EQ(failure(values.slot(), map.slot(), &missing), "Object not found");
+    EXPECT_EQ(failure(text.slot(), map.slot(), extents.slot()), "operation failed");
+    EXPECT_EQ(failure(oids.slot(), map.slot(), extents.slot()), "operation failed");
+    watch kernel;
+    kernel.fail_at(operation::bat_new, 1);
+    EXPECT_EQ(failure(values.slot(), map.slot(), extents.slot()), "operation failed");
+    EXPECT_EQ(before.leaks(), "");
+}
+
+TEST(OidLookup, FindsTheFirstOfEqualOidsByArithmeticAndByHash) {
+    for (const support::grouped_shape &shape : support::grouped_shapes()) {
+        const support::grouped_inputs inputs(shape);
+        // The head of a view is searched in its own rows and answers with its own positions.
+        const BUN from = shape.groups / 3;
+        const bat view = refkernel::slice(inputs.extents, from, shape.groups - from);
+        const vask::oid_lookup lookup(*view.record());
+        const auto first = inputs.ids().begin() + from;
+        for (const oid v : inputs.ids()) {
+            const auto found = std::find(first, inputs.ids().end(), v);
+            ASSERT_EQ(lookup.find(v), found == inputs.ids().end()
+                                          ? NO_BUN
+                                          : static_cast<BUN>(found - inputs.ids().begin()))
+                << shape << ", oid " << v;
+        }
+        for (const oid v : {oid_nil, oid{1}, oid{999}, 1000 + shape.groups}) {
+            if (std::find(first, inputs.ids().end(), v) == inputs.ids().end()) {
+                ASSERT_EQ(lookup.find(v), NO_BUN) << shape << ", oid " << v;
+            }
+        }
+    }
+    // All nil: the arithmetic would answer, the rows do not.
+    const bat nils = refkernel::make_void_column(4, 0, {.seqbase = oid_nil});
+    EXPECT_EQ(vask::oid_lookup(*nils.record()).find(oid_nil + 1), NO_BUN);
+}
+
+} // namespace

@@ -1,0 +1,48 @@
+// The aggregates as one would write them down: over the values of a partition in row order, then
+// over the results of the partitions that had a value.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <type_traits>
+#include <vector>
+
+namespace plain {
+
+template <class T>
+struct sum {
+    using result = std::conditional_t<std::is_integral_v<T>, std::int64_t, T>;
+    template <class V>
+    static result of(const std::vector<V> &values) {
+        result total = 0;
+        for (const V v : values) {
+            if constexpr (std::is_integral_v<T>)
+                total = static_cast<result>(static_cast<std::uint64_t>(total) +
+                                            static_cast<std::uint64_t>(std::int64_t{v}));
+            else
+                total += v;
+        }
+        return total;
+    }
+    static result total(const std::vector<result> &partitions) { return of(partitions); }
+};
+
+//! The result over the rows of each partition, given their numbers; empty if there is no value.
+template <class Aggregate, class T>
+std::optional<typename Aggregate::result>
+result_of(const std::vector<std::vector<std::uint32_t>> &rows_of_partitions,
+          const std::vector<T> &values) {
+    std::vector<typename Aggregate::result> partitions;
+    for (const auto &rows : rows_of_partitions) {
+        std::vector<T> of_rows;
+        for (const std::uint32_t row : rows)
+            of_rows.push_back(values[row]);
+        if (!of_rows.empty())
+            partitions.push_back(Aggregate::of(of_rows));
+    }
+    if (partitions.empty())
+        return std::nullopt;
+    return Aggregate::total(partitions);
+}
+
+} // namespace plain
