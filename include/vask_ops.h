@@ -106,6 +106,48 @@ VASK_EXPORT char *vask_sum_dbl(void *result, const int32_t *bid);
 VASK_EXPORT char *vask_grp_sum(int32_t *result, const int32_t *bid, const int32_t *gid,
                                const int32_t *eid);
 
+/*
+ * Index containment: for each row of `left`, whether its value occurs anywhere
+ * in `right`. contained[i] becomes 1 if it does and 0 if not.
+ *
+ * Inputs: arrays of 32-bit values, compared as bare numbers. `contained` has
+ * room for left_count bytes; what it held does not matter. left_count must fit
+ * 32 bits.
+ * Nil: has no meaning here. A nil is contained when the same number occurs in
+ * `right`.
+ * Duplicates: in `left`, each row gets its answer; in `right`, they change
+ * nothing.
+ * Empty input: an empty `left` writes nothing. An empty `right` must be kept
+ * away by the caller: its rows are divided by the number of parts, the smaller
+ * of right_count and GDKnr_threads, and that division by 0 traps (SIGFPE). So
+ * does a GDKnr_threads of 0.
+ * Errors: none are reported. Memory comes from the process heap; running out of
+ * it throws std::bad_alloc.
+ * Method: a hash map over `left`, built by the caller's thread, probed by one
+ * task per part of `right`; linear in both.
+ */
+VASK_EXPORT void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count,
+                                               const uint32_t *right, uint64_t right_count,
+                                               int8_t *contained);
+
+/*
+ * The same for two BATs: a new BAT with a tail of type bit, 1 where the tail
+ * value of `left` occurs in the tail of `right`, row for row as in `left`.
+ *
+ * Inputs: tails of 32-bit elements, such as oid or int; their type is not
+ * checked. The rows of both must start at position 0: the arrays are read from
+ * the start of the column memory, whatever `first` says. The head of `right`
+ * plays no part.
+ * Result: read-only, marked unsorted and not unique. A void head of `left` gives
+ * a void head with the same seqbase, any other a view with the head of `left`.
+ * The caller owns the reference.
+ * Nil, duplicates, empty input: as above; `right` must not be empty.
+ * Errors: always null. A number that names no BAT, and a result that cannot be
+ * made, fault.
+ */
+VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32_t *left,
+                                                    const int32_t *right);
+
 #ifdef __cplusplus
 }
 #endif

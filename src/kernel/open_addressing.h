@@ -10,6 +10,7 @@
 // follows from the hash, the probing, the load limit and the growth from nothing by doubling.
 #pragma once
 
+#include "kernel/huge_pages.h"
 #include "kernel/isa.h"
 
 #include <algorithm>
@@ -71,6 +72,27 @@ public:
         clear_state(flags_.get(), bucket, empty | moved);
         ++size_;
         return {bucket, true};
+    }
+
+    //! Asks for the memory in which a look for the key will begin, to be there when it does.
+    VASK_ALWAYS_INLINE void prefetch(const key_type &key) const noexcept {
+        const std::uint32_t bucket = Keys::hash(key) & (bucket_count_ - 1);
+        __builtin_prefetch(flags_.get() + bucket / buckets_per_word);
+        __builtin_prefetch(keys_.get() + bucket);
+        if constexpr (!std::is_empty_v<Value>)
+            __builtin_prefetch(values_.get() + bucket);
+    }
+
+    //! Keys that a look for this one comes by that are not it: how far it is out of its place, or
+    //! what finding out that it is not there costs.
+    std::uint32_t detour(const key_type &key) const noexcept {
+        std::uint32_t met = 0;
+        probe(Keys::hash(key), bucket_count_ - 1, [&, this](std::uint32_t bucket) {
+            const bool ends = !in_use(bucket) || Keys::equal(this->key(bucket), key);
+            met += ends ? 0 : 1;
+            return ends;
+        });
+        return met;
     }
 
     //! Grows the table to `requested` buckets, rounded up to a power of two and at least 4. A table
@@ -140,6 +162,7 @@ private:
             throw std::bad_alloc();
         static_cast<void>(array.release());
         array.reset(static_cast<T *>(moved_to));
+        advise_huge_pages(moved_to, n * sizeof(T));
     }
 
     void place_again(std::uint32_t bucket, std::uint32_t *new_flags, std::uint32_t new_mask);
