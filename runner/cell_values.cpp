@@ -1,11 +1,12 @@
 #include "cell_values.h"
 
+#include "kernel/column.h"
+
 #include "refkernel/atoms.h"
 
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <cstring>
 
 #include <fast_float/fast_float.h>
 
@@ -24,16 +25,11 @@ std::string_view without_plus(std::string_view cell) {
 
 // The nil stands for "missing" and can be no value of a column.
 template <class T>
-bool is_nil(T value, int code) {
-    return std::memcmp(&value, BATatoms[code].atom_null, sizeof value) == 0;
-}
-
-template <class T>
 bool read_integer(std::string_view cell, int code, T &value) {
     cell = without_plus(cell);
     const char *const end = cell.data() + cell.size();
     const auto [stop, error] = std::from_chars(cell.data(), end, value);
-    return stop == end && error == std::errc{} && !is_nil(value, code);
+    return stop == end && error == std::errc{} && value != nil_of<T>(code);
 }
 
 template <class T>
@@ -41,7 +37,7 @@ bool read_decimal(std::string_view cell, int code, T &value) {
     cell = without_plus(cell);
     const char *const end = cell.data() + cell.size();
     const auto [stop, error] = fast_float::from_chars(cell.data(), end, value);
-    return stop == end && error == std::errc{} && !is_nil(value, code);
+    return stop == end && error == std::errc{} && value != nil_of<T>(code);
 }
 
 // Takes `digits` digits off the front of `text`; less than 0 when they are not there.

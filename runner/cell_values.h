@@ -55,7 +55,6 @@ decltype(auto) visit_cell_type(column_type type, F f) {
         case column_type::lng:
             return f(std::type_identity<lng>{});
         case column_type::dbl:
-            break;
         case column_type::str:
             break; // stored as an offset, not as a value
     }

@@ -37,8 +37,8 @@ result_cell cell_at(const void *value, column_type type) {
     });
 }
 
-std::function<result_cell(std::size_t)> cells_of(std::shared_ptr<const refkernel::bat> column,
-                                                 column_type type) {
+std::function<result_cell(std::size_t)>
+cells_of(const std::shared_ptr<const refkernel::bat> &column, column_type type) {
     const BAT &b = *column->record();
     const BUN first = b.info->first;
     if (type == column_type::str) {

@@ -77,7 +77,7 @@ public:
 
 private:
     // The library cannot be told to stop inside a block; small blocks end soon.
-    static constexpr std::size_t block_bytes = 64 * 1024;
+    static constexpr std::size_t block_bytes = std::size_t{64} << 10;
     static constexpr std::size_t field_buffer_step = 4096;
 
     // An exception must not pass through the library's frames: it is kept until they have returned.

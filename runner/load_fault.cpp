@@ -56,6 +56,17 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                        name_of(fitting == fault.type ? column_type::str : fitting));
 }
 
+// A quote that an earlier line left open is found out here only.
+std::string describe_stray_quote(const load_fault &fault, std::uint64_t line,
+                                 std::uint64_t record_line) {
+    return fmt::format(
+        "column {}: a quote inside a field that is not in quotes as a whole{}; put "
+        "the whole field in quotes and double the quotes in it, or give "
+        "--no-quotes to read quotes as ordinary characters",
+        fault.column + 1,
+        line == record_line ? "" : fmt::format(" (the record begins on line {})", record_line));
+}
+
 } // namespace
 
 std::uint64_t line_at(std::string_view text, std::size_t position) {
@@ -111,12 +122,9 @@ std::string describe(const load_fault &fault, const source_text &source, const c
         case load_fault::kind::bad_cell:
             return at_line(record_line(fault.column), describe_bad_cell(fault, header));
         case load_fault::kind::stray_quote:
-            return at_line(line_at(text, fault.position),
-                           fmt::format("column {}: a quote inside a field that is not in quotes as "
-                                       "a whole; put the whole field in quotes and double the "
-                                       "quotes in it, or give --no-quotes to read quotes as "
-                                       "ordinary characters",
-                                       fault.column + 1));
+            return at_line(
+                line_at(text, fault.position),
+                describe_stray_quote(fault, line_at(text, fault.position), record_line(no_field)));
         case load_fault::kind::open_quote:
             break;
     }

@@ -12,7 +12,9 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <new>
 
+#include <fmt/format.h>
 #include <tbb/global_control.h>
 
 namespace {
@@ -70,12 +72,12 @@ int main(int argc, char **argv) {
             run(*request);
         return 0;
     } catch (const user_error &error) {
-        std::fprintf(stderr, "vask: %s\n", error.what());
+        fmt::print(stderr, "vask: {}\n", error.what());
         return exit_user_error;
     } catch (const std::bad_alloc &) {
-        std::fputs("vask: out of memory\n", stderr);
+        fmt::print(stderr, "vask: out of memory\n");
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "vask: %s\n", error.what());
+        fmt::print(stderr, "vask: {}\n", error.what());
     }
     return exit_failed;
 }

@@ -22,7 +22,7 @@ progress_bar::progress_bar(std::uint64_t total)
 
 progress_bar::~progress_bar() {
     if (drawn_)
-        std::fputs(erase_line, stderr);
+        fmt::print(stderr, "{}", erase_line);
 }
 
 void progress_bar::draw(std::uint64_t done) {
@@ -32,7 +32,7 @@ void progress_bar::draw(std::uint64_t done) {
     fmt::print(stderr, "{}loading [{:<{}}] {:3}%", erase_line,
                std::string(static_cast<std::size_t>(share * width / total_), '#'), width,
                share * 100 / total_);
-    std::fflush(stderr);
+    (void)std::fflush(stderr);
     drawn_ = true;
 }
 

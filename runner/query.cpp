@@ -27,11 +27,12 @@ std::size_t edit_distance(std::string_view a, std::string_view b) {
 // The names a user may have meant, or all of them.
 std::string suggestion(const std::vector<std::string> &names, std::string_view wanted) {
     constexpr std::size_t most_listed = 30;
+    const bool unseparated = names.size() == 1 && names[0].find_first_of("\t;,|") != names[0].npos;
     const auto closest =
         std::min_element(names.begin(), names.end(), [&](const auto &a, const auto &b) {
             return edit_distance(a, wanted) < edit_distance(b, wanted);
         });
-    if (closest != names.end() && edit_distance(*closest, wanted) <= 2)
+    if (!unseparated && edit_distance(*closest, wanted) <= 2)
         return fmt::format("did you mean {}?", *closest);
     std::string list = fmt::format(
         "the columns are {}",
@@ -40,7 +41,6 @@ std::string suggestion(const std::vector<std::string> &names, std::string_view w
                   ", "));
     if (names.size() > most_listed)
         list += fmt::format(" and {} more", names.size() - most_listed);
-    const bool unseparated = names.size() == 1 && names[0].find_first_of("\t;,|") != names[0].npos;
     if (unseparated)
         list += "; is the separator another one? Give it with --sep";
     return list;

@@ -1,0 +1,161 @@
+// The command as its users see it: standard output, standard error, exit status.
+#include "temporary_file.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+namespace {
+
+struct outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+std::string quoted(const std::string &word) {
+    std::string result = "'";
+    for (const char c : word)
+        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
+outcome vask(const std::vector<std::string> &arguments, const std::string &input = "") {
+    const temporary_file in(input), out, err;
+    std::string command = "cat " + in.path() + " | " VASK_COMMAND;
+    for (const std::string &argument : arguments)
+        command.append(" ").append(quoted(argument));
+    const int status = std::system((command + " >" + out.path() + " 2>" + err.path()).c_str());
+    return {WEXITSTATUS(status), out.content(), err.content()};
+}
+
+bool holds(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+const std::string penguins = VASK_PENGUINS;
+
+TEST(Command, SumsOfThePenguins) {
+    const outcome sums = vask({penguins, "--agg", "sum(body_mass_g), sum( flipper_length_mm )",
+                               "--agg", "SUM(bill_depth_mm)", "--format", "csv"});
+    EXPECT_EQ(sums.status, 0);
+    EXPECT_EQ(sums.err, "");
+    const std::string titles = "sum(body_mass_g),sum( flipper_length_mm ),SUM(bill_depth_mm)\n";
+    ASSERT_TRUE(sums.out.starts_with(titles)) << sums.out;
+    // Added up from the same file by awk, which prints six digits.
+    int mass = 0, flipper = 0;
+    double depth = 0;
+    ASSERT_EQ(std::sscanf(sums.out.c_str() + titles.size(), "%d,%d,%lf", &mass, &flipper, &depth),
+              3);
+    EXPECT_EQ(mass, 1437000);
+    EXPECT_EQ(flipper, 68713);
+    EXPECT_NEAR(depth, 5865.7, 1e-8);
+}
+
+TEST(Command, FormatsAndInputs) {
+    const std::string csv = "x,y,z\n1,0.5,NA\n2,0.25,\n";
+    const std::string all = "sum(x),sum(y),sum(z)";
+    EXPECT_EQ(vask({"-", "--agg", all}, csv).out,
+              "sum(x)  sum(y)  sum(z)\n     3    0.75      NA\n");
+    EXPECT_EQ(vask({"-", "--agg", all, "--format", "csv"}, csv).out,
+              "sum(x),sum(y),sum(z)\n3,0.75,\n");
+    EXPECT_EQ(vask({"-", "--agg", all, "--format", "json"}, csv).out,
+              "[{\"sum(x)\":3,\"sum(y)\":0.75,\"sum(z)\":null}]\n");
+    const temporary_file tsv("a b\tc\n1\t2\n", ".tsv");
+    EXPECT_EQ(vask({"--agg", "sum(\"a b\"),sum(c)", "--format", "csv", tsv.path()}).out,
+              "\"sum(\"\"a b\"\")\",sum(c)\n1,2\n");
+    EXPECT_EQ(vask({"-", "--sep", "tab", "--names", "p,q", "--agg", "sum(q)"}, "1\t2\n3\t4").out,
+              "sum(q)\n     6\n");
+    EXPECT_EQ(vask({"-", "--header", "--agg", "sum(2020)"}, "2019,2020\n3,4\n").out,
+              "sum(2020)\n        4\n");
+    EXPECT_EQ(vask({"-", "--na", "-99", "--types", "x:flt", "--agg", "sum(x)"}, "x\n.1\n-99\n").out,
+              "sum(x)\n   0.1\n");
+    EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "x\n").out, "sum(x)\n    NA\n");
+}
+
+TEST(Command, SumsOfAllTypesAndThreads) {
+    std::string csv = "x\n";
+    for (int i = 0; i < 120'000; ++i)
+        csv += i % 10 == 0 ? "\n" : std::to_string(i % 100) + "\n"; // blank lines are no rows
+    for (const char *type : {"bte", "sht", "int", "lng", "flt", "dbl"})
+        for (const char *threads : {"1", "2", "7"}) {
+            const outcome sum = vask({"-", "--types", std::string("x:") + type, "--threads",
+                                      threads, "--agg", "sum(x)", "--format", "csv"},
+                                     csv);
+            EXPECT_EQ(sum.out, "sum(x)\n5400000\n") << type << ", " << threads << " threads";
+        }
+}
+
+TEST(Command, ExplainNamesCallsOnStandardError) {
+    std::string csv = "x,y,w\n";
+    for (int i = 0; i < 100'000; ++i)
+        csv += "1,2.5,t\n";
+    const outcome told = vask({"-", "--agg", "sum(y)", "--explain", "--threads", "2"}, csv);
+    EXPECT_EQ(told.out, "sum(y)\n250000\n");
+    EXPECT_TRUE(holds(told.err, "loaded 100000 rows")) << told.err;
+    EXPECT_TRUE(holds(told.err, "  y: dbl, 0 missing\n")) << told.err;
+    EXPECT_FALSE(holds(told.err, "  x: ")) << told.err; // not needed, so not loaded
+    EXPECT_TRUE(holds(told.err, "vask_sum_dbl(y): 100000 rows, 2 partitions, ")) << told.err;
+}
+
+TEST(Command, HelpAndVersion) {
+    const outcome help = vask({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(holds(help.out, "Examples:")) << help.out;
+    EXPECT_EQ(help.err, "");
+    const outcome version = vask({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(version.out.starts_with("vask ")) << version.out;
+}
+
+// Whatever is wrong: one message on standard error that says where and what to do, nothing on
+// standard output, exit status 2.
+TEST(Command, Mistakes) {
+    struct mistake {
+        std::vector<std::string> arguments;
+        std::string input;
+        std::vector<std::string> told;
+    };
+    const std::string agg = "--agg";
+    const std::vector<mistake> mistakes{
+        {{}, "", {"FILE", "--help"}},
+        {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format"}},
+        {{"-", agg, "sum(x)", "--threads", "0"}, "x\n1\n", {"--threads"}},
+        {{"-", agg, "sum(x)", "--sep", "ab"}, "x\n1\n", {"--sep", "ab"}},
+        {{"-", agg, "sum(x)", "--types", "x:number"}, "x\n1\n", {"--types", "number", "timestamp"}},
+        {{"-", agg, "sum(x)", "--types", "y:int"}, "x\n1\n", {"--types", "'y'", "did you mean x"}},
+        {{"-", agg, "sum(x"}, "x\n1\n", {"--agg", "')'"}},
+        {{"-", agg, "total(x)"}, "x\n1\n", {"no aggregate 'total'", "sum"}},
+        {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum takes one column"}},
+        {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
+        {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
+        {{"-", agg, "sum(b)"}, "a;b\n1;2\n", {"no column 'b'", "--sep"}},
+        {{"-", agg, "sum(x)"}, "x\n1\nabc\n", {"column 1 (x) is str", "'abc'", "line 3", "--na"}},
+        {{"-", agg, "sum(x)"}, "x,y\n1,2\n1\n", {"standard input:3: 1 field where", "has 2"}},
+        {{"-", agg, "sum(x)", "--types", "x:int"},
+         "x\n1\n1.5\n",
+         {":3: column 1 (x): '1.5'", "int"}},
+        {{"-", agg, "sum(x)"}, "", {"standard input: the file is empty"}},
+        {{"-", agg, "sum(x)"}, "\n\n", {"no header"}},
+        {{"-", agg, "sum(x)"}, "1,2\n3,4\n", {"only numbers", "--names", "--header"}},
+        {{"-", agg, "sum(x)"}, "x,y,x\n1,2,3\n", {"columns 1 and 3", "'x'"}},
+        {{"-", agg, "sum(x)"}, std::string("x\n\0\n", 4), {"NUL byte"}},
+        {{"-", agg, "sum(x)"}, "x,\"y\n1,2\n", {"does not end"}},
+        {{"/no/such/file", agg, "sum(x)"}, "", {"/no/such/file: cannot open", "No such file"}},
+        {{"/tmp", agg, "sum(x)"}, "", {"/tmp: is a directory"}},
+        {{"-", agg, "sum(x)", "--library", "/no/lib.so"}, "x\n1\n", {"/no/lib.so", "--library"}},
+    };
+    for (const mistake &each : mistakes) {
+        const outcome result = vask(each.arguments, each.input);
+        EXPECT_EQ(result.status, 2) << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(result.err.starts_with("vask: ")) << result.err;
+        for (const std::string &part : each.told)
+            EXPECT_TRUE(holds(result.err, part)) << part << " is not in " << result.err;
+    }
+}
+
+} // namespace

@@ -1,0 +1,46 @@
+#include "runner/name_list.h"
+
+#include "runner/user_error.h"
+
+#include <gtest/gtest.h>
+
+namespace vask::runner {
+namespace {
+
+TEST(NameList, AggregatesAsTheyWereWritten) {
+    const auto calls =
+        parse_aggregates(R"_( sum(v1) ,SUM( "unit, ""net"" (price)" ),quartile(bill length, 1) )_");
+    ASSERT_EQ(calls.size(), 3U);
+    EXPECT_EQ(calls[0].text, "sum(v1)");
+    EXPECT_EQ(calls[0].function, "sum");
+    EXPECT_EQ(calls[0].arguments[0].text, "v1");
+    EXPECT_FALSE(calls[0].arguments[0].quoted);
+    EXPECT_EQ(calls[1].text, R"_(SUM( "unit, ""net"" (price)" ))_");
+    EXPECT_EQ(calls[1].function, "sum");
+    EXPECT_EQ(calls[1].arguments[0].text, R"_(unit, "net" (price))_");
+    EXPECT_TRUE(calls[1].arguments[0].quoted);
+    ASSERT_EQ(calls[2].arguments.size(), 2U);
+    EXPECT_EQ(calls[2].arguments[0].text, "bill length");
+    EXPECT_EQ(calls[2].arguments[1].text, "1");
+}
+
+TEST(NameList, NamesAndAssignments) {
+    EXPECT_EQ(parse_names(R"(a, "b, c" ,d e)", "--names"),
+              (std::vector<std::string>{"a", "b, c", "d e"}));
+    using pairs = std::vector<std::pair<std::string, std::string>>;
+    EXPECT_EQ(parse_assignments(R"(a:int,x:y : str,"b, c":dbl)", "--types"),
+              (pairs{{"a", "int"}, {"x:y", "str"}, {"b, c", "dbl"}}));
+}
+
+TEST(NameList, MistakesAreTold) {
+    for (const char *bad : {"", "sum", "sum(", "sum()", "sum(a", "sum(a)b", "sum(a),", ",sum(a)",
+                            "(a)", "sum(a,)", "sum(\"a)", "sum(\"a\"b)"})
+        EXPECT_THROW(parse_aggregates(bad), user_error) << bad;
+    for (const char *bad : {"", "a,", ",a", "\"a", "\"a\"b"})
+        EXPECT_THROW(parse_names(bad, "--names"), user_error) << bad;
+    for (const char *bad : {"", "a", "a:int,b", "\"a\"int"})
+        EXPECT_THROW(parse_assignments(bad, "--types"), user_error) << bad;
+}
+
+} // namespace
+} // namespace vask::runner
