@@ -45,10 +45,47 @@ bool widen_offsets(column &c, std::uint32_t offset, bool copy_all) noexcept {
     return true;
 }
 
+// One value as the bits of an integer of its width, without a call.
+template <class Bits>
+Bits bits_of(const void *value) noexcept {
+    Bits bits;
+    std::memcpy(&bits, value, sizeof bits);
+    return bits;
+}
+
+template <class Bits>
+bool copy_and_test_nil(void *place, const void *value, const BATatom &atom) noexcept {
+    const Bits bits = bits_of<Bits>(value);
+    std::memcpy(place, &bits, sizeof bits);
+    return bits == bits_of<Bits>(atom.atom_null);
+}
+
+// Copies a fixed-width value; whether it is the nil. The kernel's own types have
+// a nil that no other bits are equal to; a user atom is asked.
+bool copy_value(const BATcol &c, void *place, const void *value) noexcept {
+    const BATatom &atom = BATatoms[c.type];
+    bool nil = false;
+    switch (c.width) {
+        case 1:
+            nil = copy_and_test_nil<std::uint8_t>(place, value, atom);
+            break;
+        case 2:
+            nil = copy_and_test_nil<std::uint16_t>(place, value, atom);
+            break;
+        case 4:
+            nil = copy_and_test_nil<std::uint32_t>(place, value, atom);
+            break;
+        default:
+            nil = copy_and_test_nil<std::uint64_t>(place, value, atom);
+    }
+    return c.type <= TYPE_str ? nil : is_nil_value(c, value);
+}
+
 // Marks stay only as far as the new row bears them out. They are dropped, not
 // set: an empty column bears none either.
-void update_marks(column &c, const BATinfo &info, BUN position, const void *value) noexcept {
-    if (is_nil_value(c, value)) {
+void update_marks(column &c, const BATinfo &info, BUN position, const void *value,
+                  bool nil) noexcept {
+    if (nil) {
         c.nil = 1;
         c.nonil = 0;
     }
@@ -71,9 +108,9 @@ void update_marks(column &c, const BATinfo &info, BUN position, const void *valu
 // Room is there; false when the heap runs out.
 bool store_value(column &c, const BATinfo &info, BUN position, const void *value) noexcept {
     const BATatom &atom = BATatoms[c.type];
-    update_marks(c, info, position, value);
     c.free += static_cast<std::uint64_t>(c.width);
     if (c.varsized) {
+        update_marks(c, info, position, value, is_nil_value(c, value));
         std::uint32_t offset = 0;
         if (atom.atom_put(c.vheap, &offset, value, &c) == 0 || !widen_offsets(c, offset, false)) {
             return false;
@@ -84,7 +121,7 @@ bool store_value(column &c, const BATinfo &info, BUN position, const void *value
     if (atom.atom_fix != nullptr) {
         atom.atom_fix(value);
     }
-    std::memcpy(element_place(c, position), value, static_cast<std::size_t>(atom.atom_size));
+    update_marks(c, info, position, value, copy_value(c, element_place(c, position), value));
     return true;
 }
 
