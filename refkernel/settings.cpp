@@ -1,5 +1,5 @@
-// The settings that operators read. Their defaults are for machines of a few to
-// some tens of cores; docs/ says how they were measured.
+// The settings that operators read; docs/reference-kernel.md gives the reasons
+// of their defaults.
 #include "refkernel/contract.h"
 
 #include <algorithm>
