@@ -4,6 +4,7 @@
 #include "refkernel/nil.h"
 
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -23,8 +24,8 @@ int compare(const void *left, const void *right) {
     const T a = *static_cast<const T *>(left);
     const T b = *static_cast<const T *>(right);
     if constexpr (std::floating_point<T>) {
-        const bool a_is_nan = a != a;
-        const bool b_is_nan = b != b;
+        const bool a_is_nan = std::isnan(a);
+        const bool b_is_nan = std::isnan(b);
         if (a_is_nan || b_is_nan) {
             return static_cast<int>(a_is_nan) - static_cast<int>(b_is_nan);
         }

@@ -79,7 +79,6 @@ namespace {
 using refkernel::bat_entry;
 using refkernel::column;
 using refkernel::column_of;
-using refkernel::entry_of;
 
 // A column of all rows of another, which starts at position 0, as the wanted
 // type: its own, or stored oids for a void column.

@@ -36,7 +36,7 @@ struct column : BATcol {
     // Columns of the same number are aligned row by row; 0: with no other.
     std::uint64_t alignment = 0;
 
-    column() noexcept : BATcol{} {}
+    column() noexcept { static_cast<BATcol &>(*this) = {}; }
     column(const column &) = delete;
     column &operator=(const column &) = delete;
     ~column() { drop_hash(); }

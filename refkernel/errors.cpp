@@ -3,12 +3,13 @@
 #include "refkernel/instrumentation.h"
 #include "refkernel/memory.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <utility>
 
 using refkernel::instrumentation::enter;
@@ -30,16 +31,13 @@ std::string formatted(const char *format, va_list arguments) {
     if (format == nullptr) {
         return {};
     }
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (length <= 0) {
+    char *printed = nullptr;
+    const int length = vasprintf(&printed, format, arguments);
+    if (length < 0) {
         return {};
     }
-    std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
+    const std::unique_ptr<char, decltype(&std::free)> owner(printed, std::free);
+    return {printed, static_cast<std::size_t>(length)};
 }
 
 } // namespace
@@ -52,13 +50,18 @@ void record_error(const char *format, ...) {
 }
 
 char *make_exception(const char *place, const char *text) {
-    const std::size_t place_length = std::strlen(place);
-    const std::size_t text_length = std::strlen(text);
-    auto *message = static_cast<char *>(memory::allocate(place_length + text_length + 2));
+    const std::string_view parts[] = {place, ":", text};
+    std::size_t length = 1;
+    for (const std::string_view part : parts) {
+        length += part.size();
+    }
+    auto *message = static_cast<char *>(memory::allocate(length));
     if (message != nullptr) {
-        std::memcpy(message, place, place_length);
-        message[place_length] = ':';
-        std::memcpy(message + place_length + 1, text, text_length + 1);
+        char *end = message;
+        for (const std::string_view part : parts) {
+            end = std::copy(part.begin(), part.end(), end);
+        }
+        *end = '\0';
     }
     return message;
 }
@@ -127,9 +130,9 @@ int GDKfatal(const char *format, ...) {
     if (const auto handler = refkernel::installed_handler.load()) {
         return handler(text.c_str());
     }
-    std::fflush(stdout);
-    std::fprintf(stderr, "fatal: %s", text.c_str());
-    std::fflush(stderr);
+    static_cast<void>(std::fflush(stdout));
+    static_cast<void>(std::fprintf(stderr, "fatal: %s", text.c_str()));
+    static_cast<void>(std::fflush(stderr));
     std::_Exit(EXIT_FAILURE);
 }
 

@@ -170,6 +170,10 @@ public:
 //! What BATaccess reports.
 void note_access(int32_t bat_id, int what, int load);
 
+//! Takes a BAT's records out of BBParr, as if it were not in memory, until
+//! BBPdescriptor is called for it; the BAT itself stays. False for a number not in use.
+REFKERNEL_API bool unload(int32_t id);
+
 //! Makes every BATsetaccess give back another BAT than its argument, as the contract allows.
 REFKERNEL_API void replace_on_setaccess(bool on);
 [[nodiscard]] bool replaces_on_setaccess();

@@ -2,7 +2,6 @@
 
 #include "refkernel/instrumentation.h"
 
-#include <cstdlib>
 #include <deque>
 #include <mutex>
 #include <new>
@@ -36,7 +35,7 @@ constexpr std::size_t resting_numbers = 4096;
 
 struct bat_pool {
     std::mutex lock;
-    std::array<bat_entry **, chunks> entries{};
+    std::array<std::unique_ptr<bat_entry *[]>, chunks> entries;
     std::deque<std::int32_t> resting;
     std::int32_t next = 1;
     usage used{};
@@ -45,16 +44,11 @@ struct bat_pool {
 
     void add_chunk() {
         const auto at = static_cast<std::size_t>(BBPsize / chunk_records);
-        // Zero pages that cost nothing until their numbers are used.
-        auto *records = static_cast<BBPrec *>(std::calloc(chunk_records, sizeof(BBPrec)));
-        auto **slots = static_cast<bat_entry **>(std::calloc(chunk_records, sizeof(bat_entry *)));
-        if (records == nullptr || slots == nullptr || at == entries.size()) {
-            std::free(records);
-            std::free(slots);
+        if (at == entries.size()) {
             throw std::bad_alloc();
         }
-        BBParr[at] = records;
-        entries[at] = slots;
+        entries[at] = std::make_unique<bat_entry *[]>(chunk_records);
+        BBParr[at] = new BBPrec[chunk_records]{};
         std::atomic_ref(BBPsize).store(static_cast<std::int32_t>(at + 1) * chunk_records,
                                        std::memory_order_release);
     }
@@ -189,19 +183,6 @@ void keep(std::int32_t id) noexcept {
     }
 }
 
-bool unload(std::int32_t id) noexcept {
-    bat_pool &pool = the_pool();
-    const std::lock_guard guard(pool.lock);
-    bat_entry *entry = pool.entry(id);
-    if (entry == nullptr) {
-        return false;
-    }
-    BBPrec &record = pool.record(entry->desc.bat_id);
-    record.desc = nullptr;
-    record.desc_mirror = nullptr;
-    return true;
-}
-
 BAT *load(std::int32_t id) noexcept {
     bat_pool &pool = the_pool();
     const std::lock_guard guard(pool.lock);
@@ -234,6 +215,20 @@ std::vector<live_bat> live_bats() {
 }
 
 } // namespace pool
+
+bool instrumentation::unload(std::int32_t id) {
+    pool::bat_pool &pool = pool::the_pool();
+    const std::lock_guard guard(pool.lock);
+    bat_entry *entry = pool.entry(id);
+    if (entry == nullptr) {
+        return false;
+    }
+    BBPrec &record = pool.record(entry->desc.bat_id);
+    record.desc = nullptr;
+    record.desc_mirror = nullptr;
+    return true;
+}
+
 } // namespace refkernel
 
 using refkernel::instrumentation::enter;

@@ -82,9 +82,7 @@ void drop_reference(std::int32_t id, reference kind) noexcept;
 //! The creator's reference becomes a logical one.
 void keep(std::int32_t id) noexcept;
 
-//! Takes the cached records out of BBParr, as for a BAT that is not in memory;
-//! BBPdescriptor brings them back. False if the number is not in use.
-bool unload(std::int32_t id) noexcept;
+//! Puts the records of a number in use back into BBParr and gives the one asked for.
 BAT *load(std::int32_t id) noexcept;
 
 struct usage {

@@ -154,6 +154,22 @@ TEST_F(Pool, RecordsLieWhereOperatorsInCLookForThem) {
     EXPECT_EQ(sum_of_appended_in_c(1000), 3 * 999 * 1000 / 2);
 }
 
+TEST_F(Pool, ABatThatIsNotInMemoryIsLoadedByItsDescriptor) {
+    const bat b = make_column<int32_t>(std::vector{1, 2});
+    BAT *record = b.record();
+    for (const int32_t id : {b.id(), -b.id()}) {
+        ASSERT_TRUE(instrumentation::unload(id));
+        const BBPrec &slot = BBParr[b.id() >> 16][b.id() & 0xffff];
+        EXPECT_TRUE(slot.desc == nullptr && slot.desc_mirror == nullptr);
+        BAT *loaded = fetch(id);
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_EQ(loaded->bat_id, id);
+        EXPECT_EQ(slot.desc, record);
+        BBPreleaseref(id);
+    }
+    EXPECT_FALSE(instrumentation::unload(b.id() + 1));
+}
+
 TEST_F(Pool, ManyThreadsMakeHoldAndDropBats) {
     const bat shared = make_column<int32_t>(std::vector{1, 2, 3});
     std::vector<std::thread> threads;
