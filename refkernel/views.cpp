@@ -48,9 +48,45 @@ bool is_countable(const BATcol &c) {
 }
 
 } // namespace
+
+void align_heads(column &mine, column &other) noexcept {
+    // A void head says which row is which by its seqbase alone.
+    if (is_void(mine) && is_dense(other) && mine.seqbase != other.seqbase) {
+        mine.seqbase = other.seqbase;
+        set_void_marks(mine);
+        mine.drop_hash();
+    }
+    // Operators that run at the same time may all align with one BAT.
+    const std::atomic_ref group(other.alignment);
+    std::uint64_t number = group.load(std::memory_order_relaxed);
+    if (number == 0) {
+        const std::uint64_t fresh = next_alignment.fetch_add(1, std::memory_order_relaxed);
+        if (group.compare_exchange_strong(number, fresh, std::memory_order_relaxed)) {
+            number = fresh;
+        }
+    }
+    mine.alignment = number;
+}
+
+bool heads_are_aligned(const BAT &a, const BAT &b) noexcept {
+    const column &mine = column_of(a.head);
+    const column &other = column_of(b.head);
+    if (a.info->count != b.info->count) {
+        return false;
+    }
+    if (mine.alignment != 0 && mine.alignment == other.alignment) {
+        return true;
+    }
+    if (is_countable(mine) && is_countable(other)) {
+        return mine.seqbase == other.seqbase;
+    }
+    // Views over the same stored head.
+    return !is_void(mine) && !is_void(other) &&
+           element_place(mine, a.info->first) == element_place(other, b.info->first);
+}
+
 } // namespace refkernel
 
-using refkernel::column;
 using refkernel::column_of;
 
 BAT *VIEWcreate(BAT *a, BAT *b) {
@@ -68,7 +104,7 @@ BAT *VIEWcombine(BAT *b) {
         return nullptr;
     }
     return refkernel::or_null("VIEWcombine", [&] {
-        const column &head = column_of(b->head);
+        const refkernel::column &head = column_of(b->head);
         return refkernel::make_view(b, head, b, head, b->info->first, b->info->first,
                                     b->info->count);
     });
@@ -78,25 +114,7 @@ int ALIGNsetH(BAT *a, BAT *b) {
     if (enter(operation::align_seth, a, b)) {
         return 0;
     }
-    column &mine = column_of(a->head);
-    column &other = column_of(b->head);
-    // A void head says which row is which by its seqbase alone.
-    if (refkernel::is_void(mine) && refkernel::is_dense(other) && mine.seqbase != other.seqbase) {
-        mine.seqbase = other.seqbase;
-        refkernel::set_void_marks(mine);
-        mine.drop_hash();
-    }
-    // Operators that run at the same time may all align with one BAT.
-    const std::atomic_ref group(other.alignment);
-    std::uint64_t number = group.load(std::memory_order_relaxed);
-    if (number == 0) {
-        const std::uint64_t fresh =
-            refkernel::next_alignment.fetch_add(1, std::memory_order_relaxed);
-        if (group.compare_exchange_strong(number, fresh, std::memory_order_relaxed)) {
-            number = fresh;
-        }
-    }
-    mine.alignment = number;
+    refkernel::align_heads(column_of(a->head), column_of(b->head));
     return 1;
 }
 
@@ -104,19 +122,5 @@ int ALIGNsynced(BAT *a, BAT *b) {
     if (enter(operation::align_synced, a, b)) {
         return 0;
     }
-    const column &mine = column_of(a->head);
-    const column &other = column_of(b->head);
-    if (a->info->count != b->info->count) {
-        return 0;
-    }
-    if (mine.alignment != 0 && mine.alignment == other.alignment) {
-        return 1;
-    }
-    if (refkernel::is_countable(mine) && refkernel::is_countable(other)) {
-        return mine.seqbase == other.seqbase;
-    }
-    // Views over the same stored head.
-    return !refkernel::is_void(mine) && !refkernel::is_void(other) &&
-           refkernel::element_place(mine, a->info->first) ==
-               refkernel::element_place(other, b->info->first);
+    return refkernel::heads_are_aligned(*a, *b) ? 1 : 0;
 }

@@ -277,7 +277,8 @@ BAT *BATjoin(BAT *l, BAT *r, BUN estimate);
 char *GRPgroup(int32_t *histogram, int32_t *map, const int32_t *input);
 char *GRPderive(int32_t *histogram, int32_t *map, const int32_t *extents, const int32_t *group_map,
                 const int32_t *input);
-/* Serial grouped count of non-nil values. */
+/* Serial grouped count: the rows of values, by the group of their head oid in
+ * the map. Every row counts, one with a nil like any other. */
 char *AX3aggrX3_count3Nils(int32_t *result, const int32_t *values, const int32_t *group_map,
                            const int32_t *extents);
 
