@@ -148,6 +148,51 @@ VASK_EXPORT void vaskops_are_indexes_contained(const uint32_t *left, uint64_t le
 VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32_t *left,
                                                     const int32_t *right);
 
+/*
+ * Groups the rows of a column by equal tail value.
+ *
+ * Input: *bid, a column with a void or oid head and any tail.
+ * Results, two new BATs, owned by whoever receives the numbers:
+ *   *retbid    the map: one row per input row, at its place and under its head
+ *              (a void head stays void); tail oid, the id of the row's group
+ *   *rethisto  the extents: one row per group; head oid, the group's id, each
+ *              once; tail wrd, the number of rows in the group
+ * The id of a group is the head value of one of its rows, not a running number:
+ * of the first one, and on a dense head of the smallest, which is the same. The
+ * extents stand in order of first occurrence; on a dense head that is the order
+ * of the ids. The map's tail is marked key when every row is a group.
+ *
+ * Nil: the rows that are nil are a group.
+ * NaN, -0.0: where few distinct values are expected, floats are one group when
+ * their bits are the same, so 0.0 and -0.0 are two groups and equal NaNs one.
+ * Where many are expected, they are compared as numbers: 0.0 and -0.0 are one
+ * group, and a NaN ends in "operation failed".
+ * Empty: as the kernel's GRPgroup has it.
+ *
+ * Which way: a tail marked key and a column of at most
+ * GDKgroup_algo_select_vask_size rows go to GRPgroup, its result is the result.
+ * So does a column on one thread, unless of texts, flt or dbl. Texts are hashed.
+ * Of other columns a sample of GDKgroup_algo_select_sample_size rows is grouped:
+ * up to GDKgroup_algo_select_uniqueness_thresh groups, the column is hashed, with
+ * more it is sorted if its head is dense and left to GRPgroup if not. Columns
+ * whose rows do not begin at position 0 are not hashed but left to GRPgroup. The
+ * three settings are read once in the life of the process.
+ *
+ * Errors, place "group.vask_new": "Object not found"; "operation failed to
+ * sample BAT"; "could not allocate space for grp BAT" (or "ext BAT"); "operation
+ * failed" for a tail that has no such road (void, and types stored as text but
+ * str itself where many groups are expected), and for extents that cannot grow.
+ * Place "group.VASKgroup": "Explicit type required(v)oid head required\n" for
+ * any other head, only found out where GRPgroup is not asked; this one leaves the
+ * input's reference and both new BATs behind. Allocation failures in between
+ * leave as C++ exceptions, with the same behind them.
+ * Trace: one line at the start and one at the end with bit 21 of GDKdebug.
+ *
+ *   int32_t extents, map;
+ *   char *exception = VASKgroup(&extents, &map, &bid);
+ */
+VASK_EXPORT char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid);
+
 #ifdef __cplusplus
 }
 #endif

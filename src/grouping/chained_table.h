@@ -7,6 +7,8 @@
 //   has(key)               whether the entry is the key's
 //   first_oid, count       head value of the key's first row, rows seen with the key
 //   chain                  the next entry of the bucket, NO_BUN at the end
+//   hashed                 optional: hash(key()), set by whoever makes the entry. For keys whose
+//                          hash is dear; keys of other hashes are then not compared either.
 #pragma once
 
 #include "kernel/bat.h"
@@ -14,8 +16,8 @@
 #include "kernel/isa.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
+#include <cstdint>
 #include <utility>
 
 namespace vask {
@@ -27,6 +29,11 @@ constexpr std::uint32_t covering_mask(std::uint64_t n) noexcept {
 
 //! Entries are never removed. Not thread-safe while it grows: one writer at a time; any number of
 //! readers once it stands. Throws bad_allocation when the kernel has no memory left.
+//!
+//! There is memory for `mask` + 1 buckets from the start, but no more of them are in use than the
+//! entries call for. With a mask that comes from the number of rows, as texts and floats have it,
+//! the buckets of 1e7 rows take 64 MiB: filling them and missing the caches in them costs more
+//! than grouping the rows.
 template <class Entry>
 class vask_chained_table {
 public:
@@ -39,9 +46,10 @@ public:
 
     //! `mask` + 1, a power of two, buckets and room for `capacity` entries.
     explicit vask_chained_table(std::uint32_t mask, std::size_t capacity = default_capacity)
-        : mask_(mask), page_shift_(bucket_page_shift(mask)) {
+        : mask_(mask) {
         entries_.reserve(capacity);
         buckets_ = gdk_allocate<std::uint32_t>(std::size_t{mask} + 1);
+        use_buckets(std::min(mask, default_mask));
     }
 
     vask_chained_table(vask_chained_table &&other) noexcept
@@ -49,9 +57,8 @@ public:
           buckets_(std::exchange(other.buckets_, nullptr)),
           next_entry_(other.next_entry_),
           mask_(other.mask_),
-          last_bucket_(other.last_bucket_),
-          page_shift_(other.page_shift_),
-          page_filled_(other.page_filled_) {}
+          used_mask_(other.used_mask_),
+          last_bucket_(other.last_bucket_) {}
 
     //! Takes over another table's memory. The target's own buckets are not given back, and that is
     //! intended: they stay allocated until the process ends.
@@ -60,9 +67,8 @@ public:
         buckets_ = std::exchange(other.buckets_, nullptr);
         next_entry_ = other.next_entry_;
         mask_ = other.mask_;
+        used_mask_ = other.used_mask_;
         last_bucket_ = other.last_bucket_;
-        page_shift_ = other.page_shift_;
-        page_filled_ = other.page_filled_;
         return *this;
     }
 
@@ -74,34 +80,55 @@ public:
 
     //! The entry of a key, null if there is none; an insert of that key may follow.
     VASK_ALWAYS_INLINE Entry *probe(const key_type &key) noexcept {
-        last_bucket_ = Entry::hash(key) & mask_;
-        fill_page_of(last_bucket_);
+        return probe(key, Entry::hash(key));
+    }
+
+    //! The same with the key's hash at hand.
+    VASK_ALWAYS_INLINE Entry *probe(const key_type &key, std::uint32_t hash) noexcept {
+        last_bucket_ = hash & used_mask_;
         for (std::uint32_t i = buckets_[last_bucket_]; i != NO_BUN; i = entries_[i].chain)
-            if (entries_[i].has(key))
+            if (is_entry_of(entries_[i], key, hash))
                 return &entries_[i];
         return nullptr;
     }
 
+    //! Asks the processor for the bucket of a hash that will be probed soon.
+    VASK_ALWAYS_INLINE void prefetch(std::uint32_t hash) const noexcept {
+        __builtin_prefetch(buckets_ + (hash & used_mask_));
+    }
+
     //! Adds the entry of the key that the last probe did not find, in front of its chain, and gives
     //! its number.
-    std::uint32_t insert(Entry entry) {
-        entry.chain = buckets_[last_bucket_];
-        buckets_[last_bucket_] = next_entry_;
+    std::uint32_t insert(const Entry &entry) {
+        if (next_entry_ > used_mask_ && used_mask_ != mask_) {
+            use_buckets(std::min<std::uint64_t>(std::uint64_t{used_mask_} * widening, mask_));
+            last_bucket_ = hash_of(entry) & used_mask_;
+        }
         entries_.push_back(entry);
+        link(next_entry_, last_bucket_);
         return next_entry_++;
+    }
+
+    //! Adds an entry that no probe will find, and gives its number: for a key that is equal to
+    //! nothing.
+    std::uint32_t append(const Entry &entry) {
+        entries_.push_back(entry);
+        entries_[next_entry_].chain = in_no_chain;
+        return next_entry_++;
+    }
+
+    //! The number of an entry, by which chains and others refer to it.
+    std::uint32_t number_of(const Entry *entry) const noexcept {
+        return static_cast<std::uint32_t>(entry - entries_.begin());
     }
 
     //! The group id of a key that is known to be present: there is no answer for any other.
     VASK_ALWAYS_INLINE oid find(const key_type &key) const noexcept {
-        std::uint32_t i = buckets_[Entry::hash(key) & mask_];
-        while (!entries_[i].has(key))
+        const std::uint32_t hash = Entry::hash(key);
+        std::uint32_t i = buckets_[hash & used_mask_];
+        while (!is_entry_of(entries_[i], key, hash))
             i = entries_[i].chain;
         return entries_[i].first_oid;
-    }
-
-    //! Asks the processor for the bucket of a key that will be probed soon.
-    VASK_ALWAYS_INLINE void prefetch(const key_type &key) const noexcept {
-        __builtin_prefetch(buckets_ + (Entry::hash(key) & mask_));
     }
 
     //! Gives the buckets back early; the entries stay. Neither probe nor find may follow.
@@ -111,41 +138,47 @@ public:
     }
 
 private:
-    // Buckets are filled with NO_BUN page by page, when a page is first probed: with a mask from
-    // the number of rows, as texts and floats have it, filling the three tables of 1e7 rows on two
-    // threads at once costs as much time as grouping them does.
-    static constexpr unsigned max_pages = 4096;
-    static constexpr unsigned smallest_page_shift = 10;
+    // Each widening links all entries again, which with this factor is about once per entry.
+    static constexpr unsigned widening = 8;
+    // Differs from every entry's number and from the end of a chain.
+    static constexpr BUN in_no_chain = NO_BUN + 1;
 
-    static constexpr unsigned bucket_page_shift(std::uint32_t mask) noexcept {
-        constexpr unsigned page_bits = std::bit_width(max_pages - 1);
-        const auto mask_bits = static_cast<unsigned>(std::bit_width(mask));
-        return std::max(smallest_page_shift, mask_bits - std::min(mask_bits, page_bits));
+    static constexpr bool keeps_hash = requires(Entry entry) { entry.hashed; };
+
+    static std::uint32_t hash_of(const Entry &entry) noexcept {
+        if constexpr (keeps_hash)
+            return entry.hashed;
+        else
+            return Entry::hash(entry.key());
     }
 
-    VASK_ALWAYS_INLINE void fill_page_of(std::uint32_t bucket) noexcept {
-        const std::uint32_t page = bucket >> page_shift_;
-        const std::uint64_t bit = std::uint64_t{1} << (page % 64);
-        if ((page_filled_[page / 64] & bit) == 0) [[unlikely]] {
-            page_filled_[page / 64] |= bit;
-            fill_page(page);
-        }
+    VASK_ALWAYS_INLINE static bool is_entry_of(const Entry &entry, const key_type &key,
+                                               [[maybe_unused]] std::uint32_t hash) noexcept {
+        if constexpr (keeps_hash)
+            return entry.hashed == hash && entry.has(key);
+        else
+            return entry.has(key);
     }
 
-    void fill_page(std::uint32_t page) noexcept {
-        const std::size_t begin = std::size_t{page} << page_shift_;
-        const std::size_t end =
-            std::min(begin + (std::size_t{1} << page_shift_), std::size_t{mask_} + 1);
-        std::fill(buckets_ + begin, buckets_ + end, std::uint32_t{NO_BUN});
+    //! Spreads the entries over the buckets 0 .. mask.
+    void use_buckets(std::uint64_t mask) noexcept {
+        used_mask_ = covering_mask(mask);
+        std::fill_n(buckets_, std::size_t{used_mask_} + 1, std::uint32_t{NO_BUN});
+        for (std::uint32_t i = 0; i < next_entry_; ++i)
+            if (entries_[i].chain != in_no_chain)
+                link(i, hash_of(entries_[i]) & used_mask_);
+    }
+
+    void link(std::uint32_t entry, std::uint32_t bucket) noexcept {
+        entries_[entry].chain = std::exchange(buckets_[bucket], entry);
     }
 
     gdk_vector<Entry> entries_;
     std::uint32_t *buckets_ = nullptr; // first entry of each chain
     std::uint32_t next_entry_ = 0;     // always the number of entries
     std::uint32_t mask_;
+    std::uint32_t used_mask_ = 0;   // of the buckets in use, at most mask_
     std::uint32_t last_bucket_ = 0; // of the last probe, for the insert that may follow
-    unsigned page_shift_;
-    std::array<std::uint64_t, max_pages / 64> page_filled_{};
 };
 
 } // namespace vask

@@ -17,6 +17,7 @@ struct vask_group_entry {
     oid first_oid;
     lng count;
     BUN chain;
+    std::uint32_t hashed; // fills what would be padding
 
     const T &key() const noexcept { return value; }
 

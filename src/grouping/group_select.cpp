@@ -1,0 +1,80 @@
+#include "grouping/group_select.h"
+
+#include "kernel/column.h"
+#include "kernel/frame.h"
+
+namespace vask {
+
+namespace {
+
+//! Drops the fetched and the creator's reference of a BAT that the kernel made for us.
+void drop(std::int32_t id) {
+    BBPdecref(id, 0);
+    BBPdecref(id, 1);
+}
+
+//! The hash road of a column: its ranges are laid out for rows that begin at position 0, so any
+//! other column is the serial operator's.
+vask_group_strategy hash_road(const BAT &b) noexcept {
+    return b.info->first == 0 ? VASK_GROUP_HASH : VASK_GROUP_SERIAL;
+}
+
+//! The road of a column with few or many groups in its sample. The sort road finds a row's place
+//! from its oid by arithmetic, which takes a dense head of proper oids.
+vask_group_strategy road_of_sample(const BAT &b, bool many_groups) noexcept {
+    if (!many_groups)
+        return hash_road(b);
+    return is_dense(*b.head) && b.head->seqbase != oid_nil ? VASK_GROUP_SORT : VASK_GROUP_SERIAL;
+}
+
+//! Counts the groups of a sample; false when that fails. The exception string of a failed GRPgroup
+//! is dropped as it is: the caller reports a failure of its own.
+bool count_groups(BAT *sample, BUN &groups) {
+    std::int32_t histogram_id = int_nil;
+    std::int32_t map_id = int_nil;
+    // A BAT's number is its record's first field, so its address is that of a number variable.
+    if (GRPgroup(&histogram_id, &map_id, &sample->bat_id) != nullptr)
+        return false;
+    BAT *histogram = vask_descriptor(histogram_id);
+    if (histogram == nullptr)
+        return false;
+    BAT *map = vask_descriptor(map_id);
+    if (map == nullptr) {
+        drop(histogram_id);
+        return false;
+    }
+    groups = histogram->info->count;
+    drop(map_id);
+    drop(histogram_id);
+    return true;
+}
+
+} // namespace
+
+vask_group_strategy vask_group_select(BAT *b) {
+    static const std::uint32_t sample_size = GDKgroup_algo_select_sample_size;
+    static const std::uint32_t vask_size = GDKgroup_algo_select_vask_size;
+    static const std::uint32_t uniqueness_thresh = GDKgroup_algo_select_uniqueness_thresh;
+
+    const BATcol &tail = *b->tail;
+    if (tail.key != 0 || b->info->count <= vask_size)
+        return VASK_GROUP_SERIAL;
+    // By type and not by storage: a user atom that is stored as text is sampled.
+    if (tail.type == TYPE_str)
+        return hash_road(*b);
+    // One thread gains nothing over the serial operator, but on floats.
+    if (GDKnr_threads == 1 && tail.type != TYPE_flt && tail.type != TYPE_dbl)
+        return VASK_GROUP_SERIAL;
+
+    BAT *sample = BATsample(b, sample_size);
+    if (sample == nullptr)
+        return VASK_GROUP_FAILED;
+    BUN groups = 0;
+    const vask_group_strategy road = count_groups(sample, groups)
+                                         ? road_of_sample(*b, groups > uniqueness_thresh)
+                                         : VASK_GROUP_FAILED;
+    BBPreclaim(sample);
+    return road;
+}
+
+} // namespace vask
