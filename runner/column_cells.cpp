@@ -37,13 +37,12 @@ result_cell cell_at(const void *value, column_type type) {
     });
 }
 
-std::function<result_cell(std::size_t)>
-cells_of(const std::shared_ptr<const refkernel::bat> &column, column_type type) {
-    const BAT &b = *column->record();
+std::function<result_cell(std::size_t)> cells_of(const refkernel::bat &column, column_type type) {
+    const BAT &b = *column.record();
     const BUN first = b.info->first;
     if (type == column_type::str) {
         const char *const nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
-        return [column, texts = text_reader(*b.tail), first, nil](std::size_t row) -> result_cell {
+        return [texts = text_reader(*b.tail), first, nil](std::size_t row) -> result_cell {
             const char *const text = texts[first + static_cast<BUN>(row)];
             if (std::strcmp(text, nil) == 0)
                 return std::monostate{};
@@ -51,7 +50,7 @@ cells_of(const std::shared_ptr<const refkernel::bat> &column, column_type type) 
         };
     }
     const char *const base = static_cast<const char *>(b.tail->base);
-    return [column, base, first, shift = b.tail->shift, type](std::size_t row) {
+    return [base, first, shift = b.tail->shift, type](std::size_t row) {
         return cell_at(base + ((first + row) << shift), type);
     };
 }

@@ -7,7 +7,6 @@
 #include "refkernel/embed.h"
 
 #include <functional>
-#include <memory>
 
 namespace vask::runner {
 
@@ -15,8 +14,8 @@ namespace vask::runner {
 result_cell cell_at(const void *value, column_type type);
 
 //! Gives the cell of a row, from 0 on, of a column whose values are to be shown as `type`: its own
-//! type or, for values of a user atom in a result, the type that they came from. Holds the column.
-std::function<result_cell(std::size_t)>
-cells_of(const std::shared_ptr<const refkernel::bat> &column, column_type type);
+//! type or, for values of a user atom in a result, the type that they came from. The column must
+//! outlive the function.
+std::function<result_cell(std::size_t)> cells_of(const refkernel::bat &column, column_type type);
 
 } // namespace vask::runner

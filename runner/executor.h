@@ -9,9 +9,9 @@
 
 namespace vask::runner {
 
-//! Runs a checked query on loaded columns. The result reads from columns that it holds, and from
-//! those of `data`, which must outlive it. Throws std::runtime_error when an operator reports a
-//! failure.
+//! Runs a checked query on loaded columns: one row of results, or one for each group with the
+//! values that make up the group before. The result reads from `data`, which must outlive it, too.
+//! Throws std::runtime_error when an operator reports a failure.
 result_table execute(const query &asked, const table &data, const csv_header &header,
                      const operator_library &operators, const explain_log &explain);
 

@@ -91,6 +91,7 @@ query bind_query(const options &request, const csv_header &header, const source_
         fail("{}: nothing to compute; give --agg, as in --agg 'sum({})'; {}", source.name(),
              header.names.back(), suggestion(header.names, {}));
     query result;
+    result.sorted = request.sort;
     for (const std::string &name : request.group_by)
         result.group_by.push_back(find_column(header, source, name, "--group-by"));
     for (const aggregate_call &call : request.aggregates)

@@ -20,6 +20,7 @@ struct bound_aggregate {
 
 struct query {
     std::vector<std::size_t> group_by; //!< columns by their place in the file
+    bool sorted = false;               //!< groups by their columns, not by first row
     std::vector<bound_aggregate> aggregates;
 
     //! Which of the file's columns are needed.

@@ -3,6 +3,8 @@
 
 #include "cell_values.h"
 
+#include "refkernel/embed.h"
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -19,13 +21,14 @@ using result_cell =
 struct result_column {
     std::string title; //!< of an aggregate, as it was written
     bool is_text = false;
-    //! The cell of a row. Text lives as long as the function.
+    //! The cell of a row. Text lives as long as the table's columns.
     std::function<result_cell(std::size_t row)> cell;
 };
 
 struct result_table {
     std::vector<result_column> columns;
     std::size_t rows = 0;
+    std::vector<refkernel::bat> held; //!< what cells are read from
 };
 
 } // namespace vask::runner

@@ -20,7 +20,7 @@ result_column column(std::string title, std::vector<result_cell> cells, bool is_
 std::string printed(std::vector<result_column> columns, std::size_t rows, output_format format) {
     const temporary_file file;
     std::FILE *const out = std::fopen(file.path().c_str(), "wb");
-    print({std::move(columns), rows}, format, out);
+    print({std::move(columns), rows, {}}, format, out);
     std::fclose(out);
     return file.content();
 }

@@ -1,0 +1,42 @@
+#include "grouping_road.h"
+
+#include <fmt/format.h>
+
+namespace vask::runner {
+
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+
+std::string road_of_group(const watch &seen, const BAT &column) {
+    const BUN rows = column.info->count;
+    const bool sampled = seen.calls(operation::bat_sample) > 0;
+    const std::string sample =
+        fmt::format("a sample of {} rows has {{}} {} different values",
+                    GDKgroup_algo_select_sample_size, GDKgroup_algo_select_uniqueness_thresh);
+    // The parallel roads make their results themselves; only sorting copies the column first.
+    if (seen.calls(operation::bat_new) == 0) {
+        if (rows <= GDKgroup_algo_select_vask_size)
+            return fmt::format("serial road: {} rows are no more than {}", rows,
+                               GDKgroup_algo_select_vask_size);
+        return sampled ? "serial road: the rows are not numbered without gaps"
+                       : "serial road: one thread, or values marked as unique";
+    }
+    if (seen.calls(operation::bat_copy) > 0)
+        return "sort road: " + fmt::format(fmt::runtime(sample), "more than");
+    if (!sampled)
+        return fmt::format("hash road: text, more than {} rows", GDKgroup_algo_select_vask_size);
+    return "hash road: " + fmt::format(fmt::runtime(sample), "no more than");
+}
+
+std::string road_of_derive(const watch &seen, BUN rows, BUN old_groups) {
+    const std::string sizes = fmt::format("{} groups before on {} rows", old_groups, rows);
+    if (seen.calls(operation::grp_derive) > 0)
+        return fmt::format("serial road: {}, {} thread{}", sizes, GDKnr_threads,
+                           GDKnr_threads == 1 ? "" : "s");
+    // Buckets alone append to the extents from several tasks, through the kernel.
+    if (seen.calls(operation::bun_fastins) > 0)
+        return fmt::format("buckets road: {} and many values in a sample", sizes);
+    return fmt::format("pairs road: {} and few values in a sample", sizes);
+}
+
+} // namespace vask::runner
