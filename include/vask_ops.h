@@ -73,6 +73,61 @@ VASK_EXPORT char *vask_sum_flt(void *result, const int32_t *bid);
 VASK_EXPORT char *vask_sum_dbl(void *result, const int32_t *bid);
 
 /*
+ * Smallest and largest value of a column. Nine names each for one operator; the
+ * column's storage decides the result slot's width.
+ *
+ *   storage          result slot
+ *   bte, sht, int    1, 2, 4 bytes
+ *   wrd, lng         8 bytes
+ *   flt, dbl         4, 8 bytes
+ *   void             4 bytes, oid; min is seqbase and max the last oid, or the
+ *                    oid nil for a column of nils
+ *
+ * User atoms are compared as what they are stored as: a timestamp as the signed
+ * 64-bit number of its bytes. oid is compared as int, its storage.
+ * Nil: nil rows are skipped, by the column's own nil; a column without a value,
+ * an empty one too, gives the nil of the storage type.
+ * NaN: met first in a partition it stays, later ones are passed over; the same
+ * holds for the partitions' results in order. Of -0.0 and 0.0 the first stays.
+ * Errors: "Object not found"; "operation failed" for any other storage. Place:
+ * "vask_min_max_wrapper".
+ */
+VASK_EXPORT char *vask_min_bte(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_sht(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_int(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_oid(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_wrd(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_lng(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_flt(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_dbl(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_min_timestamp(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_bte(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_sht(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_int(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_oid(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_wrd(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_lng(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_flt(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_dbl(void *result, const int32_t *bid);
+VASK_EXPORT char *vask_max_timestamp(void *result, const int32_t *bid);
+
+/*
+ * Number of values of a column, its nil rows left out; 0 for an empty column of
+ * any type. Works on void, bte, sht, int, wrd, lng, flt, dbl and str storage. A
+ * void column counts all its rows, or none if it is one of nils. A NaN counts.
+ * A text is nil when it has the bytes of the nil text.
+ * Errors: "Object not found"; "operation failed" for any other storage. Place:
+ * "vask_count_wrapper".
+ */
+VASK_EXPORT char *vask_count(int64_t *result, const int32_t *bid);
+
+/*
+ * Number of rows of a column, nils and all, of any type. A BAT that cannot be
+ * fetched gives an exception without a message. Place: "vask_count_asterisk".
+ */
+VASK_EXPORT char *vask_count_asterisk(int64_t *result, const int32_t *bid);
+
+/*
  * Grouped aggregates: one result per group of a grouping.
  *
  * Inputs, by pointers to their BAT numbers:
@@ -192,6 +247,29 @@ VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32
  *   char *exception = VASKgroup(&extents, &map, &bid);
  */
 VASK_EXPORT char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid);
+
+/*
+ * Grouped minimum and maximum, with the storage types, comparisons and NaN rule
+ * of the whole-column ones. The result's tail has the type of the storage: the
+ * minimum of timestamps is a lng column of their raw values. A void column has
+ * no grouped minimum ("operation failed"). Place: "vask_grp_min_max_wrapper".
+ */
+VASK_EXPORT char *vask_grp_min(int32_t *result, const int32_t *bid, const int32_t *gid,
+                               const int32_t *eid);
+VASK_EXPORT char *vask_grp_max(int32_t *result, const int32_t *bid, const int32_t *gid,
+                               const int32_t *eid);
+
+/*
+ * Number of values of each group, nil rows left out, as wrd: two names for one
+ * operator, which for vask_grp_count_asterisk too skips nils. A group without a
+ * value gets 0, never a nil. Works on bte, sht, int, oid, wrd, lng, flt, dbl and
+ * str storage. With void values the result has the right shape and undefined
+ * values. Place: "vask_grp_count_wrapper".
+ */
+VASK_EXPORT char *vask_grp_count(int32_t *result, const int32_t *bid, const int32_t *gid,
+                                 const int32_t *eid);
+VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, const int32_t *gid,
+                                          const int32_t *eid);
 
 #ifdef __cplusplus
 }

@@ -66,6 +66,7 @@ void check_grouped(grouped_function call, ResultType result_type,
             b.first = shape.first;
             const refkernel::bat column = refkernel::make_column(std::span<const T>(values), b);
             const kernel_settings settings(threads);
+            const refkernel::instrumentation::watch kernel;
             const refkernel::checkpoint before;
             {
                 const refkernel::bat answer =

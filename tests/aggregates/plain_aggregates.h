@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <numeric>
 #include <optional>
 #include <type_traits>
 #include <vector>
@@ -25,6 +26,32 @@ struct sum {
         return total;
     }
     static result total(const std::vector<result> &partitions) { return of(partitions); }
+};
+
+template <class T, bool largest>
+struct extreme {
+    using result = T;
+    static T of(const std::vector<T> &values) {
+        T best = values.front();
+        for (const T v : values)
+            if (largest ? v > best : v < best)
+                best = v;
+        return best;
+    }
+    static T total(const std::vector<T> &partitions) { return of(partitions); }
+};
+template <class T>
+using min = extreme<T, false>;
+template <class T>
+using max = extreme<T, true>;
+
+template <class T>
+struct count {
+    using result = std::int64_t;
+    static result of(const std::vector<T> &values) { return static_cast<result>(values.size()); }
+    static result total(const std::vector<result> &partitions) {
+        return std::accumulate(partitions.begin(), partitions.end(), result{0});
+    }
 };
 
 //! The result over the rows of each partition, given their numbers; empty if there is no value.

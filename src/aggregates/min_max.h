@@ -1,0 +1,119 @@
+// The smallest and the largest value as aggregates, whole-column and grouped.
+#pragma once
+
+#include "aggregates/aggregate.h"
+#include "kernel/frame.h"
+
+#include <concepts>
+#include <cstring>
+#include <limits>
+#include <tuple>
+#include <type_traits>
+
+namespace vask {
+
+//! The selector that the exported names pass on.
+enum class extreme { min = 0, max = 1 };
+
+//! The ordinary comparison, false for a NaN on either side.
+template <extreme which, class T>
+VASK_ALWAYS_INLINE auto better(T a, T b) noexcept {
+    if constexpr (which == extreme::min)
+        return a < b;
+    else
+        return a > b;
+}
+
+//! The first value stands until a strictly better one comes. For floats that is part of the result:
+//! a NaN met first stays, since nothing is better, and a later one is passed over; of -0.0 and 0.0
+//! the first one stays. The same holds between partitions.
+template <extreme which, class T>
+struct min_max {
+    using accumulator = T;
+    struct partial {
+        T value;
+        bool seen;
+        static constexpr auto fields() noexcept {
+            return std::tuple(&partial::value, &partial::seen);
+        }
+    };
+
+    VASK_ALWAYS_INLINE static void add(partial &p, T value) noexcept {
+        p.value = !p.seen || better<which>(value, p.value) ? value : p.value;
+        p.seen = true;
+    }
+
+    VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
+        add(total, part.value);
+    }
+
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
+        if constexpr (std::floating_point<T>)
+            return scan_floats(column, r);
+        else
+            return scan_integers(column, r);
+    }
+
+private:
+    VASK_ALWAYS_INLINE static partial scan_integers(column_rows<T> column, row_range r) noexcept {
+        // Nils count as a value that is better than none, so that no row needs a branch.
+        constexpr T worst = which == extreme::min ? std::numeric_limits<T>::max()
+                                                  : std::numeric_limits<T>::lowest();
+        const T *rows = column.rows + r.begin;
+        const T nil = column.nil;
+        const std::size_t n = r.size();
+        T best = worst;
+        // As wide as an element: a bool would keep the loop from being vectorised.
+        std::make_unsigned_t<T> seen = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const bool value = rows[i] != nil;
+            const T candidate = value ? rows[i] : worst;
+            best = better<which>(candidate, best) ? candidate : best;
+            seen |= value;
+        }
+        return seen != 0 ? partial{best, true} : partial{nil, false};
+    }
+
+    //! In lanes, which gives the value that a loop in row order gives: unless the first value is a
+    //! NaN, the result is the first of the values that compare equal to the best one, and only
+    //! zeros compare equal without being the same.
+    VASK_ALWAYS_INLINE static partial scan_floats(column_rows<T> column, row_range r) noexcept {
+        const T *rows = column.rows;
+        const T nil = column.nil;
+        BUN p = r.begin;
+        while (p < r.end && rows[p] == nil)
+            ++p;
+        if (r.size() == 0 || p == r.end)
+            return {nil, false};
+        const T first = rows[p];
+        if (first != first)
+            return {first, true};
+
+        using lanes [[gnu::vector_size(64)]] = T;
+        constexpr BUN width = sizeof(lanes) / sizeof(T);
+        const lanes firsts = first - lanes{};
+        const lanes nils = nil - lanes{};
+        lanes best = firsts;
+        BUN i = p;
+        for (; r.end - i >= width; i += width) {
+            lanes v;
+            std::memcpy(&v, rows + i, sizeof v);
+            v = v == nils ? firsts : v;
+            best = better<which>(v, best) ? v : best;
+        }
+        T result = first;
+        for (BUN lane = 0; lane < width; ++lane)
+            result = better<which>(best[lane], result) ? best[lane] : result;
+        for (; i < r.end; ++i)
+            result = rows[i] != nil && better<which>(rows[i], result) ? rows[i] : result;
+
+        if (result == T(0)) {
+            while (rows[p] == nil || rows[p] != T(0))
+                ++p;
+            result = rows[p];
+        }
+        return {result, true};
+    }
+};
+
+} // namespace vask

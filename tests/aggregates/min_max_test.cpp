@@ -1,0 +1,137 @@
+#include "aggregates/column_check.h"
+#include "aggregates/grouped_check.h"
+#include "vask_ops.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using refkernel::make_column;
+using refkernel::nil_of;
+using refkernel::instrumentation::operation;
+using support::call_on_column;
+using support::failure_of;
+
+// The result has the storage's type; this kernel stores wrd as lng.
+int storage_type(int type) {
+    return BATatoms[type].atom_storage;
+}
+
+refkernel::bat make_timestamps(const std::vector<std::int64_t> &values) {
+    refkernel::column_options b;
+    b.type = refkernel::type_timestamp;
+    return make_column(std::span<const std::int64_t>(values), b);
+}
+
+TEST(MinMax, AgreeWithThePlainLoopWhateverTheName) {
+    support::check_column<plain::min>(vask_min_bte);
+    support::check_column<plain::max>(vask_max_timestamp);
+}
+
+TEST(MinMax, FloatsKeepTheOutcomeOfTheOrderOfTests) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const support::kernel_settings settings(1);
+    const auto min = [](std::vector<double> v) {
+        return call_on_column<double>(vask_min_dbl, make_column(std::move(v)));
+    };
+    const double nil = nil_of<double>();
+    EXPECT_TRUE(std::isnan(min({nil, nan, 1, 2}))) << "met first, stays";
+    EXPECT_EQ(min({3, nan, 1, nan}), 1) << "met later, is passed over";
+    // The first zero stays, wherever it stands among vectors of rows and whatever came before.
+    for (std::size_t at = 0; at < 40; ++at) {
+        for (const double zero : {0.0, -0.0}) {
+            std::vector<double> values(60, 5.0);
+            values[at] = zero;
+            values[at + 1 + at % 17] = -zero;
+            EXPECT_EQ(std::signbit(min(values)), std::signbit(zero)) << at;
+            for (double &v : values)
+                v = v == 5.0 ? -5.0 : v;
+            EXPECT_EQ(
+                std::signbit(call_on_column<double>(vask_max_flt, make_column(std::move(values)))),
+                std::signbit(zero))
+                << at;
+        }
+    }
+}
+
+TEST(MinMax, UserAtomsRunByRawValueUnderTheirOwnNil) {
+    using bytes = std::string;
+    constexpr std::int64_t own_nil = 123;
+    const int type = refkernel::register_atom(
+        {"odd_nil", TYPE_lng, bytes(reinterpret_cast<const char *>(&own_nil), sizeof own_nil)});
+    refkernel::column_options b;
+    b.type = type;
+    const auto column = [&](std::vector<std::int64_t> v) { return make_column(std::move(v), b); };
+    EXPECT_EQ(call_on_column<std::int64_t>(vask_min_timestamp, column({own_nil, 200, 150})), 150);
+    for (const auto &values : {std::vector<std::int64_t>{}, {own_nil, own_nil}})
+        EXPECT_EQ(call_on_column<std::int64_t>(vask_max_lng, column(values)), nil_of<lng>())
+            << "the nil of the storage, not the atom's";
+    EXPECT_EQ(call_on_column<std::int64_t>(vask_max_timestamp, make_timestamps({-5, -9})), -5);
+    // oids are ints to this kernel.
+    EXPECT_EQ(call_on_column<std::int32_t>(vask_max_oid, make_column(std::vector<oid>{7, 9, 8})),
+              9);
+}
+
+TEST(MinMax, OfAVoidColumnNeedNoRows) {
+    refkernel::instrumentation::watch kernel;
+    const auto both = [](const refkernel::bat &column) {
+        return std::pair(call_on_column<oid>(vask_min_oid, column),
+                         call_on_column<oid>(vask_max_oid, column));
+    };
+    EXPECT_EQ(both(refkernel::make_void_column(4, 5)), std::pair(oid{5}, oid{8}));
+    EXPECT_EQ(both(refkernel::make_void_column(4, oid_nil)), std::pair(oid_nil, oid_nil));
+    EXPECT_EQ(both(refkernel::make_void_column(0, 5)), std::pair(oid_nil, oid_nil));
+    EXPECT_EQ(kernel.calls(operation::bat_access), 0U);
+}
+
+TEST(MinMax, OtherStoragesFail) {
+    const auto text = refkernel::make_text_column(std::vector<std::string_view>{"a"});
+    const auto empty_text = refkernel::make_text_column(std::vector<std::string_view>{});
+    refkernel::column_options b;
+    b.type = TYPE_bit;
+    const auto bits = make_column(std::vector<std::int8_t>{1}, b);
+    const auto groups = refkernel::make_void_column(1);
+    const std::int32_t missing = 0;
+    const refkernel::checkpoint before;
+    const refkernel::exception failed{"vask_min_max_wrapper", "operation failed"};
+    EXPECT_EQ(failure_of(vask_min_int, text.slot()), failed);
+    EXPECT_EQ(failure_of(vask_max_int, empty_text.slot()), failed);
+    EXPECT_EQ(failure_of(vask_max_int, bits.slot()), failed);
+    EXPECT_EQ(failure_of(vask_max_int, &missing).text, "Object not found");
+    // What has a minimum as a whole need not have one per group.
+    for (const std::int32_t *b_slot : {groups.slot(), text.slot()}) {
+        std::int32_t slot = 0;
+        EXPECT_EQ(
+            refkernel::take_exception(vask_grp_min(&slot, b_slot, groups.slot(), groups.slot())),
+            (refkernel::exception{"vask_grp_min_max_wrapper", "operation failed"}));
+    }
+    EXPECT_EQ(before.leaks(), "");
+}
+
+TEST(GroupedMinMax, AgreeWithThePlainLoopOnAllShapes) {
+    support::check_grouped<plain::min>(vask_grp_min, storage_type);
+    support::check_grouped<plain::max>(vask_grp_max, storage_type);
+}
+
+TEST(GroupedMinMax, OfRowsThatAreGroupsAreTheValue) {
+    support::for_each_arithmetic_type([]<class T>(int type) {
+        for (const auto name : {vask_grp_min, vask_grp_max})
+            support::check_row_groups<T, T>(name, type, storage_type(type), [](T v) { return v; });
+    });
+}
+
+TEST(GroupedMinMax, OfTimestampsAreLng) {
+    const auto stamps = make_timestamps({50, -7, 3});
+    const auto map = make_column(std::vector<oid>{0, 0, 2});
+    refkernel::column_options e;
+    e.stored_head = true;
+    const std::vector<oid> ids{2, 0};
+    e.head_oids = ids;
+    const auto extents = make_column(std::vector<std::int64_t>{1, 2}, e);
+    const auto result = support::call_grouped(vask_grp_min, stamps, map, extents);
+    support::expect_grouped_shape(result, extents, TYPE_lng, false);
+    EXPECT_EQ(result.values<std::int64_t>()[0], 3);
+    EXPECT_EQ(result.values<std::int64_t>()[1], -7);
+}
+
+} // namespace
