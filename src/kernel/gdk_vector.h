@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <type_traits>
@@ -30,6 +31,15 @@ T *gdk_allocate(std::size_t n) {
         throw bad_allocation();
     return static_cast<T *>(block);
 }
+
+struct gdk_release {
+    void operator()(void *block) const noexcept { GDKfree(block); }
+};
+
+//! Owns a block of the kernel's memory whose elements begin as whatever lies there.
+template <class T>
+requires std::is_trivially_copyable_v<T>
+using gdk_block = std::unique_ptr<T[], gdk_release>;
 
 //! Growable array whose block comes from GDKmalloc and goes back through GDKfree, because its
 //! memory must count as the kernel's. Elements may own blocks of their own (a vector of vectors):

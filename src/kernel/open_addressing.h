@@ -95,6 +95,9 @@ public:
         return met;
     }
 
+    //! Forgets all keys and goes back to no buckets; keeps the memory for the buckets to come.
+    void clear() noexcept { bucket_count_ = size_ = upper_bound_ = 0; }
+
     //! Grows the table to `requested` buckets, rounded up to a power of two and at least 4. A table
     //! of that size or more stays as it is.
     void grow_to(std::uint32_t requested);
@@ -165,12 +168,14 @@ private:
         advise_huge_pages(moved_to, n * sizeof(T));
     }
 
-    void place_again(std::uint32_t bucket, std::uint32_t *new_flags, std::uint32_t new_mask);
+    void place_again(std::uint32_t bucket, std::uint32_t new_mask);
 
     std::uint32_t bucket_count_ = 0;
     std::uint32_t size_ = 0;
     std::uint32_t upper_bound_ = 0; // keys at which the table grows
+    std::uint32_t capacity_ = 0;    // buckets that there is memory for
     block<std::uint32_t> flags_;
+    block<std::uint32_t> new_flags_; // of the table that grow_to builds
     block<key_type> keys_;
     block<Value> values_;
 };
@@ -185,16 +190,19 @@ void open_addressing_table<Keys, Value>::grow_to(std::uint32_t requested) {
         return;
 
     const std::size_t words = std::max(new_count / buckets_per_word, std::uint32_t{1});
-    block<std::uint32_t> new_flags;
-    reallocate(new_flags, words);
-    std::memset(new_flags.get(), all_empty, words * sizeof(std::uint32_t));
-    reallocate(keys_, new_count);
-    if constexpr (!std::is_empty_v<Value>)
-        reallocate(values_, new_count);
+    if (new_count > capacity_) {
+        reallocate(flags_, words);
+        reallocate(new_flags_, words);
+        reallocate(keys_, new_count);
+        if constexpr (!std::is_empty_v<Value>)
+            reallocate(values_, new_count);
+        capacity_ = new_count;
+    }
+    std::memset(new_flags_.get(), all_empty, words * sizeof(std::uint32_t));
     for (std::uint32_t bucket = 0; bucket < bucket_count_; ++bucket)
         if (in_use(bucket))
-            place_again(bucket, new_flags.get(), new_count - 1);
-    flags_ = std::move(new_flags);
+            place_again(bucket, new_count - 1);
+    flags_.swap(new_flags_);
     bucket_count_ = new_count;
     upper_bound_ = static_cast<std::uint32_t>(new_count * load_limit + 0.5);
 }
@@ -202,8 +210,8 @@ void open_addressing_table<Keys, Value>::grow_to(std::uint32_t requested) {
 //! Moves the key of a bucket to where it belongs in the new table, which lies in the same arrays. A
 //! key that stands there still, not moved yet, is kicked out and is the next to be placed.
 template <class Keys, class Value>
-void open_addressing_table<Keys, Value>::place_again(std::uint32_t bucket, std::uint32_t *new_flags,
-                                                     std::uint32_t new_mask) {
+void open_addressing_table<Keys, Value>::place_again(std::uint32_t bucket, std::uint32_t new_mask) {
+    std::uint32_t *new_flags = new_flags_.get();
     key_type *keys = keys_.get();
     Value *values = values_.get();
     key_type key = keys[bucket];
