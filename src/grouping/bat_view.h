@@ -32,6 +32,8 @@ public:
     VASK_ALWAYS_INLINE BUNview(const BUNview &other) noexcept
         : owned_(true), head_{.value = other.head()}, tail_{.value = other.tail()} {}
 
+    // Reads both values before it writes, so a row may be assigned to itself.
+    // NOLINTNEXTLINE(cert-oop54-cpp)
     VASK_ALWAYS_INLINE BUNview &operator=(const BUNview &other) noexcept {
         const oid head = other.head();
         const T tail = other.tail();

@@ -5,6 +5,8 @@
 #include "kernel/column.h"
 #include "kernel/isa.h"
 
+#include <algorithm>
+
 namespace vask {
 
 //! vask_bunfastins for extents (oid, wrd), in line: where the kernel stores both types as plain
@@ -40,5 +42,15 @@ private:
     BAT *ext_;
     bool plain_;
 };
+
+//! Appends the id and the count of each entry of a table, in their order. False as vask_bunfastins
+//! says.
+template <class Table>
+[[nodiscard]] bool append_groups(BAT &ext, const Table &table) {
+    extents_appender groups(ext);
+    return std::all_of(table.entries().begin(), table.entries().end(), [&](const auto &entry) {
+        return groups.append(entry.first_oid, entry.count);
+    });
+}
 
 } // namespace vask

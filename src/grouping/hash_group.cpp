@@ -89,15 +89,6 @@ void vask_group_write(const Numbering &numbering, const BAT &b, const BAT &grp,
                     rows_of<const oid>(*b.head) + rows.begin, rows.size() * sizeof(oid));
 }
 
-template <class T>
-bool append_groups(BAT &ext, const vask_group_table<T> &global) {
-    extents_appender groups(ext);
-    return std::all_of(global.entries().begin(), global.entries().end(),
-                       [&](const vask_group_entry<T> &entry) {
-                           return groups.append(entry.first_oid, entry.count);
-                       });
-}
-
 //! The road, from the mask on. Ranges are merged in ascending order, so a value's first row in the
 //! whole column decides its group's id and place in the extents, whatever the number of ranges.
 template <class Numbering>

@@ -3,14 +3,18 @@
 #include "grouping/derive_mask.h"
 #include "grouping/derive_rows.h"
 #include "grouping/extents_appender.h"
+#include "grouping/key_memo.h"
 #include "grouping/pair_table.h"
 #include "grouping/range_tasks.h"
 #include "grouping/value_column.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
+#include <cmath>
 #include <cstddef>
+#include <utility>
 
 namespace vask {
 
@@ -19,46 +23,127 @@ namespace {
 template <class T>
 VASK_ALWAYS_INLINE bool is_nan(const T &value) noexcept {
     if constexpr (std::floating_point<T>)
-        return value != value;
+        return std::isnan(value);
     else
         return false;
 }
 
-//! The table of a range's rows. Each row's cell of the new map receives the number of the row's
-//! entry, so that writing the map need not look for it a second time. Sets `failed` and ends early
-//! when a row has no place in the old map.
+//! The old groups of the rows row .. row + n - 1 of b; false when one of them has no place in the
+//! map.
+bool find_parents(const map_rows &places, const oid *map, BUN row, BUN n, oid *parents) {
+    for (BUN i = 0; i < n; ++i) {
+        const BUN place = vask_find_map_row(places, row + i);
+        if (place == NO_BUN)
+            return false;
+        parents[i] = map[place];
+    }
+    return true;
+}
+
+//! Fills a table with the pairs of a range's rows. Each row's cell of the new map receives the
+//! number of the row's entry, so that writing the map need not look for it a second time.
+template <class T>
+class pairs_builder {
+public:
+    static constexpr BUN block_rows = 1024;
+
+    pairs_builder(const BAT &b, std::uint32_t mask, std::size_t capacity)
+        : heads_(*b.head, b), values_(*b.tail), table_(mask, capacity) {}
+
+    //! Adds the rows of a block, row .. row + n - 1, with their old groups.
+    void add(BUN row, BUN n, const oid *parents, oid *numbers) {
+        if constexpr (fits_a_word)
+            if (recalls_)
+                add_by_memo(row, n, parents, numbers);
+            else
+                add_by_table(row, n, parents, numbers);
+        else
+            add_by_table(row, n, parents, numbers);
+        for (BUN i = 0; i < n; ++i)
+            ++table_.entries()[numbers[i]].count;
+    }
+
+    vask_pair_table<T> take() { return std::move(table_); }
+
+private:
+    using stored_type = typename value_column<T>::stored_type;
+    // An old group and what is stored of a value then make one key, by which a memo knows the rows'
+    // entries without a chain to walk and a text to hash.
+    static constexpr bool fits_a_word = sizeof(stored_type) <= sizeof(std::uint32_t);
+    // Keeps the memo in the second-level cache.
+    static constexpr std::size_t most_remembered = std::size_t{1} << 14;
+
+    struct word_keys {
+        const std::uint64_t *words;
+        VASK_ALWAYS_INLINE std::uint64_t key(BUN row, std::size_t i) const noexcept {
+            return words[row + i];
+        }
+    };
+
+    //! The number of the entry of a pair, which is made if there is none.
+    std::uint32_t number_of(BUN row, oid parent, const T &value) {
+        const vask_pair_entry<T> entry{parent, value, heads_[row], 0, NO_BUN};
+        // A NaN is equal to nothing, so there is nothing to look for, and in a chain it would only
+        // be in the way of all the others.
+        if (is_nan(value))
+            return table_.append(entry);
+        const vask_pair_entry<T> *known = table_.probe(entry.key());
+        return known != nullptr ? table_.number_of(known) : table_.insert(entry);
+    }
+
+    void add_by_table(BUN row, BUN n, const oid *parents, oid *numbers) {
+        for (BUN i = 0; i < n; ++i)
+            numbers[i] = number_of(row + i, parents[i], values_.value(values_.stored(row + i)));
+    }
+
+    void add_by_memo(BUN row, BUN n, const oid *parents, oid *numbers) {
+        std::array<std::uint64_t, block_rows> words;
+        for (BUN i = 0; i < n; ++i)
+            words[i] = std::uint64_t{parents[i]} << 32 | key_bits(values_.stored(row + i));
+        if (memo_.recall(word_keys{words.data()}, 0, n, numbers))
+            return;
+        BUN asked = 0;
+        for (BUN i = 0; i < n; ++i) {
+            if (numbers[i] != unknown_number)
+                continue;
+            numbers[i] = memo_.recall(words[i]); // a row before it may have been of the pair
+            if (numbers[i] != unknown_number)
+                continue;
+            const T value = values_.value(values_.stored(row + i));
+            numbers[i] = number_of(row + i, parents[i], value);
+            if (!is_nan(value) && memo_.size() < most_remembered)
+                memo_.remember(words[i], numbers[i]);
+            ++asked;
+        }
+        recalls_ = memo_.size() < most_remembered || asked < n / 2;
+    }
+
+    oid_reader heads_;
+    value_column<T> values_;
+    vask_pair_table<T> table_;
+    key_memo<std::uint64_t> memo_;
+    bool recalls_ = true;
+};
+
+//! The table of a range's rows. Sets `failed` and ends early when a row has no place in the map.
 template <class T>
 vask_pair_table<T> vask_pairs_build(const BAT &b, BAT &map, vask_row_range range, bool synced,
                                     std::uint32_t mask, std::size_t capacity, oid *cells,
                                     bte &failed) {
-    vask_pair_table<T> table(mask, capacity);
+    pairs_builder<T> builder(b, mask, capacity);
     const map_rows places(b, map, synced);
-    const oid *parents = rows_of<const oid>(*map.tail);
-    const oid_reader heads(*b.head, b);
-    const value_column<T> values(*b.tail);
-    for (BUN row = range.low; row <= range.high; ++row) {
-        const BUN place = vask_find_map_row(places, row);
-        if (place == NO_BUN) {
+    std::array<oid, pairs_builder<T>::block_rows> parents;
+    for (BUN done = 0; done < range.size();) {
+        const BUN row = range.low + done;
+        const BUN n = std::min(range.size() - done, pairs_builder<T>::block_rows);
+        if (!find_parents(places, rows_of<const oid>(*map.tail), row, n, parents.data())) {
             std::atomic_ref(failed).store(1, std::memory_order_relaxed);
-            return table;
+            break;
         }
-        const oid parent = parents[place];
-        const T value = values.value(values.stored(row));
-        if (is_nan(value)) {
-            // Equal to nothing, so there is nothing to look for, and in a chain it would only be in
-            // the way of all the others.
-            cells[row] = table.append({parent, value, heads[row], 1, NO_BUN});
-            continue;
-        }
-        vask_pair_entry<T> *entry = table.probe({parent, value});
-        if (entry != nullptr) {
-            ++entry->count;
-            cells[row] = static_cast<oid>(entry - table.entries().begin());
-        } else {
-            cells[row] = table.insert({parent, value, heads[row], 1, NO_BUN});
-        }
+        builder.add(row, n, parents.data(), cells + row);
+        done += n;
     }
-    return table;
+    return builder.take();
 }
 
 //! Merges a range's table into that of all rows. Its entries take on the ids of their groups.
@@ -89,15 +174,6 @@ void vask_pairs_write(const BAT &b, BAT &grp, vask_row_range range,
     for (BUN row = range.low; row <= range.high; ++row)
         cells[row] = ids[cells[row]];
     copy_heads(b, grp, range);
-}
-
-template <class T>
-bool append_groups(BAT &ext, const vask_pair_table<T> &global) {
-    extents_appender groups(ext);
-    return std::all_of(global.entries().begin(), global.entries().end(),
-                       [&](const vask_pair_entry<T> &entry) {
-                           return groups.append(entry.first_oid, entry.count);
-                       });
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "kernel/frame.h"
 #include "kernel/open_addressing.h"
 
+#include <array>
 #include <atomic>
 #include <concepts>
 #include <mutex>
@@ -25,15 +26,52 @@ struct refined_group {
 
 //! The new groups of one old group, by value.
 template <class T>
-using value_table = open_addressing_table<table_keys<T>, refined_group>;
+class value_table {
+public:
+    using table_type = open_addressing_table<table_keys<T>, refined_group>;
+    using stored_type = typename value_column<T>::stored_type;
 
-template <class T>
-VASK_ALWAYS_INLINE auto table_key(T value) noexcept {
-    if constexpr (std::same_as<T, str>)
-        return value;
-    else
-        return key_bits(value);
-}
+    //! As new, but that the memory is kept.
+    void clear() noexcept {
+        groups_.clear();
+        ++generation_;
+    }
+
+    VASK_ALWAYS_INLINE typename table_type::insertion insert(const value_column<T> &values,
+                                                             stored_type stored) {
+        if constexpr (std::same_as<T, str>)
+            return insert_text(values, stored);
+        else
+            return groups_.insert(key_bits(values.value(stored)));
+    }
+
+    table_type &groups() noexcept { return groups_; }
+
+private:
+    // A text at a place that was just seen need not be hashed and compared once more.
+    struct seen_text {
+        stored_type place;
+        std::uint32_t bucket;
+        std::uint64_t generation;
+    };
+    static constexpr std::size_t seen_room = 256;
+
+    typename table_type::insertion insert_text(const value_column<T> &values, stored_type stored) {
+        seen_text &seen = seen_[stored % seen_room];
+        if (seen.place == stored && seen.generation == generation_ && !groups_.full())
+            return {seen.bucket, false};
+        const std::uint32_t buckets = groups_.bucket_count();
+        const auto result = groups_.insert(values.value(stored));
+        if (groups_.bucket_count() != buckets)
+            ++generation_; // all keys have moved
+        seen = {stored, result.bucket, generation_};
+        return result;
+    }
+
+    table_type groups_;
+    std::uint64_t generation_ = 1;
+    std::array<seen_text, std::same_as<T, str> ? seen_room : 0> seen_{};
+};
 
 //! Splits one old group by value. Its rows are replaced by the ids of their new groups, which are
 //! appended to `ext` in the order of the table's buckets. False when that fails. The table is used
@@ -44,8 +82,8 @@ bool vask_refine_group(value_table<T> &table, const vask_group_rows<T> &rows,
                        spin_then_sleep_lock &ext_lock) {
     table.clear();
     for (distributed_row<T> *row = rows.begin; row != rows.end; ++row) {
-        const auto [bucket, is_new] = table.insert(table_key(values.value(row->value)));
-        refined_group &group = table.value(bucket);
+        const auto [bucket, is_new] = table.insert(values, row->value);
+        refined_group &group = table.groups().value(bucket);
         if (is_new)
             group = {heads[row->position], 1};
         else
@@ -55,9 +93,10 @@ bool vask_refine_group(value_table<T> &table, const vask_group_rows<T> &rows,
 
     // The kernel's append can move the memory of ext, so nothing of it may run beside another.
     const std::lock_guard guard(ext_lock);
-    for (std::uint32_t bucket = 0; bucket < table.bucket_count(); ++bucket)
-        if (table.in_use(bucket)) {
-            const refined_group &group = table.value(bucket);
+    const auto &groups = table.groups();
+    for (std::uint32_t bucket = 0; bucket < groups.bucket_count(); ++bucket)
+        if (groups.in_use(bucket)) {
+            const refined_group &group = groups.value(bucket);
             if (BUNfastins(&ext, &group.first_oid, &group.count) == nullptr)
                 return false;
         }

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <limits>
 
@@ -58,7 +59,7 @@ VASK_ALWAYS_INLINE value_span<T> span_of_rows(const T *values, std::size_t n) no
         span.low = std::min(span.low, bits);
         span.high = std::max(span.high, bits);
         if constexpr (std::floating_point<T>)
-            span.has_nan |= values[i] != values[i];
+            span.has_nan |= std::isnan(values[i]);
     }
     return span;
 }

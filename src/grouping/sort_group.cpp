@@ -22,17 +22,17 @@ namespace {
 //! make.
 class range_extents {
 public:
-    range_extents(BAT *ext, std::size_t ranges) : slots_(ranges) { slots_[0] = ext; }
+    range_extents(BAT *ext, std::size_t ranges) : slots_(ranges) { slots_[0].ext = ext; }
 
-    BAT *&operator[](std::size_t i) noexcept { return slots_[i]; }
-    BAT &whole() noexcept { return *slots_[0]; }
+    BAT *&operator[](std::size_t i) noexcept { return slots_[i].ext; }
+    BAT &whole() noexcept { return *slots_[0].ext; }
     std::size_t size() const noexcept { return slots_.size(); }
 
     //! The rows behind those of the caller's extents.
     BUN rows_to_join() const noexcept {
         BUN rows = 0;
         for (std::size_t i = 1; i < slots_.size(); ++i)
-            rows += slots_[i] == nullptr ? 0 : slots_[i]->info->count;
+            rows += slots_[i].ext == nullptr ? 0 : slots_[i].ext->info->count;
         return rows;
     }
 
@@ -44,12 +44,15 @@ public:
 
     //! A slot is empty when a long run left fewer ranges than threads.
     void reclaim(std::size_t i) {
-        if (slots_[i] != nullptr)
-            BBPreclaim(std::exchange(slots_[i], nullptr));
+        if (slots_[i].ext != nullptr)
+            BBPreclaim(std::exchange(slots_[i].ext, nullptr));
     }
 
 private:
-    gdk_vector<BAT *> slots_;
+    struct slot {
+        BAT *ext;
+    };
+    gdk_vector<slot> slots_;
 };
 
 const oid *ids_of(const BAT &ext) noexcept {

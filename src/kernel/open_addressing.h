@@ -48,6 +48,9 @@ public:
     std::uint32_t bucket_count() const noexcept { return bucket_count_; }
     std::uint32_t size() const noexcept { return size_; }
 
+    //! Whether the next insert makes the table grow, be its key new or not.
+    bool full() const noexcept { return size_ >= upper_bound_; }
+
     bool in_use(std::uint32_t bucket) const noexcept { return state(flags_.get(), bucket) == 0; }
     const key_type &key(std::uint32_t bucket) const noexcept { return keys_.get()[bucket]; }
     Value &value(std::uint32_t bucket) noexcept { return values_.get()[bucket]; }
@@ -63,7 +66,7 @@ public:
 
     //! The bucket of a key, which is stored if it was not there; may move all others.
     VASK_ALWAYS_INLINE insertion insert(const key_type &key) {
-        if (size_ >= upper_bound_) [[unlikely]]
+        if (full()) [[unlikely]]
             grow_to(bucket_count_ + 1);
         const std::uint32_t bucket = place_of(key);
         if (in_use(bucket))
@@ -204,6 +207,7 @@ void open_addressing_table<Keys, Value>::grow_to(std::uint32_t requested) {
             place_again(bucket, new_count - 1);
     flags_.swap(new_flags_);
     bucket_count_ = new_count;
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): positive, and cut off as the growth is defined
     upper_bound_ = static_cast<std::uint32_t>(new_count * load_limit + 0.5);
 }
 
