@@ -141,6 +141,9 @@ public:
 
     void wait() { group_.wait(); }
 
+    //! Tasks that have not begun will not; those that have are still to be waited for.
+    void cancel() { group_.cancel(); }
+
 private:
     tbb::task_group_context context_;
     tbb::task_group group_;

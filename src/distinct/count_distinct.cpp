@@ -1,0 +1,236 @@
+#include "distinct/value_lists.h"
+#include "grouping/table_keys.h"
+#include "kernel/element_types.h"
+#include "kernel/frame.h"
+#include "kernel/open_addressing.h"
+#include "vask_ops.h"
+
+#include <atomic>
+#include <new>
+#include <type_traits>
+
+namespace vask {
+
+namespace {
+
+enum class countd_strategy { parallel, serial, failed };
+
+// More groups than that have few rows each, and their lists would cost more than the refinement.
+constexpr BUN most_groups = 1'000'000;
+constexpr BUN sample_rows = 1024;
+// Fewer different values than that among the sampled rows, and the serial refinement has so few
+// groups that it is the faster way.
+constexpr BUN fewest_distinct = 300;
+// Values that make a task worth its start.
+constexpr std::uint64_t batch_values = 8192;
+
+//! The numbers of a histogram and a map that a kernel operator made, dropped at the end.
+class grouping_numbers {
+public:
+    grouping_numbers() = default;
+    grouping_numbers(const grouping_numbers &) = delete;
+    grouping_numbers &operator=(const grouping_numbers &) = delete;
+    ~grouping_numbers() {
+        for (const std::int32_t id : {histogram, map})
+            if (id != int_nil)
+                BBPdecref(id, 1);
+    }
+
+    std::int32_t histogram = int_nil;
+    std::int32_t map = int_nil;
+};
+
+//! Groups a sample and judges by the number of its groups. The exception string of a failed
+//! GRPgroup is dropped as it is: the caller reports a failure of its own.
+countd_strategy strategy_of_sample(BAT *sample) {
+    grouping_numbers numbers;
+    // A BAT's number is its record's first field, so its address is that of a number variable.
+    if (GRPgroup(&numbers.histogram, &numbers.map, &sample->bat_id) != nullptr)
+        return countd_strategy::failed;
+    const BAT *histogram = vask_descriptor(numbers.histogram);
+    if (histogram == nullptr)
+        return countd_strategy::failed;
+    const bool few = histogram->info->count < fewest_distinct;
+    BBPreleaseref(numbers.histogram);
+    return few ? countd_strategy::serial : countd_strategy::parallel;
+}
+
+countd_strategy vask_countd_strategy(BAT *b, const BAT *g, const BAT *e) {
+    if (e->info->count > most_groups || !is_ascending(*b->head) || !is_ascending(*g->head))
+        return countd_strategy::serial;
+    BAT *sample = BATsample(b, sample_rows);
+    if (sample == nullptr)
+        return countd_strategy::failed;
+    const countd_strategy strategy = strategy_of_sample(sample);
+    BBPreclaim(sample);
+    return strategy;
+}
+
+// ---- serial road ------------------------------------------------------------------------------
+
+char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, bool &failed);
+
+//! Refines the grouping by the values: each refined group is one distinct pair of group and value,
+//! and the pairs are counted per group. Exceptions of the kernel's operators are passed on as they
+//! are; `failed` is set when a step gives nothing without one.
+char *count_serially(std::int32_t *result, BAT *b, BAT *g, BAT *e, bool &failed) {
+    grouping_numbers numbers;
+    if (char *exception =
+            GRPderive(&numbers.histogram, &numbers.map, &e->bat_id, &g->bat_id, &b->bat_id))
+        return exception;
+    BAT *histogram = vask_descriptor(numbers.histogram);
+    if (histogram == nullptr) {
+        failed = true;
+        return nullptr;
+    }
+    char *exception = count_pairs(result, histogram, b, g, e, failed);
+    BBPreleaseref(numbers.histogram);
+    return exception;
+}
+
+//! The refined groups' values, one row for each, counted under the map of the old grouping.
+char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, bool &failed) {
+    BAT *pairs = VIEWcombine(histogram);
+    BAT *values = pairs == nullptr ? nullptr : BATjoin(pairs, b, NO_BUN);
+    BAT *extents = values == nullptr ? nullptr : VIEWcombine(e);
+    failed = extents == nullptr;
+    char *exception = nullptr;
+    if (!failed)
+        exception = AX3aggrX3_count3Nils(result, &values->bat_id, &g->bat_id, &extents->bat_id);
+    for (BAT *made : {values, pairs, extents})
+        if (made != nullptr)
+            BBPreclaim(made);
+    return exception;
+}
+
+// ---- parallel road ----------------------------------------------------------------------------
+
+template <class T>
+struct list_keys : bit_pattern_keys<T> {};
+template <>
+struct list_keys<const char *> : text_keys {};
+
+template <class T>
+using vask_distinct_set = open_addressing_table<list_keys<T>>;
+
+//! The number of different values in a list. The set has room for all of them from the start; it
+//! comes empty and is left with whatever it has.
+template <class T>
+wrd vask_count_list(const vask_value_list<T> &list, vask_distinct_set<T> &set) {
+    set.clear();
+    if (list.size != 0)
+        set.grow_to(static_cast<std::uint32_t>(list.size));
+    wrd distinct = 0;
+    for (std::uint64_t i = 0; i < list.size; ++i)
+        distinct += set.insert(list.values[i]).is_new;
+    return distinct;
+}
+
+//! Counts every list into `counts`, in batches of groups that are worth a task. False when the heap
+//! has no memory for a set.
+template <class T>
+bool count_lists(const vask_value_list<T> *lists, BUN groups, wrd *counts) {
+    bte ok = 1;
+    task_set tasks;
+    for (BUN begin = 0; begin < groups;) {
+        BUN end = begin;
+        for (std::uint64_t values = 0; end < groups && values < batch_values; ++end)
+            values += lists[end].size;
+        tasks.spawn([=, &ok] {
+            try {
+                vask_distinct_set<T> set;
+                for (BUN j = begin; j < end; ++j)
+                    counts[j] = vask_count_list(lists[j], set);
+            } catch (const std::bad_alloc &) {
+                std::atomic_ref(ok).store(0, std::memory_order_relaxed);
+            }
+        });
+        begin = end;
+    }
+    tasks.wait();
+    return ok != 0;
+}
+
+template <class T>
+bool count_in_parallel(const grouped_values &inputs, wrd *counts) {
+    const BUN groups = inputs.groups->info->count;
+    auto *lists = zeroed_array<vask_value_list<T>>(groups);
+    if (lists == nullptr)
+        return false;
+    const bool counted = (inputs.groups->head->hash != nullptr || BAThash(inputs.groups, 0)) &&
+                         gather_value_lists<T>(inputs, lists) && count_lists(lists, groups, counts);
+    for (BUN j = 0; j < groups; ++j)
+        if (lists[j].values != nullptr)
+            GDKfree(lists[j].values);
+    GDKfree(lists);
+    return counted;
+}
+
+//! Values are told apart by their bits, so a class of elements is its width; texts by what they
+//! read.
+bool count_by_storage(const grouped_values &inputs, wrd *counts) {
+    const int storage = storage_of(*inputs.b->tail);
+    if (storage == TYPE_str)
+        return count_in_parallel<const char *>(inputs, counts);
+    return visit_storage_class(storage, false, [&]<class T>(std::type_identity<T>) {
+        return count_in_parallel<decltype(key_bits(T()))>(inputs, counts);
+    });
+}
+
+//! The result under the head of `extents`, zeroed; null when BATnew fails.
+BAT *zeroed_counts(BAT *extents) {
+    const BUN groups = extents->info->count;
+    BAT *result = BATnew(TYPE_void, TYPE_wrd, groups);
+    if (result == nullptr)
+        return nullptr;
+    vask_grp_result_view(&result, extents);
+    wrd *counts = rows_of<wrd>(*result->tail) + result->info->first;
+    std::fill_n(counts, groups, wrd{0});
+    return result;
+}
+
+} // namespace
+
+} // namespace vask
+
+char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *gid,
+                           const int32_t *eid) {
+    using namespace vask;
+    const input_bats inputs(bid, eid, gid);
+    char *exception = nullptr;
+    bool failed = !inputs.complete();
+    BAT *extents = nullptr;
+    BAT *counts = nullptr;
+    if (!failed) {
+        BAT *b = inputs[0];
+        BAT *e = inputs[1];
+        BAT *g = inputs[2];
+        const countd_strategy strategy = vask_countd_strategy(b, g, e);
+        failed = strategy == countd_strategy::failed;
+        if (strategy == countd_strategy::serial) {
+            exception = count_serially(result, b, g, e, failed);
+        } else if (strategy == countd_strategy::parallel) {
+            extents = VIEWcombine(e);
+            counts = extents == nullptr ? nullptr : zeroed_counts(extents);
+            if (counts != nullptr && extents->head->hash == nullptr)
+                BAThash(extents, 0);
+            failed = counts == nullptr ||
+                     !count_by_storage({b, g, extents},
+                                       rows_of<wrd>(*counts->tail) + counts->info->first);
+        }
+    }
+    inputs.release();
+    if (extents != nullptr)
+        BBPreclaim(extents);
+    if (failed)
+        exception = make_exception("aggr.countd", failure::operation_failed);
+    if (counts != nullptr) {
+        if (failed) {
+            BBPreclaim(counts);
+        } else {
+            *result = counts->bat_id;
+            BBPkeepref(counts->bat_id);
+        }
+    }
+    return exception;
+}
