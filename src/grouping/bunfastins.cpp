@@ -28,9 +28,8 @@ bool append_text(BATcol &column, BUN position, const void *value) {
     std::uint32_t offset = 0;
     if (BATatoms[column.type].atom_put(column.vheap, &offset, value, &column) == 0)
         return false;
-    while (!offset_fits(column, offset))
-        if (GDKupgradevarheap(&column, offset, 0) == 0)
-            return false;
+    if (!offset_fits(column, offset) && GDKupgradevarheap(&column, offset, 0) == 0)
+        return false;
     // Little-endian machines only: the low bytes of the offset are its narrow forms.
     const std::uint32_t stored = stored_offset(column, offset);
     std::memcpy(element_place(column, position), &stored, static_cast<std::size_t>(column.width));

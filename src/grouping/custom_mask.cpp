@@ -24,8 +24,8 @@ struct MinMax {
     T nil;
     T min = std::numeric_limits<T>::max();
     T max = std::numeric_limits<T>::min();
-    // How far the least value that is no nil lies above the nil, less 1. Wrapping sends the nil
-    // itself to the far end, without a test that would cost a branch or the vector instructions.
+    // Of the values but the nil: how far the least lies above the one after the nil. Wrapping sends
+    // the nil itself to the far end, without a test that would cost the vector instructions.
     distance_type above_nil = std::numeric_limits<distance_type>::max();
 
     explicit MinMax(T nil_value) : nil(nil_value) {}
@@ -33,19 +33,19 @@ struct MinMax {
 
     void operator()(const tbb::blocked_range<const T *> &rows) {
         join(with_best_instruction_set(
-            [ nil_value = nil, begin = rows.begin(), n = rows.size() ]()
-                __attribute__((always_inline)) { return scan(nil_value, begin, n); }));
+            [ empty = MinMax(nil), begin = rows.begin(), n = rows.size() ]()
+                __attribute__((always_inline)) { return scan(empty, begin, n); }));
     }
 
-    VASK_ALWAYS_INLINE static MinMax scan(T nil, const T *rows, std::size_t n) noexcept {
-        MinMax result(nil);
+    //! 5e6 ints take 0.6 ms with these locals, 3.8 ms with members in their place.
+    VASK_ALWAYS_INLINE static MinMax scan(MinMax result, const T *rows, std::size_t n) noexcept {
+        const distance_type after_nil = result.after_nil();
         T min = result.min;
         T max = result.max;
         distance_type above_nil = result.above_nil;
-        const auto base = static_cast<distance_type>(static_cast<distance_type>(nil) + 1U);
         for (std::size_t i = 0; i < n; ++i) {
             const T value = rows[i];
-            const auto above = static_cast<distance_type>(static_cast<distance_type>(value) - base);
+            const auto above = static_cast<distance_type>(bits(value) - after_nil);
             min = value < min ? value : min;
             max = value > max ? value : max;
             above_nil = above < above_nil ? above : above_nil;
@@ -63,8 +63,16 @@ struct MinMax {
     }
 
     value_range<T> range() const noexcept {
-        const auto base = static_cast<distance_type>(static_cast<distance_type>(nil) + 1U);
-        return {min, max, static_cast<T>(static_cast<distance_type>(above_nil + base))};
+        const auto next = static_cast<T>(static_cast<distance_type>(after_nil() + above_nil));
+        return {min, max, min == nil ? next : min};
+    }
+
+private:
+    VASK_ALWAYS_INLINE static distance_type bits(T value) noexcept {
+        return static_cast<distance_type>(value);
+    }
+    VASK_ALWAYS_INLINE distance_type after_nil() const noexcept {
+        return static_cast<distance_type>(bits(nil) + 1U);
     }
 };
 

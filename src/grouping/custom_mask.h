@@ -12,7 +12,7 @@ template <class T>
 struct value_range {
     T min; // the nil if a row is nil: nil is the least value of the integer types
     T max;
-    T least; // the smallest value that is no nil, if there is one
+    T least; // min, or if that is the nil, the next value, or the nil if there is no other
 };
 
 //! Reads all of b's tail, in parallel. b has rows. T is bte, sht, int or lng here and below.

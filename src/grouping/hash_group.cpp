@@ -118,41 +118,49 @@ int group_rows(BAT *ext, BAT *grp, BAT *b, std::uint32_t global_mask, const Numb
     return 1;
 }
 
-//! Numbers as keys of any kind.
-template <class T>
-int group_numbers(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
-    using keys = number_keys<T>;
-    return group_rows(ext, grp, b, mask, numbering_by_memo<keys>{keys(*b->tail)});
+//! Keys of any kind.
+template <class Keys>
+int group_by_memo(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
+    return group_rows(ext, grp, b, mask, numbering_by_memo<Keys>{Keys(*b->tail)});
 }
 
-//! Integers by a window where their range is shorter than a range of rows.
+//! Keys that lie between `least` and `most`, one other aside; by a memo all the same where a range
+//! of rows has fewer rows than the window has places.
+template <class Keys, class Key = typename Keys::key_type>
+int group_by_window(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask, Key least, Key most) {
+    const auto span = static_cast<Key>(most - least);
+    if (span >= b->info->count / vask_range_count(*b))
+        return group_by_memo<Keys>(ext, grp, b, mask);
+    const key_window<Key> window{least, static_cast<std::uint32_t>(span)};
+    return group_rows(ext, grp, b, mask, numbering_by_window<Keys>{Keys(*b->tail), window});
+}
+
 template <class T>
 int group_integers(BAT *ext, BAT *grp, BAT *b) {
-    using keys = number_keys<T>;
     value_range<T> values;
     const std::uint32_t mask = get_custom_mask<T>(b, &values);
     // What the kernel tells of an ascending tail is good for a mask, which no result depends on.
     if (is_ascending(*b->tail))
         values = scan_values<T>(*b);
-    const typename keys::key_type least = key_bits(values.least);
-    const auto span = static_cast<typename keys::key_type>(key_bits(values.max) - least);
-    if (values.least > values.max || span >= b->info->count / vask_range_count(*b))
-        return group_numbers<T>(ext, grp, b, mask);
-    return group_rows(
-        ext, grp, b, mask,
-        numbering_by_window<keys>{keys(*b->tail), {least, static_cast<std::uint32_t>(span)}});
+    return group_by_window<number_keys<T>>(ext, grp, b, mask, key_bits(values.least),
+                                           key_bits(values.max));
 }
 
-//! Texts by a window over all offsets where these are narrow.
 template <class Offset>
+int group_narrow_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
+    return group_by_window<offset_keys<Offset>>(ext, grp, b, mask, Offset{0},
+                                                std::numeric_limits<Offset>::max());
+}
+
 int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
-    using keys = offset_keys<Offset>;
-    if constexpr (sizeof(Offset) < 4)
-        return group_rows(
-            ext, grp, b, mask,
-            numbering_by_window<keys>{keys(*b->tail), {0, std::numeric_limits<Offset>::max()}});
-    else
-        return group_rows(ext, grp, b, mask, numbering_by_memo<keys>{keys(*b->tail)});
+    switch (b->tail->width) {
+        case 1:
+            return group_narrow_texts<std::uint8_t>(ext, grp, b, mask);
+        case 2:
+            return group_narrow_texts<std::uint16_t>(ext, grp, b, mask);
+        default:
+            return group_by_memo<offset_keys<std::uint32_t>>(ext, grp, b, mask);
+    }
 }
 
 } // namespace
@@ -161,20 +169,15 @@ template <class T>
 int vask_hash_group(BAT *ext, BAT *grp, BAT *b) {
     if (vask_range_count(*b) == 0)
         return 0;
-    if constexpr (std::integral<T>)
+    if constexpr (std::integral<T>) {
         return group_integers<T>(ext, grp, b);
-    const std::uint32_t mask = covering_mask(b->info->count);
-    if constexpr (std::floating_point<T>)
-        return group_numbers<T>(ext, grp, b, mask);
-    if constexpr (std::same_as<T, str>)
-        switch (b->tail->width) {
-            case 1:
-                return group_texts<std::uint8_t>(ext, grp, b, mask);
-            case 2:
-                return group_texts<std::uint16_t>(ext, grp, b, mask);
-            default:
-                return group_texts<std::uint32_t>(ext, grp, b, mask);
-        }
+    } else {
+        const std::uint32_t mask = covering_mask(b->info->count);
+        if constexpr (std::same_as<T, str>)
+            return group_texts(ext, grp, b, mask);
+        else
+            return group_by_memo<number_keys<T>>(ext, grp, b, mask);
+    }
 }
 
 template int vask_hash_group<bte>(BAT *, BAT *, BAT *);

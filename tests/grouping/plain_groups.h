@@ -78,6 +78,16 @@ std::pair<std::uint64_t, std::size_t> key_by_number(T value, std::size_t row) {
     return key_by_bits(value);
 }
 
+//! Map and extents for a road to fill.
+struct group_results {
+    refkernel::bat grp;
+    refkernel::bat ext;
+
+    explicit group_results(const refkernel::bat &b)
+        : grp(refkernel::bat::adopt(BATnew(b->head->type, TYPE_oid, b.count()))),
+          ext(refkernel::bat::adopt(BATnew(TYPE_oid, TYPE_wrd, 4096))) {}
+};
+
 //! What the operators left in a map and extents whose counts may not be set yet.
 inline plain_groups read_groups(const BAT &grp, const BAT &ext, BUN rows) {
     plain_groups groups;

@@ -3,6 +3,7 @@
 #include "grouping/plain_groups.h"
 #include "grouping/sorted_runs.h"
 #include "refkernel/instrumentation.h"
+#include "support/failing_calls.h"
 #include "support/kernel_settings.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +15,6 @@ using namespace support;
 using refkernel::bat;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
-
-struct results {
-    bat grp;
-    bat ext;
-
-    explicit results(const bat &b)
-        : grp(bat::adopt(BATnew(b->head->type, TYPE_oid, b.count()))),
-          ext(bat::adopt(BATnew(TYPE_oid, TYPE_wrd, 4096))) {}
-};
 
 //! The road's answer for a column with an ascending dense head.
 template <class T>
@@ -39,7 +31,7 @@ void check_road(const std::vector<T> &values, heads kind, oid base, int threads)
 
     const refkernel::checkpoint before;
     {
-        results made(b);
+        group_results made(b);
         ASSERT_EQ(vask_sort_group<T>(made.ext.record(), made.grp.record(), b.record()), 1);
         EXPECT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()),
                              in_order_of_id(group_rows(keys, oids))),
@@ -113,7 +105,7 @@ TEST(SortGroup, ANanFailsAtOnceAndSaysSo) {
             const refkernel::checkpoint before;
             refkernel::clear_error_buffer();
             {
-                results made(b);
+                group_results made(b);
                 EXPECT_EQ(vask_sort_group<float>(made.ext.record(), made.grp.record(), b.record()),
                           0);
             }
@@ -131,23 +123,17 @@ TEST(SortGroup, FailingKernelCalls) {
     const refkernel::checkpoint before;
     for (const operation op : {operation::bat_copy, operation::bat_materialize, operation::bat_new,
                                operation::bat_extend, operation::gdk_malloc}) {
-        std::uint64_t nth = 1;
-        for (bool failed = true; failed; ++nth) {
-            SCOPED_TRACE(std::string(operation_name(op)) + " " + std::to_string(nth));
-            ASSERT_LT(nth, 200U);
-            results made(b);
-            watch kernel;
-            kernel.fail_at(op, nth);
-            int result = -1;
-            try {
-                result = vask_sort_group<lng>(made.ext.record(), made.grp.record(), b.record());
-            } catch (const std::bad_alloc &e) {
-                EXPECT_STREQ(e.what(), "bad allocation");
-            }
-            failed = kernel.failures() != 0;
-            EXPECT_EQ(result, !failed ? 1 : op == operation::gdk_malloc ? -1 : 0);
-        }
-        EXPECT_GT(nth, 2U) << "never called";
+        fail_each_call(
+            op, [&] { return group_results(b); },
+            [&](group_results &made, const watch &, auto failed) {
+                int result = -1;
+                try {
+                    result = vask_sort_group<lng>(made.ext.record(), made.grp.record(), b.record());
+                } catch (const std::bad_alloc &e) {
+                    EXPECT_STREQ(e.what(), "bad allocation");
+                }
+                EXPECT_EQ(result, !failed() ? 1 : op == operation::gdk_malloc ? -1 : 0);
+            });
         if (op != operation::gdk_malloc) {
             EXPECT_EQ(before.leaks(), "") << operation_name(op);
         }
@@ -198,7 +184,7 @@ TEST(GroupRuns, AnOidOutsideTheNumberingFails) {
         const bat copy = refkernel::make_column(std::vector<std::int32_t>{1, 1, 2},
                                                 head_options(heads::dense, oids));
         static_cast<oid *>(copy->head->base)[2] = stray;
-        results made(copy);
+        group_results made(copy);
         BAT *slot = made.ext.record();
         EXPECT_FALSE(
             vask_group_runs<std::int32_t>(*copy.record(), {0, 2}, slot, *made.grp.record()));

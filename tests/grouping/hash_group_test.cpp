@@ -1,0 +1,238 @@
+#include "grouping/hash_group.h"
+
+#include "grouping/key_hash.h"
+#include "grouping/plain_groups.h"
+#include "grouping/row_ranges.h"
+#include "kernel/column.h"
+#include "kernel/isa.h"
+#include "refkernel/instrumentation.h"
+#include "support/failing_calls.h"
+#include "support/kernel_settings.h"
+
+#include <limits>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace vask;
+using namespace support;
+using refkernel::bat;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+
+//! The road's answer for a column whose rows have these keys.
+template <class T, class Key>
+void check_road(const bat &b, const std::vector<Key> &keys, const std::vector<oid> &oids,
+                int threads) {
+    SCOPED_TRACE(std::to_string(keys.size()) + " rows of type " + std::to_string(b.type()) +
+                 ", width " + std::to_string(b->tail->width) + ", " + std::to_string(threads) +
+                 " threads");
+    const kernel_settings settings(threads);
+    const refkernel::checkpoint before;
+    {
+        group_results made(b);
+        ASSERT_EQ(vask_hash_group<T>(made.ext.record(), made.grp.record(), b.record()), 1);
+        ASSERT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()),
+                             group_rows(keys, oids)),
+                  "");
+        if (b->head->type != TYPE_void) {
+            const oid *map_heads = static_cast<const oid *>(made.grp->head->base);
+            EXPECT_TRUE(std::equal(oids.begin(), oids.end(), map_heads));
+        }
+        EXPECT_EQ(made.ext->head->sorted, sorted_mark(*b->head));
+        EXPECT_EQ(made.ext->tail->sorted, 0);
+        EXPECT_EQ(made.grp.count(), 0U) << "the count is the caller's";
+    }
+    EXPECT_EQ(before.leaks(), "");
+}
+
+template <class T>
+void check_numbers(const std::vector<T> &values, heads kind, int threads, bool sorted = false) {
+    const std::vector<oid> oids = head_oids(kind, values.size(), 7, values.size());
+    refkernel::column_options options = head_options(kind, oids);
+    options.tail.sorted = sorted;
+    const bat b = refkernel::make_column<T>(std::span<const T>(values), options);
+    std::vector<std::pair<std::uint64_t, std::size_t>> keys;
+    for (const T value : values)
+        keys.push_back(key_by_bits(value));
+    check_road<T>(b, keys, oids, threads);
+}
+
+//! `distinct` values side by side from `least` on, some nil.
+template <class T>
+std::vector<T> close_values(std::size_t rows, T least, std::uint64_t distinct, int nil_percent,
+                            std::uint64_t seed) {
+    std::mt19937_64 random(seed);
+    std::vector<T> values(rows);
+    for (T &value : values)
+        value = static_cast<int>(random() % 100) < nil_percent
+                    ? refkernel::nil_of<T>()
+                    : static_cast<T>(least + static_cast<T>(random() % distinct));
+    return values;
+}
+
+constexpr int thread_counts[] = {1, 2, 3, 7, 64};
+
+TEST(HashGroup, NumbersAgreeWithThePlainWay) {
+    std::uint64_t seed = 0;
+    for (const std::size_t rows : {1U, 10U, 1023U, 1024U, 1025U, 5000U})
+        for (const std::uint64_t distinct : {1U, 100U, 300U, 1000000U})
+            for (const int nils : {0, 3, 50, 97, 100})
+                for_each_number_type([&]<class T>(T) {
+                    ++seed;
+                    check_numbers(random_values<T>(rows, distinct, nils, seed), all_heads[seed % 5],
+                                  thread_counts[seed / 5 % 5]);
+                });
+}
+
+TEST(HashGroup, IntegersThatLieCloseTogether) {
+    std::uint64_t seed = 0;
+    const auto check = [&]<class T>(T) {
+        if constexpr (std::is_integral_v<T>)
+            for (const std::uint64_t distinct : {1U, 2U, 100U, 120U})
+                for (const int nils : {0, 1, 50, 100})
+                    for (const T least : {T{-60}, T{3}, static_cast<T>(refkernel::nil_of<T>() + 1),
+                                          static_cast<T>(std::numeric_limits<T>::max() - 119)}) {
+                        ++seed;
+                        std::vector<T> values = close_values<T>(
+                            4000, least, std::min<std::uint64_t>(distinct, 120), nils, seed);
+                        const heads kind = all_heads[seed % 5];
+                        const int threads = thread_counts[seed / 5 % 5];
+                        check_numbers(values, kind, threads);
+                        // A mark that tells no truth changes no group.
+                        check_numbers(values, kind, threads, true);
+                        std::sort(values.begin(), values.end());
+                        check_numbers(values, kind, threads, true);
+                    }
+    };
+    for_each_number_type(check);
+}
+
+// Windows and memos beyond the caches, tables whose buckets are widened, every number of ranges the
+// same groups.
+TEST(HashGroup, ManyGroups) {
+    constexpr std::size_t rows = 200000;
+    for (const int threads : {1, 2, 5}) {
+        check_numbers(close_values<std::int32_t>(rows, -7, 30000, 1, 1), heads::void_head, threads);
+        check_numbers(close_values<lng>(rows, lng{1} << 40, 90000, 0, 2), heads::shuffled, threads);
+        check_numbers(random_values<sht>(rows, ~0ULL, 1, 3), heads::void_head, threads);
+        check_numbers(random_values<std::int32_t>(rows, 50000, 1, 4), heads::ascending, threads);
+        check_numbers(random_values<dbl>(rows, ~0ULL, 1, 5), heads::void_head, threads);
+    }
+}
+
+TEST(HashGroup, FloatsAreEqualByTheirBits) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    std::vector<double> values;
+    for (int i = 0; i < 700; ++i)
+        values.insert(values.end(), {0.0, nan, -0.0, -nan, 1e-310, refkernel::nil_of<double>()});
+    for (const int threads : thread_counts)
+        check_numbers(values, heads::void_head, threads);
+}
+
+//! Texts of all lengths that share beginnings, high bytes, the empty one.
+std::string text_of(std::uint64_t number) {
+    if (number == 0)
+        return {};
+    return (number % 3 == 0 ? "\xc3\xa4" : "text") + std::to_string(number % 10 == 9 ? 0 : number) +
+           std::string(number % 17, 'x');
+}
+
+void check_texts(std::size_t rows, std::uint64_t distinct, int nil_percent,
+                 const refkernel::text_options &stored, heads kind, int threads) {
+    std::mt19937_64 random(rows + distinct);
+    refkernel::text_builder builder(stored);
+    std::vector<std::string> keys;
+    for (std::size_t row = 0; row < rows; ++row) {
+        const bool nil = static_cast<int>(random() % 100) < nil_percent;
+        keys.push_back(nil ? std::string(refkernel::str_nil_text) : text_of(random() % distinct));
+        if (nil)
+            builder.append_nil();
+        else
+            builder.append(keys.back());
+    }
+    const std::vector<oid> oids = head_oids(kind, rows, 100, rows);
+    check_road<str>(builder.finish(head_options(kind, oids)), keys, oids, threads);
+}
+
+TEST(HashGroup, TextsStoredOnceAndAnew) {
+    std::uint64_t seed = 0;
+    for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew})
+        for (const int width : {1, 2, 4})
+            for (const std::size_t rows : {1U, 50U, 3000U, 40000U})
+                for (const std::uint64_t distinct : {1U, 60U, 9000U})
+                    for (const int nils : {0, 40}) {
+                        ++seed;
+                        refkernel::text_options stored;
+                        stored.sharing = sharing;
+                        stored.offset_width = width;
+                        check_texts(rows, distinct, nils, stored, all_heads[seed % 5],
+                                    thread_counts[seed / 2 % 5]);
+                    }
+}
+
+TEST(HashGroup, EveryInstructionSetGivesTheSame) {
+    for (const auto set : {instruction_set::baseline, instruction_set::avx2}) {
+        limit_instruction_set(set);
+        for_each_number_type([&]<class T>(T) {
+            check_numbers(random_values<T>(5000, 90, 10, 8), heads::void_head, 2);
+        });
+        check_numbers(close_values<lng>(5000, -9, 100, 10, 9), heads::void_head, 2);
+        check_numbers(close_values<bte>(5000, -9, 100, 10, 9), heads::void_head, 2);
+    }
+    limit_instruction_set(instruction_set::avx512);
+}
+
+TEST(HashGroup, RangesTakeTheRemainderLast) {
+    const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
+    const auto ranges = vask_row_ranges(*b.record(), 3);
+    ASSERT_EQ(ranges.size(), 3U);
+    const BUN expected[][2] = {{0, 2}, {3, 5}, {6, 9}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(ranges[i].low, expected[i][0]);
+        EXPECT_EQ(ranges[i].high, expected[i][1]);
+    }
+    const bat tail = refkernel::slice(b, 7, 3);
+    EXPECT_EQ(vask_row_ranges(*tail.record(), 1)[0].low, 7U);
+    EXPECT_EQ(vask_row_ranges(*tail.record(), 1)[0].high, 9U);
+}
+
+TEST(HashGroup, NoThreadsFailAtOnce) {
+    const kernel_settings settings(0);
+    const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
+    group_results made(b);
+    EXPECT_EQ(vask_hash_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()), 0);
+    EXPECT_EQ(made.ext.count(), 0U);
+}
+
+// Memory that fails at any point leaves as an exception, extents that cannot grow as a failure. Of
+// working memory nothing stays but the buckets that the tables of the ranges began with.
+TEST(HashGroup, FailingKernelCalls) {
+    constexpr int threads = 3;
+    const kernel_settings settings(threads);
+    const bat numbers = refkernel::make_column(random_values<lng>(30000, 9000, 0, 1));
+    const bat window = refkernel::make_column(close_values<lng>(30000, 5, 6000, 0, 1));
+    for (const bat *b : {&numbers, &window})
+        for (const operation op : {operation::gdk_malloc, operation::bat_extend})
+            fail_each_call(
+                op, [&] { return group_results(*b); },
+                [&](group_results &made, const watch &kernel, auto failed) {
+                    int result = -1;
+                    try {
+                        result =
+                            vask_hash_group<lng>(made.ext.record(), made.grp.record(), b->record());
+                    } catch (const std::bad_alloc &e) {
+                        EXPECT_STREQ(e.what(), "bad allocation");
+                    }
+                    EXPECT_EQ(result, !failed() ? 1 : op == operation::gdk_malloc ? -1 : 0);
+                    constexpr std::uint64_t first_buckets = 1024 * sizeof(std::uint32_t);
+                    EXPECT_LE(kernel.bytes_outstanding(), threads * first_buckets);
+                    EXPECT_EQ(kernel.bytes_outstanding() % first_buckets, 0U);
+                    if (!failed()) {
+                        EXPECT_EQ(kernel.bytes_outstanding(), threads * first_buckets);
+                    }
+                });
+}
+
+} // namespace
