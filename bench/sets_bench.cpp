@@ -78,9 +78,62 @@ void containment_in_many_all_present(benchmark::State &state) {
     containment(state, shuffled(few), drawn_below(few, many), few, 10);
 }
 
+//! One row in `nil_every` is nil on either side; 0: none.
+void union_of_ints(benchmark::State &state, std::uint32_t nil_every, double bar) {
+    constexpr std::int32_t nil = refkernel::nil_of<std::int32_t>();
+    std::vector<std::int32_t> left(many);
+    std::vector<std::int32_t> right(many);
+    std::mt19937 random(3);
+    for (std::uint32_t i = 0; i < many; ++i) {
+        left[i] = nil_every != 0 && random() % nil_every == 0 ? nil : static_cast<int>(i);
+        right[i] = nil_every != 0 && random() % nil_every == 0 ? nil : -static_cast<int>(i);
+    }
+    std::vector<std::int32_t> tails;
+    values heads;
+    for (const auto *side : {&left, &right})
+        for (std::uint32_t i = 0; i < many; ++i)
+            if (left[i] != nil && right[i] != nil) {
+                tails.push_back((*side)[i]);
+                heads.push_back(i);
+            }
+
+    GDKnr_threads = 2;
+    const refkernel::bat l = refkernel::make_column(std::move(left));
+    const refkernel::bat r = refkernel::make_column(std::move(right));
+    refkernel::bat both;
+    bench::run_in_read_units(
+        state,
+        [&] {
+            std::int32_t id = 0;
+            if (char *failure = vask_coSNNandUnion(&id, l.slot(), r.slot()))
+                state.SkipWithError(refkernel::take_exception(failure).text.c_str());
+            else
+                both = refkernel::bat::adopt(id);
+        },
+        [&] {
+            const auto got = both.values<std::int32_t>();
+            const auto *head = static_cast<const oid *>(both->head->base);
+            const bool right_answer =
+                std::equal(got.begin(), got.end(), tails.begin(), tails.end()) &&
+                std::equal(heads.begin(), heads.end(), head);
+            both.reset();
+            return std::string(right_answer ? "" : "wrong rows");
+        },
+        bar);
+}
+
+void union_without_nils(benchmark::State &state) {
+    union_of_ints(state, 0, 22);
+}
+void union_with_nils(benchmark::State &state) {
+    union_of_ints(state, 10, 22);
+}
+
 BENCHMARK(containment_of_many_shuffled)->UseManualTime()->Iterations(15);
 BENCHMARK(containment_of_many_repeated)->UseManualTime()->Iterations(15);
 BENCHMARK(containment_in_many_mostly_absent)->UseManualTime()->Iterations(15);
 BENCHMARK(containment_in_many_all_present)->UseManualTime()->Iterations(15);
+BENCHMARK(union_without_nils)->UseManualTime()->Iterations(15);
+BENCHMARK(union_with_nils)->UseManualTime()->Iterations(15);
 
 } // namespace

@@ -336,6 +336,34 @@ VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *
 VASK_EXPORT char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *gid,
                                        const int32_t *eid);
 
+/*
+ * Filtered union: of two columns whose rows belong together by position, the
+ * rows at which both tails hold a value; first all their `left` values, then all
+ * their `right` values, each with the head of its own row.
+ *
+ * Inputs: tails of type bit, 2, bte, sht, int, wrd, lng, flt or dbl; heads void
+ * or oid; equal counts. Rows are paired by position and read at the positions of
+ * `left`, so both must have the same first row.
+ * Result: twice as many rows as survive, read-only, both halves in row order, in
+ * a stored oid head and a tail of one type: that of both if it is the same; dbl
+ * for lng beside flt or dbl; else the one with the larger code, in the order bit,
+ * 2, bte, sht, int, wrd, flt, dbl, lng. Marked free of nils and unsorted. The
+ * caller owns the reference.
+ * Values: integers are extended with their sign; to a float they become the
+ * nearest one, so large lng and wrd values can lose their last digits. NaN and
+ * -0.0 are values and stay.
+ * Nil: what the type's own comparison calls equal to its nil; a nil on either
+ * side drops the row from both halves.
+ * Empty input, no surviving row: an empty result of the same type.
+ * Errors: "Object not found"; "Unsupported tail type"; "Unsupported head type";
+ * "Size of BATs is unequal"; "operation failed" when the result cannot be made,
+ * when memory runs out, when a column changes during the call, and when
+ * GDKnr_threads is 0 with rows present. Place: "vask_ops.coSNNandUnion". A
+ * failure after the result was made leaves that BAT behind.
+ * Partitions: GDKnr_threads of them, whatever the smallest partition size says.
+ */
+VASK_EXPORT char *vask_coSNNandUnion(int32_t *result, const int32_t *left, const int32_t *right);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,323 @@
+#include "refkernel/embed.h"
+#include "refkernel/instrumentation.h"
+#include "support/kernel_settings.h"
+#include "support/replaced_comparison.h"
+#include "support/values.h"
+#include "vask_ops.h"
+
+#include <atomic>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using refkernel::bat;
+using refkernel::exception;
+using refkernel::nil_of;
+using refkernel::take_exception;
+using support::kernel_settings;
+
+// A value of any type: of a float, with its digits; of an integer, all of it.
+struct cell {
+    lng whole = 0;
+    double real = 0;
+    bool is_float = false;
+
+    template <class T>
+    static cell of(T value) {
+        if constexpr (std::floating_point<T>)
+            return {0, value, true};
+        else
+            return {value, 0, false};
+    }
+
+    //! What is read from a column of a type after the value was assigned to it.
+    cell as(int type) const {
+        if (type == TYPE_flt)
+            return of(is_float ? static_cast<float>(real) : static_cast<float>(whole));
+        if (type == TYPE_dbl)
+            return of(is_float ? real : static_cast<double>(whole));
+        return *this;
+    }
+
+    bool operator==(const cell &other) const {
+        return is_float == other.is_float && whole == other.whole &&
+               support::same_value(real, other.real);
+    }
+};
+
+const std::vector<int> types{TYPE_bit, TYPE_byte, TYPE_bte, TYPE_sht, TYPE_int,
+                             TYPE_wrd, TYPE_flt,  TYPE_dbl, TYPE_lng};
+
+template <class F>
+auto with_element_of(int type, F f) {
+    switch (type) {
+        case TYPE_sht:
+            return f(std::int16_t());
+        case TYPE_int:
+            return f(std::int32_t());
+        case TYPE_wrd:
+        case TYPE_lng:
+            return f(std::int64_t());
+        case TYPE_flt:
+            return f(float());
+        case TYPE_dbl:
+            return f(double());
+        default:
+            return f(std::int8_t());
+    }
+}
+
+//! The type of a union's tail, by the places of both in `types`: 1 bit, 2, b(te), s(ht), i(nt),
+//! w(rd), f(lt), d(bl), l(ng).
+int expected_type(std::size_t left, std::size_t right) {
+    static const std::string names = "12bsiwfdl";
+    static const std::vector<std::string> table{"12bsiwfdl",
+                                                "22bsiwfdl",
+                                                "bbbsiwfdl",
+                                                "ssssiwfdl",
+                                                "iiiiiwfdl",
+                                                "wwwwwwfdl",
+                                                "fffffffdd",
+                                                "ddddddddd",
+                                                "lllllldd"
+                                                "l"};
+    return types[names.find(table[left][right])];
+}
+
+struct side {
+    bat column;
+    std::vector<std::optional<cell>> cells;
+};
+
+side draw_side(std::mt19937 &random, int type, BUN rows, BUN first) {
+    refkernel::column_options options;
+    options.type = type;
+    options.first = first;
+    const auto head = random() % 4;
+    options.stored_head = head < 2;
+    options.seqbase = head == 2 ? oid_nil : 100;
+    std::vector<oid> heads(rows);
+    for (oid &h : heads)
+        h = static_cast<oid>(random());
+    if (head == 0)
+        options.head_oids = heads;
+    const int nil_percent = std::array{0, 0, 3, 50, 100}[random() % 5];
+    const auto values = static_cast<support::spread>(random() % 3);
+    return with_element_of(type, [&]<class T>(T) {
+        const auto drawn = support::draw_values<T>(random, rows, nil_percent, values);
+        side result{refkernel::make_column(std::span<const T>(drawn), options), {}};
+        for (const T v : drawn)
+            result.cells.push_back(v == nil_of<T>() ? std::nullopt : std::optional(cell::of(v)));
+        return result;
+    });
+}
+
+std::vector<cell> cells_of(const bat &b) {
+    return with_element_of(b.type(), [&]<class T>(T) {
+        std::vector<cell> cells;
+        for (const T v : b.values<T>())
+            cells.push_back(cell::of(v));
+        return cells;
+    });
+}
+
+void check_union(const side &left, const side &right, int type) {
+    std::int32_t id = 0;
+    ASSERT_EQ(take_exception(vask_coSNNandUnion(&id, left.column.slot(), right.column.slot())),
+              exception{});
+    const bat result = bat::adopt(id);
+
+    std::vector<cell> tails;
+    std::vector<oid> heads;
+    for (const side *s : {&left, &right})
+        for (BUN row = 0; row < s->cells.size(); ++row)
+            if (left.cells[row] && right.cells[row]) {
+                tails.push_back(s->cells[row]->as(type));
+                heads.push_back(s->column.head_oid(row));
+            }
+
+    ASSERT_EQ(result.type(), type);
+    ASSERT_EQ(result.count(), tails.size());
+    ASSERT_EQ(result->head->type, TYPE_oid);
+    for (BUN row = 0; row < result.count(); ++row)
+        ASSERT_EQ(result.head_oid(row), heads[row]) << row;
+    ASSERT_TRUE(cells_of(result) == tails);
+    EXPECT_TRUE(result->tail->nonil && !result->tail->nil && result->tail->sorted == 0);
+    EXPECT_EQ(result->state->access, unsigned{ACCESS_READ});
+}
+
+TEST(FilteredUnion, OfAllTypesHoldsTheRowsWithoutNils) {
+    std::uint32_t seed = 0;
+    for (std::size_t l = 0; l < types.size(); ++l)
+        for (std::size_t r = 0; r < types.size(); ++r)
+            for (const BUN rows : {0U, 1U, 2U, 7U, 300U, 1023U, 1024U, 1025U, 5000U}) {
+                std::mt19937 random(++seed);
+                const std::int32_t threads = std::array{1, 2, 3, 8, 300}[random() % 5];
+                const BUN first = random() % 3 == 0 ? 5 : 0;
+                const kernel_settings settings(threads);
+                SCOPED_TRACE("seed " + std::to_string(seed) + ", types " +
+                             std::to_string(types[l]) + " and " + std::to_string(types[r]) + ", " +
+                             std::to_string(rows) + " rows from " + std::to_string(first) + ", " +
+                             std::to_string(threads) + " threads");
+                const side left = draw_side(random, types[l], rows, first);
+                const side right = draw_side(random, types[r], rows, first);
+                const refkernel::instrumentation::watch kernel;
+                const refkernel::checkpoint before;
+                check_union(left, right, expected_type(l, r));
+                ASSERT_EQ(before.leaks(), "");
+                if (HasFatalFailure())
+                    return;
+            }
+}
+
+exception failure_of(const bat &left, const bat &right) {
+    std::int32_t id = -7;
+    const auto failure = take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot()));
+    EXPECT_EQ(id, -7);
+    return failure;
+}
+
+exception failed(const char *text) {
+    return {"vask_ops.coSNNandUnion", text};
+}
+
+TEST(FilteredUnion, RefusesWhatItCannotUnite) {
+    const bat three = refkernel::make_column(std::vector<std::int32_t>{1, 2, 3});
+    const bat two = refkernel::make_column(std::vector<std::int32_t>{1, 2});
+    const bat texts = refkernel::make_text_column(std::vector<std::string_view>{"a", "b", "c"});
+    const bat oids = refkernel::make_column(std::vector<oid>{1, 2, 3});
+    const bat dense = refkernel::make_void_column(3, 10);
+    const bat odd_head = refkernel::make_empty(TYPE_int, TYPE_int);
+    const bat times = refkernel::make_column(std::vector<std::int64_t>{1, 2, 3},
+                                             {.type = refkernel::type_timestamp});
+    const refkernel::checkpoint before;
+    for (const bat *refused : {&texts, &oids, &dense, &times}) {
+        EXPECT_EQ(failure_of(*refused, two), failed("Unsupported tail type"));
+        EXPECT_EQ(failure_of(two, *refused), failed("Unsupported tail type"));
+    }
+    EXPECT_EQ(failure_of(odd_head, two), failed("Unsupported head type"));
+    EXPECT_EQ(failure_of(two, odd_head), failed("Unsupported head type"));
+    EXPECT_EQ(failure_of(three, two), failed("Size of BATs is unequal"));
+    EXPECT_EQ(failure_of(bat(), three), failed("Object not found"));
+    EXPECT_EQ(failure_of(three, bat()), failed("Object not found"));
+    EXPECT_EQ(before.leaks(), "");
+}
+
+TEST(FilteredUnion, NeedsThreadsOnlyForRows) {
+    const bat some = refkernel::make_column(std::vector<std::int32_t>{1, 2, 3});
+    const bat none = refkernel::make_column(std::vector<std::int32_t>());
+    const kernel_settings settings(0);
+    EXPECT_EQ(failure_of(some, some), failed("operation failed"));
+    check_union({bat::share(none.id()), {}}, {bat::share(none.id()), {}}, TYPE_int);
+}
+
+TEST(FilteredUnion, SurvivesShortMemory) {
+    using refkernel::instrumentation::operation;
+    const bat b = refkernel::make_column(std::vector<std::int32_t>{1, 2, 3});
+    refkernel::instrumentation::watch kernel;
+    const refkernel::checkpoint before;
+    for (const auto op : {operation::bat_new, operation::gdk_malloc})
+        for (std::uint64_t nth = 1; nth <= (op == operation::gdk_malloc ? 2 : 1); ++nth) {
+            kernel.fail_at(op, nth);
+            EXPECT_EQ(failure_of(b, b), failed("operation failed")) << nth;
+        }
+    EXPECT_EQ(kernel.failures(), 3U);
+    EXPECT_EQ(before.leaks(), "");
+}
+
+std::atomic<int> compared;
+int counting_comparison(const void *a, const void *b) {
+    ++compared;
+    return *static_cast<const int32_t *>(a) == *static_cast<const int32_t *>(b) ? 0 : 1;
+}
+// Of the rows with a 7, those of the first pass are values and those of the second nil, or the
+// other way round.
+std::atomic<int> sevens;
+constexpr int sevens_per_pass = 4;
+int forgetting_comparison(const void *, const void *b) {
+    return *static_cast<const int32_t *>(b) != 7 || sevens++ < sevens_per_pass;
+}
+int remembering_comparison(const void *, const void *b) {
+    return *static_cast<const int32_t *>(b) != 7 || sevens++ >= sevens_per_pass;
+}
+int throwing_comparison(const void *, const void *) {
+    throw std::runtime_error("no comparison");
+}
+
+TEST(FilteredUnion, TestsEveryElementOncePerPass) {
+    const std::int32_t nil = int_nil;
+    const bat left = refkernel::make_column(std::vector<std::int32_t>{1, nil, 3, nil, 5});
+    const bat right = refkernel::make_column(std::vector<std::int32_t>{nil, 1, 3, nil, 5});
+    const support::replaced_comparison counting(TYPE_int, counting_comparison);
+    compared = 0;
+    std::int32_t id = 0;
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    bat::adopt(id).reset();
+    EXPECT_EQ(compared, 2 * (5 + 3)); // the right element only where the left one is no nil
+}
+
+// One partition: the calls come in order.
+TEST(FilteredUnion, ColumnThatChangesBetweenThePassesFails) {
+    const kernel_settings settings(1);
+    const bat left = refkernel::make_column(std::vector<std::int32_t>{1, 7, 7, 7, 7, 2});
+    const bat right = refkernel::make_column(std::vector<std::int64_t>{1, 1, 1, 1, 1, 1});
+    for (const auto comparison : {remembering_comparison, throwing_comparison}) {
+        const support::replaced_comparison replaced(TYPE_int, comparison);
+        sevens = 0;
+        const std::int64_t bats = refkernel::current_usage().bats;
+        const std::int64_t references = refkernel::current_usage().logical;
+        EXPECT_EQ(failure_of(left, right), failed("operation failed"));
+        // A result that was made before the failure stays, and nobody holds it.
+        EXPECT_EQ(refkernel::current_usage().bats - bats,
+                  comparison == remembering_comparison ? 1 : 0);
+        EXPECT_EQ(refkernel::current_usage().logical, references);
+    }
+    // Fewer survivors than were counted leave rows of the result unwritten, and nothing is said.
+    const support::replaced_comparison replaced(TYPE_int, forgetting_comparison);
+    sevens = 0;
+    std::int32_t id = 0;
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    EXPECT_EQ(bat::adopt(id).count(), 12U);
+}
+
+TEST(FilteredUnion, CallsTheKernelInOrder) {
+    const kernel_settings settings(2);
+    const bat b = refkernel::make_column(std::vector<std::int32_t>{1, 2, 3});
+    refkernel::instrumentation::watch kernel;
+    kernel.record(true);
+    std::int32_t id = 0;
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, b.slot(), b.slot())), exception{});
+    kernel.record(false);
+    std::vector<std::string> calls;
+    for (const auto &call : kernel.recorded_texts())
+        if (!call.starts_with("GDK"))
+            calls.push_back(call);
+    const auto of = [](const char *name, std::int32_t bat_id, const char *rest = ")") {
+        return std::string(name).append("(").append(std::to_string(bat_id)).append(rest);
+    };
+    const std::string aligned = std::string(", ").append(std::to_string(b.id())).append(")");
+    std::vector<std::string> expected;
+    const auto expect_twice = [&](const char *name, const char *rest) {
+        expected.insert(expected.end(), 2, of(name, b.id(), rest));
+    };
+    expect_twice("BBPincref", ", 0)");
+    expect_twice("BATaccess", ", 2, 0, 1)");
+    expect_twice("BATaccess", ", 2, 0, -1)");
+    expected.insert(expected.end(),
+                    {"BATnew(0, 6, 6)", of("BATsetcount", id, ", 6)"),
+                     of("ALIGNsetH", id, aligned.c_str()), of("BATmaterializeh", id)});
+    expect_twice("BATaccess", ", 3, 0, 1)");
+    expect_twice("BATaccess", ", 3, 0, -1)");
+    expected.insert(expected.end(), {of("BATsetaccess", id, ", 1)"), of("BBPkeepref", id)});
+    expect_twice("BBPreleaseref", ")");
+    EXPECT_EQ(calls, expected);
+    bat::adopt(id).reset();
+}
+
+} // namespace
