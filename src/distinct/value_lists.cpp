@@ -6,6 +6,7 @@
 #include "kernel/frame.h"
 #include "kernel/oid_lookup.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <type_traits>
@@ -73,7 +74,7 @@ private:
 
 //! Appends the values of a range of b's rows to the task's own lists.
 template <class T, class Lookup>
-bool append_rows(const grouped_values &inputs, const Lookup &groups, vask_row_range range,
+bool append_rows(const grouped_values &inputs, const Lookup &groups, row_range range,
                  vask_value_list<T> *lists) {
     const BAT &b = *inputs.b;
     const BUN group_count = inputs.groups->info->count;
@@ -82,7 +83,7 @@ bool append_rows(const grouped_values &inputs, const Lookup &groups, vask_row_ra
     const oid_reader gids(*inputs.g->tail, *inputs.g);
     const list_values<T> values(*b.tail);
     map_cursor map(*inputs.g);
-    for (BUN p = range.low; p <= range.high; ++p) {
+    for (BUN p = range.begin; p < range.end; ++p) {
         if (!map.move_to(heads[p]))
             continue;
         // Of a group that is not there the lookup gives a number that is no slot.
@@ -99,7 +100,7 @@ bool append_rows(const grouped_values &inputs, const Lookup &groups, vask_row_ra
 
 //! A task's rows; what the strategy asked of the heads is asked again, as the lists rely on it.
 template <class T>
-bool scatter_range(const grouped_values &inputs, const slot_table *table, vask_row_range range,
+bool scatter_range(const grouped_values &inputs, const slot_table *table, row_range range,
                    vask_value_list<T> *lists) {
     if (!is_ascending(*inputs.b->head) || !is_ascending(*inputs.g->head))
         return false;
@@ -174,8 +175,10 @@ bool gather_value_lists(const grouped_values &inputs, vask_value_list<T> *lists)
     const BUN groups = inputs.groups->info->count;
     if (GDKnr_threads == 0)
         return false;
-    const auto ranges = vask_row_ranges(*inputs.b, vask_range_count(*inputs.b));
-    partition_lists<T> parts(ranges.size(), groups);
+    // One partition per thread, whatever its size, and none of an empty column.
+    const std::uint64_t nparts = vask_range_count(*inputs.b);
+    const partition_plan plan(*inputs.b, std::max<std::uint64_t>(nparts, 1));
+    partition_lists<T> parts(nparts, groups);
     if (!parts.allocated())
         return false;
 
@@ -184,14 +187,14 @@ bool gather_value_lists(const grouped_values &inputs, vask_value_list<T> *lists)
     bte ok = 1;
     {
         task_set tasks;
-        for (std::size_t i = 0; i < ranges.size(); ++i) {
-            vask_value_list<T> *own = parts.allocate(i);
+        for (std::uint64_t part = 0; part < nparts; ++part) {
+            vask_value_list<T> *own = parts.allocate(part);
             if (own == nullptr) {
                 ok = 0;
                 tasks.cancel();
                 break;
             }
-            tasks.spawn([=, &ok, slots = table.get(), range = ranges[i]] {
+            tasks.spawn([=, &ok, slots = table.get(), range = plan.partition(part)] {
                 // Tasks may clear it at the same time: all of them store the same 0.
                 if (!scatter_range(inputs, slots, range, own))
                     std::atomic_ref(ok).store(0, std::memory_order_relaxed);

@@ -1,0 +1,314 @@
+#include "refkernel/embed.h"
+#include "refkernel/instrumentation.h"
+#include "support/kernel_settings.h"
+#include "support/values.h"
+#include "vask_ops.h"
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using refkernel::bat;
+using support::kernel_settings;
+using enum refkernel::instrumentation::operation;
+
+//! Values that tell apart what the operator tells apart: the bits of a number.
+template <class T>
+std::string bits_of(T value) {
+    return {reinterpret_cast<const char *>(&value), sizeof value};
+}
+
+struct shape {
+    BUN rows = 2000;
+    oid groups = 7;
+    bool stored_heads = false;     // ascending with gaps, else void
+    bool shuffled_extents = false; // else a dense head
+    BUN first = 0;                 // of the values
+    BUN without_map = 0;           // rows at the end of the values that the map does not have
+};
+
+//! A map and extents of a grouping, heads for the values, and the counts that are to come out for
+//! the keys of the rows' values.
+struct grouping {
+    std::vector<oid> heads;
+    std::vector<oid> gids;
+    std::vector<oid> ids;
+    bat map;
+    bat extents;
+
+    grouping(const shape &s, std::mt19937 &random) {
+        for (BUN row = 0; row < s.rows; ++row) {
+            heads.push_back(s.stored_heads ? 100 + 3 * row : 100 + row);
+            gids.push_back(500 + static_cast<oid>(random()) % s.groups);
+        }
+        for (oid j = 0; j < s.groups + 1; ++j) // the last one has no rows
+            ids.push_back(500 + j);
+        if (s.shuffled_extents)
+            std::shuffle(ids.begin(), ids.end(), random);
+        map = refkernel::make_column(
+            std::span<const oid>(gids).first(s.rows - s.without_map),
+            {.stored_head = s.stored_heads,
+             .seqbase = 100,
+             .head_oids = s.stored_heads ? std::span<const oid>(heads).first(s.rows - s.without_map)
+                                         : std::span<const oid>(),
+             .head = {.sorted = true, .key = true}});
+        extents = refkernel::make_column(
+            std::vector<wrd>(ids.size(), 1),
+            {.type = TYPE_wrd,
+             .stored_head = true,
+             .seqbase = 500,
+             .head_oids = ids,
+             .head = {.sorted = !s.shuffled_extents, .key = true, .dense = !s.shuffled_extents}});
+    }
+
+    refkernel::column_options value_options(const shape &s, int type) const {
+        refkernel::column_options options{.type = type, .stored_head = s.stored_heads};
+        options.seqbase = 100;
+        if (s.stored_heads)
+            options.head_oids = heads;
+        options.head = {.sorted = true, .key = true};
+        options.first = s.first;
+        return options;
+    }
+
+    std::vector<wrd> expected(const std::vector<std::string> &keys, BUN mapped_rows) const {
+        std::map<oid, std::set<std::string>> distinct;
+        for (BUN row = 0; row < mapped_rows; ++row)
+            distinct[gids[row]].insert(keys[row]);
+        std::vector<wrd> counts;
+        for (const oid id : ids)
+            counts.push_back(static_cast<wrd>(distinct[id].size()));
+        return counts;
+    }
+};
+
+struct outcome {
+    refkernel::exception failure;
+    std::vector<wrd> counts;
+    bool serial = false;
+};
+
+//! Calls the operator and checks what holds of every call: the result's head and marks, and that
+//! nothing is left behind.
+outcome count_distinct(const bat &values, const grouping &g) {
+    const refkernel::checkpoint before;
+    outcome out;
+    {
+        refkernel::instrumentation::watch kernel;
+        std::int32_t id = int_nil;
+        out.failure = refkernel::take_exception(
+            AggrX3_countDistinct(&id, values.slot(), g.map.slot(), g.extents.slot()));
+        out.serial = kernel.calls(grp_derive) != 0;
+        EXPECT_TRUE(kernel.unpaired_accesses().empty());
+        const bat result = bat::adopt(id);
+        if (result) {
+            EXPECT_EQ(result.type(), TYPE_wrd);
+            EXPECT_EQ(result.count(), g.ids.size());
+            for (BUN j = 0; j < result.count(); ++j) {
+                EXPECT_EQ(result.head_oid(j), g.ids[j]);
+                out.counts.push_back(result.values<wrd>()[j]);
+            }
+            if (!out.serial) {
+                EXPECT_TRUE(result->tail->nonil && !result->tail->nil);
+            }
+        }
+    }
+    EXPECT_EQ(before.leaks(), "");
+    return out;
+}
+
+template <class T>
+std::vector<std::string> keys_of(const std::vector<T> &values) {
+    std::vector<std::string> keys;
+    for (const T v : values)
+        keys.push_back(bits_of(v));
+    return keys;
+}
+
+std::vector<shape> shapes() {
+    return {
+        {},
+        {.groups = 1},
+        {.groups = 1500, .shuffled_extents = true},
+        {.stored_heads = true, .shuffled_extents = true},
+        {.rows = 9000, .groups = 2, .stored_heads = true, .first = 11},
+        {.rows = 3000, .groups = 50, .stored_heads = true, .without_map = 700},
+        {.rows = 3000, .groups = 50, .first = 5, .without_map = 1},
+    };
+}
+
+TEST(CountDistinct, OfNumbersByTheirBitsOnAnyShapeAndThreads) {
+    support::for_each_arithmetic_type([]<class T>(int type) {
+        std::mt19937 random(31);
+        for (const shape &s : shapes()) {
+            SCOPED_TRACE("type " + std::to_string(type) + ", " + std::to_string(s.rows) + " rows");
+            const grouping g(s, random);
+            std::vector<T> values =
+                support::draw_values<T>(random, s.rows, 10, support::spread::any);
+            const std::vector<wrd> expected = g.expected(keys_of(values), s.rows - s.without_map);
+            const bat column = refkernel::make_column(std::move(values), g.value_options(s, type));
+            for (const std::int32_t threads : {1, 2, 3, 300}) {
+                const kernel_settings settings(threads);
+                const outcome out = count_distinct(column, g);
+                // One byte has too few values for the parallel road.
+                EXPECT_EQ(out.serial, sizeof(T) == 1);
+                if (out.serial && s.without_map != 0)
+                    continue; // the serial refinement asks for every row
+                EXPECT_EQ(out.failure.text, "");
+                EXPECT_EQ(out.counts, expected) << threads << " threads";
+            }
+        }
+    });
+}
+
+TEST(CountDistinct, OfTextsByWhatTheyRead) {
+    std::mt19937 random(32);
+    for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew}) {
+        for (const shape &s : shapes()) {
+            const grouping g(s, random);
+            refkernel::text_builder builder({.sharing = sharing});
+            std::vector<std::string> keys;
+            for (BUN row = 0; row < s.rows; ++row) {
+                const bool nil = random() % 10 == 0;
+                keys.push_back(nil ? "nil" : "text " + std::to_string(random() % 900));
+                if (nil)
+                    builder.append_nil();
+                else
+                    builder.append(keys.back());
+            }
+            const bat column = builder.finish(g.value_options(s, TYPE_str));
+            const kernel_settings settings(3);
+            const outcome out = count_distinct(column, g);
+            EXPECT_FALSE(out.serial);
+            EXPECT_EQ(out.failure.text, "");
+            EXPECT_EQ(out.counts, g.expected(keys, s.rows - s.without_map));
+        }
+    }
+}
+
+TEST(CountDistinct, ZerosNilsAndNansAreValuesOnBothRoads) {
+    const kernel_settings settings(2);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double nil = refkernel::nil_of<double>();
+    for (const bool many : {false, true}) {
+        std::mt19937 random(33);
+        const shape s{.rows = 1000, .groups = 1};
+        const grouping g(s, random);
+        std::vector<double> values(s.rows, 1.0);
+        for (BUN row = 0; row < s.rows; ++row)
+            values[row] = many ? row : 1.0;
+        for (const BUN at : {3U, 500U, 900U}) {
+            const double odd[] = {0.5, nil, nan, -0.25};
+            std::copy(std::begin(odd), std::end(odd), values.begin() + at);
+        }
+        const std::vector<wrd> expected = g.expected(keys_of(values), s.rows);
+        const outcome out = count_distinct(
+            refkernel::make_column(std::move(values), g.value_options(s, TYPE_dbl)), g);
+        EXPECT_EQ(out.serial, !many);
+        EXPECT_EQ(out.failure.text, "");
+        EXPECT_EQ(out.counts, expected);
+    }
+}
+
+TEST(CountDistinct, SampleAndHeadsChooseTheRoad) {
+    const kernel_settings settings(2);
+    std::mt19937 random(34);
+    const shape s{.rows = 1024, .groups = 4};
+    const grouping g(s, random);
+    // All rows are sampled, so the number of values is exact.
+    for (const std::int32_t distinct : {299, 300}) {
+        std::vector<std::int32_t> values(s.rows);
+        for (BUN row = 0; row < s.rows; ++row)
+            values[row] = static_cast<std::int32_t>(row) % distinct;
+        const std::vector<wrd> expected = g.expected(keys_of(values), s.rows);
+        const outcome out =
+            count_distinct(refkernel::make_column(std::span<const std::int32_t>(values),
+                                                  g.value_options(s, TYPE_int)),
+                           g);
+        EXPECT_EQ(out.serial, distinct == 299);
+        EXPECT_EQ(out.counts, expected);
+        // A head whose mark says nothing of order.
+        refkernel::column_options unordered = g.value_options(s, TYPE_int);
+        unordered.stored_head = true;
+        unordered.head_oids = g.heads;
+        unordered.head.sorted = false;
+        const outcome serial = count_distinct(
+            refkernel::make_column(std::span<const std::int32_t>(values), unordered), g);
+        EXPECT_TRUE(serial.serial);
+        EXPECT_EQ(serial.counts, expected);
+    }
+}
+
+TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
+    const kernel_settings settings(3);
+    std::mt19937 random(35);
+    const shape s{.rows = 3000, .groups = 20, .shuffled_extents = true};
+    grouping g(s, random);
+    std::vector<std::int32_t> values(s.rows);
+    std::iota(values.begin(), values.end(), 0);
+    const bat column = refkernel::make_column(std::move(values), g.value_options(s, TYPE_int));
+    const auto expect_failed = [](const outcome &out) {
+        EXPECT_EQ(out.failure, (refkernel::exception{"aggr.countd", "operation failed"}));
+        EXPECT_TRUE(out.counts.empty());
+    };
+    {
+        SCOPED_TRACE("a void column has no road");
+        const bat none = refkernel::make_void_column(s.rows, 0, g.value_options(s, TYPE_void));
+        expect_failed(count_distinct(none, g));
+    }
+    {
+        SCOPED_TRACE("missing BATs");
+        expect_failed(count_distinct(bat(), g));
+        std::int32_t missing = 0;
+        std::int32_t id = int_nil;
+        const refkernel::checkpoint before;
+        EXPECT_EQ(refkernel::take_exception(
+                      AggrX3_countDistinct(&id, column.slot(), &missing, g.extents.slot()))
+                      .text,
+                  "operation failed");
+        EXPECT_EQ(before.leaks(), "");
+    }
+    for (const auto op :
+         {bat_new, bat_sample, grp_group, gdk_zalloc, gdk_malloc, gdk_realloc, view_combine}) {
+        for (std::uint64_t nth = 1; nth < 40; ++nth) {
+            SCOPED_TRACE(std::string(operation_name(op)) + " " + std::to_string(nth));
+            const refkernel::checkpoint before;
+            std::int32_t id = int_nil;
+            bool reached = false;
+            refkernel::exception failure;
+            {
+                refkernel::instrumentation::watch kernel;
+                kernel.fail_at(op, nth);
+                failure = refkernel::take_exception(
+                    AggrX3_countDistinct(&id, column.slot(), g.map.slot(), g.extents.slot()));
+                reached = kernel.failures() != 0;
+            }
+            if (bat::adopt(id)) {
+                // Nothing was to be allocated for the group without values.
+                EXPECT_TRUE(!reached || op == gdk_malloc);
+                EXPECT_GT(nth, 1U) << "never called";
+            } else {
+                EXPECT_EQ(failure.text, "operation failed");
+            }
+            EXPECT_EQ(before.leaks(), "");
+            if (!reached)
+                break;
+        }
+    }
+    {
+        SCOPED_TRACE("a group that the extents do not hold");
+        grouping unknown(s, random);
+        unknown.map.mutable_values<oid>()[s.rows - 1] = 9999;
+        expect_failed(count_distinct(column, unknown));
+    }
+}
+
+} // namespace
