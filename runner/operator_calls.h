@@ -7,6 +7,8 @@ namespace vask::runner {
 
 //! Stores a scalar of a whole column in the result slot.
 using whole_column_operator = char *(void *result, const std::int32_t *column);
+//! Stores a number of rows.
+using count_operator = char *(std::int64_t *result, const std::int32_t *column);
 //! Stores the number of a column of one result per group.
 using grouped_operator = char *(std::int32_t *result, const std::int32_t *column,
                                 const std::int32_t *map, const std::int32_t *extents);

@@ -18,11 +18,12 @@ constexpr const char *description =
 constexpr const char *footer = R"(
 Examples:
   vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
-  vask penguins.csv --group-by species,sex --agg 'sum(body_mass_g)' --sort
+  vask penguins.csv --group-by species,sex --agg 'count(*), mean(body_mass_g)' --sort
   vask prices.csv --agg 'sum("unit price")' --format csv
   zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
   vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
 
+Aggregates: sum, min, max, mean, count, and count(*) for rows.
 The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
 a field that is not in quotes do not belong to it; blank lines are passed over.
 Exit status: 0, or 2 when the request or the data are at fault (the message says where).)";

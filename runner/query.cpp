@@ -49,21 +49,42 @@ std::string suggestion(const std::vector<std::string> &names, std::string_view w
 std::string known_aggregates() {
     std::string list;
     for (const aggregate_rule &rule : aggregate_rules())
-        list += fmt::format("{}{}", list.empty() ? "" : ", ", rule.name);
+        list += fmt::format("{}{}{}", list.empty() ? "" : ", ", rule.name,
+                            rule.arguments == argument_form::all_rows ? "(*)" : "");
     return list;
 }
 
 bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &header,
                                const source_text &source) {
-    const aggregate_rule *const rule = find_aggregate(call.function);
+    const argument &first = call.arguments.front();
+    const bool all_rows = first.text == "*" && !first.quoted;
+    const aggregate_rule *const rule =
+        find_aggregate(call.function, all_rows ? argument_form::all_rows : argument_form::column);
     if (rule == nullptr)
-        fail("--agg: {}: there is no aggregate '{}'; there are: {}", call.text, call.function,
-             known_aggregates());
+        fail("--agg: {}: there is no aggregate '{}{}'; there are: {}", call.text, call.function,
+             all_rows ? "(*)" : "", known_aggregates());
     if (call.arguments.size() != 1)
         fail("--agg: {}: {} takes one column; put a name that holds a comma in double quotes",
              call.text, rule->name);
-    return {call.text, rule,
-            find_column(header, source, call.arguments.front().text, "--agg: " + call.text)};
+    bound_aggregate result{call.text, rule, {}};
+    if (!all_rows)
+        result.columns.push_back(find_column(header, source, first.text, "--agg: " + call.text));
+    return result;
+}
+
+void check_type(const bound_aggregate &aggregate, std::size_t column, const table &data,
+                const load_request &request, const csv_header &header, const source_text &source) {
+    const column_type type = data.columns[column].type;
+    if (aggregate.rule->accepts.contains(type))
+        return;
+    std::string reason = fmt::format(
+        "{}: {}: column {} ({}) is {}; {} takes {}", source.name(), aggregate.title, column + 1,
+        header.names[column], name_of(type), aggregate.rule->name, aggregate.rule->accepts.names());
+    if (const auto text = first_text(source, header, request, column))
+        reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
+                              "stands for a missing value, add it to the list of --na",
+                              shown(text->cell), text->line);
+    throw user_error(reason);
 }
 
 } // namespace
@@ -73,7 +94,8 @@ std::vector<bool> query::needed_columns(std::size_t columns) const {
     for (const std::size_t column : group_by)
         needed[column] = true;
     for (const bound_aggregate &aggregate : aggregates)
-        needed[aggregate.column] = true;
+        for (const std::size_t column : aggregate.columns)
+            needed[column] = true;
     return needed;
 }
 
@@ -101,20 +123,9 @@ query bind_query(const options &request, const csv_header &header, const source_
 
 void check_types(const query &asked, const table &data, const load_request &request,
                  const csv_header &header, const source_text &source) {
-    for (const bound_aggregate &aggregate : asked.aggregates) {
-        const column_type type = data.columns[aggregate.column].type;
-        if (aggregate.rule->accepts.contains(type))
-            continue;
-        const std::string &name = header.names[aggregate.column];
-        std::string reason = fmt::format("{}: {}: column {} ({}) is {}; {} takes {}", source.name(),
-                                         aggregate.title, aggregate.column + 1, name, name_of(type),
-                                         aggregate.rule->name, aggregate.rule->accepts.names());
-        if (const auto text = first_text(source, header, request, aggregate.column))
-            reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
-                                  "stands for a missing value, add it to the list of --na",
-                                  shown(text->cell), text->line);
-        throw user_error(reason);
-    }
+    for (const bound_aggregate &aggregate : asked.aggregates)
+        for (const std::size_t column : aggregate.columns)
+            check_type(aggregate, column, data, request, header, source);
 }
 
 } // namespace vask::runner

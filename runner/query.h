@@ -15,7 +15,7 @@ namespace vask::runner {
 struct bound_aggregate {
     std::string title; //!< as it was written
     const aggregate_rule *rule;
-    std::size_t column; //!< by its place in the file
+    std::vector<std::size_t> columns; //!< its arguments, by their place in the file
 };
 
 struct query {

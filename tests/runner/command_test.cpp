@@ -1,36 +1,13 @@
 // The command as its users see it: standard output, standard error, exit status.
+#include "run_command.h"
 #include "temporary_file.h"
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 namespace {
-
-struct outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-std::string quoted(const std::string &word) {
-    std::string result = "'";
-    for (const char c : word)
-        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return result + "'";
-}
-
-outcome vask(const std::vector<std::string> &arguments, const std::string &input = "") {
-    const temporary_file in(input), out, err;
-    std::string command = "cat " + in.path() + " | " VASK_COMMAND;
-    for (const std::string &argument : arguments)
-        command.append(" ").append(quoted(argument));
-    const int status = std::system((command + " >" + out.path() + " 2>" + err.path()).c_str());
-    return {WEXITSTATUS(status), out.content(), err.content()};
-}
 
 bool holds(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
@@ -128,7 +105,10 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)", "--types", "x:number"}, "x\n1\n", {"--types", "number", "timestamp"}},
         {{"-", agg, "sum(x)", "--types", "y:int"}, "x\n1\n", {"--types", "'y'", "did you mean x"}},
         {{"-", agg, "sum(x"}, "x\n1\n", {"--agg", "')'"}},
-        {{"-", agg, "total(x)"}, "x\n1\n", {"no aggregate 'total'", "sum"}},
+        {{"-", agg, "total(x)"}, "x\n1\n", {"no aggregate 'total'", "sum", "count(*)"}},
+        {{"-", agg, "sum(*)"}, "x\n1\n", {"no aggregate 'sum(*)'"}},
+        {{"-", agg, "sum(x)", "--group-by", "y"}, "x\n1\n", {"--group-by", "no column 'y'"}},
+        {{"-", agg, "min(x)"}, "x\na\n", {"min takes", "timestamp"}},
         {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum takes one column"}},
         {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
         {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
