@@ -364,6 +364,153 @@ VASK_EXPORT char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, cons
  */
 VASK_EXPORT char *vask_coSNNandUnion(int32_t *result, const int32_t *left, const int32_t *right);
 
+/*
+ * Statistics of one column. What holds for all of them:
+ *
+ * Types: bit, bte, sht, int, oid, wrd, lng, flt and dbl are let in, user atoms
+ * are not. A column runs by its type's storage: oid as a signed 32-bit integer,
+ * wrd as lng. The moments, median, quartile and percentile compute in dbl from
+ * values converted to dbl (a lng is rounded); largest and mode answer with a
+ * value of the column.
+ *
+ * Parameters are BATs, whose first row is the value: bte, sht, int, wrd, lng,
+ * flt or dbl, not nil. A float given as an integer must be whole to within 1e-7.
+ *
+ * Group forms: the values b, the group map g (the oid of each row's group in
+ * the tail) and the extents e (the groups' oids in the head), as a grouping
+ * makes them. The result is the number of a new BAT, handed over to the caller:
+ * the head of e, one answer per group in the tail, in the row order of e.
+ *
+ * Errors: "Object not found"; "Unsupported tail type" for a column not let in,
+ * a void column of nils too; "operation failed" for a void column of oids that
+ * has rows, and as said below.
+ */
+
+/*
+ * Standard deviation, variance and skewness, as a sample and (name ending in p)
+ * as a population.
+ *
+ *   variance   (n·S2 − S1²) / (n·(n − 1)), of a population (n·S2 − S1²) / n²
+ *   stdev      its square root
+ *   skews      m3 / m2^1.5 · √(n·(n − 1)) / (n − 2), skewp without the factor;
+ *              m2, m3 the central moments
+ *
+ * They come from the power sums S1, S2, S3 of one pass. Where a large mean
+ * makes n·S2 − S1² negative by cancellation, variance and stdev are 0; where
+ * n times it stays below 1e-7, the skewness is nil.
+ * Nil: nil rows are skipped. The result is the nil of dbl below 2 values (1 for
+ * the population, of skewness 3 and 2), and for an empty column.
+ * NaN: makes the result NaN.
+ * Floats: rows are added in order within a partition and partitions in order,
+ * so GDKnr_threads and the partition settings can change the last bits.
+ * Errors: place "vask_1_arg_statistical_func".
+ *
+ *   double sd;
+ *   char *exception = vask_stdev(&sd, &bid);
+ */
+VASK_EXPORT char *vask_stdev(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_stdevp(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_variance(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_variancep(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_skews(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_skewp(double *result, const int32_t *bid);
+
+/*
+ * The same per group. g is read at the positions of b; e has to start at
+ * position 0.
+ *
+ * Unknown group: a row whose group is not in e ends its partition without a
+ * word; what the partition added up to then counts.
+ * Map: a g with a void tail makes every row a group of its own. Its answer is 0
+ * for the population variance and deviation of a value, otherwise nil; the
+ * result's tail then says nonil all the same. b, g and e have equally many rows.
+ * Errors: also "operation failed" when the result cannot be made. Place:
+ * "vask_grp_1_arg_statistical_func".
+ */
+VASK_EXPORT char *vask_grp_stdev(int32_t *result, const int32_t *b, const int32_t *g,
+                                 const int32_t *e);
+VASK_EXPORT char *vask_grp_stdevp(int32_t *result, const int32_t *b, const int32_t *g,
+                                  const int32_t *e);
+VASK_EXPORT char *vask_grp_variance(int32_t *result, const int32_t *b, const int32_t *g,
+                                    const int32_t *e);
+VASK_EXPORT char *vask_grp_variancep(int32_t *result, const int32_t *b, const int32_t *g,
+                                     const int32_t *e);
+VASK_EXPORT char *vask_grp_skews(int32_t *result, const int32_t *b, const int32_t *g,
+                                 const int32_t *e);
+VASK_EXPORT char *vask_grp_skewp(int32_t *result, const int32_t *b, const int32_t *g,
+                                 const int32_t *e);
+
+/*
+ * Median, quartile q (0 to 4) and percentile p (0 to 1): the value at position
+ * p·(n − 1) of the sorted values, counted from 0, interpolated linearly between
+ * the values at the whole positions around it. The median has p = 1/2, a
+ * quartile p = q/4.
+ *
+ * Nil: nils are not skipped. A column with rows has to be marked nonil; without
+ * the mark the call ends in "operation failed", and with a wrong one the nils
+ * are ordinary numbers. An empty column gives the nil of dbl.
+ * NaN: outside all numbers, above or below by its sign; interpolated with, it
+ * gives NaN. The order is that of IEEE 754, so -0.0 lies below 0.0.
+ * Errors, place "statistics.func": also, for a parameter that is refused,
+ * "Quartile function: Invalid input parameter. Input parameter should be one of
+ * the following: 0, 1, 2, 3 or 4." and "Percentile function: Invalid input
+ * parameter. Input parameter should be between 0 and 1 (including)."; a NaN
+ * percentile is an "operation failed". A refused parameter leaves one exception
+ * string of its own behind.
+ * Memory: 8 bytes per row. Running out of it throws std::bad_alloc, and the
+ * call's references are lost.
+ *
+ *   int32_t q = ...;  // a BAT with the value 3 in its first row
+ *   double upper_quartile;
+ *   char *exception = vask_quartile(&upper_quartile, &bid, &q);
+ */
+VASK_EXPORT char *vask_median(double *result, const int32_t *bid);
+VASK_EXPORT char *vask_quartile(double *result, const int32_t *bid, const int32_t *q);
+VASK_EXPORT char *vask_percentile(double *result, const int32_t *bid, const int32_t *p);
+
+/*
+ * The k-th largest value, counting duplicates, k from 1 on, and the most
+ * frequent value. The result slot takes a value of the column's own type.
+ *
+ * Nil: as for the median; an empty column gives the nil of its type. So do
+ * fewer than k values, and a column in which no value occurs twice, which has
+ * no mode. Of several most frequent values the smallest is the mode.
+ * NaN: ordered as for the median; never a mode. -0.0 and 0.0 are one value to
+ * the mode, given as -0.0 if that is among them.
+ * Errors, place "statistics.func": also "Largest function: Invalid input
+ * parameter. Input parameter should be a positive integer.". A column of a type
+ * without a storage class, such as void or str, is answered with the bare text
+ * "statistics.func": this is no exception string and not to be freed.
+ * Memory: as the median, at the column's width.
+ */
+VASK_EXPORT char *vask_largest(void *result, const int32_t *bid, const int32_t *k);
+VASK_EXPORT char *vask_mode(void *result, const int32_t *bid);
+
+/*
+ * The same per group.
+ *
+ * Map: rows of b and g belong together by position if the kernel knows their
+ * heads to be aligned; otherwise b's head is looked up in g's, whatever the
+ * order of the rows. A void tail of g holds the oids that it counts.
+ * Unknown group: a row that is not in g, or whose group is not in e, makes the
+ * call an "operation failed". So does running out of memory, and a b that is
+ * not marked nonil even if it is empty.
+ * Result: read-only; median, quartile and percentile of type dbl, largest and
+ * mode of b's. A group without rows has the nil; then the tail is marked nil.
+ * Errors: as the whole-column forms.
+ * Memory: two copies of the values, and three pointers per group and thread.
+ */
+VASK_EXPORT char *vask_grp_median(int32_t *result, const int32_t *b, const int32_t *g,
+                                  const int32_t *e);
+VASK_EXPORT char *vask_grp_quartile(int32_t *result, const int32_t *b, const int32_t *q,
+                                    const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_percentile(int32_t *result, const int32_t *b, const int32_t *p,
+                                      const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_largest(int32_t *result, const int32_t *b, const int32_t *k,
+                                   const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_mode(int32_t *result, const int32_t *b, const int32_t *g,
+                                const int32_t *e);
+
 #ifdef __cplusplus
 }
 #endif

@@ -22,6 +22,18 @@ struct state_columns {
 
     decltype(columns_of(State::fields())) columns{};
 
+    //! Zeroed columns of n states, one block per field.
+    static state_columns zeroed(std::size_t n) {
+        state_columns made;
+        std::apply([n](auto *&...column) { ((column = zeroed_array_like(column, n)), ...); },
+                   made.columns);
+        return made;
+    }
+
+    void release() const {
+        std::apply([](auto *...column) { (GDKfree(column), ...); }, columns);
+    }
+
     VASK_ALWAYS_INLINE State load(BUN slot) const noexcept {
         State state{};
         for_each_field([&](auto member, auto *column) { state.*member = column[slot]; });
@@ -35,6 +47,11 @@ struct state_columns {
     static constexpr std::size_t size = std::tuple_size_v<decltype(State::fields())>;
 
 private:
+    template <class Field>
+    static Field *zeroed_array_like(const Field *, std::size_t n) {
+        return zeroed_array<Field>(n);
+    }
+
     template <class F>
     VASK_ALWAYS_INLINE void for_each_field(F f) const noexcept {
         [&]<std::size_t... i>(std::index_sequence<i...>) {

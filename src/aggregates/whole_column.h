@@ -2,50 +2,44 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/state_blocks.h"
 #include "kernel/frame.h"
+
+#include <array>
+#include <tuple>
 
 namespace vask {
 
-//! The aggregate of b's tail, read as Rows, in nparts partitions. Merging in ascending partition
-//! order makes the result independent of task timing; of floats it depends on nparts, as partitions
-//! are summed apart. Neither nonil nor sorted is consulted: the marks are hints of the kernel,
-//! every row counts by its value. `store(total)` hands the result on while the column is still open
-//! for reading.
-template <class Aggregate, class Rows, class Store>
-void reduce_column(BAT *b, std::uint64_t nparts, Store store) {
-    using accumulator = typename Aggregate::accumulator;
+//! The aggregate of all rows of `inputs`, read as Rows(inputs...), in nparts partitions; the first
+//! has the rows that are partitioned. Merging in ascending partition order makes the result
+//! independent of task timing; of floats it depends on nparts, as partitions are summed apart.
+//! Neither nonil nor sorted is consulted: the marks are hints of the kernel, every row counts by
+//! its value. `store(total)` hands the result on while the columns are still open for reading.
+template <class Aggregate, class Rows, std::size_t N, class Store>
+void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, Store store) {
     using partial = typename Aggregate::partial;
 
-    accumulator *partials = zeroed_array<accumulator>(nparts);
-    bte *seen = nullptr;
-    if constexpr (tells_seen<Aggregate>)
-        seen = zeroed_array<bte>(nparts);
-    BATaccess(b, 2, 0, 1);
+    const auto partials = state_columns<partial>::zeroed(nparts);
+    for (BAT *b : inputs)
+        BATaccess(b, 2, 0, 1);
 
-    run_partitions(partition_plan(*b, nparts),
-                   [partials, seen, rows = Rows(*b)](std::uint64_t part, row_range r) {
+    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs);
+    run_partitions(partition_plan(*inputs[0], nparts),
+                   [partials, rows](std::uint64_t part, row_range r) {
                        // The partial stays in registers during the loop: neighbouring slots belong
                        // to other tasks.
                        const partial result = with_best_instruction_set([=
                        ]() __attribute__((always_inline)) { return Aggregate::scan(rows, r); });
-                       partials[part] = result.value;
-                       if constexpr (tells_seen<Aggregate>)
-                           seen[part] = result.seen;
+                       partials.store(static_cast<BUN>(part), result);
                    });
 
     partial total{};
-    for (std::uint64_t part = 0; part < nparts; ++part) {
-        if constexpr (tells_seen<Aggregate>)
-            merge_partial<Aggregate>(total, partial{partials[part], seen[part] != 0});
-        else
-            merge_partial<Aggregate>(total, partial{partials[part]});
-    }
-
-    GDKfree(partials);
-    if constexpr (tells_seen<Aggregate>)
-        GDKfree(seen);
+    for (BUN part = 0; part < nparts; ++part)
+        merge_partial<Aggregate>(total, partials.load(part));
+    partials.release();
     store(total);
-    BATaccess(b, 2, 0, -1);
+    for (BAT *b : inputs)
+        BATaccess(b, 2, 0, -1);
 }
 
 //! The typed body of an aggregate whose result has the type `result_type` of its accumulator's
@@ -53,10 +47,11 @@ void reduce_column(BAT *b, std::uint64_t nparts, Store store) {
 template <class Aggregate, class Rows>
 int store_reduced(void *slot, BAT *b, std::uint64_t nparts, int result_type) {
     using accumulator = typename Aggregate::accumulator;
-    reduce_column<Aggregate, Rows>(b, nparts, [=](const typename Aggregate::partial &total) {
-        store_result(slot, has_no_value<Aggregate>(total) ? nil_of<accumulator>(result_type)
-                                                          : total.value);
-    });
+    reduce_columns<Aggregate, Rows>(
+        std::array{b}, nparts, [=](const typename Aggregate::partial &total) {
+            store_result(slot, has_no_value<Aggregate>(total) ? nil_of<accumulator>(result_type)
+                                                              : total.value);
+        });
     return 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include "kernel/bat.h"
 
+#include <cstdint>
 #include <type_traits>
 
 namespace vask {

@@ -111,11 +111,18 @@ public:
         new (end_++) T(value);
     }
 
-    //! Appends n elements as a block copy; the room must have been reserved.
-    void append_reserved(const T *values,
+    //! Appends n values, converted to T as by an assignment, a block copy if they are Ts already;
+    //! the room must have been reserved.
+    template <class S>
+    void append_reserved(const S *values,
                          std::size_t n) noexcept requires std::is_trivially_copyable_v<T> {
-        if (n != 0)
-            std::memcpy(static_cast<void *>(end_), values, n * sizeof(T));
+        if constexpr (std::is_same_v<S, T>) {
+            if (n != 0)
+                std::memcpy(static_cast<void *>(end_), values, n * sizeof(T));
+        } else {
+            for (std::size_t i = 0; i < n; ++i)
+                new (end_ + i) T(static_cast<T>(values[i]));
+        }
         end_ += n;
     }
 

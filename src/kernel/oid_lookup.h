@@ -36,6 +36,9 @@ public:
         return p;
     }
 
+    //! Whether find() is arithmetic.
+    bool dense() const noexcept { return dense_; }
+
     //! False when the hash could not be built.
     bool built() const noexcept { return dense_ || links_ != nullptr; }
 

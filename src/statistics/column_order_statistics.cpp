@@ -1,0 +1,85 @@
+// Order statistics of a whole column: the gather, its wrapper, and the exports.
+
+#include "statistics/order_statistics_frame.h"
+
+#include "vask_ops.h"
+
+namespace vask {
+
+namespace {
+
+//! Gathers b's tail into an array of its own and runs the functor on it, all on the calling thread.
+//! Nils are not skipped, so a column has to be marked free of them; the mark is believed. An empty
+//! column has the nil as its answer, whatever its mark.
+template <class R, class S>
+int vask_stat_gather(R *result, BAT *b, bte type, stat_functor<R> functor, const void *parameter) {
+    use_kernel_memory_in_numeric_runtime();
+    stat_flag flag = 0;
+    gdk_vector<R> values;
+    const BUN n = b->info->count;
+    if (n == 0) {
+        *result = nil_of<R>(type);
+        return 1;
+    }
+    if (!b->tail->nonil)
+        return 0;
+    values.reserve(n);
+    BATaccess(b, 2, 0, 1);
+    values.append_reserved(rows_of<const S>(*b->tail) + b->info->first, n);
+    BATaccess(b, 2, 0, -1);
+    const int done = functor(result, &flag, values, type, parameter);
+    drop_numeric_buffers_if(flag);
+    return done;
+}
+
+template <class R>
+char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type, stat_functor<R> functor,
+                       const void *parameter) {
+    return run_wrapper(order_statistics_place, input_bats(bid), [=](const auto &inputs) {
+        BAT *b = inputs[0];
+        return with_gathered_class<R>(*b->tail, [=]<class S>(std::type_identity<S>) {
+            return vask_stat_gather<R, S>(result, b, type, functor, parameter);
+        });
+    });
+}
+
+} // namespace
+
+} // namespace vask
+
+using namespace vask; // the exports only forward
+
+char *vask_median(double *result, const int32_t *bid) {
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_median_functor, nullptr);
+}
+
+char *vask_quartile(double *result, const int32_t *bid, const int32_t *quartile) {
+    bte q;
+    if (char *exception = quartile_param(&q, quartile))
+        return exception;
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor, &q);
+}
+
+char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) {
+    dbl p;
+    if (char *exception = percentile_param(&p, share))
+        return exception;
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor, &p);
+}
+
+char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
+    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+        lng k;
+        if (char *exception = largest_param(&k, rank))
+            return exception;
+        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_largest_functor<T>,
+                                   &k);
+    });
+}
+
+char *vask_mode(void *result, const int32_t *bid) {
+    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>,
+                                   nullptr);
+    });
+}

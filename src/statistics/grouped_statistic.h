@@ -1,0 +1,70 @@
+// The typed body that the grouped statistics of one and of two columns share.
+#pragma once
+
+#include "aggregates/grouped.h"
+#include "statistics/statistic.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace vask {
+
+//! `*place` becomes a view of one double per group under the head of the extents: what `close`
+//! makes of the group's Aggregate::partial over the rows of the values, read as Rows. A map that
+//! stores nothing makes every row a group of its own; then nothing is summed, and
+//! `fill_row_groups(r)` stores what such groups have. 0 when the result cannot be made, else 1.
+template <class Aggregate, class Rows, std::size_t N, class Close, class FillRowGroups>
+int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
+                           Close close, FillRowGroups fill_row_groups) {
+    BAT *r = make_grouped_result(TYPE_void, TYPE_dbl, inputs.extents);
+    if (r == nullptr)
+        return 0;
+    if (inputs.map->tail->type == TYPE_void)
+        fill_row_groups(r);
+    else if (inputs.extents->info->count != 0)
+        aggregate_groups<Aggregate, Rows>(
+            inputs, nparts,
+            [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group, const auto &total) {
+                results[group] = close(total);
+                if (results[group] == nil)
+                    mark_nil(*r->tail);
+            });
+    *place = r;
+    return 1;
+}
+
+// ---- every row a group of its own -------------------------------------------------------------
+// Unlike those of the aggregates, these results keep saying that they hold no nil, whatever they
+// hold. That is intended.
+
+//! Every row of r gets the value.
+inline void vask_fill_nil(BAT *r, dbl value) {
+    BATaccess(r, 2, 0, 1);
+    run_row_loop(r->info->count, [value, results = rows_of<dbl>(*r->tail)](row_range rows) {
+        std::fill(results + rows.begin, results + rows.end, value);
+    });
+    BATaccess(r, 2, 0, -1);
+}
+
+//! Row i of r gets the nil if row i of the values, read as Rows, is one, else 0.0. Positions run
+//! from 0, in the values too. The caller gives as many extents as rows; were there fewer, the rows
+//! beyond them have no place to go.
+template <class Rows, std::size_t N>
+void vask_fill_zero_or_nil(BAT *r, const std::array<BAT *, N> &values) {
+    for (BAT *b : values)
+        BATaccess(b, 2, 0, 1);
+    BATaccess(r, 2, 0, 1);
+    run_row_loop(std::min(values[0]->info->count, r->info->count),
+                 [input = std::apply([](const auto *...b) { return Rows(*b...); }, values),
+                  nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](row_range rows) {
+                     for (BUN i = rows.begin; i < rows.end; ++i)
+                         results[i] = input.is_nil(i) ? nil : 0.0;
+                 });
+    for (BAT *b : values)
+        BATaccess(b, 2, 0, -1);
+    BATaccess(r, 2, 0, -1);
+}
+
+} // namespace vask

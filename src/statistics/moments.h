@@ -1,0 +1,103 @@
+// Moments of one column: the power sums S1 = Σx, S2 = Σx², S3 = Σx³ as an aggregate, and the
+// formulas that close them. One pass, no centring, no compensation: the formulas guard against what
+// cancellation does to n·S2 − S1².
+#pragma once
+
+#include "aggregates/aggregate.h"
+#include "kernel/frame.h"
+#include "statistics/statistic.h"
+
+#include <optional>
+#include <tuple>
+
+namespace vask {
+
+//! The sums up to a power and the number of values, which the formulas want as a double.
+template <int Power>
+struct power_sums;
+
+template <>
+struct power_sums<2> {
+    dbl s1;
+    dbl s2;
+    lng n;
+    static constexpr auto fields() noexcept {
+        return std::tuple(&power_sums::s1, &power_sums::s2, &power_sums::n);
+    }
+};
+
+template <>
+struct power_sums<3> {
+    dbl s1;
+    dbl s2;
+    dbl s3;
+    lng n;
+    static constexpr auto fields() noexcept {
+        return std::tuple(&power_sums::s1, &power_sums::s2, &power_sums::s3, &power_sums::n);
+    }
+};
+
+//! Every value is converted to a double before it is multiplied, so no integer can overflow.
+template <int Power>
+struct moment_sums {
+    using partial = power_sums<Power>;
+
+    VASK_ALWAYS_INLINE static void add(partial &sums, dbl y) noexcept {
+        sums.s1 += y;
+        sums.s2 += y * y;
+        if constexpr (Power == 3)
+            sums.s3 += (y * y) * y;
+        ++sums.n;
+    }
+
+    template <class T>
+    VASK_ALWAYS_INLINE static void add(partial &sums, T value) noexcept {
+        add(sums, static_cast<dbl>(value));
+    }
+
+    VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
+        total.s1 += part.s1;
+        total.s2 += part.s2;
+        if constexpr (Power == 3)
+            total.s3 += part.s3;
+        total.n += part.n;
+    }
+
+    //! The sums are chains of additions in row order, which run side by side; their latency is the
+    //! bound, so a nil costs a blend and never a mispredicted branch. A zero in its place changes
+    //! no sum: none can be -0.0, as all begin with 0.0.
+    template <class T>
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> rows, row_range r) noexcept {
+        partial sums{};
+        lng nils = 0;
+        for (BUN p = r.begin; p < r.end; ++p) {
+            const bool nil = rows.is_nil(p);
+            add(sums, nil ? -0.0 : static_cast<dbl>(rows[p]));
+            nils += nil;
+        }
+        sums.n -= nils;
+        return sums;
+    }
+};
+
+//! How the six moments differ.
+struct moment {
+    int power; // of the highest sum; 2: deviation and variance, 3: skewness
+    bool population;
+    bool variance; // not its root
+};
+
+//! The moment of a kind; nothing for a kind that is none.
+std::optional<moment> moment_of(stat_kind kind) noexcept;
+
+//! Variance, (n·S2 − S1²) / (n·(n − 1)) for a sample and (n·S2 − S1²) / n² for a population, or its
+//! root. Nil with fewer values than the divisor needs. Where cancellation makes the numerator
+//! negative the result is 0, never NaN.
+dbl variance_from_sums(const power_sums<2> &sums, bool population, bool variance);
+
+//! Skewness: m3 / m2^1.5 of the central moments for a population, that times √(n·(n − 1)) / (n − 2)
+//! for a sample. Nil with fewer values than that needs, and when the spread is too small for the
+//! quotient to mean anything: the test is on n³ times the variance, not scaled by the values.
+dbl vask_skew_from_sums(const power_sums<3> &sums, bool population);
+
+} // namespace vask

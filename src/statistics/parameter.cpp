@@ -1,0 +1,132 @@
+#include "statistics/parameter.h"
+
+#include "kernel/frame.h"
+
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+
+namespace vask {
+
+namespace {
+
+constexpr const char *invalid_parameter = "Invalid input parameter";
+
+bool is_parameter_type(int type) noexcept {
+    switch (type) {
+        case TYPE_bte:
+        case TYPE_sht:
+        case TYPE_int:
+        case TYPE_wrd:
+        case TYPE_flt:
+        case TYPE_dbl:
+        case TYPE_lng:
+            return true;
+        default:
+            return false;
+    }
+}
+
+//! The first row of the parameter BAT as a record, and its type code. An exception string, or null.
+char *fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid) {
+    BAT *parameter = vask_descriptor(*bid);
+    if (parameter == nullptr)
+        return make_exception(order_statistics_place, failure::object_not_found);
+    *type = parameter->tail->type;
+    const char *text = nullptr;
+    if (is_parameter_type(*type)) {
+        *record = {0, BATatoms[*type].atom_size, *type};
+        const BUN position = 0;
+        text = doALGfetch(record, parameter, &position);
+    } else {
+        text = failure::unsupported_tail;
+    }
+    BBPreleaseref(parameter->bat_id);
+    // The kernel's own text may hold any character, so it is no format.
+    return text == nullptr ? nullptr : createException(0, order_statistics_place, "%s", text);
+}
+
+//! Rounds a float record to the whole number next to it; false when that is too far away. An
+//! infinity or a NaN has no distance and is left to the conversion.
+template <class Float>
+bool round_to_whole(ValRecord *record) {
+    // What a decimal fraction loses on its way through a float is well below this.
+    constexpr dbl largest_distance = 1e-7;
+
+    Float value;
+    std::memcpy(&value, VALget(record), sizeof value);
+    const auto whole = static_cast<Float>(std::floor(static_cast<dbl>(value) + 0.5));
+    if (static_cast<dbl>(std::fabs(value - whole)) > largest_distance)
+        return false;
+    VALset(record, std::is_same_v<Float, dbl> ? TYPE_dbl : TYPE_flt, &whole);
+    return true;
+}
+
+template <class T>
+char *read_parameter(T *result, bte *type, const std::int32_t *bid, int target) {
+    ValRecord record;
+    if (char *exception = fetch_parameter(&record, type, bid))
+        return exception;
+    bool good = true;
+    if (target != TYPE_dbl && *type == TYPE_dbl)
+        good = round_to_whole<dbl>(&record);
+    else if (target != TYPE_dbl && *type == TYPE_flt)
+        good = round_to_whole<flt>(&record);
+    if (good) {
+        good = VALconvert(target, &record) != nullptr;
+        std::memcpy(result, VALget(&record), sizeof *result);
+    }
+    if (!good || BATatoms[target].atom_cmp(result, BATatoms[target].atom_null) == 0)
+        return make_exception(order_statistics_place, invalid_parameter);
+    return nullptr;
+}
+
+} // namespace
+
+char *vask_read_bte_param(bte *result, bte *type, const std::int32_t *bid) {
+    return read_parameter(result, type, bid, TYPE_bte);
+}
+
+char *vask_read_lng_param(lng *result, bte *type, const std::int32_t *bid) {
+    return read_parameter(result, type, bid, TYPE_lng);
+}
+
+char *vask_read_dbl_param(dbl *result, bte *type, const std::int32_t *bid) {
+    return read_parameter(result, type, bid, TYPE_dbl);
+}
+
+char *quartile_param(bte *result, const std::int32_t *bid) {
+    constexpr std::uint8_t last_quartile = 4;
+    bte type = 0;
+    *result = -1; // refused below, should a reader's exception itself have found no memory
+    // Unsigned, so that a negative number is too large.
+    if (vask_read_bte_param(result, &type, bid) == nullptr &&
+        static_cast<std::uint8_t>(*result) <= last_quartile)
+        return nullptr;
+    return make_exception(order_statistics_place,
+                          "Quartile function: Invalid input parameter. Input parameter should be "
+                          "one of the following: 0, 1, 2, 3 or 4.");
+}
+
+char *percentile_param(dbl *result, const std::int32_t *bid) {
+    bte type = 0;
+    *result = -1;
+    // A NaN passes: it is found out where the rank is computed.
+    if (vask_read_dbl_param(result, &type, bid) == nullptr && !(0.0 > *result) && !(*result > 1.0))
+        return nullptr;
+    return make_exception(order_statistics_place,
+                          "Percentile function: Invalid input parameter. Input parameter should be "
+                          "between 0 and 1 (including).");
+}
+
+char *largest_param(lng *result, const std::int32_t *bid) {
+    bte type = 0;
+    *result = -1;
+    if (vask_read_lng_param(result, &type, bid) == nullptr && *result > 0)
+        return nullptr;
+    return make_exception(order_statistics_place,
+                          "Largest function: Invalid input parameter. Input parameter should be a "
+                          "positive integer.");
+}
+
+} // namespace vask

@@ -1,0 +1,260 @@
+#include "statistics/order_statistics.h"
+
+#include "refkernel/embed.h"
+#include "refkernel/instrumentation.h"
+#include "statistics/plain_statistics.h"
+#include "support/kernel_settings.h"
+#include "vask_ops.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace support;
+using refkernel::bat;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+using vask::gdk_vector;
+using vask::stat_flag;
+
+// Both sides of the sizes at which the pivot, the sort and the sample change.
+constexpr std::size_t sizes[] = {1, 2, 3, 10, 499, 500, 501, 999, 1000, 1001, 5000, 40000};
+
+template <class T>
+T run(vask::stat_functor<T> functor, const std::vector<T> &values, const void *parameter) {
+    gdk_vector<T> copy;
+    copy.reserve(values.size());
+    copy.append_reserved(values.data(), values.size());
+    stat_flag flag = 0;
+    T result{};
+    EXPECT_EQ(functor(&result, &flag, copy, refkernel::type_code_of<T>, parameter), 1);
+    return result;
+}
+
+TEST(OrderStatistics, FindTheRankAndTheMode) {
+    for_each_stat_class([]<class T>(T) {
+        const T nil = refkernel::nil_of<T>();
+        for (std::uint32_t seed = 1; seed <= 12 * std::size(sizes); ++seed) {
+            const std::size_t rows = sizes[seed % std::size(sizes)];
+            std::mt19937 random(seed);
+            const std::uint32_t distinct[] = {1, 2, 7, 100, 1'000'000};
+            const auto values =
+                statistic_values<T>(rows, distinct[random() % 5], 0, random, seed % 3 == 0);
+            SCOPED_TRACE(std::to_string(rows) + " rows of " + std::to_string(sizeof(T)) +
+                         " bytes, seed " + std::to_string(seed));
+            for (const lng k : {lng{1}, static_cast<lng>(random() % rows + 1),
+                                static_cast<lng>(rows), static_cast<lng>(rows + 1)})
+                EXPECT_TRUE(same_bits(run<T>(vask::vask_largest_functor<T>, values, &k),
+                                      plain_largest(values, k, nil)))
+                    << "rank " << k;
+            EXPECT_TRUE(same_bits(run<T>(vask::vask_mode_functor<T>, values, nullptr),
+                                  plain_mode(values, nil)));
+        }
+    });
+}
+
+TEST(OrderStatistics, TiesAndLongestRunsOfTheMode) {
+    const lng nil = refkernel::nil_of<lng>();
+    const std::pair<std::vector<lng>, lng> cases[] = {
+        {{1, 1, 2, 2, 3}, 1}, {{3, 3, 1, 2}, 3},    {{1, 2, 2}, 2}, {{1, 1, 2, 2}, 1},
+        {{1, 2, 3}, nil},     {{5}, nil},           {{5, 5}, 5},    {{-1, -1, 1, 1}, -1},
+        {{0, 0, 1, 1, 1}, 1}, {{2, 2, 2, 1, 1}, 2},
+    };
+    for (const auto &[values, mode] : cases)
+        EXPECT_EQ(run<lng>(vask::vask_mode_functor<lng>, values, nullptr), mode);
+}
+
+TEST(OrderStatistics, PercentilesInterpolate) {
+    for (std::uint32_t seed = 1; seed <= 20 * std::size(sizes); ++seed) {
+        const std::size_t rows = sizes[seed % std::size(sizes)];
+        std::mt19937 random(seed);
+        const std::uint32_t distinct[] = {1, 2, 7, 100, 1'000'000};
+        const auto values = statistic_values<double>(rows, distinct[random() % 5], 0, random);
+        const auto ascending = sorted(values);
+        const double drawn = random_share(random);
+        for (const double p : {0.0, 0.25, 0.5, drawn, 1.0}) {
+            const double found = run<double>(vask::vask_percentile_functor, values, &p);
+            EXPECT_TRUE(same_bits(found, plain_percentile(values, p)))
+                << rows << " rows, seed " << seed << ", p " << p << ": " << found;
+            // The textbook's rule, without the rounding of the operator's.
+            const double h = p * static_cast<double>(rows - 1);
+            const auto at = static_cast<std::size_t>(h);
+            const double next = ascending[std::min(at + 1, rows - 1)];
+            const double expected = ascending[at] + (h - std::floor(h)) * (next - ascending[at]);
+            EXPECT_NEAR(found, expected, 1e-6 * (1 + std::fabs(expected)));
+        }
+        EXPECT_EQ(run<double>(vask::vask_median_functor, values, nullptr),
+                  plain_percentile(values, 0.5));
+        for (const bte q : {bte{0}, bte{1}, bte{2}, bte{3}, bte{4}})
+            EXPECT_EQ(run<double>(vask::vask_quartile_functor, values, &q),
+                      plain_percentile(values, q / 4.0));
+    }
+}
+
+TEST(OrderStatistics, ANanPercentileOrAMissingParameterFails) {
+    gdk_vector<double> values(3);
+    stat_flag flag = 0;
+    double result = 7;
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const lng rank = 0;
+    EXPECT_EQ(vask::vask_percentile_at(&result, &flag, values, TYPE_dbl, &nan), 0);
+    EXPECT_EQ(vask::vask_percentile_at(&result, &flag, values, TYPE_dbl, nullptr), 0);
+    EXPECT_EQ(vask::vask_quartile_functor(&result, &flag, values, TYPE_dbl, nullptr), 0);
+    EXPECT_EQ(vask::vask_largest_functor<double>(&result, &flag, values, TYPE_dbl, &rank), 0);
+    EXPECT_EQ(vask::vask_largest_functor<double>(&result, &flag, values, TYPE_dbl, nullptr), 0);
+    EXPECT_EQ(result, 7);
+}
+
+refkernel::exception call(char *message) {
+    return refkernel::take_exception(message);
+}
+
+const refkernel::exception success{};
+
+refkernel::exception refused(const char *text) {
+    return {"statistics.func", text};
+}
+
+template <class T>
+bat parameter(T value, int type = refkernel::type_code_of<T>) {
+    return refkernel::make_column(std::vector<T>{value}, {.type = type});
+}
+
+template <class T>
+bat nonil_column(const std::vector<T> &values, BUN first = 0,
+                 int type = refkernel::type_code_of<T>) {
+    return column_of(values, {.type = type, .tail = {.nonil = true}, .first = first});
+}
+
+TEST(OrderStatistics, OfColumnsOfEveryType) {
+    std::uint32_t seed = 0;
+    for_each_stat_class([&seed]<class T>(T) {
+        for (const std::size_t rows : {1U, 2U, 600U, 3000U}) {
+            std::mt19937 random(++seed);
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            const auto values = statistic_values<T>(rows, 50, 0, random);
+            const bat column = nonil_column(values, rows % 4 * 5);
+            const bat view = refkernel::slice(column, static_cast<BUN>(rows / 3),
+                                              static_cast<BUN>(rows - rows / 3));
+            const std::vector<T> rest(values.begin() + static_cast<long>(rows / 3), values.end());
+            const bat q = parameter<bte>(3);
+            const bat p = parameter<double>(0.3);
+            const bat k = parameter<lng>(2);
+            const watch kernel;
+            const refkernel::checkpoint before;
+            for (const auto &[b, rows_of_b] :
+                 {std::pair(column.slot(), values), std::pair(view.slot(), rest)}) {
+                double d = 0;
+                EXPECT_EQ(call(vask_median(&d, b)), success);
+                EXPECT_TRUE(same_bits(d, plain_percentile(rows_of_b, 0.5)));
+                EXPECT_EQ(call(vask_quartile(&d, b, q.slot())), success);
+                EXPECT_TRUE(same_bits(d, plain_percentile(rows_of_b, 0.75)));
+                EXPECT_EQ(call(vask_percentile(&d, b, p.slot())), success);
+                EXPECT_TRUE(same_bits(d, plain_percentile(rows_of_b, 0.3)));
+                T at_width[2] = {T(), T(77)};
+                EXPECT_EQ(call(vask_largest(at_width, b, k.slot())), success);
+                EXPECT_TRUE(
+                    same_bits(at_width[0], plain_largest(rows_of_b, 2, refkernel::nil_of<T>())));
+                EXPECT_EQ(call(vask_mode(at_width, b)), success);
+                EXPECT_TRUE(same_bits(at_width[0], plain_mode(rows_of_b, refkernel::nil_of<T>())));
+                EXPECT_EQ(at_width[1], T(77)) << "written beyond the width of the type";
+            }
+            EXPECT_EQ(before.leaks(), "");
+        }
+    });
+}
+
+TEST(OrderStatistics, TypesThatRunAsAnother) {
+    const bat one = parameter<lng>(1);
+    std::int32_t largest = 0;
+    // Oids are compared as signed numbers, and answer with their own nil.
+    const bat oids = nonil_column(std::vector<std::uint32_t>{7, 0xfffffff0, 9});
+    EXPECT_EQ(call(vask_largest(&largest, oids.slot(), one.slot())), success);
+    EXPECT_EQ(largest, 9);
+    EXPECT_EQ(call(vask_mode(&largest, oids.slot())), success);
+    EXPECT_EQ(static_cast<oid>(largest), oid_nil);
+    const bat wrds = nonil_column(std::vector<std::int64_t>{lng{1} << 60, 5, 5}, 0, TYPE_wrd);
+    wrd mode = 0;
+    EXPECT_EQ(call(vask_mode(&mode, wrds.slot())), success);
+    EXPECT_EQ(mode, 5);
+    const bat bits = nonil_column(std::vector<std::int8_t>{0, 1, 1, 0, 1}, 0, TYPE_bit);
+    double median = 0;
+    EXPECT_EQ(call(vask_median(&median, bits.slot())), success);
+    EXPECT_EQ(median, 1);
+}
+
+TEST(OrderStatistics, MarksAndEmptyColumns) {
+    const double nil = refkernel::nil_of<double>();
+    double d = 0;
+    std::int16_t s = 0;
+    const bat one = parameter<lng>(1);
+    const bat unmarked = refkernel::make_column(std::vector<std::int16_t>{1, 2, 2});
+    EXPECT_EQ(call(vask_median(&d, unmarked.slot())), refused("operation failed"));
+    EXPECT_EQ(call(vask_mode(&s, unmarked.slot())), refused("operation failed"));
+    // The mark is believed: a nil is then the lowest number.
+    const bat liar = nonil_column(std::vector<double>{nil, 1, 2});
+    EXPECT_EQ(call(vask_largest(&d, liar.slot(), parameter<lng>(3).slot())), success);
+    EXPECT_EQ(d, nil);
+    const bat empty = refkernel::make_column(std::vector<std::int16_t>());
+    EXPECT_EQ(call(vask_median(&d, empty.slot())), success);
+    EXPECT_EQ(d, nil);
+    EXPECT_EQ(call(vask_largest(&s, empty.slot(), one.slot())), success);
+    EXPECT_EQ(s, refkernel::nil_of<std::int16_t>());
+}
+
+TEST(OrderStatistics, ColumnsThatAreRefused) {
+    const bat q = parameter<bte>(2);
+    const bat k = parameter<lng>(1);
+    const bat oids = refkernel::make_void_column(3, 10);
+    const bat no_oids = refkernel::make_void_column(0, 10);
+    const bat nils = refkernel::make_void_column(0, oid_nil);
+    const bat texts = refkernel::make_text_column(std::vector<std::string_view>{"a"});
+    const bat times = nonil_column(std::vector<std::int64_t>{1}, 0, refkernel::type_timestamp);
+    const std::int32_t nobody = 0;
+    double d = 3;
+    const refkernel::checkpoint before;
+    EXPECT_EQ(call(vask_median(&d, &nobody)), refused("Object not found"));
+    EXPECT_EQ(call(vask_mode(&d, &nobody)), refused("Object not found"));
+    EXPECT_EQ(call(vask_median(&d, oids.slot())), refused("operation failed"));
+    EXPECT_EQ(call(vask_median(&d, no_oids.slot())), refused("operation failed"));
+    EXPECT_EQ(call(vask_median(&d, nils.slot())), refused("Unsupported tail type"));
+    EXPECT_EQ(call(vask_quartile(&d, texts.slot(), q.slot())), refused("Unsupported tail type"));
+    EXPECT_EQ(call(vask_median(&d, times.slot())), refused("Unsupported tail type"));
+    // A user atom has a class, so it comes as far as the admission.
+    EXPECT_EQ(call(vask_largest(&d, times.slot(), k.slot())), refused("Unsupported tail type"));
+    // No exception string but the place's own text, not to be freed.
+    EXPECT_STREQ(vask_largest(&d, oids.slot(), k.slot()), "statistics.func");
+    EXPECT_STREQ(vask_mode(&d, texts.slot()), "statistics.func");
+    EXPECT_EQ(before.leaks(), "");
+    EXPECT_EQ(d, 3) << "a failed call wrote its slot";
+}
+
+TEST(OrderStatistics, OutOfMemoryLeavesTheCall) {
+    const bat column = nonil_column(std::vector<double>(100, 1.5));
+    watch kernel;
+    kernel.fail_at(operation::gdk_malloc, 1);
+    double d = 0;
+    EXPECT_THROW(vask_median(&d, column.slot()), std::bad_alloc);
+    EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+}
+
+TEST(OrderStatistics, WhatTheKernelSees) {
+    const bat column = nonil_column(std::vector<double>(10, 1.5));
+    const bat k = parameter<std::int16_t>(2);
+    watch kernel;
+    kernel.record(true);
+    double d = 0;
+    EXPECT_EQ(call(vask_largest(&d, column.slot(), k.slot())), success);
+    std::vector<operation> seen;
+    for (const auto &c : kernel.recorded())
+        seen.push_back(c.op);
+    using enum operation;
+    const std::vector<operation> expected{
+        bbp_incref,  bbp_releaseref,                 // the type
+        bbp_incref,  do_alg_fetch,   bbp_releaseref, // the parameter
+        val_convert, val_get,                        //
+        bbp_incref,  gdk_malloc,     bat_access,     bat_access, gdk_free, bbp_releaseref};
+    EXPECT_EQ(seen, expected);
+}
+
+} // namespace

@@ -1,0 +1,172 @@
+// Statistics in the plainest way: sort, count, or add up in a loop, then the formula.
+#pragma once
+
+#include "refkernel/embed.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <compare>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace support {
+
+template <class T>
+bool same_bits(T a, T b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+//! Ascending; floats in the total order of IEEE 754.
+template <class T>
+std::vector<T> sorted(std::vector<T> values) {
+    std::sort(values.begin(), values.end(),
+              [](T a, T b) { return std::strong_order(a, b) == std::strong_ordering::less; });
+    return values;
+}
+
+template <class T>
+T plain_largest(const std::vector<T> &values, lng k, T nil) {
+    const auto n = static_cast<lng>(values.size());
+    return k > n ? nil : sorted(values)[static_cast<std::size_t>(n - k)];
+}
+
+//! The most frequent value, of several the smallest; nil when no value occurs twice.
+template <class T>
+T plain_mode(const std::vector<T> &values, T nil) {
+    std::map<T, std::pair<std::size_t, T>> counts; // NaNs would spoil its order
+    for (const T v : sorted(values))
+        if (v == v)
+            ++counts.try_emplace(v, 0, v).first->second.first;
+    std::size_t best = 1;
+    T mode = nil;
+    for (const auto &[value, entry] : counts)
+        if (entry.first > best) {
+            best = entry.first;
+            mode = entry.second;
+        }
+    return mode;
+}
+
+//! The values at the two whole positions around p·(n − 1), and the line between them.
+template <class T>
+double plain_percentile(const std::vector<T> &values, double p) {
+    std::vector<double> v(values.begin(), values.end());
+    v = sorted(std::move(v));
+    const double span = static_cast<double>(v.size()) - 1;
+    const std::size_t at = v.size() - static_cast<std::size_t>((1 - p) * span + 1);
+    const double upper = v[at];
+    const double lower = at == 0 ? upper : v[at - 1];
+    if (lower == upper)
+        return lower;
+    const double hi = static_cast<double>(at) / span;
+    const double lo = static_cast<double>(at - 1) / span;
+    return ((p - lo) / (hi - lo)) * (upper - lower) + lower;
+}
+
+struct plain_sums {
+    double s1 = 0, s2 = 0, s3 = 0, n = 0;
+
+    void add(double y) {
+        s1 += y;
+        s2 += y * y;
+        s3 += (y * y) * y;
+        n += 1;
+    }
+    void add(const plain_sums &other) {
+        s1 += other.s1;
+        s2 += other.s2;
+        s3 += other.s3;
+        n += other.n;
+    }
+};
+
+//! A one-column moment and what the operators say of it.
+struct plain_moment {
+    const char *name;
+    bool skewness;
+    bool population;
+    bool root;
+
+    [[nodiscard]] double of(const plain_sums &sums) const {
+        const auto [s1, s2, s3, n] = sums;
+        const double nil = refkernel::nil_of<double>();
+        const double needed = (skewness ? 2 : 1) + (population ? 0 : 1);
+        if (n < needed)
+            return nil;
+        if (!skewness) {
+            const double v = (n * s2 - s1 * s1) / (population ? n * n : (n - 1) * n);
+            const double variance = v < 0 ? 0 : v;
+            return root ? std::sqrt(variance) : variance;
+        }
+        const double spread = n * n * s2 - s1 * s1 * n;
+        if (spread < 1e-7)
+            return nil;
+        const double third = n * n * n * s3 - n * n * 3 * s1 * s2 + s1 * s1 * s1 * (n * 2);
+        const double factor = population ? std::sqrt(n) : std::sqrt(n - 1) * n / (n - 2);
+        return third * factor / std::pow(spread, 1.5);
+    }
+};
+
+inline constexpr plain_moment plain_moments[] = {
+    {"stdev", false, false, true},     {"stdevp", false, true, true},
+    {"variance", false, false, false}, {"variancep", false, true, false},
+    {"skews", true, false, false},     {"skewp", true, true, false},
+};
+
+//! Values of few or many kinds; `nils` percent of them nil. Floats get zeros of both signs, and, on
+//! request, infinities and NaNs.
+template <class T>
+std::vector<T> statistic_values(std::size_t rows, std::uint32_t distinct, std::uint32_t nils,
+                                std::mt19937 &random, bool with_specials = false) {
+    std::vector<T> values(rows);
+    for (T &v : values) {
+        const auto i = static_cast<std::int64_t>(random() % distinct) - distinct / 2;
+        if constexpr (std::is_floating_point_v<T>) {
+            v = static_cast<T>(i) / 3;
+            if (i == 0 && random() % 2 == 0)
+                v = -v;
+            using limits = std::numeric_limits<T>;
+            const T specials[] = {limits::quiet_NaN(), -limits::quiet_NaN(), limits::infinity(),
+                                  -limits::infinity()};
+            if (with_specials && random() % 8 == 0)
+                v = specials[random() % 4];
+        } else {
+            v = static_cast<T>(i * 7919);
+        }
+        if (v == refkernel::nil_of<T>())
+            v = 0;
+        if (random() % 100 < nils)
+            v = refkernel::nil_of<T>();
+    }
+    return values;
+}
+
+//! A column of copies of the values.
+template <class T>
+refkernel::bat column_of(const std::vector<T> &values,
+                         const refkernel::column_options &options = {}) {
+    return refkernel::make_column<T>(std::span<const T>(values), options);
+}
+
+//! Evenly between 0 and 1.
+inline double random_share(std::mt19937 &random) {
+    return static_cast<double>(random()) / 4294967296.0;
+}
+
+//! Runs `body(T())` for the storage classes of the statistics.
+template <class Body>
+void for_each_stat_class(Body body) {
+    body(std::int8_t());
+    body(std::int16_t());
+    body(std::int32_t());
+    body(std::int64_t());
+    body(float());
+    body(double());
+}
+
+} // namespace support
