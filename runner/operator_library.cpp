@@ -36,7 +36,10 @@ void operator_library::closer::operator()(void *handle) const noexcept {
 operator_library::operator_library(const std::string &path)
     : path_(path.empty() ? installed_path() : path),
       // A name without a slash would be looked up in the system's directories.
-      handle_(::dlopen(std::filesystem::absolute(path_).c_str(), RTLD_NOW | RTLD_LOCAL)) {
+      // It stays in the process to the end, as in a kernel: the scheduler's threads may still be in
+      // its code, and tools that look at the process then can name its functions.
+      handle_(::dlopen(std::filesystem::absolute(path_).c_str(),
+                       RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
     if (handle_ == nullptr)
         fail("cannot load the operator library: {}; name another one with --library PATH",
              ::dlerror());
