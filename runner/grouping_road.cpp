@@ -1,5 +1,7 @@
 #include "grouping_road.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace vask::runner {
@@ -18,14 +20,23 @@ std::string road_of_group(const watch &seen, const BAT &column) {
         if (rows <= GDKgroup_algo_select_vask_size)
             return fmt::format("serial road: {} rows are no more than {}", rows,
                                GDKgroup_algo_select_vask_size);
-        return sampled ? "serial road: the rows are not numbered without gaps"
-                       : "serial road: one thread, or values marked as unique";
+        return sampled                 ? "serial road: the rows are not numbered without gaps"
+               : column.tail->key != 0 ? "serial road: the values are marked as unique"
+                                       : "serial road: one thread";
     }
     if (seen.calls(operation::bat_copy) > 0)
         return "sort road: " + fmt::format(fmt::runtime(sample), "more than");
     if (!sampled)
         return fmt::format("hash road: text, more than {} rows", GDKgroup_algo_select_vask_size);
     return "hash road: " + fmt::format(fmt::runtime(sample), "no more than");
+}
+
+std::string row_ranges_of(const watch &seen, BUN rows) {
+    // A parallel road makes the results itself; a serial one leaves them to the kernel.
+    const bool parallel = seen.calls(operation::bat_new) > 0;
+    const auto threads = static_cast<BUN>(GDKnr_threads);
+    const BUN ranges = parallel ? std::min(rows, threads) : 1;
+    return fmt::format("{} partition{}", ranges, ranges == 1 ? "" : "s");
 }
 
 std::string road_of_derive(const watch &seen, BUN rows, BUN old_groups) {

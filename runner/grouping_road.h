@@ -12,7 +12,10 @@ namespace vask::runner {
 //! Tells the road and why after a call of VASKgroup on a column, which `seen` watched.
 std::string road_of_group(const refkernel::instrumentation::watch &seen, const BAT &column);
 
-//! The same after a call of VASKderive on a column of `rows` rows in `old_groups` groups.
+//! Into how many partitions a grouping operator that `seen` watched cut so many rows, in words.
+std::string row_ranges_of(const refkernel::instrumentation::watch &seen, BUN rows);
+
+//! The road of a call of VASKderive on a column of `rows` rows in `old_groups` groups.
 std::string road_of_derive(const refkernel::instrumentation::watch &seen, BUN rows, BUN old_groups);
 
 } // namespace vask::runner

@@ -20,7 +20,8 @@ using refkernel::instrumentation::watch;
 // Runs a grouping operator; `road` reads from the watch which road it took. The watch makes the
 // kernel's operations slower, so it stands only when somebody wants to know.
 template <class Call, class Road>
-void run_explained(const std::string &name, const explain_log &explain, Call call, Road road) {
+void run_explained(const std::string &name, BUN rows, const explain_log &explain, Call call,
+                   Road road) {
     std::optional<watch> seen;
     if (explain.on())
         seen.emplace();
@@ -28,8 +29,8 @@ void run_explained(const std::string &name, const explain_log &explain, Call cal
     const BUN groups = call();
     const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - begin;
     if (seen)
-        explain.note(
-            fmt::format("{}: {} groups, {:.3f} ms ({})", name, groups, time.count(), road(*seen)));
+        explain.note(fmt::format("{}: {} rows, {}, {} groups, {:.3f} ms ({})", name, rows,
+                                 row_ranges_of(*seen, rows), groups, time.count(), road(*seen)));
 }
 
 void group_by_first(const table_column &column, const std::string &name,
@@ -37,7 +38,7 @@ void group_by_first(const table_column &column, const std::string &name,
                     row_groups &groups) {
     auto *const group = operators.function<group_operator>("VASKgroup");
     run_explained(
-        fmt::format("VASKgroup({})", name), explain,
+        fmt::format("VASKgroup({})", name), column.values.count(), explain,
         [&] {
             std::int32_t extents = int_nil;
             std::int32_t map = int_nil;
@@ -54,7 +55,7 @@ void refine(const table_column &column, const std::string &name, const operator_
     auto *const derive = operators.function<derive_operator>("VASKderive");
     const BUN old_groups = groups.extents.count();
     run_explained(
-        fmt::format("VASKderive({})", name), explain,
+        fmt::format("VASKderive({})", name), column.values.count(), explain,
         [&] {
             std::int32_t extents = int_nil;
             std::int32_t map = int_nil;

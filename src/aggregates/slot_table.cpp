@@ -27,7 +27,7 @@ slot_table_owner::slot_table_owner(const BAT &extents, BUN rows) {
     const oid *ids = rows_of<const oid>(head);
     const auto [low, high] = std::minmax_element(ids + first, ids + end);
     const std::uint64_t span = std::uint64_t{*high} - *low + 1;
-    if (span > std::max(small_span, rows * most_ids_per_row))
+    if (span > NO_BUN || span > std::max(small_span, rows * most_ids_per_row))
         return;
 
     // Zeroed by the system page by page, when touched.
