@@ -83,8 +83,6 @@ void group(benchmark::State &state) {
         texts ? text_column(numbers, distinct)
               : refkernel::make_column(std::span<const std::int32_t>(numbers));
     GDKnr_threads = 2;
-    // A sample tells 100,000 values from few; the bar is the hash road's.
-    GDKgroup_algo_select_uniqueness_thresh = GDKgroup_algo_select_sample_size;
     std::int32_t extents = int_nil;
     std::int32_t map = int_nil;
     bench::run_in_read_units(

@@ -38,7 +38,8 @@ BAT *make_view(BAT *head_source, const column &head, BAT *tail_source, const col
 //! Lets `to`, a column without texts of its own, read the texts of `from` by the same offsets.
 void share_heap(column &to, const column &from) noexcept;
 
-//! Records that two heads are aligned row by row. A void head takes over the seqbase of a dense one.
+//! Records that two heads are aligned row by row. A void head takes over the seqbase of a dense
+//! one.
 void align_heads(column &mine, column &other) noexcept;
 //! Whether row i of one BAT is known to belong to row i of the other.
 bool heads_are_aligned(const BAT &a, const BAT &b) noexcept;

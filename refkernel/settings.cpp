@@ -10,5 +10,5 @@ int32_t GDKmin_part_size = 16384;
 int32_t GDKpart_size_div = 4;
 uint32_t GDKdebug = 0;
 uint32_t GDKgroup_algo_select_vask_size = 65536;
-uint32_t GDKgroup_algo_select_sample_size = 1024;
-uint32_t GDKgroup_algo_select_uniqueness_thresh = 800;
+uint32_t GDKgroup_algo_select_sample_size = 8192;
+uint32_t GDKgroup_algo_select_uniqueness_thresh = 8169;

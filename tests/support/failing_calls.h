@@ -11,8 +11,8 @@
 namespace support {
 
 //! Runs `run(prepared, kernel, failed)` with the n-th call of an operation failing, for all n there
-//! are and then once without a failure. `prepared` comes from `prepare()`, whose calls do not count;
-//! `failed()` tells whether the call was reached.
+//! are and then once without a failure. `prepared` comes from `prepare()`, whose calls do not
+//! count; `failed()` tells whether the call was reached.
 template <class Prepare, class Run>
 void fail_each_call(refkernel::instrumentation::operation op, Prepare prepare, Run run) {
     for (std::uint64_t nth = 1;; ++nth) {
