@@ -59,7 +59,7 @@ void check_appends(int head_type, int tail_type, BUN rows, auto value_of) {
 }
 
 TEST(BunFastIns, AppendsWhatTheKernelAppends) {
-    const auto number = [](BUN row) { return static_cast<lng>(row) * 0x0102030405060708; };
+    const auto number = [](BUN row) { return static_cast<lng>(row * 0x0102030405060708U); };
     for (const int type :
          std::initializer_list<int>{TYPE_bte, TYPE_sht, TYPE_int, TYPE_oid, TYPE_wrd, TYPE_lng,
                                     TYPE_flt, TYPE_dbl, refkernel::type_timestamp})
