@@ -48,7 +48,7 @@ public:
     explicit vask_chained_table(std::uint32_t mask, std::size_t capacity = default_capacity)
         : mask_(mask) {
         entries_.reserve(capacity);
-        buckets_ = gdk_allocate<std::uint32_t>(std::size_t{mask} + 1);
+        buckets_ = allocate_buckets(std::size_t{mask} + 1);
         use_buckets(std::min(mask, default_mask));
     }
 
@@ -138,6 +138,11 @@ public:
     }
 
 private:
+    //! Never inlined, so that a leak checker can tell the buckets that are left behind on purpose.
+    __attribute__((noinline)) static std::uint32_t *allocate_buckets(std::size_t n) {
+        return gdk_allocate<std::uint32_t>(n);
+    }
+
     // Each widening links all entries again, which with this factor is about once per entry.
     static constexpr unsigned widening = 8;
     // Differs from every entry's number and from the end of a chain.
