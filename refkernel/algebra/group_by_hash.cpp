@@ -33,9 +33,10 @@ public:
     std::size_t groups() const noexcept { return first_rows_.size(); }
 
     void add(BUN row, unsigned rows, const std::uint64_t *keys) {
-        // Room for a block of new groups, so that the row loop need not look.
-        if (2 * (groups() + rows) > slots_.size())
-            resize(std::bit_ceil(4 * (groups() + rows)));
+        // Room for a block of new keys, so that the row loop need not look. Several keys can be of
+        // one group: texts that stand in the heap more than once.
+        if (2 * (used_slots_ + rows) > slots_.size())
+            resize(std::bit_ceil(4 * (used_slots_ + rows)));
         counts_.resize(groups() + rows);
         if (slots_.size() > prefetch_capacity)
             add_block<true>(row, rows, keys);
@@ -90,6 +91,7 @@ private:
         if (group == next)
             first_rows_.push_back(row);
         s = {key, group + 1, task_.ids[first_rows_[group]]};
+        ++used_slots_;
     }
 
     void resize(std::size_t capacity) {
@@ -110,6 +112,7 @@ private:
     const grouping_task &task_;
     work_array<slot> slots_;
     unsigned shift_ = 0;
+    std::size_t used_slots_ = 0;
     std::vector<BUN> first_rows_;
     std::vector<std::uint32_t> counts_; // with room for the groups of the running block
 };
