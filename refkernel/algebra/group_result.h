@@ -25,7 +25,7 @@ public:
     void drop_group(BUN group) noexcept;
 
     BUN groups() const noexcept { return histogram_->info.count; }
-    oid *ids() noexcept { return elements<oid>(histogram_->head); }
+    oid *ids() const noexcept { return elements<oid>(histogram_->head); }
 
     //! Sets the marks and hands both over: both numbers are stored, or none. `rows_together`: the
     //! rows of a group are known to lie next to each other.

@@ -23,7 +23,7 @@ std::int32_t count(const std::array<std::int32_t, 3> &inputs) {
     const BUN rows = values->info->count;
     for (BUN row = 0; row < rows; row += block_rows) {
         const unsigned block = std::min<BUN>(block_rows, rows - row);
-        groups.load(row, block, numbers.data());
+        groups.load_numbers(row, block, numbers.data());
         for (unsigned i = 0; i < block; ++i)
             ++counts[numbers[i]];
     }

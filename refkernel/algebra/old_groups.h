@@ -13,12 +13,12 @@
 namespace refkernel::algebra {
 
 /*
- * Numbers a row of b by the group it has in an earlier grouping: the row of `map` with the same
- * head oid has the group's id in its tail, and the number is where the extents have that id in
- * their head, counted from 0.
+ * The group of each row of b in an earlier grouping: the row of `map` with the same head oid has
+ * the group's id in its tail, and the group's number is where the extents have that id in their
+ * head, counted from 0.
  *
- * A row that the map does not have, or to which it gives the nil, is in no group and has the
- * number count(). An id that the extents lack is a failure.
+ * A row that the map does not have, or to which it gives the nil, is in no group. An id that the
+ * extents lack is a failure.
  */
 class old_groups {
 public:
@@ -26,34 +26,34 @@ public:
     //! stay as they are while this is in use.
     old_groups(BAT &extents, BAT &map, BAT &b);
 
-    //! The number of groups.
+    //! The number of groups, and of no group.
     std::uint32_t count() const noexcept { return count_; }
 
-    //! Writes the numbers of the rows row .. row + rows - 1 of b, at most block_rows. Throws
-    //! `failure` for an id that the extents lack.
-    void load(BUN row, unsigned rows, std::uint32_t *numbers);
+    //! The ids of the rows' groups, by row of b; the nil for no group.
+    const oid *ids() const noexcept { return ids_; }
 
-    //! The least row loaded so far that is in no group, if there is one.
-    std::optional<BUN> first_outside() const noexcept { return first_outside_; }
+    //! Writes the numbers of the rows row .. row + rows - 1 of b. Throws `failure` for an id that
+    //! the extents lack.
+    void load_numbers(BUN row, unsigned rows, std::uint32_t *numbers) const;
 
-    //! Whether a row can be found to be in no group at all. Reads the map if its marks do not tell.
-    bool may_have_outside() const;
+    //! The number of one group; throws as above.
+    std::uint32_t number_of(oid id) const;
+
+    //! Whether the nil names a group, as it does in a column under a head of nils.
+    bool has_nil() const { return number_of(oid_nil) != count_; }
 
 private:
-    const oid *ids_of_rows(BUN row, unsigned rows, oid *scratch) const;
-    void number_ids();
-    void settle(const oid *ids, BUN row, unsigned rows, std::uint32_t *numbers);
+    void collect_ids(BAT &map, const BAT &b);
+    void number_ids(BAT &extents, BUN rows);
 
-    const BAT &extents_;
-    const BAT &map_;
-    const BAT &b_;
     std::uint32_t count_;
-    std::optional<head_lookup> map_lookup_;     // none: row i belongs to row i
-    std::optional<head_lookup> extents_lookup_; // none: numbered by the table
-    // Numbers by id; the last place is for ids outside of the range.
+    const oid *ids_ = nullptr;
+    work_array<oid> collected_ids_; // unless the tail of the map serves as it is
+    // Numbers by id, counted from the lowest; the last place is for all others.
     work_array<std::uint32_t> numbers_;
-    std::uint32_t low_ = 0;
-    std::optional<BUN> first_outside_;
+    oid low_ = 0;
+    std::optional<head_lookup> lookup_; // where a table would be too large
+    BUN first_of_extents_;
 };
 
 } // namespace refkernel::algebra

@@ -14,8 +14,9 @@ namespace {
 // sparsely used the system hands out only the pages that are touched.
 constexpr std::uint64_t entries_per_row = 4;
 constexpr std::uint64_t entries_of_small_inputs = 1024;
-// Where a table that is used throughout gets slower than grouping in partitions.
-constexpr std::uint64_t most_entries = std::uint64_t{1} << 24;
+// 32 MiB of entries. A larger table, used throughout, is slower than grouping in partitions: 27
+// against 22 ns a row for 1e7 different values.
+constexpr std::uint64_t most_entries = std::uint64_t{1} << 22;
 
 void group_as_one(const grouping_task &task) {
     const oid id = task.ids[0];
