@@ -1,7 +1,9 @@
 #include "refkernel/memory.h"
 
+#include "refkernel/block_reserve.h"
 #include "refkernel/instrumentation.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
@@ -22,9 +24,15 @@ constexpr std::size_t huge_page = std::size_t{2} << 20;
 constexpr std::size_t remap_threshold = std::size_t{1} << 20;
 
 struct allocated_block final : block {
-    ~allocated_block() override { std::free(base); }
+    std::size_t capacity = 0; // bytes that base has; a spare block has some more
+
+    ~allocated_block() override { give_spare_block({base, capacity}); }
 
     bool grow(std::size_t new_bytes) noexcept override {
+        if (new_bytes <= capacity) {
+            bytes = std::max(bytes, new_bytes);
+            return true;
+        }
         void *grown = nullptr;
         if (bytes >= remap_threshold) {
             grown = std::realloc(base, new_bytes);
@@ -43,9 +51,28 @@ struct allocated_block final : block {
         advise_huge_pages(grown, new_bytes);
         base = grown;
         bytes = new_bytes;
+        capacity = new_bytes;
         return true;
     }
 };
+
+// A block over what `allocate` gives, which may be null.
+template <class Allocate>
+std::shared_ptr<block> new_block(std::size_t bytes, Allocate allocate) noexcept {
+    try {
+        auto made = std::make_shared<allocated_block>();
+        const spare_block memory = allocate();
+        if (memory.base == nullptr) {
+            return nullptr;
+        }
+        made->base = memory.base;
+        made->bytes = bytes;
+        made->capacity = memory.bytes;
+        return made;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
 
 // An exact account needs the size of a block when it comes back. A table beside
 // the blocks costs nothing while it is off, unlike a size written before each.
@@ -131,20 +158,24 @@ std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept {
     if (bytes > std::numeric_limits<std::size_t>::max() / 2) {
         return nullptr;
     }
-    const std::size_t rounded =
-        (bytes == 0 ? cache_line : (bytes + cache_line - 1) / cache_line * cache_line);
-    try {
-        auto made = std::make_shared<allocated_block>();
-        made->base = std::aligned_alloc(cache_line, rounded);
-        if (made->base == nullptr) {
-            return nullptr;
+    return new_block(bytes, [bytes]() -> spare_block {
+        if (const spare_block spare = take_spare_block(bytes); spare.base != nullptr) {
+            return spare;
         }
-        made->bytes = bytes;
-        advise_huge_pages(made->base, rounded);
-        return made;
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+        const std::size_t rounded =
+            (bytes == 0 ? cache_line : (bytes + cache_line - 1) / cache_line * cache_line);
+        void *fresh = std::aligned_alloc(cache_line, rounded);
+        advise_huge_pages(fresh, rounded);
+        return {fresh, rounded};
+    });
+}
+
+std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept {
+    return new_block(bytes, [bytes]() -> spare_block {
+        void *fresh = std::calloc(1, std::max(bytes, cache_line));
+        advise_huge_pages(fresh, bytes);
+        return {fresh, bytes};
+    });
 }
 
 void *allocate(std::size_t bytes) noexcept {

@@ -36,6 +36,9 @@ struct REFKERNEL_API block {
 
 //! A block of its own, aligned to a cache line; null when memory runs out.
 std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept;
+//! The same filled with zeros, by the system where it can: a page of a large
+//! block that is never touched costs nothing.
+std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept;
 
 //! A vector taken over as column memory.
 template <class T>

@@ -225,6 +225,7 @@ std::uint32_t text_heap::find_or_store(std::string_view text, std::uint32_t tag)
 std::uint32_t text_heap::put(std::string_view text) noexcept {
     text = until_zero_byte(text);
     if (sharing_ == text_sharing::anew) {
+        holds_each_once_ = false;
         return store(text);
     }
     if (!index_is_ready()) [[unlikely]] {
@@ -236,6 +237,7 @@ std::uint32_t text_heap::put(std::string_view text) noexcept {
 bool text_heap::put_all(const std::string_view *texts, std::size_t count,
                         std::uint32_t *offsets) noexcept {
     if (sharing_ == text_sharing::anew) {
+        holds_each_once_ = false;
         return std::all_of(texts, texts + count, [&](std::string_view text) {
             return (*offsets++ = store(until_zero_byte(text))) != 0;
         });
@@ -272,6 +274,7 @@ bool text_heap::put_all(const std::string_view *texts, std::size_t count,
 std::shared_ptr<text_heap> text_heap::clone() const noexcept {
     try {
         auto copy = std::make_shared<text_heap>(sharing_);
+        copy->holds_each_once_ = holds_each_once_;
         if (vbase != nullptr) {
             if (!copy->reserve(used_ - offset_bias)) {
                 return nullptr;

@@ -57,6 +57,8 @@ public:
     void set_sharing(text_sharing sharing) noexcept;
 
     [[nodiscard]] text_sharing sharing() const noexcept { return sharing_; }
+    //! Whether equal texts are known to have equal offsets: each text ever put was looked up first.
+    [[nodiscard]] bool holds_each_once() const noexcept { return holds_each_once_; }
     //! The unit at which the next text will lie.
     [[nodiscard]] std::uint32_t end() const noexcept { return static_cast<std::uint32_t>(used_); }
     [[nodiscard]] std::size_t bytes() const noexcept { return used_ * heap_unit; }
@@ -76,6 +78,7 @@ private:
     [[nodiscard]] bool holds_at(std::uint32_t offset, std::string_view text) const noexcept;
 
     text_sharing sharing_;
+    bool holds_each_once_ = true;
     std::size_t used_ = 0;     // units
     std::size_t capacity_ = 0; // units
     // Plain memory, and not a vector: it asks for huge pages and comes zeroed

@@ -141,7 +141,7 @@ column_keys keys_of(const BATcol &column, const BATinfo &info, std::uint64_t max
         keys.range = *range;
         keys.indices = load_indices(rows, *range);
     }
-    if (column.varsized) {
+    if (column.varsized && !column_of(&column).heap->holds_each_once()) {
         auto texts = std::make_shared<text_groups>(column, info);
         keys.resolve = [texts](BUN row, std::uint32_t next) { return texts->find(row, next); };
         keys.same_as_previous = [texts](BUN row) { return texts->same(row - 1, row); };

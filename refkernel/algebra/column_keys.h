@@ -31,7 +31,8 @@ inline constexpr std::uint64_t widest_bound = std::uint64_t{1} << 32;
 
 //! How a column's values are keyed. Values are compared by their bits: nil is a value like any
 //! other, -0.0 and 0.0 are two, NaNs are one if their bits are the same. Texts are keyed by where
-//! they lie, and `resolve` and `same_as_previous` see to equal texts in several places.
+//! they lie; where their heap can hold one in several places, `resolve` and `same_as_previous` see
+//! to it.
 struct column_keys {
     key_loader keys;
     bool has_range = false; // no: the values lie too far apart, or are not integers

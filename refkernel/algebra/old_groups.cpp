@@ -58,7 +58,7 @@ void old_groups::number_ids(BAT &extents, BUN rows) {
         greatest = std::max(greatest, ids[i]);
     }
     const std::uint64_t bound = std::uint64_t{greatest} - low_ + 2;
-    if (bound > index_bound_worth(std::max(count_, rows))) {
+    if (bound > affordable_entries(std::max(count_, rows))) {
         lookup_.emplace(extents, rows);
         return;
     }

@@ -36,8 +36,12 @@ bool has_runs(const BATcol &column) {
 
 } // namespace
 
+std::uint64_t affordable_entries(BUN rows) {
+    return entries_per_row * rows + entries_of_small_inputs;
+}
+
 std::uint64_t index_bound_worth(BUN rows) {
-    return std::min(most_entries, entries_per_row * rows + entries_of_small_inputs);
+    return std::min(most_entries, affordable_entries(rows));
 }
 
 void group_unique_rows(const grouping_task &task) {

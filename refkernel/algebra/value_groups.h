@@ -7,6 +7,8 @@
 
 namespace refkernel::algebra {
 
+//! Most entries of a table that this many rows can afford.
+std::uint64_t affordable_entries(BUN rows);
 //! Most entries of a table indexed by value that pay for this many rows.
 std::uint64_t index_bound_worth(BUN rows);
 

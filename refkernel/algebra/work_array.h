@@ -6,14 +6,15 @@
 
 #include <cstddef>
 #include <limits>
+#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
 
 namespace refkernel::algebra {
 
-//! An array of plain values on the kernel's memory, large ones on huge pages. It does not grow.
-//! Running out of memory throws std::bad_alloc.
+//! An array of plain values, large ones on huge pages. It does not grow. Running out of memory
+//! throws std::bad_alloc.
 template <class T>
 class work_array {
     static_assert(std::is_trivially_copyable_v<T>);
@@ -22,26 +23,11 @@ public:
     work_array() = default;
 
     static work_array uninitialised(std::size_t size) {
-        return work_array(memory::allocate(bytes_of(size)), size);
+        return work_array(memory::allocate_block(bytes_of(size)), size);
     }
 
-    //! Zeroed by the system where it can: a page that is never touched costs nothing.
     static work_array zeroed(std::size_t size) {
-        return work_array(memory::allocate_zeroed(bytes_of(size)), size);
-    }
-
-    work_array(work_array &&other) noexcept
-        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
-
-    work_array &operator=(work_array &&other) noexcept {
-        std::swap(data_, other.data_);
-        std::swap(size_, other.size_);
-        return *this;
-    }
-
-    ~work_array() {
-        if (data_ != nullptr)
-            memory::release(data_);
+        return work_array(memory::allocate_zeroed_block(bytes_of(size)), size);
     }
 
     T *data() noexcept { return data_; }
@@ -51,9 +37,11 @@ public:
     const T &operator[](std::size_t i) const noexcept { return data_[i]; }
 
 private:
-    work_array(void *block, std::size_t size) : data_(static_cast<T *>(block)), size_(size) {
-        if (block == nullptr)
+    work_array(std::shared_ptr<memory::block> memory, std::size_t size)
+        : memory_(std::move(memory)), size_(size) {
+        if (memory_ == nullptr)
             throw std::bad_alloc();
+        data_ = static_cast<T *>(memory_->base);
     }
 
     static std::size_t bytes_of(std::size_t size) {
@@ -62,6 +50,7 @@ private:
         return size * sizeof(T);
     }
 
+    std::shared_ptr<memory::block> memory_;
     T *data_ = nullptr;
     std::size_t size_ = 0;
 };

@@ -1,0 +1,93 @@
+#include "refkernel/block_reserve.h"
+
+#include "refkernel/memory.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <mutex>
+#include <utility>
+
+namespace refkernel::memory {
+namespace {
+
+// What one grouping of 1e7 rows takes; above that, the share of the zeroing in the work falls.
+constexpr std::size_t reserve_bytes = std::size_t{256} << 20;
+constexpr std::size_t reserve_blocks = 16;
+// Of a block that is taken, at most a fifth goes unused.
+constexpr std::size_t slack_divisor = 4;
+
+// A block that is kept would hide from the address sanitizer that it was given back.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool keeps_blocks = false;
+#else
+constexpr bool keeps_blocks = true;
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr bool keeps_blocks = false;
+#else
+constexpr bool keeps_blocks = true;
+#endif
+
+struct block_reserve {
+    std::mutex lock;
+    std::array<spare_block, reserve_blocks> blocks; // the oldest first
+    std::size_t count = 0;
+    std::size_t bytes = 0;
+
+    spare_block remove(std::size_t at) noexcept {
+        const spare_block removed = blocks[at];
+        std::move(blocks.begin() + at + 1, blocks.begin() + count, blocks.begin() + at);
+        --count;
+        bytes -= removed.bytes;
+        return removed;
+    }
+};
+
+// Never destroyed: columns in static storage may outlive every other static.
+block_reserve &the_reserve() {
+    static block_reserve &made = *new block_reserve;
+    return made;
+}
+
+bool is_worth_keeping(std::size_t bytes) noexcept {
+    return keeps_blocks && bytes >= huge_page_threshold && bytes <= reserve_bytes;
+}
+
+} // namespace
+
+spare_block take_spare_block(std::size_t bytes) noexcept {
+    if (!is_worth_keeping(bytes))
+        return {};
+    block_reserve &reserve = the_reserve();
+    const std::lock_guard guard(reserve.lock);
+    std::size_t best = reserve.count;
+    for (std::size_t i = 0; i < reserve.count; ++i) {
+        const std::size_t size = reserve.blocks[i].bytes;
+        if (size >= bytes && size - bytes <= bytes / slack_divisor &&
+            (best == reserve.count || size < reserve.blocks[best].bytes))
+            best = i;
+    }
+    return best == reserve.count ? spare_block{} : reserve.remove(best);
+}
+
+void give_spare_block(spare_block given) noexcept {
+    if (!is_worth_keeping(given.bytes)) {
+        std::free(given.base);
+        return;
+    }
+    std::array<void *, reserve_blocks> driven_out;
+    std::size_t out = 0;
+    {
+        block_reserve &reserve = the_reserve();
+        const std::lock_guard guard(reserve.lock);
+        while (reserve.count == reserve_blocks || reserve.bytes + given.bytes > reserve_bytes)
+            driven_out[out++] = reserve.remove(0).base;
+        reserve.blocks[reserve.count++] = given;
+        reserve.bytes += given.bytes;
+    }
+    std::for_each_n(driven_out.begin(), out, [](void *base) { std::free(base); });
+}
+
+} // namespace refkernel::memory
