@@ -105,27 +105,6 @@ TEST(OrderStatistics, ANanPercentileOrAMissingParameterFails) {
     EXPECT_EQ(result, 7);
 }
 
-refkernel::exception call(char *message) {
-    return refkernel::take_exception(message);
-}
-
-const refkernel::exception success{};
-
-refkernel::exception refused(const char *text) {
-    return {"statistics.func", text};
-}
-
-template <class T>
-bat parameter(T value, int type = refkernel::type_code_of<T>) {
-    return refkernel::make_column(std::vector<T>{value}, {.type = type});
-}
-
-template <class T>
-bat nonil_column(const std::vector<T> &values, BUN first = 0,
-                 int type = refkernel::type_code_of<T>) {
-    return column_of(values, {.type = type, .tail = {.nonil = true}, .first = first});
-}
-
 TEST(OrderStatistics, OfColumnsOfEveryType) {
     std::uint32_t seed = 0;
     for_each_stat_class([&seed]<class T>(T) {

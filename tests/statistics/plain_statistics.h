@@ -153,6 +153,30 @@ refkernel::bat column_of(const std::vector<T> &values,
     return refkernel::make_column<T>(std::span<const T>(values), options);
 }
 
+//! The same, marked as free of nils: what an order statistic asks for.
+template <class T>
+refkernel::bat nonil_column(const std::vector<T> &values, BUN first = 0,
+                            int type = refkernel::type_code_of<T>) {
+    return column_of(values, {.type = type, .tail = {.nonil = true}, .first = first});
+}
+
+//! What a statistic reads a parameter from.
+template <class T>
+refkernel::bat parameter(T value, int type = refkernel::type_code_of<T>) {
+    return column_of(std::vector<T>{value}, {.type = type});
+}
+
+inline refkernel::exception call(char *message) {
+    return refkernel::take_exception(message);
+}
+
+inline const refkernel::exception success{};
+
+//! How an order statistic says no.
+inline refkernel::exception refused(const char *text) {
+    return {"statistics.func", text};
+}
+
 //! Evenly between 0 and 1.
 inline double random_share(std::mt19937 &random) {
     return static_cast<double>(random()) / 4294967296.0;
