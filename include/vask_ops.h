@@ -138,8 +138,8 @@ VASK_EXPORT char *vask_count_asterisk(int64_t *result, const int32_t *bid);
  *   e  extents: in the head the oid of each group. Must start at position 0.
  *   b and g must be aligned row for row, which is not checked.
  *
- * Result: the number of a new BAT goes to *result. It is a read-only view with
- * the head of e and, in its tail, the result of each group in e's order; the
+ * Result: the number of a new BAT goes to *result. It is a view with the
+ * head of e and, in its tail, the result of each group in e's order; the
  * caller owns its reference. A group without a value, also one without rows,
  * gets the nil of the result type and the tail is then marked as holding nils.
  *
@@ -151,6 +151,11 @@ VASK_EXPORT char *vask_count_asterisk(int64_t *result, const int32_t *bid);
  * operator does not have and when the result cannot be made. Place: the
  * operator's wrapper, named below. A hash of e that cannot be built ends the
  * process through GDKfatal.
+ *
+ *   int32_t extents, map, sums;
+ *   char *exception = VASKgroup(&extents, &map, &key);
+ *   if (exception == NULL)
+ *       exception = vask_grp_sum(&sums, &value, &map, &extents);
  */
 
 /*
@@ -160,6 +165,29 @@ VASK_EXPORT char *vask_count_asterisk(int64_t *result, const int32_t *bid);
  */
 VASK_EXPORT char *vask_grp_sum(int32_t *result, const int32_t *bid, const int32_t *gid,
                                const int32_t *eid);
+
+/*
+ * Grouped minimum and maximum, with the storage types, comparisons and NaN rule
+ * of the whole-column ones. The result's tail has the type of the storage: the
+ * minimum of timestamps is a lng column of their raw values. A void column has
+ * no grouped minimum ("operation failed"). Place: "vask_grp_min_max_wrapper".
+ */
+VASK_EXPORT char *vask_grp_min(int32_t *result, const int32_t *bid, const int32_t *gid,
+                               const int32_t *eid);
+VASK_EXPORT char *vask_grp_max(int32_t *result, const int32_t *bid, const int32_t *gid,
+                               const int32_t *eid);
+
+/*
+ * Number of values of each group, nil rows left out, as wrd: two names for one
+ * operator, which for vask_grp_count_asterisk too skips nils. A group without a
+ * value gets 0, never a nil. Works on bte, sht, int, oid, wrd, lng, flt, dbl and
+ * str storage. With void values the result has the right shape and undefined
+ * values. Place: "vask_grp_count_wrapper".
+ */
+VASK_EXPORT char *vask_grp_count(int32_t *result, const int32_t *bid, const int32_t *gid,
+                                 const int32_t *eid);
+VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, const int32_t *gid,
+                                          const int32_t *eid);
 
 /*
  * Index containment: for each row of `left`, whether its value occurs anywhere
@@ -249,29 +277,6 @@ VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32
 VASK_EXPORT char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid);
 
 /*
- * Grouped minimum and maximum, with the storage types, comparisons and NaN rule
- * of the whole-column ones. The result's tail has the type of the storage: the
- * minimum of timestamps is a lng column of their raw values. A void column has
- * no grouped minimum ("operation failed"). Place: "vask_grp_min_max_wrapper".
- */
-VASK_EXPORT char *vask_grp_min(int32_t *result, const int32_t *bid, const int32_t *gid,
-                               const int32_t *eid);
-VASK_EXPORT char *vask_grp_max(int32_t *result, const int32_t *bid, const int32_t *gid,
-                               const int32_t *eid);
-
-/*
- * Number of values of each group, nil rows left out, as wrd: two names for one
- * operator, which for vask_grp_count_asterisk too skips nils. A group without a
- * value gets 0, never a nil. Works on bte, sht, int, oid, wrd, lng, flt, dbl and
- * str storage. With void values the result has the right shape and undefined
- * values. Place: "vask_grp_count_wrapper".
- */
-VASK_EXPORT char *vask_grp_count(int32_t *result, const int32_t *bid, const int32_t *gid,
-                                 const int32_t *eid);
-VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, const int32_t *gid,
-                                          const int32_t *eid);
-
-/*
  * Refines a grouping by a further column: two rows stay in one group only if
  * they were in one group before and have the same value in the new column.
  *
@@ -295,6 +300,7 @@ VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, c
  *                  a row with a NaN is alone   equal NaNs are together
  *   texts          by their place in the heap  by what they read
  *   extents        in order of first row       in order of oid
+ *   unknown group  an old group like any       "operation failed"
  *   no memory      C++ exception               "operation failed"
  *
  * Nil: a value like any other.
@@ -303,9 +309,12 @@ VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, c
  * "dispatcher failed" when the sample cannot be taken or grouped; "operation
  * failed preparing hash"; "could not allocate space for grp BAT" and "... ext
  * BAT"; "operation failed" when a row is not in the map or its group not in the
- * extents, or for any other tail type. Place: "group.vask_derive". The process
- * ends when the hash of the map's head is needed and cannot be built.
- * BATaccess hints are closed only when one of the parallel roads succeeds.
+ * extents (buckets), when the extents cannot grow, or for any other tail type.
+ * Place: "group.vask_derive". The column's head is looked at before the map is
+ * fetched. The process ends when the hash of the map's head is needed and cannot
+ * be built. BATaccess hints are closed only when one of the parallel roads
+ * succeeds; "dispatcher failed" can leave the map of the sample behind.
+ * Trace: one line at the start and one at the end with bit 21 of GDKdebug.
  */
 VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *ct_histoid,
                              const int32_t *ct_mapid, const int32_t *bid);
@@ -328,7 +337,7 @@ VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *
  * result) with more than 1,000,000 groups, when the head of the values or of the
  * map is not ascending, or with fewer than 300 different values in a sample of
  * 1024 rows; otherwise lists of each group's values, made and counted in
- * parallel. That road takes tails stored as bte, sht, int, lng, flt, dbl and str.
+ * parallel. That road takes tails stored as bit, 2, bte, sht, int, lng, flt, dbl and str.
  * Errors, place "aggr.countd": "operation failed" for everything, such as a BAT
  * that is not there, a type without a road, a group that is not in the extents,
  * and memory that runs out. The kernel operators' exceptions are passed on.
@@ -382,8 +391,12 @@ VASK_EXPORT char *vask_coSNNandUnion(int32_t *result, const int32_t *left, const
  * the head of e, one answer per group in the tail, in the row order of e.
  *
  * Errors: "Object not found"; "Unsupported tail type" for a column not let in,
- * a void column of nils too; "operation failed" for a void column of oids that
- * has rows, and as said below.
+ * a void column of nils too; "operation failed" for a void column of oids (by the
+ * moments of a whole column only if it has rows), and as said below.
+ *
+ * Random numbers: median, quartile, percentile and largest draw from rand() of
+ * the process, so a host that counts on its own sequence notices; no result
+ * depends on what is drawn.
  */
 
 /*
@@ -455,8 +468,8 @@ VASK_EXPORT char *vask_grp_skewp(int32_t *result, const int32_t *b, const int32_
  * "Quartile function: Invalid input parameter. Input parameter should be one of
  * the following: 0, 1, 2, 3 or 4." and "Percentile function: Invalid input
  * parameter. Input parameter should be between 0 and 1 (including)."; a NaN
- * percentile is an "operation failed". A refused parameter leaves one exception
- * string of its own behind.
+ * percentile is an "operation failed". A parameter that cannot be read leaves its
+ * own exception string behind, one that is out of range none.
  * Memory: 8 bytes per row. Running out of it throws std::bad_alloc, and the
  * call's references are lost.
  *

@@ -59,7 +59,7 @@ private:
     static constexpr BUN run_rows = 16;
 
     VASK_ALWAYS_INLINE bool add_row(BUN p) const noexcept {
-        const BUN slot = lookup_.find(gids_[p]);
+        const BUN slot = vask_group_slot(lookup_, gids_[p]);
         if (slot >= groups_) [[unlikely]]
             return false;
         auto state = states_.load(slot);
@@ -86,7 +86,7 @@ private:
     //! unknown.
     template <BUN n>
     VASK_ALWAYS_INLINE bool add_run(BUN p, BUN &nils) const noexcept {
-        const BUN slot = lookup_.find(gids_[p]);
+        const BUN slot = vask_group_slot(lookup_, gids_[p]);
         if (slot >= groups_) [[unlikely]]
             return false;
         auto state = states_.load(slot);
@@ -157,7 +157,7 @@ private:
             std::uint64_t live = live_mask(p, n);
             nils += n - static_cast<BUN>(std::popcount(live));
             if (n == mask_rows && live != 0 && one_group<mask_rows>(p)) {
-                const BUN slot = lookup_.find(gids_[p]);
+                const BUN slot = vask_group_slot(lookup_, gids_[p]);
                 if (slot >= groups_) [[unlikely]]
                     return false;
                 auto state = states_.load(slot);

@@ -22,8 +22,7 @@ char *run_grouped_wrapper(const char *name, std::int32_t *result, const std::int
         BAT *view = nullptr;
         if (body(&view, b, inputs[1], inputs[2], partition_count(b->info->count)) != 1)
             return failure::operation_failed;
-        *result = view->bat_id;
-        BBPkeepref(view->bat_id);
+        hand_over(result, *view);
         return static_cast<const char *>(nullptr);
     });
 }
@@ -89,21 +88,22 @@ void aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Fin
 //! Runs a row loop over the values, under a map in which every row is a group of its own:
 //! `make_row()` gives a `row(i)` that writes row i of the result and says whether that is a nil, in
 //! which case the result is marked as one with nils. The values are read from position 0 on
-//! whatever their first position, and as many rows are written as there are values: the caller
-//! answers for both.
+//! whatever their first position, and there are as many of them as groups: the caller answers for
+//! both. Values beyond the groups have no place to go.
 template <class MakeRow>
 void for_each_row_group(BAT *b, BAT *result, MakeRow make_row) {
     BATaccess(b, 2, 0, 1);
     BATaccess(result, 2, 0, 1);
     std::uint8_t has_nil = 0;
-    run_row_loop(b->info->count, [&has_nil, row = make_row()](row_range r) {
-        bool any = false;
-        for (BUN i = r.begin; i < r.end; ++i)
-            any |= row(i);
-        // Tasks may say so at the same time: all of them store the same 1.
-        if (any)
-            std::atomic_ref(has_nil).store(1, std::memory_order_relaxed);
-    });
+    run_row_loop(std::min(b->info->count, result->info->count),
+                 [&has_nil, row = make_row()](row_range r) {
+                     bool any = false;
+                     for (BUN i = r.begin; i < r.end; ++i)
+                         any |= row(i);
+                     // Tasks may say so at the same time: all of them store the same 1.
+                     if (any)
+                         std::atomic_ref(has_nil).store(1, std::memory_order_relaxed);
+                 });
     if (has_nil)
         mark_nil(*result->tail);
     BATaccess(b, 2, 0, -1);
@@ -153,16 +153,15 @@ int aggregate_into(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts, in
     if (e->info->count == 0)
         return 1;
 
-    bool any_nil = false;
-    aggregate_groups<Aggregate, Rows>(grouped_inputs<1>{{b}, g, e}, nparts,
-                                      [&any_nil, nil, out = rows_of<result>(*view->tail)](
-                                          BUN j, const typename Aggregate::partial &total) {
-                                          const bool is_nil = has_no_value<Aggregate>(total);
-                                          out[j] = is_nil ? nil : total.value;
-                                          any_nil |= is_nil;
-                                      });
-    if (any_nil)
-        mark_nil(*view->tail);
+    BATcol &tail = *view->tail;
+    aggregate_groups<Aggregate, Rows>(
+        grouped_inputs<1>{{b}, g, e}, nparts,
+        [&tail, nil, out = rows_of<result>(tail)](BUN j, const typename Aggregate::partial &total) {
+            const bool is_nil = has_no_value<Aggregate>(total);
+            out[j] = is_nil ? nil : total.value;
+            if (is_nil)
+                mark_nil(tail);
+        });
     return 1;
 }
 

@@ -106,12 +106,7 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
 // ---- parallel road ----------------------------------------------------------------------------
 
 template <class T>
-struct list_keys : bit_pattern_keys<T> {};
-template <>
-struct list_keys<const char *> : text_keys {};
-
-template <class T>
-using vask_distinct_set = open_addressing_table<list_keys<T>>;
+using vask_distinct_set = open_addressing_table<table_keys<T>>;
 
 //! The number of different values in a list. The set has room for all of them from the start; it
 //! comes empty and is left with whatever it has.
@@ -177,13 +172,15 @@ bool count_by_storage(const grouped_values &inputs, wrd *counts) {
     });
 }
 
-//! The result under the head of `extents`, zeroed; null when BATnew fails.
+//! The result under the head of `extents`, zeroed; null when it cannot be made.
 BAT *zeroed_counts(BAT *extents) {
     const BUN groups = extents->info->count;
     BAT *result = BATnew(TYPE_void, TYPE_wrd, groups);
     if (result == nullptr)
         return nullptr;
     vask_grp_result_view(&result, extents);
+    if (result == nullptr)
+        return nullptr;
     wrd *counts = rows_of<wrd>(*result->tail) + result->info->first;
     std::fill_n(counts, groups, wrd{0});
     return result;
@@ -228,8 +225,7 @@ char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *g
         if (failed) {
             BBPreclaim(counts);
         } else {
-            *result = counts->bat_id;
-            BBPkeepref(counts->bat_id);
+            hand_over(result, *counts);
         }
     }
     return exception;

@@ -87,7 +87,7 @@ bool append_rows(const grouped_values &inputs, const Lookup &groups, row_range r
         if (!map.move_to(heads[p]))
             continue;
         // Of a group that is not there the lookup gives a number that is no slot.
-        const BUN slot = groups.find(gids[map.position()]) - first_group;
+        const BUN slot = vask_group_slot(groups, gids[map.position()]) - first_group;
         if (slot >= group_count)
             return false;
         vask_value_list<T> &list = lists[slot];

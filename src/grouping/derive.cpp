@@ -95,12 +95,16 @@ char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *ct_histoid,
                  const int32_t *ct_mapid, const int32_t *bid) {
     using namespace vask;
     const lng start = GDKusec();
+    // A plan may store the results where the inputs' numbers stood.
+    const std::int32_t histo_id = *ct_histoid;
+    const std::int32_t map_id = *ct_mapid;
+    const std::int32_t b_id = *bid;
     if (GDKdebug & DEBUG_GROUP_TIMING)
-        THRprintf(THRgetdata(0), "# VASKderive ( ct_histoid=%d, ct_mapid=%d, bid=%d )\n",
-                  *ct_histoid, *ct_mapid, *bid);
+        THRprintf(THRgetdata(0), "# VASKderive ( ct_histoid=%d, ct_mapid=%d, bid=%d )\n", histo_id,
+                  map_id, b_id);
 
     derive_inputs in{};
-    if (const char *text = fetch(in, *bid, *ct_mapid, *ct_histoid))
+    if (const char *text = fetch(in, b_id, map_id, histo_id))
         return make_exception(place, text);
     // Intended: only a refinement that succeeds here closes what this opens. The serial road and
     // the failures leave the hints standing.
@@ -131,7 +135,7 @@ char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *ct_histoid,
         THRprintf(THRgetdata(0),
                   "# VASKderive ( ct_histoid=%d, ct_mapid=%d, bid=%d ) -> "
                   "( rethisto=%d , retbid=%d ) {%d.%06d s}\n",
-                  *ct_histoid, *ct_mapid, *bid, *rethisto, *retbid,
-                  static_cast<int>(elapsed / 1'000'000), static_cast<int>(elapsed % 1'000'000));
+                  histo_id, map_id, b_id, *rethisto, *retbid, static_cast<int>(elapsed / 1'000'000),
+                  static_cast<int>(elapsed % 1'000'000));
     return nullptr;
 }

@@ -53,8 +53,12 @@ std::uint32_t vask_derive_mask(BAT *map, BAT *histo, BAT *b) {
     const BAT *refined = histogram != nullptr ? vask_descriptor(map_id) : nullptr;
     if (refined == nullptr) {
         if (histogram != nullptr)
-            drop(histogram_id);
+            BBPreleaseref(histogram_id);
         BBPdecref(sample->bat_id, 0);
+        if (failed == nullptr) {
+            BBPdecref(histogram_id, 1);
+            BBPdecref(map_id, 1);
+        }
         return 0;
     }
     BBPdecref(sample->bat_id, 0);

@@ -72,10 +72,11 @@ char *group_in_parallel(vask_group_strategy road, std::int32_t *rethisto, std::i
 char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid) {
     using namespace vask;
     const lng start = GDKusec();
+    const std::int32_t b_id = *bid; // a plan may store a result where this number stood
     if (GDKdebug & DEBUG_GROUP_TIMING)
-        THRprintf(THRgetdata(0), "# VASKgroup ( bid=%d )\n", *bid);
+        THRprintf(THRgetdata(0), "# VASKgroup ( bid=%d )\n", b_id);
 
-    BAT *b = vask_descriptor(*bid);
+    BAT *b = vask_descriptor(b_id);
     if (b == nullptr)
         return make_exception(place, failure::object_not_found);
     const vask_group_strategy road = vask_group_select(b);
@@ -93,7 +94,7 @@ char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid) {
     const lng elapsed = GDKusec() - start;
     if (GDKdebug & DEBUG_GROUP_TIMING)
         THRprintf(THRgetdata(0),
-                  "# VASKgroup ( bid=%d ) -> ( rethisto=%d , retbid=%d ) {%d.%06d s}\n", *bid,
+                  "# VASKgroup ( bid=%d ) -> ( rethisto=%d , retbid=%d ) {%d.%06d s}\n", b_id,
                   *rethisto, *retbid, static_cast<int>(elapsed / 1'000'000),
                   static_cast<int>(elapsed % 1'000'000));
     return nullptr;

@@ -52,12 +52,13 @@ public:
 
     //! Adds the rows of a block, row .. row + n - 1, with their old groups.
     void add(BUN row, BUN n, const oid *parents, oid *numbers) {
-        if constexpr (fits_a_word)
+        bool done = false;
+        if constexpr (fits_a_word) {
+            done = recalls_;
             if (recalls_)
                 add_by_memo(row, n, parents, numbers);
-            else
-                add_by_table(row, n, parents, numbers);
-        else
+        }
+        if (!done)
             add_by_table(row, n, parents, numbers);
         for (BUN i = 0; i < n; ++i)
             ++table_.entries()[numbers[i]].count;

@@ -9,7 +9,7 @@ namespace vask {
 
 //! Sorts the rows of `b` in place by Cmp, head and tail together, on the scheduler's pool; below
 //! 500 rows serially. Rows that Cmp holds equal come in an order that can change from run to run.
-//! A BAT that is in order already is read once and not written.
+//! From 500 rows on, a BAT that is in order already is read once and not written.
 //!
 //! `b` must have a stored oid head and a tail stored as T, writable memory of its own, and nobody
 //! else may use it meanwhile. Its marks and its count stay as they are. Allocates nothing per row.

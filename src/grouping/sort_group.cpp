@@ -65,7 +65,7 @@ const wrd *counts_of(const BAT &ext) noexcept {
 //! Appends the other ranges' rows to the caller's extents, which have room for them, and gives
 //! those BATs back. Where that pays the rows go to where they belong in the order of ids; else they
 //! go behind one another. Without the values `copy` has memory to spare for the former: its head.
-void join(range_extents &exts, const BAT &copy, const BAT &grp) {
+void join(range_extents &exts, BAT &copy, const BAT &grp) {
     BAT &ext = exts.whole();
     const BUN rows = copy.info->count;
     const BUN first = copy.info->first;
@@ -104,7 +104,8 @@ bool group_copy(range_extents &exts, BAT &grp, BAT &copy, const BAT &b) {
         record_bat_too_large();
         return false;
     }
-    if (b.info->count >= smallest_rough_order)
+    // A column in order is sorted by the one pass that finds it so.
+    if (b.info->count >= smallest_rough_order && !is_ascending(*b.tail))
         fill_in_rough_order<T>(b, copy, input_ranges, span);
     vask_sort_bat<T, BUNviewTailComparator>(&copy);
 

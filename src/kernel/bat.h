@@ -15,8 +15,10 @@
  * Thread safety: records, column memory, hash tables and settings may be read
  * from any thread once BATaccess was called. BAThash, BATnew, BATextend,
  * BATgrows, GDKupgradevarheap, GDKerror, GDKfatal and the memory operations
- * are called from tasks; everything else is called only on the thread that
- * entered the library.
+ * are called from tasks; so are BUNfastins, by one task at a time per BAT, the
+ * atoms' functions, and THRgetdata with THRprintf when a message
+ * is due. Everything else is called only on the thread that entered the
+ * library.
  */
 #ifndef VASK_KERNEL_BAT_H
 #define VASK_KERNEL_BAT_H
@@ -155,8 +157,9 @@ void BBPreclaim(BAT *b);
 /* ---- atoms -------------------------------------------------------------- */
 
 typedef struct BATatom {
-    int32_t atom_storage;  /* code of the type that tells how this one is stored */
-    int16_t atom_size;     /* bytes of a value */
+    int32_t
+        atom_storage;  /* code of the type that tells how this one is stored, of the same width */
+    int16_t atom_size; /* bytes of a value */
     const void *atom_null; /* the nil */
     int (*atom_cmp)(const void *, const void *);
     /* Called with a value before a raw copy of it; may be null. */

@@ -51,7 +51,10 @@ BAT *vask_descriptor(std::int32_t id) {
 }
 
 const char *vask_bat_name(std::int32_t id) {
-    return is_in_pool(id, "BBPname") ? pool_record(id).logical_name : "";
+    if (!is_in_pool(id, "BBPname"))
+        return "";
+    const BBPrec &record = pool_record(id);
+    return id < 0 && record.mirror_name != nullptr ? record.mirror_name : record.logical_name;
 }
 
 BAT *mirror_of(const BAT &b) noexcept {
@@ -99,9 +102,11 @@ void vask_grp_result_view(BAT **result, BAT *e) {
     freeze(*fresh);
     BAT *view = VIEWcreate(e, fresh);
     BBPreleaseref(fresh->bat_id);
+    *result = view;
+    if (view == nullptr)
+        return;
     ALIGNsetH(view, e);
     mark_nonil_unsorted(*view->tail);
-    *result = view;
 }
 
 } // namespace vask

@@ -36,8 +36,15 @@ inline char *make_exception(const char *place, const char *text) {
 //! number is traced when DEBUG_RANGE_ERROR is set. Called on the entering thread only.
 BAT *vask_descriptor(std::int32_t id);
 
-//! The logical name of a BAT's number for a message; the empty text when the number is not good.
+//! The name of a BAT's number for a message, a negative number's own if it has one; the empty text
+//! when the number is not good.
 const char *vask_bat_name(std::int32_t id);
+
+//! Puts the number of a new BAT into a result slot, together with the library's reference to it.
+inline void hand_over(std::int32_t *result, const BAT &b) {
+    *result = b.bat_id;
+    BBPkeepref(b.bat_id);
+}
 
 //! The same data with head and tail exchanged, without a reference of its own.
 BAT *mirror_of(const BAT &b) noexcept;
@@ -202,7 +209,7 @@ void mark_nil(BATcol &column) noexcept;
 
 //! Turns a new BAT of one tail element per group into the result: its tail under the head of the
 //! extents `e`, marked free of nils. `*result` becomes the view; the new BAT's reference goes to
-//! it.
+//! it. Null when the view cannot be made.
 void vask_grp_result_view(BAT **result, BAT *e);
 
 } // namespace vask

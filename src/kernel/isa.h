@@ -27,12 +27,12 @@ instruction_set best_instruction_set() noexcept;
 // Neither wrapper names fma: contraction is switched off for the whole build,
 // because a fused multiply-add rounds differently from the two operations.
 template <class Loop>
-__attribute__((target("avx2,bmi,bmi2,lzcnt,popcnt"), flatten)) auto compiled_for_avx2(Loop &loop) {
+__attribute__((target("avx2,bmi,bmi2,popcnt"), flatten)) auto compiled_for_avx2(Loop &loop) {
     return loop();
 }
 
 template <class Loop>
-__attribute__((target("avx2,bmi,bmi2,lzcnt,popcnt,avx512f,avx512bw,avx512cd,avx512dq,avx512vl"),
+__attribute__((target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512cd,avx512dq,avx512vl"),
                flatten)) auto
 compiled_for_avx512(Loop &loop) {
     return loop();

@@ -53,8 +53,9 @@ private:
 };
 
 //! The slot of a group: the position of its id in the head of the extents, or NO_BUN for a group
-//! that they do not hold.
-VASK_ALWAYS_INLINE BUN vask_group_slot(const oid_lookup &extents, oid gid) noexcept {
+//! that they do not hold. The extents are looked up themselves, or through a table made of them.
+template <class Lookup>
+VASK_ALWAYS_INLINE BUN vask_group_slot(const Lookup &extents, oid gid) noexcept {
     return extents.find(gid);
 }
 

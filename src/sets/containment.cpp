@@ -170,8 +170,7 @@ char *vaskops_are_bat_indexes_contained(int32_t *result, const int32_t *left,
         BBPreleaseref(mask->bat_id);
         mask = view;
     }
-    *result = mask->bat_id;
-    BBPkeepref(mask->bat_id);
+    hand_over(result, *mask);
     BBPreleaseref(l->bat_id);
     BBPreleaseref(r->bat_id);
     return nullptr;

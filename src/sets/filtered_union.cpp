@@ -220,8 +220,7 @@ const char *make_union(union_plan &plan, std::int32_t *result) {
     if (!fill_result(plan, *both))
         return failure::operation_failed;
     both = seal(both);
-    *result = both->bat_id;
-    BBPkeepref(both->bat_id);
+    hand_over(result, *both);
     return nullptr;
 }
 

@@ -57,8 +57,7 @@ char *vask_grp_1_arg_statistical_func(std::int32_t *result, const std::int32_t *
             if (done != 1)
                 return failure::operation_failed;
             // Other than the order statistics', this result is not sealed: it stays as it was made.
-            *result = view->bat_id;
-            BBPkeepref(view->bat_id);
+            hand_over(result, *view);
             return nullptr;
         });
 }

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <type_traits>
 
 namespace vask {
 
@@ -42,24 +41,39 @@ char *fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid) {
         text = failure::unsupported_tail;
     }
     BBPreleaseref(parameter->bat_id);
+    if (text == nullptr)
+        return nullptr;
     // The kernel's own text may hold any character, so it is no format.
-    return text == nullptr ? nullptr : createException(0, order_statistics_place, "%s", text);
+    return text == failure::unsupported_tail
+               ? make_exception(order_statistics_place, text)
+               : createException(0, order_statistics_place, "%s", text);
 }
 
 //! Rounds a float record to the whole number next to it; false when that is too far away. An
 //! infinity or a NaN has no distance and is left to the conversion.
 template <class Float>
-bool round_to_whole(ValRecord *record) {
+bool round_to_whole(ValRecord *record, const void *stored, int type) {
     // What a decimal fraction loses on its way through a float is well below this.
     constexpr dbl largest_distance = 1e-7;
 
     Float value;
-    std::memcpy(&value, VALget(record), sizeof value);
+    std::memcpy(&value, stored, sizeof value);
     const auto whole = static_cast<Float>(std::floor(static_cast<dbl>(value) + 0.5));
     if (static_cast<dbl>(std::fabs(value - whole)) > largest_distance)
         return false;
-    VALset(record, std::is_same_v<Float, dbl> ? TYPE_dbl : TYPE_flt, &whole);
+    VALset(record, type, &whole);
     return true;
+}
+
+//! The same for a record of any type; one of a whole type is left as it is.
+bool round_to_whole(ValRecord *record, int type) {
+    if (type != TYPE_dbl && type != TYPE_flt)
+        return true;
+    // Intended: the record is asked for both widths, and one of the answers used.
+    const void *wide = VALget(record);
+    const void *narrow = VALget(record);
+    return type == TYPE_dbl ? round_to_whole<dbl>(record, wide, type)
+                            : round_to_whole<flt>(record, narrow, type);
 }
 
 template <class T>
@@ -67,11 +81,7 @@ char *read_parameter(T *result, bte *type, const std::int32_t *bid, int target) 
     ValRecord record;
     if (char *exception = fetch_parameter(&record, type, bid))
         return exception;
-    bool good = true;
-    if (target != TYPE_dbl && *type == TYPE_dbl)
-        good = round_to_whole<dbl>(&record);
-    else if (target != TYPE_dbl && *type == TYPE_flt)
-        good = round_to_whole<flt>(&record);
+    bool good = target == TYPE_dbl || round_to_whole(&record, *type);
     if (good) {
         good = VALconvert(target, &record) != nullptr;
         std::memcpy(result, VALget(&record), sizeof *result);

@@ -89,24 +89,30 @@ TEST(GroupedFrame, TheHashIsBuiltForTheFirstValueAndNotForADenseHead) {
     EXPECT_EQ(result.values<std::int64_t>()[0], 25);
 }
 
-TEST(GroupedFrame, AHashThatCannotBeBuiltIsFatal) {
+TEST(GroupedFrame, AHashThatCannotBeBuiltIsFatalUnderTheNumbersOwnName) {
     const kernel_settings settings(1);
     const bat values = one_to_ten();
     const bat map = odd_and_even();
     const bat extents = make_extents({9, 5});
-    watch kernel;
-    kernel.fail_at(operation::bat_hash, 1);
+    const bat exchanged = make_column(std::vector<oid>{9, 5}); // its mirror has extents' head
+    const auto record = [](const bat &b) { return BBParr[b.id() >> 16][b.id() & 0xffff]; };
     static std::string message;
     const auto before = refkernel::set_fatal_handler([](const char *text) {
         message = text;
         return 0;
     });
-    const bat result = support::call_grouped(vask_grp_sum, values, map, extents);
+    for (const auto &[number, name] : {std::pair(extents.id(), record(extents).logical_name),
+                                       std::pair(-exchanged.id(), record(exchanged).mirror_name)}) {
+        watch kernel;
+        kernel.fail_at(operation::bat_hash, 1);
+        std::int32_t result = 0;
+        ASSERT_EQ(vask_grp_sum(&result, values.slot(), map.slot(), &number), nullptr);
+        EXPECT_EQ(message, std::string("HASHfnd_oid: hash build failed on ") + name + ".\n");
+        // A kernel that goes on sees the task end as for an unknown group.
+        const bat sums = bat::adopt(result);
+        EXPECT_TRUE(sums.is_nil(0) && sums.is_nil(1));
+    }
     refkernel::set_fatal_handler(before);
-    EXPECT_EQ(message, std::string("HASHfnd_oid: hash build failed on ") +
-                           BBParr[extents.id() >> 16][extents.id() & 0xffff].logical_name + ".\n");
-    // A kernel that goes on sees the task end as for an unknown group.
-    EXPECT_TRUE(result.is_nil(0) && result.is_nil(1));
 }
 
 TEST(GroupedFrame, WithoutGroupsTheResultIsEmptyAndNothingIsRead) {
