@@ -1,9 +1,11 @@
-// The aggregates that the command knows: one table, from which parsing, checking and calling go.
+// The aggregates that the command knows: one table, from which parsing, checking, calling and the
+// help go.
 #pragma once
 
 #include "cell_values.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -28,10 +30,15 @@ private:
     std::uint32_t bits_ = 0;
 };
 
-//! What stands in an aggregate's brackets.
-enum class argument_form {
-    column,
-    all_rows //!< a * for rows instead of values
+//! Aggregates that belong together for a reader and are called in the same way.
+enum class aggregate_family {
+    count,
+    distinct, //!< its operator counts a missing value as a value
+    sum,
+    extreme,
+    moment,
+    order, //!< its operators refuse columns with missing values, and user atoms
+    pair
 };
 
 //! How the type of a result follows from the type of the column.
@@ -39,7 +46,9 @@ enum class result_rule {
     sum,     //!< integers give lng, flt and dbl their own type
     same,    //!< that of the column
     count,   //!< lng
-    quotient //!< dbl, worked out from two other aggregates
+    number,  //!< dbl
+    between, //!< dbl, but a timestamp between timestamps
+    quotient //!< dbl, worked out from two other aggregates of the same column
 };
 
 //! How an aggregate of a whole column finds its operator.
@@ -48,31 +57,56 @@ enum class operator_naming {
     by_type //!< the name goes on with that of the column's type
 };
 
+//! The number that an aggregate takes besides its columns.
+struct parameter_rule {
+    double lowest;
+    double highest;
+    bool whole;               //!< without a fraction
+    std::string_view meaning; //!< what it must be, for messages
+};
+
 struct aggregate_rule {
     std::string_view name;
-    argument_form arguments = argument_form::column;
+    std::string_view arguments = "x"; //!< as the help shows them; * for rows instead of values
+    aggregate_family family;
+    unsigned columns = 1;
+    const parameter_rule *parameter = nullptr;
     type_set accepts;
     result_rule result;
-    //! The operators of a whole column and by group.
+    //! The operators of a whole column and by group; without the first, the whole is one group.
     std::string_view whole{};
     std::string_view grouped{};
     operator_naming naming = operator_naming::plain;
-    //! Of a quotient: the aggregates, of the same column, that it is made of.
+    //! Of a quotient: the aggregates that it is made of.
     std::string_view dividend{};
     std::string_view divisor{};
+
+    //! The name with its arguments, as in quartile(x,q).
+    std::string usage() const;
 };
 
-//! All rules.
+//! A name under which another program knows an aggregate.
+struct aggregate_alias {
+    std::string_view name;
+    std::string_view of;
+    std::optional<double> parameter{}; //!< that goes with the name
+    bool takes_percent = false;        //!< the name may go on with :P, a parameter in percent
+};
+
+//! All rules; those of one family stand together.
 std::span<const aggregate_rule> aggregate_rules();
+std::span<const aggregate_alias> aggregate_aliases();
 
-//! The rule of that name for that form of arguments; null when there is none.
-const aggregate_rule *find_aggregate(std::string_view name,
-                                     argument_form arguments = argument_form::column);
+//! The rule of that name, no alias, for columns or, if `all_rows`, for rows; null without one.
+const aggregate_rule *find_aggregate(std::string_view name, bool all_rows = false);
 
-//! The type of the rule's result on a column that the rule accepts.
+//! The type in which the rule's result on a column of an accepted type is shown.
 column_type result_type(const aggregate_rule &rule, column_type column);
 
 //! The exported name of the rule's whole-column operator for a type.
 std::string whole_operator(const aggregate_rule &rule, column_type column);
+
+//! All aggregates and aliases, a few lines by family, for the help.
+std::string aggregate_overview();
 
 } // namespace vask::runner

@@ -79,8 +79,13 @@ private:
     void store_text(std::string_view cell, std::size_t i) {
         column_outcome &column = outcome_.columns[i];
         if (missing_.contains(cell)) {
-            column.texts.emplace_back(static_cast<const char *>(BATatoms[TYPE_str].atom_null));
+            column.texts.emplace_back(nil_text_);
             ++column.missing;
+            return;
+        }
+        if (cell == nil_text_) {
+            outcome_.fault =
+                load_fault{load_fault::kind::nil_text, outcome_.records, 0, i, {}, {}, 0};
             return;
         }
         column.texts.emplace_back(text_end_, cell.size());
@@ -99,6 +104,7 @@ private:
     const missing_words &missing_;
     const std::vector<column_target> &targets_;
     const std::uint64_t first_row_;
+    const std::string_view nil_text_ = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
     std::size_t column_ = 0;   // of the next field
     char *text_end_ = nullptr; // of the used text memory
     chunk_outcome outcome_;

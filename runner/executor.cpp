@@ -1,21 +1,85 @@
 #include "executor.h"
 
 #include "column_cells.h"
+#include "operands.h"
 #include "operator_calls.h"
+#include "operator_roads.h"
 #include "row_groups.h"
 
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <variant>
+#include <vector>
+
+#include <fmt/format.h>
 
 namespace vask::runner {
 namespace {
+
+using refkernel::bat;
+using refkernel::instrumentation::watch;
+using cell_function = std::function<result_cell(std::size_t row)>;
+using groups_pointer = std::shared_ptr<const row_groups>;
+
+// By row of the extents to by row of the output.
+cell_function in_shown_order(groups_pointer groups, cell_function cell) {
+    return [groups = std::move(groups), cell = std::move(cell)](std::size_t row) {
+        return cell(groups->order[row]);
+    };
+}
+
+std::optional<double> as_double(const result_cell &cell) {
+    return std::visit(
+        []<class T>(const T &value) -> std::optional<double> {
+            if constexpr (std::is_arithmetic_v<T>)
+                return static_cast<double>(value);
+            else
+                return std::nullopt;
+        },
+        cell);
+}
+
+std::int64_t as_count(const result_cell &cell) {
+    return std::get<std::int64_t>(cell);
+}
+
+// Without a value there is no sum, and the quotient is missing as well.
+cell_function quotient(cell_function dividend, cell_function divisor) {
+    return [dividend = std::move(dividend),
+            divisor = std::move(divisor)](std::size_t row) -> result_cell {
+        const auto total = as_double(dividend(row));
+        const auto count = as_double(divisor(row));
+        if (!total || !count)
+            return std::monostate{};
+        return *total / *count;
+    };
+}
+
+// The operator counts missing values as one more value, in groups that have any.
+cell_function without_the_missing(cell_function distinct, cell_function rows,
+                                  cell_function values) {
+    return [distinct = std::move(distinct), rows = std::move(rows),
+            values = std::move(values)](std::size_t row) -> result_cell {
+        const bool has_missing = as_count(rows(row)) != as_count(values(row));
+        return as_count(distinct(row)) - (has_missing ? 1 : 0);
+    };
+}
+
+cell_function as_timestamps(cell_function microseconds) {
+    return [microseconds = std::move(microseconds)](std::size_t row) -> result_cell {
+        if (const auto value = as_double(microseconds(row)))
+            return timestamp{std::llround(*value)};
+        return std::monostate{};
+    };
+}
 
 class executor {
 public:
@@ -38,8 +102,6 @@ public:
     }
 
 private:
-    using cell_function = std::function<result_cell(std::size_t row)>;
-
     void add_group_values(std::size_t i) {
         const table_column &column = data_.columns[i];
         result_.columns.push_back(
@@ -51,96 +113,174 @@ private:
 
     cell_function cells_of_aggregate(const bound_aggregate &aggregate) {
         const aggregate_rule &rule = *aggregate.rule;
-        if (rule.arguments == argument_form::all_rows)
-            return groups_ ? in_shown_order(cells_of(groups_->extents, column_type::lng))
-                           : whole_count(rule,
-                                         refkernel::make_void_column(static_cast<BUN>(data_.rows)),
-                                         "*");
-        const std::size_t column = aggregate.columns.front();
-        if (rule.result == result_rule::quotient) {
-            cell_function dividend = by_operator(*find_aggregate(rule.dividend), column);
-            return quotient(std::move(dividend),
-                            by_operator(*find_aggregate(rule.divisor), column));
+        if (rule.columns == 0)
+            return count_rows();
+        if (rule.result == result_rule::quotient)
+            return quotient(cells_of_part(rule.dividend, aggregate),
+                            cells_of_part(rule.divisor, aggregate));
+        if (rule.name == "count" && groups_ && missing_in(aggregate) == 0) {
+            explain_.note(
+                fmt::format("{}: no value is missing, so it is the groups' rows", aggregate.title));
+            return count_rows();
         }
-        return by_operator(rule, column);
+        cell_function cells = by_operator(rule, aggregate);
+        if (rule.family == aggregate_family::distinct && missing_in(aggregate) > 0)
+            return without_the_missing(std::move(cells), count_rows(),
+                                       cells_of_part("count", aggregate));
+        return cells;
     }
 
-    cell_function by_operator(const aggregate_rule &rule, std::size_t i) {
-        const table_column &column = data_.columns[i];
+    cell_function cells_of_part(std::string_view name, const bound_aggregate &aggregate) {
+        return cells_of_aggregate({fmt::format("{} in {}", name, aggregate.title),
+                                   find_aggregate(name), aggregate.columns, std::nullopt});
+    }
+
+    std::uint64_t missing_in(const bound_aggregate &aggregate) const {
+        return data_.columns[aggregate.columns.front()].missing;
+    }
+
+    cell_function count_rows() {
         if (groups_)
-            return grouped(rule, column, header_.names[i]);
-        if (rule.result == result_rule::count)
-            return whole_count(rule, column.values, header_.names[i]);
-        return whole(rule, column, header_.names[i]);
+            return in_shown_order(groups_, cells_of(groups_->extents, column_type::lng));
+        const aggregate_rule &rule = *find_aggregate("count", true);
+        return once(std::string(rule.whole), "*", [&](const std::string &name) {
+            std::vector<bat> rows;
+            rows.push_back(refkernel::make_void_column(static_cast<BUN>(data_.rows)));
+            return call(rule, name, "*", rows, nullptr, column_type::lng);
+        });
     }
 
-    cell_function whole(const aggregate_rule &rule, const table_column &column,
-                        const std::string &arguments) {
-        const std::string name = whole_operator(rule, column.type);
-        auto *const call = operators_.function<whole_column_operator>(name);
+    // What an operator gives, with each operator called once for the same arguments.
+    cell_function by_operator(const aggregate_rule &rule, const bound_aggregate &aggregate) {
+        const column_type type = data_.columns[aggregate.columns.front()].type;
+        const column_type shown = result_type(rule, type);
+        const bool between_times =
+            rule.result == result_rule::between && shown == column_type::timestamp;
+        const bool as_groups = groups_ || rule.whole.empty();
+        const std::string name = as_groups ? std::string(rule.grouped) : whole_operator(rule, type);
+        std::string arguments = header_.names[aggregate.columns.front()];
+        for (std::size_t i = 1; i < aggregate.columns.size(); ++i)
+            arguments += ", " + header_.names[aggregate.columns[i]];
+        if (aggregate.parameter)
+            arguments += fmt::format(", {}", *aggregate.parameter);
+        return once(name, arguments, [&](const std::string &) {
+            const groups_pointer groups = as_groups ? groups_or_one() : nullptr;
+            cell_function cells =
+                call(rule, name, arguments, operands_of(rule, aggregate, groups.get()), groups,
+                     between_times ? column_type::dbl : shown);
+            return between_times ? as_timestamps(std::move(cells)) : cells;
+        });
+    }
+
+    template <class Make>
+    cell_function once(const std::string &name, const std::string &arguments, Make make) {
+        const auto [at, is_new] = done_.try_emplace(name + "(" + arguments + ")");
+        if (is_new)
+            at->second = make(name);
+        return at->second;
+    }
+
+    groups_pointer groups_or_one() {
+        if (groups_)
+            return groups_;
+        if (!all_rows_)
+            all_rows_ = std::make_shared<row_groups>(one_group(static_cast<BUN>(data_.rows)));
+        return all_rows_;
+    }
+
+    // The BATs that an operator takes, in its order: columns, parameter, map and extents.
+    std::vector<bat> operands_of(const aggregate_rule &rule, const bound_aggregate &aggregate,
+                                 const row_groups *groups) {
+        std::vector<bat> result;
+        const bat *map = groups == nullptr ? nullptr : &groups->map;
+        for (const std::size_t column : aggregate.columns) {
+            const table_column &loaded = data_.columns[column];
+            if (rule.family == aggregate_family::order) {
+                const present_rows &present = present_in(column);
+                result.push_back(bat::share(present.values.id()));
+                map = &present.map;
+            } else if (rule.family == aggregate_family::moment) {
+                result.push_back(bat::share(centred_in(column).distances.id()));
+            } else if (rule.family == aggregate_family::distinct) {
+                result.push_back(distinct_values(loaded));
+            } else {
+                result.push_back(bat::share(loaded.values.id()));
+            }
+        }
+        if (aggregate.parameter)
+            result.push_back(parameter_column(*rule.parameter, *aggregate.parameter));
+        if (groups != nullptr) {
+            result.push_back(bat::share(map->id()));
+            result.push_back(bat::share(groups->extents.id()));
+        }
+        return result;
+    }
+
+    static bat parameter_column(const parameter_rule &rule, double value) {
+        if (rule.whole)
+            return refkernel::make_column(std::vector{static_cast<lng>(value)});
+        return refkernel::make_column(std::vector{value});
+    }
+
+    struct present_rows {
+        bat values;
+        bat map; // by group
+    };
+
+    const present_rows &present_in(std::size_t column) {
+        const auto [at, is_new] = present_.try_emplace(column);
+        if (is_new) {
+            const table_column &loaded = data_.columns[column];
+            at->second.values = present_numbers(loaded);
+            if (groups_)
+                at->second.map = map_of_present(loaded, groups_->map, at->second.values);
+        }
+        return at->second;
+    }
+
+    const centred_column &centred_in(std::size_t column) {
+        const auto [at, is_new] = centred_.try_emplace(column);
+        if (is_new)
+            at->second = centred(data_.columns[column], groups_ ? &groups_->map : nullptr);
+        return at->second;
+    }
+
+    cell_function call(const aggregate_rule &rule, const std::string &name,
+                       const std::string &arguments, const std::vector<bat> &operands,
+                       const groups_pointer &groups, column_type stored) {
+        std::vector<const std::int32_t *> slots;
+        for (const bat &operand : operands)
+            slots.push_back(operand.slot());
+        const BUN rows = operands.front().count();
         std::array<std::byte, sizeof(lng)> value{};
-        check(explain_.timed(name, arguments, column.values.count(),
-                             [&] { return call(value.data(), column.values.slot()); }));
-        const column_type type = result_type(rule, column.type);
-        return [value, type](std::size_t) { return cell_at(value.data(), type); };
-    }
-
-    cell_function whole_count(const aggregate_rule &rule, const refkernel::bat &column,
-                              const std::string &arguments) {
-        const std::string name(rule.whole);
-        auto *const call = operators_.function<count_operator>(name);
-        std::int64_t value = 0;
-        check(explain_.timed(name, arguments, column.count(),
-                             [&] { return call(&value, column.slot()); }));
-        return [value](std::size_t) { return value; };
-    }
-
-    cell_function grouped(const aggregate_rule &rule, const table_column &column,
-                          const std::string &arguments) {
-        const std::string name(rule.grouped);
-        auto *const call = operators_.function<grouped_operator>(name);
         std::int32_t id = int_nil;
-        check(explain_.timed(name, arguments, column.values.count(), [&] {
-            return call(&id, column.values.slot(), groups_->map.slot(), groups_->extents.slot());
-        }));
-        result_.held.push_back(refkernel::bat::adopt(id));
-        return in_shown_order(cells_of(result_.held.back(), result_type(rule, column.type)));
-    }
-
-    cell_function in_shown_order(cell_function cell) const {
-        return [groups = groups_, cell = std::move(cell)](std::size_t row) {
-            return cell(groups->order[row]);
-        };
-    }
-
-    // Without a value there is no sum, and the quotient is missing as well.
-    static cell_function quotient(cell_function dividend, cell_function divisor) {
-        return [dividend = std::move(dividend),
-                divisor = std::move(divisor)](std::size_t row) -> result_cell {
-            const auto total = as_double(dividend(row));
-            const auto count = as_double(divisor(row));
-            if (!total || !count)
-                return std::monostate{};
-            return *total / *count;
-        };
-    }
-
-    static std::optional<double> as_double(const result_cell &cell) {
-        return std::visit(
-            []<class T>(const T &value) -> std::optional<double> {
-                if constexpr (std::is_arithmetic_v<T>)
-                    return static_cast<double>(value);
-                else
-                    return std::nullopt;
-            },
-            cell);
+        void *const result = groups ? static_cast<void *>(&id) : value.data();
+        const auto run = [&] { call_operator(operators_, name, result, slots); };
+        if (rule.family == aggregate_family::distinct)
+            explain_.timed(name, arguments, rows, run, [&](const watch &seen) {
+                return road_of_count_distinct(seen, rows, groups->extents.count());
+            });
+        else
+            explain_.timed(name, arguments, rows, run, [&] {
+                if (rule.family == aggregate_family::order)
+                    return groups ? ranges_of(rows) : "1 range";
+                return partitions_of(rows);
+            });
+        if (!groups)
+            return [value, stored](std::size_t) { return cell_at(value.data(), stored); };
+        result_.held.push_back(bat::adopt(id));
+        return in_shown_order(groups, cells_of(result_.held.back(), stored));
     }
 
     const table &data_;
     const csv_header &header_;
     const operator_library &operators_;
     const explain_log &explain_;
-    std::shared_ptr<const row_groups> groups_;
+    groups_pointer groups_;   // none: the whole columns
+    groups_pointer all_rows_; // for operators that only work by group
+    std::map<std::size_t, present_rows> present_;
+    std::map<std::size_t, centred_column> centred_;
+    std::map<std::string, cell_function> done_;
     result_table result_;
 };
 

@@ -1,7 +1,5 @@
 #include "explain.h"
 
-#include "kernel/frame.h"
-
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -14,10 +12,9 @@ void explain_log::note(std::string_view text) const {
 }
 
 void explain_log::note_call(std::string_view name, std::string_view columns, BUN rows,
+                            std::string_view road,
                             std::chrono::duration<double, std::milli> time) const {
-    const std::uint64_t partitions = partition_count(rows);
-    note(fmt::format("{}({}): {} rows, {} partition{}, {:.3f} ms", name, columns, rows, partitions,
-                     partitions == 1 ? "" : "s", time.count()));
+    note(fmt::format("{}({}): {} rows, {}, {:.3f} ms", name, columns, rows, road, time.count()));
 }
 
 } // namespace vask::runner

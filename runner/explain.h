@@ -3,9 +3,12 @@
 
 #include "kernel/bat.h"
 
+#include "refkernel/instrumentation.h"
+
 #include <chrono>
-#include <cstdint>
+#include <optional>
 #include <string_view>
+#include <type_traits>
 
 namespace vask::runner {
 
@@ -18,18 +21,31 @@ public:
     //! One line on standard error. Does nothing when off.
     void note(std::string_view text) const;
 
-    //! Runs `call` and notes its name, the columns it works on, rows, partitions and time.
-    template <class Call>
-    auto timed(std::string_view name, std::string_view columns, BUN rows, Call call) const {
+    //! Runs `call` and notes its name, the columns it works on, rows, how it went, and time. `road`
+    //! tells how it went, after the call: from a watch on the call, or without one, which makes the
+    //! kernel's operations slower and stands only where it is asked for and somebody wants to know.
+    template <class Call, class Road>
+    void timed(std::string_view name, std::string_view columns, BUN rows, Call call,
+               Road road) const {
+        using refkernel::instrumentation::watch;
+        constexpr bool watched = std::is_invocable_v<Road, const watch &>;
+        std::optional<watch> seen;
+        if (on_ && watched)
+            seen.emplace();
         const auto begin = std::chrono::steady_clock::now();
-        auto result = call();
-        if (on_)
-            note_call(name, columns, rows, std::chrono::steady_clock::now() - begin);
-        return result;
+        call();
+        const std::chrono::duration<double, std::milli> time =
+            std::chrono::steady_clock::now() - begin;
+        if (!on_)
+            return;
+        if constexpr (watched)
+            note_call(name, columns, rows, road(*seen), time);
+        else
+            note_call(name, columns, rows, road(), time);
     }
 
 private:
-    void note_call(std::string_view name, std::string_view columns, BUN rows,
+    void note_call(std::string_view name, std::string_view columns, BUN rows, std::string_view road,
                    std::chrono::duration<double, std::milli> time) const;
 
     bool on_;

@@ -56,6 +56,12 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                        name_of(fitting == fault.type ? column_type::str : fitting));
 }
 
+std::string describe_nil_text(const load_fault &fault, const csv_header &header) {
+    return fmt::format("column {} ({}): the field is the single byte 0x80, which would read as a "
+                       "missing value; the file is no UTF-8: convert it, for example with iconv",
+                       fault.column + 1, header.names[fault.column]);
+}
+
 // A quote that an earlier line left open is found out here only.
 std::string describe_stray_quote(const load_fault &fault, std::uint64_t line,
                                  std::uint64_t record_line) {
@@ -121,6 +127,8 @@ std::string describe(const load_fault &fault, const source_text &source, const c
             return at_line(record_line(no_field), describe_ragged(fault, header, dialect));
         case load_fault::kind::bad_cell:
             return at_line(record_line(fault.column), describe_bad_cell(fault, header));
+        case load_fault::kind::nil_text:
+            return at_line(record_line(fault.column), describe_nil_text(fault, header));
         case load_fault::kind::stray_quote:
             return at_line(
                 line_at(text, fault.position),

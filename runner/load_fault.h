@@ -16,13 +16,14 @@ struct load_fault {
     enum class kind {
         ragged,      // another number of fields than the header
         bad_cell,    // no value of the type that was asked for
+        nil_text,    // a text that the kernel takes for a missing one
         stray_quote, // a quote inside an unquoted field, or text behind a closing quote
         open_quote   // a quoted field that the file's end cuts off
     };
     kind what;
     std::uint64_t record = 0; // counted from the chunk's first
     std::size_t fields = 0;   // ragged: how many there are
-    std::size_t column = 0;   // bad_cell
+    std::size_t column = 0;   // bad_cell, nil_text
     std::string cell;         // bad_cell: its text
     column_type type{};       // bad_cell: what it should have been
     std::size_t position = 0; // stray_quote: place in the text

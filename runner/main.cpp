@@ -60,7 +60,7 @@ void run(const options &request) {
     const operator_library operators(request.library);
     const table data = load_table(source, header, to_load);
     explain_table(explain, data, header, std::chrono::steady_clock::now() - begin);
-    check_types(asked, data, to_load, header, source);
+    check_columns(asked, data, to_load, header, source);
     print(execute(asked, data, header, operators, explain), request.format, stdout);
 }
 

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "aggregate_table.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -15,15 +16,17 @@ namespace {
 constexpr const char *description =
     "Aggregates the columns of a CSV or TSV file, whole or by group, on all cores.";
 
-constexpr const char *footer = R"(
+constexpr const char *aggregate_notes = R"(
+  In moments, a final p stands for the population instead of a sample. q is 0 to 4, p 0 to 1, P 0
+  to 100, k 1 for the largest value. A column name with a comma or bracket: "net, price".
+
 Examples:
   vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
   vask penguins.csv --group-by species,sex --agg 'count(*), mean(body_mass_g)' --sort
-  vask prices.csv --agg 'sum("unit price")' --format csv
+  vask penguins.csv --group-by sex --agg 'median(body_mass_g), perc:90(body_mass_g)' --drop-na
   zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
   vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
 
-Aggregates: sum, min, max, mean, count, and count(*) for rows.
 The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
 a field that is not in quotes do not belong to it; blank lines are passed over.
 Exit status: 0, or 2 when the request or the data are at fault (the message says where).)";
@@ -38,6 +41,8 @@ int default_threads() {
 char separator_named(const std::string &text) {
     if (text == "tab" || text == "\\t")
         return '\t';
+    if (text.empty())
+        fail("--sep: there is nothing between the quotes; give one character, or tab");
     if (text.size() != 1 || text == "\"" || text == "\n" || text == "\r")
         fail("--sep: '{}' is no separator; give one character, or tab", text);
     return text.front();
@@ -78,7 +83,7 @@ struct raw_options {
 };
 
 void declare(CLI::App &app, options &result, raw_options &raw) {
-    app.footer(footer);
+    app.footer("\nAggregates:" + aggregate_overview() + aggregate_notes);
     app.set_version_flag("--version", "vask " VASK_VERSION);
     app.add_option("FILE", result.file,
                    "CSV or TSV file with a header line, or - for standard input")
@@ -91,6 +96,8 @@ void declare(CLI::App &app, options &result, raw_options &raw) {
         ->type_name("COLUMNS");
     app.add_flag("--sort", result.sort,
                  "Print groups in ascending order of their columns (default: as they first occur)");
+    app.add_flag("--drop-na", result.drop_missing,
+                 "Leave rows with a missing value out of the order statistics of that column");
     const std::map<std::string, output_format> formats{{"table", output_format::table},
                                                        {"csv", output_format::csv},
                                                        {"json", output_format::json}};
@@ -150,7 +157,7 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         result.types = parse_types(raw.types);
     if (app.count("--na") != 0)
         result.missing = split_at_commas(raw.missing);
-    if (!raw.separator.empty())
+    if (app.count("--sep") != 0)
         result.dialect.separator = separator_named(raw.separator);
     else if (looks_tab_separated(result.file))
         result.dialect.separator = '\t';

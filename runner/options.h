@@ -20,6 +20,7 @@ struct options {
     std::vector<aggregate_call> aggregates;
     std::vector<std::string> group_by;
     bool sort = false;
+    bool drop_missing = false;
     csv_dialect dialect;
     header_rules header;
     std::vector<std::string> missing{"", "NA", "NaN"};

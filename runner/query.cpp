@@ -1,9 +1,11 @@
 #include "query.h"
 
 #include "load_fault.h"
+#include "operands.h"
 #include "user_error.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 
 namespace vask::runner {
@@ -46,29 +48,71 @@ std::string suggestion(const std::vector<std::string> &names, std::string_view w
     return list;
 }
 
-std::string known_aggregates() {
-    std::string list;
-    for (const aggregate_rule &rule : aggregate_rules())
-        list += fmt::format("{}{}{}", list.empty() ? "" : ", ", rule.name,
-                            rule.arguments == argument_form::all_rows ? "(*)" : "");
-    return list;
+struct named_aggregate {
+    const aggregate_rule *rule = nullptr;
+    std::optional<double> parameter{}; // that came with the name
+};
+
+// An alias goes for what it stands for. In perc:90 the parameter is part of the name.
+named_aggregate resolve(const std::string &name, bool all_rows, std::string_view asked_by) {
+    if (const aggregate_rule *const rule = find_aggregate(name, all_rows))
+        return {rule};
+    const std::size_t colon = std::min(name.find(':'), name.size());
+    for (const aggregate_alias &alias : aggregate_aliases()) {
+        if (all_rows || alias.name != std::string_view(name).substr(0, colon))
+            continue;
+        named_aggregate result{find_aggregate(alias.of), alias.parameter};
+        if (colon < name.size()) {
+            double percent = 0;
+            if (!alias.takes_percent)
+                fail("{}: {} takes nothing behind its name", asked_by, alias.name);
+            if (!read_cell(std::string_view(name).substr(colon + 1), percent) ||
+                !(percent >= 0 && percent <= 100))
+                fail("{}: behind {}: stands a number of percent from 0 to 100, as in {}:90(x)",
+                     asked_by, alias.name, alias.name);
+            result.parameter = percent / 100;
+        }
+        return result;
+    }
+    fail("{}: there is no aggregate '{}{}'; there are:{}", asked_by, name, all_rows ? "(*)" : "",
+         aggregate_overview());
+}
+
+double read_parameter(const parameter_rule &rule, std::string_view text,
+                      std::string_view asked_by) {
+    double value = 0;
+    if (!read_cell(text, value))
+        fail("{}: '{}' is no number; {}", asked_by, shown(text), rule.meaning);
+    return value;
 }
 
 bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &header,
                                const source_text &source) {
+    const std::string asked_by = "--agg: " + call.text;
     const argument &first = call.arguments.front();
     const bool all_rows = first.text == "*" && !first.quoted;
-    const aggregate_rule *const rule =
-        find_aggregate(call.function, all_rows ? argument_form::all_rows : argument_form::column);
-    if (rule == nullptr)
-        fail("--agg: {}: there is no aggregate '{}{}'; there are: {}", call.text, call.function,
-             all_rows ? "(*)" : "", known_aggregates());
-    if (call.arguments.size() != 1)
-        fail("--agg: {}: {} takes one column; put a name that holds a comma in double quotes",
-             call.text, rule->name);
-    bound_aggregate result{call.text, rule, {}};
-    if (!all_rows)
-        result.columns.push_back(find_column(header, source, first.text, "--agg: " + call.text));
+    const auto [rule, parameter] = resolve(call.function, all_rows, asked_by);
+    bound_aggregate result{call.text, rule, {}, parameter};
+    if (all_rows && call.arguments.size() == 1)
+        return result;
+    const bool reads_parameter = rule->parameter != nullptr && !parameter;
+    if (call.arguments.size() != rule->columns + (reads_parameter ? 1 : 0))
+        fail("{}: it is written {}({}){}{}; put a name that holds a comma in double quotes",
+             asked_by, call.function,
+             parameter ? rule->arguments.substr(0, rule->arguments.find(',')) : rule->arguments,
+             reads_parameter ? ", where " : "", reads_parameter ? rule->parameter->meaning : "");
+    for (std::size_t i = 0; i < rule->columns; ++i)
+        result.columns.push_back(find_column(header, source, call.arguments[i].text, asked_by));
+    if (reads_parameter)
+        result.parameter = read_parameter(*rule->parameter, call.arguments.back().text, asked_by);
+    if (result.parameter) {
+        const parameter_rule &bounds = *rule->parameter;
+        const double value = *result.parameter;
+        // Written so that a NaN is out of bounds, too.
+        if (!(value >= bounds.lowest && value <= bounds.highest) ||
+            (bounds.whole && value != std::floor(value)))
+            fail("{}: {} is out of bounds; {}", asked_by, value, bounds.meaning);
+    }
     return result;
 }
 
@@ -85,6 +129,24 @@ void check_type(const bound_aggregate &aggregate, std::size_t column, const tabl
                               "stands for a missing value, add it to the list of --na",
                               shown(text->cell), text->line);
     throw user_error(reason);
+}
+
+// Order statistics need values that have a place in an order.
+void check_order(const query &asked, const bound_aggregate &aggregate, const table &data,
+                 const csv_header &header, const source_text &source) {
+    const std::size_t place = aggregate.columns.front();
+    const table_column &column = data.columns[place];
+    const std::string about = fmt::format("{}: {}: column {} ({})", source.name(), aggregate.title,
+                                          place + 1, header.names[place]);
+    if (!asked.drop_missing && column.missing > 0)
+        fail("{} has {} missing value{} in {} rows, and {} takes none; --drop-na leaves such rows "
+             "out, for this column's order statistics alone",
+             about, column.missing, column.missing == 1 ? "" : "s", data.rows,
+             aggregate.rule->name);
+    if (const std::uint64_t nan = count_nan(column); nan > 0)
+        fail("{} has {} NaN, without a place in an order; add the spelling to the list of --na and "
+             "give --drop-na",
+             about, nan);
 }
 
 } // namespace
@@ -114,6 +176,7 @@ query bind_query(const options &request, const csv_header &header, const source_
              header.names.back(), suggestion(header.names, {}));
     query result;
     result.sorted = request.sort;
+    result.drop_missing = request.drop_missing;
     for (const std::string &name : request.group_by)
         result.group_by.push_back(find_column(header, source, name, "--group-by"));
     for (const aggregate_call &call : request.aggregates)
@@ -121,11 +184,14 @@ query bind_query(const options &request, const csv_header &header, const source_
     return result;
 }
 
-void check_types(const query &asked, const table &data, const load_request &request,
-                 const csv_header &header, const source_text &source) {
+void check_columns(const query &asked, const table &data, const load_request &request,
+                   const csv_header &header, const source_text &source) {
     for (const bound_aggregate &aggregate : asked.aggregates)
-        for (const std::size_t column : aggregate.columns)
+        for (const std::size_t column : aggregate.columns) {
             check_type(aggregate, column, data, request, header, source);
+            if (aggregate.rule->family == aggregate_family::order)
+                check_order(asked, aggregate, data, header, source);
+        }
 }
 
 } // namespace vask::runner

@@ -7,6 +7,7 @@
 #include "table_loader.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,11 +17,13 @@ struct bound_aggregate {
     std::string title; //!< as it was written
     const aggregate_rule *rule;
     std::vector<std::size_t> columns; //!< its arguments, by their place in the file
+    std::optional<double> parameter;  //!< there when the rule has one, and within its bounds
 };
 
 struct query {
     std::vector<std::size_t> group_by; //!< columns by their place in the file
     bool sorted = false;               //!< groups by their columns, not by first row
+    bool drop_missing = false;         //!< leave out rows that an order statistic cannot take
     std::vector<bound_aggregate> aggregates;
 
     //! Which of the file's columns are needed.
@@ -34,9 +37,9 @@ std::size_t find_column(const csv_header &header, const source_text &source,
 //! Resolves the names of a request. Throws user_error for an unknown column or aggregate.
 query bind_query(const options &request, const csv_header &header, const source_text &source);
 
-//! Checks that every aggregate can work on its column's type. Throws user_error, with the cell that
-//! made a column text when its type was inferred.
-void check_types(const query &asked, const table &data, const load_request &request,
-                 const csv_header &header, const source_text &source);
+//! Checks that every aggregate can work on its columns: on their types, and on their missing
+//! values. Throws user_error, with the cell that made a column text when its type was inferred.
+void check_columns(const query &asked, const table &data, const load_request &request,
+                   const csv_header &header, const source_text &source);
 
 } // namespace vask::runner

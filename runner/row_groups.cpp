@@ -1,13 +1,13 @@
 #include "row_groups.h"
 
 #include "column_cells.h"
-#include "grouping_road.h"
+#include "operands.h"
 #include "operator_calls.h"
+#include "operator_roads.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numeric>
-#include <optional>
 
 #include <fmt/format.h>
 
@@ -17,55 +17,52 @@ namespace {
 using refkernel::bat;
 using refkernel::instrumentation::watch;
 
-// Runs a grouping operator; `road` reads from the watch which road it took. The watch makes the
-// kernel's operations slower, so it stands only when somebody wants to know.
-template <class Call, class Road>
-void run_explained(const std::string &name, BUN rows, const explain_log &explain, Call call,
-                   Road road) {
-    std::optional<watch> seen;
-    if (explain.on())
-        seen.emplace();
-    const auto begin = std::chrono::steady_clock::now();
-    const BUN groups = call();
-    const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - begin;
-    if (seen)
-        explain.note(fmt::format("{}: {} rows, {}, {} groups, {:.3f} ms ({})", name, rows,
-                                 row_ranges_of(*seen, rows), groups, time.count(), road(*seen)));
+void take_over(std::int32_t extents, std::int32_t map, row_groups &groups) {
+    groups.extents = bat::adopt(extents);
+    groups.map = bat::adopt(map);
+}
+
+std::string told(const row_groups &groups, const watch &seen, BUN rows, std::string_view road) {
+    return fmt::format("{}, {} ({})", row_ranges_of(seen, rows),
+                       counted(groups.extents.count(), "group"), road);
 }
 
 void group_by_first(const table_column &column, const std::string &name,
                     const operator_library &operators, const explain_log &explain,
                     row_groups &groups) {
     auto *const group = operators.function<group_operator>("VASKgroup");
-    run_explained(
-        fmt::format("VASKgroup({})", name), column.values.count(), explain,
+    const bat values = distinct_values(column);
+    const BUN rows = values.count();
+    explain.timed(
+        "VASKgroup", name, rows,
         [&] {
             std::int32_t extents = int_nil;
             std::int32_t map = int_nil;
-            check(group(&extents, &map, column.values.slot()));
-            groups.extents = bat::adopt(extents);
-            groups.map = bat::adopt(map);
-            return groups.extents.count();
+            check(group(&extents, &map, values.slot()));
+            take_over(extents, map, groups);
         },
-        [&](const watch &seen) { return road_of_group(seen, *column.values.record()); });
+        [&](const watch &seen) {
+            return told(groups, seen, rows, road_of_group(seen, *values.record()));
+        });
 }
 
 void refine(const table_column &column, const std::string &name, const operator_library &operators,
             const explain_log &explain, row_groups &groups) {
     auto *const derive = operators.function<derive_operator>("VASKderive");
+    const bat values = distinct_values(column);
+    const BUN rows = values.count();
     const BUN old_groups = groups.extents.count();
-    run_explained(
-        fmt::format("VASKderive({})", name), column.values.count(), explain,
+    explain.timed(
+        "VASKderive", name, rows,
         [&] {
             std::int32_t extents = int_nil;
             std::int32_t map = int_nil;
-            check(derive(&extents, &map, groups.extents.slot(), groups.map.slot(),
-                         column.values.slot()));
-            groups.extents = bat::adopt(extents);
-            groups.map = bat::adopt(map);
-            return groups.extents.count();
+            check(derive(&extents, &map, groups.extents.slot(), groups.map.slot(), values.slot()));
+            take_over(extents, map, groups);
         },
-        [&](const watch &seen) { return road_of_derive(seen, column.values.count(), old_groups); });
+        [&](const watch &seen) {
+            return told(groups, seen, rows, road_of_derive(seen, rows, old_groups));
+        });
 }
 
 // ---- order --------------------------------------------------------------------------------------
@@ -111,6 +108,15 @@ void sort_by_columns(const std::vector<std::size_t> &columns, const table &data,
 }
 
 } // namespace
+
+row_groups one_group(BUN rows) {
+    row_groups groups;
+    groups.map = refkernel::make_column(std::vector<oid>(rows));
+    groups.extents = refkernel::make_column(std::vector<lng>{rows}, {.type = TYPE_wrd});
+    groups.first_rows = {0};
+    groups.order = {0};
+    return groups;
+}
 
 row_groups group_rows(const std::vector<std::size_t> &columns, bool sorted, const table &data,
                       const csv_header &header, const operator_library &operators,

@@ -23,6 +23,9 @@ struct row_groups {
     std::vector<BUN> order;
 };
 
+//! All rows as one group, which is there even without rows.
+row_groups one_group(BUN rows);
+
 //! Groups the rows of a table by at least one column; missing values make up a group of their own.
 //! The order is that of the groups' first rows, or, if `sorted`, ascending by the columns in turn
 //! with missing values last, NaN before them. Explains the road that each step took.

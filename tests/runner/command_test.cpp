@@ -66,6 +66,39 @@ TEST(Command, SumsOfAllTypesAndThreads) {
         }
 }
 
+// Values, missing ones, and what the formats of types make of them.
+TEST(Command, AggregatesOfAllTypes) {
+    const std::string csv = "k,x,t,i\n"
+                            "a,nan,2024-01-01 10:00,1\n"
+                            "b,-0.0,2024-01-01 10:00,NA\n"
+                            "a,0,2024-01-02,3\n"
+                            "c,nan,,8\n"
+                            "NA,nan,2024-01-05 12:00:00.5,3\n";
+    const auto answer = [&](const std::string &list, std::vector<std::string> more = {}) {
+        more.insert(more.end(), {"-", "--types", "t:timestamp", "--format", "csv", "--drop-na"});
+        more.insert(more.end(), {"--agg", list});
+        const outcome told = vask(more, csv);
+        EXPECT_EQ(told.err, "");
+        return told.out.substr(told.out.find('\n') + 1);
+    };
+    EXPECT_EQ(answer("count_distinct(k),count_distinct(x),count_distinct(t),count_distinct(i)"),
+              "3,2,3,3\n");
+    EXPECT_EQ(answer("min(t),median(t),mode(t),largest(t,1)"),
+              "2024-01-01 10:00:00,2024-01-01 17:00:00,2024-01-01 10:00:00,"
+              "2024-01-05 12:00:00.5\n");
+    EXPECT_EQ(answer("median(i),q1(i),largest(i,2),largest(i,9),mode(i),variancep(i)"),
+              "3,2.5,3,,3,6.6875\n");
+    EXPECT_EQ(answer("count(*),count_distinct(t),max(t),count(i)", {"--group-by", "x"}),
+              "nan,3,2,2024-01-05 12:00:00.5,3\n-0,2,2,2024-01-02 00:00:00,1\n");
+    EXPECT_EQ(answer("count(i),mean(i),count_distinct(k),median(i),mode(i)", {"--group-by", "k"}),
+              "a,2,2,1,2,\nb,0,,1,,\nc,1,8,1,8,\n,1,3,0,3,\n");
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg",
+                    "count(x),count_distinct(x),mean(x),stdev(x),median(x),mode(x)"},
+                   "x\n")
+                  .out,
+              "count(x),count_distinct(x),mean(x),stdev(x),median(x),mode(x)\n0,0,,,,\n");
+}
+
 TEST(Command, ExplainNamesCallsOnStandardError) {
     std::string csv = "x,y,w\n";
     for (int i = 0; i < 100'000; ++i)
@@ -76,6 +109,15 @@ TEST(Command, ExplainNamesCallsOnStandardError) {
     EXPECT_TRUE(holds(told.err, "  y: dbl, 0 missing\n")) << told.err;
     EXPECT_FALSE(holds(told.err, "  x: ")) << told.err; // not needed, so not loaded
     EXPECT_TRUE(holds(told.err, "vask_sum_dbl(y): 100000 rows, 2 partitions, ")) << told.err;
+    const outcome more = vask(
+        {"-", "--agg", "sum(x),mean(x),count_distinct(y),median(x)", "--explain", "--threads", "2"},
+        csv);
+    EXPECT_TRUE(holds(more.err, "AggrX3_countDistinct(y): 100000 rows, 1 range (serial road"))
+        << more.err;
+    EXPECT_TRUE(holds(more.err, "vask_median(x): 100000 rows, 1 range, ")) << more.err;
+    const std::size_t sum = more.err.find("vask_sum_int(x)");
+    ASSERT_NE(sum, std::string::npos) << more.err;
+    EXPECT_EQ(more.err.find("vask_sum_int(x)", sum + 1), std::string::npos) << more.err; // once
 }
 
 TEST(Command, HelpAndVersion) {
@@ -102,6 +144,20 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format"}},
         {{"-", agg, "sum(x)", "--threads", "0"}, "x\n1\n", {"--threads"}},
         {{"-", agg, "sum(x)", "--sep", "ab"}, "x\n1\n", {"--sep", "ab"}},
+        {{"-", agg, "sum(x)", "--sep", ""}, "x\n1\n", {"--sep", "nothing"}},
+        {{"-", agg, "mode(x)"},
+         "y,x\n1,1\n1,\n1,\n",
+         {"mode(x): column 2 (x) has 2 missing values in 3 rows", "--drop-na"}},
+        {{"-", agg, "median(x)", "--drop-na"}, "x\n1\nnan\n", {"(x) has 1 NaN", "--na"}},
+        {{"-", agg, "median(x)"}, "x\na\n", {"median takes", "timestamp"}},
+        {{"-", agg, "quartile(x)"}, "x\n1\n", {"written quartile(x,q)"}},
+        {{"-", agg, "quartile(x,1.5)"}, "x\n1\n", {"1.5 is out of bounds", "0, 1, 2, 3 or 4"}},
+        {{"-", agg, "percentile(x,90)"}, "x\n1\n", {"90 is out", "percentile(x,0.9)"}},
+        {{"-", agg, "percentile(x,y)"}, "x\n1\n", {"'y' is no number"}},
+        {{"-", agg, "perc:101(x)"}, "x\n1\n", {"from 0 to 100"}},
+        {{"-", agg, "q1:5(x)"}, "x\n1\n", {"q1 takes nothing"}},
+        {{"-", agg, "largest(x,0)"}, "x\n1\n", {"0 is out of bounds", "from 1 on"}},
+        {{"-", agg, "count(x)"}, "x,y\na,1\n\x80,2\n", {":3: column 1 (x)", "0x80", "iconv"}},
         {{"-", agg, "sum(x)", "--types", "x:number"}, "x\n1\n", {"--types", "number", "timestamp"}},
         {{"-", agg, "sum(x)", "--types", "y:int"}, "x\n1\n", {"--types", "'y'", "did you mean x"}},
         {{"-", agg, "sum(x"}, "x\n1\n", {"--agg", "')'"}},
@@ -109,7 +165,7 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(*)"}, "x\n1\n", {"no aggregate 'sum(*)'"}},
         {{"-", agg, "sum(x)", "--group-by", "y"}, "x\n1\n", {"--group-by", "no column 'y'"}},
         {{"-", agg, "min(x)"}, "x\na\n", {"min takes", "timestamp"}},
-        {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum takes one column"}},
+        {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum(x,y): it is written sum(x)", "double quotes"}},
         {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
         {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
         {{"-", agg, "sum(b)"}, "a;b\n1;2\n", {"no column 'b'", "--sep"}},

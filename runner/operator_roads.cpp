@@ -1,4 +1,6 @@
-#include "grouping_road.h"
+#include "operator_roads.h"
+
+#include "kernel/frame.h"
 
 #include <algorithm>
 
@@ -8,6 +10,27 @@ namespace vask::runner {
 
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
+
+std::string counted(std::uint64_t number, std::string_view what) {
+    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
+}
+
+std::string partitions_of(BUN rows) {
+    return counted(partition_count(rows), "partition");
+}
+
+std::string ranges_of(BUN rows) {
+    return counted(std::min(rows, static_cast<BUN>(GDKnr_threads)), "range");
+}
+
+std::string road_of_count_distinct(const watch &seen, BUN rows, BUN groups) {
+    constexpr BUN most_groups = 1'000'000;
+    if (seen.calls(operation::grp_derive) == 0)
+        return fmt::format("{} (parallel road: many values in a sample)", ranges_of(rows));
+    return groups > most_groups
+               ? fmt::format("1 range (serial road: more than {} groups)", most_groups)
+               : "1 range (serial road: few values in a sample)";
+}
 
 std::string road_of_group(const watch &seen, const BAT &column) {
     const BUN rows = column.info->count;
@@ -34,16 +57,14 @@ std::string road_of_group(const watch &seen, const BAT &column) {
 std::string row_ranges_of(const watch &seen, BUN rows) {
     // A parallel road makes the results itself; a serial one leaves them to the kernel.
     const bool parallel = seen.calls(operation::bat_new) > 0;
-    const auto threads = static_cast<BUN>(GDKnr_threads);
-    const BUN ranges = parallel ? std::min(rows, threads) : 1;
-    return fmt::format("{} partition{}", ranges, ranges == 1 ? "" : "s");
+    return counted(parallel ? std::min(rows, static_cast<BUN>(GDKnr_threads)) : 1, "partition");
 }
 
 std::string road_of_derive(const watch &seen, BUN rows, BUN old_groups) {
     const std::string sizes = fmt::format("{} groups before on {} rows", old_groups, rows);
     if (seen.calls(operation::grp_derive) > 0)
-        return fmt::format("serial road: {}, {} thread{}", sizes, GDKnr_threads,
-                           GDKnr_threads == 1 ? "" : "s");
+        return fmt::format("serial road: {}, {}", sizes,
+                           counted(static_cast<std::uint64_t>(GDKnr_threads), "thread"));
     // Buckets alone append to the extents from several tasks, through the kernel.
     if (seen.calls(operation::bun_fastins) > 0)
         return fmt::format("buckets road: {} and many values in a sample", sizes);

@@ -1,0 +1,192 @@
+// Every aggregate that GNU datamash has as well, on the same files, whole and by group.
+#include "run_command.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iomanip>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// v and w stand for columns.
+struct operation {
+    std::string vask, datamash;
+};
+
+const std::vector<operation> one_column{
+    {"sum(v)", "sum v"},        {"min(v)", "min v"},         {"max(v)", "max v"},
+    {"count(v)", "count v"},    {"mean(v)", "mean v"},       {"count_distinct(v)", "countunique v"},
+    {"stdev(v)", "sstdev v"},   {"pstdev(v)", "pstdev v"},   {"svar(v)", "svar v"},
+    {"variancep(v)", "pvar v"}, {"skews(v)", "sskew v"},     {"pskew(v)", "pskew v"},
+    {"median(v)", "median v"},  {"q1(v)", "q1 v"},           {"quartile(v,3)", "q3 v"},
+    {"perc(v)", "perc v"},      {"perc:33(v)", "perc:33 v"}, {"percentile(v,0.01)", "perc:1 v"},
+    {"mode(v)", "mode v"},
+};
+const std::vector<operation> two_columns{{"count(v)", "count v"}};
+
+// Datamash works in long double, in two passes where this works in one, and prints 14 digits.
+constexpr double tolerance = 1e-8; // of the value, or absolute below 1
+
+struct data_file {
+    std::string text; // tab-separated, without quotes: datamash knows none
+    std::vector<std::string> groupings;
+    std::vector<std::string> columns;
+    std::vector<std::pair<std::string, std::string>> pairs; // missing in the same rows
+};
+
+std::string content_of(const std::string &path) {
+    std::string text;
+    std::FILE *const file = std::fopen(path.c_str(), "rb");
+    for (int c = 0; (c = std::fgetc(file)) != EOF;)
+        if (c != '"')
+            text += static_cast<char>(c == ',' ? '\t' : c);
+    std::fclose(file);
+    return text;
+}
+
+data_file penguins() {
+    return {content_of(VASK_PENGUINS),
+            {"", "species", "island", "species,island"},
+            {"flipper_length_mm", "body_mass_g", "bill_length_mm", "bill_depth_mm"},
+            {{"flipper_length_mm", "body_mass_g"}, {"bill_depth_mm", "body_mass_g"}}};
+}
+
+data_file generated(unsigned seed, int rows, int missing_percent) {
+    std::mt19937 random(seed);
+    const auto below = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    std::ostringstream text;
+    text << "g\th\tsmall\tlarge\ttenths\treal\n" << std::setprecision(17);
+    for (int row = 0; row < rows; ++row) {
+        const int small = below(41) - 20;
+        text << "abcde"[below(5)] << '\t' << below(40);
+        const auto cell = [&](auto value) {
+            if (below(100) < missing_percent)
+                text << "\tNA";
+            else
+                text << '\t' << value;
+        };
+        cell(small);
+        cell(5'000'000'000LL + below(500));
+        cell(small * 0.1 + below(10));
+        cell(std::normal_distribution<double>(3, 2)(random));
+        text << '\n';
+    }
+    std::vector<std::pair<std::string, std::string>> pairs;
+    if (missing_percent == 0)
+        pairs = {{"small", "tenths"}, {"real", "small"}, {"large", "real"}};
+    return {text.str(), {"", "g", "g,h"}, {"small", "large", "tenths", "real"}, pairs};
+}
+
+std::string with_columns(const std::string &text, const std::string &v, const std::string &w) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto in_word = [&](std::size_t at) {
+            return at < text.size() && std::isalnum(text[at]);
+        };
+        const bool alone = (i == 0 || !in_word(i - 1)) && !in_word(i + 1);
+        result += alone && text[i] == 'v'   ? v
+                  : alone && text[i] == 'w' ? w
+                                            : std::string(1, text[i]);
+    }
+    return result;
+}
+
+// Rows by the values that make up their group.
+std::map<std::string, std::vector<std::string>> rows_of(const std::string &lines, char separator,
+                                                        std::size_t keys) {
+    std::map<std::string, std::vector<std::string>> rows;
+    std::istringstream in(lines);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line + separator);
+        std::string key, field;
+        std::vector<std::string> cells;
+        for (std::size_t i = 0; std::getline(fields, field, separator); ++i) {
+            if (i < keys)
+                key += field + "|";
+            else
+                cells.push_back(field);
+        }
+        rows.emplace(key, cells);
+    }
+    return rows;
+}
+
+// A missing value: vask prints nothing, datamash one of its names for no number.
+double number_of(const std::string &cell) {
+    return cell.empty() || cell == "N/A" ? std::nan("") : std::strtod(cell.c_str(), nullptr);
+}
+
+bool close(double a, double b) {
+    return (std::isnan(a) && std::isnan(b)) ||
+           std::abs(a - b) <= tolerance * std::max({1.0, std::abs(a), std::abs(b)});
+}
+
+// Then vask gives no mode, datamash the smallest value.
+bool all_different(const std::vector<operation> &operations,
+                   const std::vector<std::string> &cells) {
+    const auto cell = [&](const std::string &name) {
+        for (std::size_t i = 0; i < cells.size(); ++i)
+            if (operations[i].datamash == name)
+                return cells[i];
+        return std::string();
+    };
+    return cell("count v") == cell("countunique v") && cell("mode v") == cell("min v");
+}
+
+void compare(const data_file &data, const std::vector<operation> &operations, const std::string &v,
+             const std::string &w) {
+    const temporary_file file(data.text, ".tsv");
+    for (const std::string &grouping : data.groupings) {
+        std::string list, asked = "LC_ALL=C datamash --header-in --narm";
+        if (!grouping.empty())
+            asked += " -s -g " + grouping;
+        for (const operation &each : operations) {
+            list.append(list.empty() ? "" : ",").append(with_columns(each.vask, v, w));
+            asked.append(" ").append(with_columns(each.datamash, v, w));
+        }
+        std::vector<std::string> request{file.path(), "--drop-na", "--format",
+                                         "csv",       "--agg",     list};
+        std::size_t keys = 0;
+        if (!grouping.empty()) {
+            keys = 1 + static_cast<std::size_t>(std::count(grouping.begin(), grouping.end(), ','));
+            request.insert(request.end(), {"--group-by", grouping});
+        }
+        const outcome ours = vask(request);
+        ASSERT_EQ(ours.status, 0) << ours.err;
+        const outcome theirs = run("sh", {"-c", asked + " <" + file.path()});
+        ASSERT_EQ(theirs.status, 0) << asked << "\n" << theirs.err;
+        const auto got = rows_of(ours.out.substr(ours.out.find('\n') + 1), ',', keys);
+        const auto expected = rows_of(theirs.out, '\t', keys);
+        ASSERT_EQ(got.size(), expected.size());
+        for (const auto &[key, cells] : expected) {
+            ASSERT_TRUE(got.contains(key)) << key;
+            ASSERT_EQ(cells.size(), operations.size()) << theirs.out;
+            for (std::size_t i = 0; i < cells.size(); ++i)
+                EXPECT_TRUE(close(number_of(got.at(key).at(i)), number_of(cells[i])) ||
+                            (operations[i].datamash == "mode v" && got.at(key)[i].empty() &&
+                             all_different(operations, cells)))
+                    << with_columns(operations[i].vask, v, w) << " by (" << grouping << ") at "
+                    << key << ": " << got.at(key)[i] << ", datamash says " << cells[i];
+        }
+    }
+}
+
+TEST(Datamash, AgreesOnTheSameFiles) {
+    if (std::system("datamash --version >/dev/null 2>&1") != 0) {
+        if (std::getenv("VASK_TEST_TOOLS_REQUIRED") != nullptr)
+            FAIL() << "GNU datamash is not installed; scripts/install-dependencies installs it";
+        GTEST_SKIP() << "GNU datamash is not installed";
+    }
+    for (const data_file &data : {penguins(), generated(5, 3000, 0), generated(6, 20'000, 12)}) {
+        for (const std::string &column : data.columns)
+            compare(data, one_column, column, "");
+        for (const auto &[v, w] : data.pairs)
+            compare(data, two_columns, v, w);
+    }
+}
+
+} // namespace
