@@ -524,6 +524,83 @@ VASK_EXPORT char *vask_grp_largest(int32_t *result, const int32_t *b, const int3
 VASK_EXPORT char *vask_grp_mode(int32_t *result, const int32_t *b, const int32_t *g,
                                 const int32_t *e);
 
+/*
+ * Statistics of two columns whose rows belong together by position: covariance
+ * of a sample and (covarp) of a population, Pearson's correlation, and slope and
+ * intercept of the least-squares line of a as a function of b.
+ *
+ *   covars     (n·Sab − Sa·Sb) / ((n − 1)·n), covarp (n·Sab − Sa·Sb) / n²
+ *   correl     (n·Sab − Sa·Sb) / √D, cut to −1 .. 1, with
+ *              D = (n·Saa − Sa²)·(n·Sbb − Sb²), multiplied out
+ *   slope      (n·Sab − Sa·Sb) / D, intercept (Sbb·Sa − Sab·Sb) / D, with
+ *              D = n·Sbb − Sb²
+ *
+ * n counts the rows at which both columns have a value; S are the sums of their
+ * values and products, in dbl, from one pass.
+ *
+ * Inputs: equally many rows, paired by position and read at the positions of a
+ * (of b for slope and intercept), so both should have the same first position;
+ * heads are not looked at. Types are those of the statistics of one column, in
+ * any pair but these: beside a first column of type bit or 2 (b is the first of
+ * slope and intercept) the other one is read by the first byte of its elements,
+ * whatever its type; beside a first column of type bte, one of type bit or 2 is
+ * an "operation failed".
+ * Nil: a row with a nil on either side is dropped whole. covars, covarp and
+ * correl ask the type's own comparison (atom_cmp, called once per row and
+ * column, the second only where the first has a value), slope and intercept
+ * compare as numbers, of the byte that is read. The result is the nil of dbl for
+ * empty columns, below 1 row (covars 2), and where D is below 1e-7 (of slope and
+ * intercept, in absolute value): for a constant column, but also for values that
+ * lie very close together, as the threshold does not scale with them.
+ * NaN: makes the result NaN.
+ * Overflow: integers become doubles before they are multiplied; sums that leave
+ * the range of doubles give infinities or NaN.
+ * Floats: rows are added in order within a partition and partitions in order,
+ * so GDKnr_threads and the partition settings can change the last bits. Large
+ * means cancel digits.
+ * Errors, place "vask_2_args_statistical_func": "Object not found"; "Unsupported
+ * tail type"; "BAT parameters should be of equal length"; "operation failed" for
+ * a void column of oids that has rows, and for the pair above.
+ *
+ *   double r;
+ *   char *exception = vask_correl(&r, &a, &b);
+ */
+VASK_EXPORT char *vask_covars(double *result, const int32_t *a, const int32_t *b);
+VASK_EXPORT char *vask_covarp(double *result, const int32_t *a, const int32_t *b);
+VASK_EXPORT char *vask_correl(double *result, const int32_t *a, const int32_t *b);
+VASK_EXPORT char *vask_slope(double *result, const int32_t *a, const int32_t *b);
+VASK_EXPORT char *vask_intercept(double *result, const int32_t *a, const int32_t *b);
+
+/*
+ * The same per group. g is read at the positions of the columns and not checked
+ * for its length; e has to start at position 0.
+ *
+ * Result: the number of a new BAT, owned by whoever receives it: the head of e
+ * and a tail of type dbl, in the row order of e. A group without enough pairs,
+ * also one without rows, has the nil; the tail is then marked as holding nils.
+ * Unknown group: a row with two values whose group is not in e ends its
+ * partition without a word; what the partition added up to then counts. Dropped
+ * rows are not looked up.
+ * Map: a g with a void tail makes every row a group of its own. Its answer is 0
+ * for covarp of two values (a nil is here found by comparing as numbers),
+ * otherwise nil; the result's tail then says nonil all the same. The columns, g
+ * and e have equally many rows, and rows count from position 0.
+ * Memory: 8 bytes for each sum and n, per group and partition.
+ * Errors, place "vask_grp_2_args_statistical_func": as above, also for empty
+ * columns; and "operation failed" when the result cannot be made. A hash of e
+ * that cannot be built ends the process through GDKfatal.
+ */
+VASK_EXPORT char *vask_grp_covars(int32_t *result, const int32_t *a, const int32_t *b,
+                                  const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_covarp(int32_t *result, const int32_t *a, const int32_t *b,
+                                  const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_correl(int32_t *result, const int32_t *a, const int32_t *b,
+                                  const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_slope(int32_t *result, const int32_t *a, const int32_t *b,
+                                 const int32_t *g, const int32_t *e);
+VASK_EXPORT char *vask_grp_intercept(int32_t *result, const int32_t *a, const int32_t *b,
+                                     const int32_t *g, const int32_t *e);
+
 #ifdef __cplusplus
 }
 #endif

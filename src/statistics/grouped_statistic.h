@@ -8,13 +8,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace vask {
 
 //! `*place` becomes a view of one double per group under the head of the extents: what `close`
-//! makes of the group's Aggregate::partial over the rows of the values, read as Rows. A map that
-//! stores nothing makes every row a group of its own; then nothing is summed, and
-//! `fill_row_groups(r)` stores what such groups have. 0 when the result cannot be made, else 1.
+//! makes of the group's Aggregate::partial over the rows of the values, read as Rows, or the nil
+//! where it gives nothing. A map that stores nothing makes every row a group of its own; then
+//! nothing is summed, and `fill_row_groups(r)` stores what such groups have. 0 when the result
+//! cannot be made, else 1.
 template <class Aggregate, class Rows, std::size_t N, class Close, class FillRowGroups>
 int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
                            Close close, FillRowGroups fill_row_groups) {
@@ -27,8 +29,9 @@ int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::ui
         aggregate_groups<Aggregate, Rows>(
             inputs, nparts,
             [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group, const auto &total) {
-                results[group] = close(total);
-                if (results[group] == nil)
+                const std::optional<dbl> answer = close(total);
+                results[group] = answer.value_or(nil);
+                if (!answer || *answer == nil)
                     mark_nil(*r->tail);
             });
     *place = r;
@@ -59,8 +62,10 @@ void vask_fill_zero_or_nil(BAT *r, const std::array<BAT *, N> &values) {
     run_row_loop(std::min(values[0]->info->count, r->info->count),
                  [input = std::apply([](const auto *...b) { return Rows(*b...); }, values),
                   nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](row_range rows) {
-                     for (BUN i = rows.begin; i < rows.end; ++i)
-                         results[i] = input.is_nil(i) ? nil : 0.0;
+                     for_each_block(input, rows, [=](const Rows &block_input, row_range block) {
+                         for (BUN i = block.begin; i < block.end; ++i)
+                             results[i] = block_input.is_nil(i) ? nil : 0.0;
+                     });
                  });
     for (BAT *b : values)
         BATaccess(b, 2, 0, -1);

@@ -118,6 +118,55 @@ inline constexpr plain_moment plain_moments[] = {
     {"skews", true, false, false},     {"skewp", true, true, false},
 };
 
+//! Sums over pairs of values; `y` is the dependent column.
+struct plain_pair_sums {
+    double x = 0, y = 0, xy = 0, xx = 0, yy = 0, n = 0;
+
+    void add(double a, double b) { add({a, b, a * b, a * a, b * b, 1}); }
+    void add(const plain_pair_sums &other) {
+        x += other.x;
+        y += other.y;
+        xy += other.xy;
+        xx += other.xx;
+        yy += other.yy;
+        n += other.n;
+    }
+
+    //! Both of fewer than `needed` pairs and of too small a spread there is none.
+    [[nodiscard]] double covariance(double needed) const {
+        return n < needed ? refkernel::nil_of<double>()
+                          : (n * xy - y * x) / ((n - (needed - 1)) * n);
+    }
+    [[nodiscard]] double correlation() const {
+        const double d = n * n * xx * yy - n * xx * (y * y) - x * x * n * yy + x * x * (y * y);
+        if (n == 0 || d < 1e-7)
+            return refkernel::nil_of<double>();
+        const double r = (n * xy - x * y) / std::sqrt(d);
+        return std::isnan(r) ? r : std::clamp(r, -1.0, 1.0);
+    }
+    [[nodiscard]] double line(bool slope) const {
+        const double d = n * xx - x * x;
+        if (n == 0 || std::fabs(d) < 1e-7)
+            return refkernel::nil_of<double>();
+        return (slope ? n * xy - y * x : xx * y - xy * x) / d;
+    }
+};
+
+//! The statistics of two columns; those of a line take the dependent column first.
+struct plain_pair_statistic {
+    const char *name;
+    bool is_line;
+    double (*of)(const plain_pair_sums &);
+};
+
+inline constexpr plain_pair_statistic plain_pair_statistics[] = {
+    {"covars", false, [](const plain_pair_sums &s) { return s.covariance(2); }},
+    {"covarp", false, [](const plain_pair_sums &s) { return s.covariance(1); }},
+    {"correl", false, [](const plain_pair_sums &s) { return s.correlation(); }},
+    {"slope", true, [](const plain_pair_sums &s) { return s.line(true); }},
+    {"intercept", true, [](const plain_pair_sums &s) { return s.line(false); }},
+};
+
 //! Values of few or many kinds; `nils` percent of them nil. Floats get zeros of both signs, and, on
 //! request, infinities and NaNs.
 template <class T>

@@ -1,0 +1,165 @@
+// Statistics of two columns whose rows belong together by position: the power sums of the rows at
+// which both have a value as an aggregate, and the formulas that close them. One pass, no means
+// first, no compensation; the formulas take the numerical risk of that and guard against it only by
+// a fixed threshold.
+#pragma once
+
+#include "aggregates/aggregate.h"
+#include "kernel/frame.h"
+#include "statistics/paired_rows.h"
+#include "statistics/statistic.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <tuple>
+
+namespace vask {
+
+namespace failure {
+inline constexpr const char *unequal_lengths = "BAT parameters should be of equal length";
+} // namespace failure
+
+struct covariance_sums {
+    dbl x;
+    dbl y;
+    dbl xy;
+    std::uint64_t pairs;
+    static constexpr auto fields() noexcept {
+        return std::tuple(&covariance_sums::x, &covariance_sums::y, &covariance_sums::xy,
+                          &covariance_sums::pairs);
+    }
+};
+
+struct correlation_sums {
+    dbl x;
+    dbl y;
+    dbl xy;
+    dbl xx;
+    dbl yy;
+    std::uint64_t pairs;
+    static constexpr auto fields() noexcept {
+        return std::tuple(&correlation_sums::x, &correlation_sums::y, &correlation_sums::xy,
+                          &correlation_sums::xx, &correlation_sums::yy, &correlation_sums::pairs);
+    }
+};
+
+struct regression_sums {
+    dbl x;
+    dbl y;
+    dbl xy;
+    dbl xx;
+    std::uint64_t pairs;
+    static constexpr auto fields() noexcept {
+        return std::tuple(&regression_sums::x, &regression_sums::y, &regression_sums::xy,
+                          &regression_sums::xx, &regression_sums::pairs);
+    }
+};
+
+//! The aggregate of one of the sums above: those fields are added up that there are.
+template <class Sums>
+struct pair_sums {
+    using partial = Sums;
+
+    VASK_ALWAYS_INLINE static void add(Sums &sums, value_pair v) noexcept {
+        sums.x += v.x;
+        sums.y += v.y;
+        sums.xy += v.y * v.x;
+        if constexpr (requires { sums.xx; })
+            sums.xx += v.x * v.x;
+        if constexpr (requires { sums.yy; })
+            sums.yy += v.y * v.y;
+        ++sums.pairs;
+    }
+
+    VASK_ALWAYS_INLINE static void merge(Sums &total, const Sums &part) noexcept {
+        std::apply([&](auto... field) { ((total.*field += part.*field), ...); }, Sums::fields());
+    }
+
+    //! The nil tests of a block come before its sums, which are chains of additions in row order
+    //! that run side by side and want no branch. A zero in the place of a dropped pair changes no
+    //! sum: none can be -0.0, as all begin with 0.0.
+    template <class Rows>
+    VASK_ALWAYS_INLINE static Sums scan(Rows rows, row_range r) {
+        Sums sums{};
+        for_each_block(rows, r, [&](const Rows &loaded, row_range block) {
+            std::uint8_t nil[scan_block_rows];
+            BUN nils = 0;
+            for (BUN i = 0; i < block.size(); ++i)
+                nils += nil[i] = loaded.is_nil(block.begin + i);
+            if (nils == 0) {
+                for (BUN p = block.begin; p < block.end; ++p)
+                    add(sums, loaded[p]);
+                return;
+            }
+            for (BUN i = 0; i < block.size(); ++i) {
+                const value_pair v = loaded[block.begin + i];
+                add(sums, {nil[i] ? -0.0 : v.x, nil[i] ? -0.0 : v.y});
+            }
+            sums.pairs -= nils;
+        });
+        return sums;
+    }
+};
+
+//! Covariance, (n·Sxy − Sx·Sy) / ((n − 1)·n) of a sample and (n·Sxy − Sx·Sy) / n² of a population;
+//! nothing with fewer pairs than that needs.
+struct covariance {
+    using sums = covariance_sums;
+    using rows = atom_paired_rows;
+    bool population;
+
+    std::optional<dbl> operator()(const covariance_sums &total) const noexcept;
+};
+
+//! Pearson's correlation; nil without pairs and where the spread of a column is too small.
+dbl vask_correlation_from_sums(const correlation_sums &total);
+
+struct correlation {
+    using sums = correlation_sums;
+    using rows = atom_paired_rows;
+
+    dbl operator()(const correlation_sums &total) const {
+        return vask_correlation_from_sums(total);
+    }
+};
+
+//! The least-squares line y = slope·x + intercept; nil without pairs and where the spread of x is
+//! too small.
+struct regression {
+    using sums = regression_sums;
+    using rows = plainly_paired_rows;
+    bool slope; // not the intercept
+
+    dbl operator()(const regression_sums &total) const noexcept;
+};
+
+//! Calls `f` with the statistic of two columns of a kind and gives its result; `otherwise` for a
+//! kind that is none.
+template <class R, class F>
+R visit_pair_statistic(stat_kind kind, R otherwise, F f) {
+    switch (kind) {
+        case stat_kind::covars:
+            return f(covariance{false});
+        case stat_kind::covarp:
+            return f(covariance{true});
+        case stat_kind::correl:
+            return f(correlation{});
+        case stat_kind::slope:
+            return f(regression{true});
+        case stat_kind::intercept:
+            return f(regression{false});
+        default:
+            return otherwise;
+    }
+}
+
+//! What is wrong with the columns of a statistic of two; null if nothing is.
+inline const char *refusal_of_pair(const BAT &first, const BAT &second) noexcept {
+    if (!is_admitted(*first.tail) || !is_admitted(*second.tail))
+        return failure::unsupported_tail;
+    // Equal lengths are all that is asked for: rows are paired by position, whatever the heads say.
+    return first.info->count == second.info->count ? nullptr : failure::unequal_lengths;
+}
+
+} // namespace vask

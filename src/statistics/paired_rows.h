@@ -1,0 +1,131 @@
+// The rows of two columns as pairs of doubles. There are 36 pairs of element types, but no loop is
+// compiled for a pair: each column is converted by itself, in blocks that stay in the cache, and
+// what follows sees doubles only.
+#pragma once
+
+#include "aggregates/group_scan.h"
+#include "kernel/atom_nil_test.h"
+#include "kernel/frame.h"
+#include "kernel/row_conversion.h"
+
+#include <cstdint>
+#include <optional>
+
+namespace vask {
+
+//! As what elements two columns are read, as storage codes.
+struct class_pair {
+    int x;
+    int y;
+};
+
+//! The classes that two columns are read in; nothing if they do not go together. Beside a column of
+//! truth values or of the nameless one-byte type, anything stored is read as bte: of each element
+//! the first byte. The reverse is not so, and beside bte those two are refused. Both is intended:
+//! plans rely on which pairs there are.
+std::optional<class_pair> class_pair_of(const BATcol &x, const BATcol &y) noexcept;
+
+//! The elements of a column as doubles, a block of rows at a time. Those of a dbl column are read
+//! where they are.
+class double_rows {
+public:
+    //! The column is read in a storage class.
+    double_rows(const BATcol &column, int storage_class) noexcept;
+
+    //! Makes the rows of the block available. `scratch` has room for them and lives as long as they
+    //! are read.
+    void load(row_range block, dbl *scratch) {
+        if (convert_ == nullptr)
+            return;
+        convert_(*column_, {block.begin, block.size(), nullptr}, scratch);
+        rows_ = scratch;
+        first_ = block.begin;
+    }
+
+    //! Sets flags[i] to 1 where row i of the block is nil by plain comparison in the column's
+    //! class, and leaves the others.
+    void mark_nils(row_range block, std::uint8_t *flags) const { mark_(*column_, block, flags); }
+
+    VASK_ALWAYS_INLINE dbl operator[](BUN p) const noexcept { return rows_[p - first_]; }
+
+private:
+    using nil_marker = void (*)(const BATcol &column, row_range block, std::uint8_t *flags);
+
+    const BATcol *column_;
+    row_converter<dbl> convert_; // null: the elements are doubles
+    nil_marker mark_;
+    const dbl *rows_ = nullptr;
+    BUN first_ = 0; // position of rows_[0]
+};
+
+struct value_pair {
+    dbl x;
+    dbl y;
+};
+
+//! The rows of two columns; a row has a value when neither is nil. A copy begins without a loaded
+//! block.
+class paired_rows {
+public:
+    paired_rows(const BAT &x, const BAT &y) noexcept : paired_rows(*x.tail, *y.tail) {}
+
+    void load(row_range block) {
+        x_.load(block, scratch_.x);
+        y_.load(block, scratch_.y);
+    }
+
+    VASK_ALWAYS_INLINE value_pair operator[](BUN p) const noexcept { return {x_[p], y_[p]}; }
+
+protected:
+    //! Room for a block. No part of the value: what a task copies should not be pages.
+    struct scratch {
+        scratch() noexcept {} // NOLINT(modernize-use-equals-default): leaves the arrays alone
+        scratch(const scratch &) noexcept {}
+        scratch &operator=(const scratch &) = delete;
+
+        dbl x[scan_block_rows];
+        dbl y[scan_block_rows];
+        std::uint8_t nil[scan_block_rows];
+    };
+
+    double_rows x_;
+    double_rows y_;
+    scratch scratch_;
+
+private:
+    paired_rows(const BATcol &x, const BATcol &y) noexcept
+        : paired_rows(x, y, *class_pair_of(x, y)) {}
+    paired_rows(const BATcol &x, const BATcol &y, class_pair classes) noexcept
+        : x_(x, classes.x), y_(y, classes.y) {}
+};
+
+//! A nil is what equals the nil of its column's type at the width of its class: a NaN is none.
+class plainly_paired_rows : public paired_rows {
+public:
+    using paired_rows::paired_rows;
+
+    void load(row_range block);
+
+    VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept {
+        return scratch_.nil[p - block_begin_] != 0;
+    }
+
+private:
+    BUN block_begin_ = 0;
+};
+
+//! A nil is what the type's own comparison says.
+class atom_paired_rows : public paired_rows {
+public:
+    static constexpr bool asks_kernel = true;
+
+    atom_paired_rows(const BAT &x, const BAT &y) noexcept
+        : paired_rows(x, y), test_(*x.tail, *y.tail) {}
+
+    VASK_ALWAYS_INLINE bool is_nil(BUN p) const { return !test_.both_values(p); }
+
+private:
+    paired_atom_nil_test test_;
+};
+
+} // namespace vask

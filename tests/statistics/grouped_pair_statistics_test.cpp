@@ -1,0 +1,226 @@
+#include "aggregates/grouped_check.h"
+#include "statistics/paired_columns.h"
+#include "support/replaced_comparison.h"
+#include "vask_ops.h"
+
+#include <atomic>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace support;
+using refkernel::bat;
+using refkernel::nil_of;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+
+using grouped_pair_statistic = char *(*)(std::int32_t *, const std::int32_t *, const std::int32_t *,
+                                         const std::int32_t *, const std::int32_t *);
+
+// In the order of plain_pair_statistics.
+constexpr grouped_pair_statistic statistics[] = {vask_grp_covars, vask_grp_covarp, vask_grp_correl,
+                                                 vask_grp_slope, vask_grp_intercept};
+
+refkernel::exception call(std::size_t i, std::int32_t *id, const bat &x, const bat &y, const bat &g,
+                          const bat &e) {
+    const bool is_line = plain_pair_statistics[i].is_line;
+    const bat &a = is_line ? y : x;
+    const bat &b = is_line ? x : y;
+    return refkernel::take_exception(statistics[i](id, a.slot(), b.slot(), g.slot(), e.slot()));
+}
+
+bat run(std::size_t i, const bat &x, const bat &y, const bat &g, const bat &e) {
+    std::int32_t id = 0;
+    EXPECT_EQ(call(i, &id, x, y, g, e), refkernel::exception{});
+    return bat::adopt(id);
+}
+
+TEST(GroupedPairStatistics, AgreeBitForBitWithPlainLoops) {
+    for (const grouped_shape &shape : grouped_shapes()) {
+        grouped_inputs inputs(shape);
+        std::mt19937 &random = inputs.random();
+        for (std::size_t i = 0; i < std::size(statistics); ++i) {
+            const int type_x = statistic_types[random() % std::size(statistic_types)];
+            const int type_y = statistic_types[random() % std::size(statistic_types)];
+            const auto classes = plain_classes(type_x, type_y);
+            if (!classes)
+                continue;
+            const std::uint32_t nils = std::array{0U, 2U, 30U, 100U}[random() % 4];
+            const std::int32_t threads = std::array{1, 2, 3, 8, 300}[random() % 5];
+            const column_pair columns{any_column(type_x, shape.rows, shape.first, nils, random),
+                                      any_column(type_y, shape.rows, shape.first, nils, random),
+                                      *classes, plain_pair_statistics[i].is_line};
+            const auto rows = inputs.rows_by_group(plain_partitions(shape.rows, threads),
+                                                   [&](BUN row) { return !columns.dropped(row); });
+            const kernel_settings settings(threads);
+            const watch kernel;
+            const refkernel::checkpoint before;
+            {
+                const bat result =
+                    run(i, columns.x.view, columns.y.view, inputs.map, inputs.extents);
+                bool any_nil = false;
+                for (BUN j = 0; j < shape.groups; ++j) {
+                    plain_pair_sums total;
+                    for (const auto &part : rows[j]) {
+                        plain_pair_sums partial;
+                        for (const BUN row : part)
+                            columns.add(row, partial);
+                        total.add(partial);
+                    }
+                    const double expected = plain_pair_statistics[i].of(total);
+                    any_nil |= expected == nil_of<double>();
+                    ASSERT_TRUE(same_bits(result.values<double>()[j], expected))
+                        << plain_pair_statistics[i].name << " of types " << type_x << " and "
+                        << type_y << ", " << shape << ", " << nils << "% nil, " << threads
+                        << " threads: group " << j << " is " << result.values<double>()[j]
+                        << " and not " << expected;
+                }
+                expect_grouped_shape(result, inputs.extents, TYPE_dbl, any_nil);
+            }
+            ASSERT_EQ(before.leaks(), "") << shape;
+        }
+    }
+}
+
+TEST(GroupedPairStatistics, OfRowsThatAreGroups) {
+    constexpr BUN rows = 5000;
+    std::mt19937 random(11);
+    for (const int type_x : {TYPE_bit, TYPE_int, TYPE_dbl})
+        for (const int type_y : {TYPE_int, TYPE_lng, TYPE_flt}) {
+            const any_column x(type_x, rows, 0, 20, random);
+            const any_column y(type_y, rows, 0, 20, random);
+            const auto classes = *plain_classes(type_x, type_y);
+            // Positions count from 0, not from the view's first, and the marks say no nil whatever
+            // there is: both intended.
+            const bat view = refkernel::slice(x.view, 2, rows - 2);
+            const bat map = refkernel::make_void_column(rows - 2, 7);
+            const bat other = refkernel::slice(y.view, 0, rows - 2);
+            for (std::size_t i = 0; i < std::size(statistics); ++i) {
+                const watch kernel;
+                const refkernel::checkpoint before;
+                {
+                    const bat result = run(i, view, other, map, map);
+                    for (BUN j = 0; j < rows - 2; ++j) {
+                        const bool zero = i == 1 && !x.equals_nil(j, classes.first) &&
+                                          !y.equals_nil(j, classes.second);
+                        ASSERT_EQ(result.values<double>()[j], zero ? 0 : nil_of<double>())
+                            << plain_pair_statistics[i].name << ", types " << type_x << " and "
+                            << type_y << ", row " << j;
+                    }
+                    expect_grouped_shape(result, map, TYPE_dbl, false);
+                }
+                EXPECT_EQ(before.leaks(), "");
+            }
+        }
+}
+
+std::atomic<int> comparisons;
+
+int counting_comparison(const void *nil, const void *element) {
+    ++comparisons;
+    return *static_cast<const int *>(nil) != *static_cast<const int *>(element);
+}
+
+TEST(GroupedPairStatistics, TheTypesOwnComparisonSeesNoMoreThanItMust) {
+    const int nil = nil_of<int>();
+    const bat x = column_of(std::vector{nil, 1, 2, 3, nil, 5});
+    const bat y = column_of(std::vector{1, nil, 4, 9, 1, 25});
+    const bat map = column_of(std::vector<oid>{77, 77, 1, 0, 77, 77}); // 77 is no group
+    const bat extents = refkernel::make_void_column(2, 0);
+    const kernel_settings settings(1);
+    const replaced_comparison counting(TYPE_int, counting_comparison);
+    for (std::size_t i = 0; i < 3; ++i) {
+        comparisons = 0;
+        run(i, x, y, map, extents);
+        EXPECT_EQ(comparisons, 1 + 2 + 2 + 2 + 1 + 2) << plain_pair_statistics[i].name;
+        const bat first_unknown = column_of(std::vector<oid>{1, 1, 77, 0, 0, 0});
+        comparisons = 0;
+        run(i, x, y, first_unknown, extents);
+        EXPECT_EQ(comparisons, 1 + 2 + 2) << plain_pair_statistics[i].name;
+    }
+}
+
+TEST(GroupedPairStatistics, FailuresAndEmptyColumns) {
+    const bat two = column_of(std::vector<float>{1, 2});
+    const bat three = column_of(std::vector<float>{1, 2, 3});
+    const bat none = column_of(std::vector<std::int16_t>());
+    const bat map = column_of(std::vector<oid>{0, 1, 0});
+    const bat extents = refkernel::make_void_column(2, 0);
+    const bat no_extents = refkernel::make_void_column(0, 0);
+    const bat texts = refkernel::make_text_column(std::vector<std::string_view>{"a"});
+    const bat no_oids = refkernel::make_void_column(0, 10);
+    const bat nobody;
+    struct {
+        const bat &first, &second, &g, &e;
+        const char *text;
+    } const cases[] = {
+        {nobody, three, map, extents, "Object not found"},
+        {three, nobody, map, extents, "Object not found"},
+        {three, three, nobody, extents, "Object not found"},
+        {three, three, map, nobody, "Object not found"},
+        {texts, two, map, extents, "Unsupported tail type"},
+        {two, texts, map, extents, "Unsupported tail type"},
+        {two, three, map, extents, "BAT parameters should be of equal length"},
+        {no_oids, none, map, extents, "operation failed"},
+    };
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        std::int32_t id = 5;
+        watch kernel;
+        const refkernel::checkpoint before;
+        const auto refused = [](const char *text) {
+            return refkernel::exception{"vask_grp_2_args_statistical_func", text};
+        };
+        for (const auto &c : cases)
+            EXPECT_EQ(call(i, &id, c.first, c.second, c.g, c.e), refused(c.text));
+        kernel.fail_at(operation::bat_new, 1);
+        EXPECT_EQ(call(i, &id, three, three, map, extents), refused("operation failed"));
+        EXPECT_EQ(id, 5);
+        {
+            const bat nils = run(i, none, none, map, extents);
+            for (const double v : nils.values<double>())
+                EXPECT_EQ(v, nil_of<double>());
+            expect_grouped_shape(nils, extents, TYPE_dbl, true);
+            expect_grouped_shape(run(i, three, three, map, no_extents), no_extents, TYPE_dbl,
+                                 false);
+        }
+        EXPECT_EQ(before.leaks(), "");
+    }
+}
+
+TEST(GroupedPairStatistics, WhatTheKernelSees) {
+    const kernel_settings settings(1);
+    const bat x = column_of(std::vector<double>{1, 2});
+    const bat y = column_of(std::vector<double>{3, 5});
+    const bat map = column_of(std::vector<oid>{0, 0});
+    const bat extents = refkernel::make_void_column(1, 0);
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        const std::size_t sums = std::array{4U, 4U, 6U, 5U, 5U}[i];
+        watch kernel;
+        kernel.record(true);
+        const bat result = run(i, x, y, map, extents);
+        kernel.record(false);
+        std::string seen;
+        for (const std::string &text : kernel.recorded_texts())
+            if (!text.starts_with("GDK") || seen.empty() || !seen.ends_with(text + "\n"))
+                seen += text + "\n";
+        const auto each_input = [&](const char *name, const char *rest) {
+            std::string lines;
+            for (const bat *b : {&x, &y, &map, &extents})
+                lines += name + std::to_string(b->id()) + rest + "\n";
+            return lines;
+        };
+        EXPECT_TRUE(seen.starts_with(each_input("BBPincref(", ", 0)") + "BATnew(0, 11, 1)\n"))
+            << seen;
+        EXPECT_NE(seen.find("GDKzalloc(8)\n" + each_input("BATaccess(", ", 2, 0, 1)") +
+                            "GDKzalloc(8)\nGDKfree()\n" + each_input("BATaccess(", ", 2, 0, -1)") +
+                            "BBPkeepref(" + std::to_string(result.id()) + ")\n" +
+                            each_input("BBPreleaseref(", ")")),
+                  std::string::npos)
+            << seen;
+        EXPECT_EQ(kernel.calls(operation::gdk_zalloc), 2 * sums);
+        EXPECT_EQ(kernel.calls(operation::bat_setaccess), 0U) << "sealed";
+    }
+}
+
+} // namespace

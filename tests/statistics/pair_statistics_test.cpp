@@ -1,0 +1,291 @@
+#include "statistics/pair_statistics.h"
+
+#include "kernel/isa.h"
+#include "refkernel/instrumentation.h"
+#include "statistics/paired_columns.h"
+#include "support/kernel_settings.h"
+#include "support/replaced_comparison.h"
+#include "vask_ops.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace support;
+using refkernel::bat;
+using refkernel::nil_of;
+using refkernel::take_exception;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+
+using pair_statistic = char *(*)(double *, const std::int32_t *, const std::int32_t *);
+
+// In the order of plain_pair_statistics.
+constexpr pair_statistic statistics[] = {vask_covars, vask_covarp, vask_correl, vask_slope,
+                                         vask_intercept};
+
+refkernel::exception refused(const char *text) {
+    return {"vask_2_args_statistical_func", text};
+}
+
+//! The call with x and y in the places that make them the first and the second column.
+refkernel::exception call(std::size_t i, double *result, const bat &x, const bat &y) {
+    const bool is_line = plain_pair_statistics[i].is_line;
+    const bat &a = is_line ? y : x;
+    const bat &b = is_line ? x : y;
+    return take_exception(statistics[i](result, a.slot(), b.slot()));
+}
+
+template <class T, class U>
+double run(std::size_t i, const std::vector<T> &x, const std::vector<U> &y) {
+    double result = 0;
+    EXPECT_EQ(call(i, &result, column_of(x), column_of(y)), refkernel::exception{});
+    return result;
+}
+
+TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
+    std::uint32_t seed = 0;
+    for (const int type_x : statistic_types)
+        for (const int type_y : statistic_types)
+            for (const BUN rows : {1U, 2U, 100U, 5003U}) {
+                std::mt19937 random(++seed);
+                const std::uint32_t nils = std::array{0U, 2U, 50U, 100U}[random() % 4];
+                const auto threads = static_cast<std::int32_t>(random() % 7 + 1);
+                const auto first = static_cast<BUN>(random() % 3);
+                const kernel_settings settings(threads);
+                const auto classes = plain_classes(type_x, type_y);
+                column_pair columns{any_column(type_x, rows, first, nils, random),
+                                    any_column(type_y, rows, first, nils, random),
+                                    classes.value_or(std::pair(0, 0)), false};
+                const BUN parts = std::min(static_cast<BUN>(threads), rows);
+                const watch kernel;
+                const refkernel::checkpoint before;
+                for (std::size_t i = 0; i < std::size(statistics); ++i) {
+                    const plain_pair_statistic &plain = plain_pair_statistics[i];
+                    SCOPED_TRACE(testing::Message()
+                                 << plain.name << " of types " << type_x << " and " << type_y
+                                 << ", " << rows << " rows from " << first << ", " << nils
+                                 << "% nil, " << threads << " threads, seed " << seed);
+                    double result = 3;
+                    const auto failure = call(i, &result, columns.x.view, columns.y.view);
+                    if (!classes) {
+                        ASSERT_EQ(failure, refused("operation failed"));
+                        ASSERT_EQ(result, 3);
+                        continue;
+                    }
+                    columns.is_line = plain.is_line;
+                    plain_pair_sums total;
+                    for (BUN part = 0; part < parts; ++part) {
+                        plain_pair_sums partial;
+                        const BUN end = part + 1 == parts ? rows : (part + 1) * (rows / parts);
+                        for (BUN row = part * (rows / parts); row < end; ++row)
+                            if (!columns.dropped(row))
+                                columns.add(row, partial);
+                        total.add(partial);
+                    }
+                    ASSERT_EQ(failure, refkernel::exception{});
+                    ASSERT_TRUE(same_bits(result, plain.of(total)))
+                        << result << " and not " << plain.of(total);
+                }
+                ASSERT_EQ(before.leaks(), "");
+            }
+}
+
+TEST(PairStatistics, AreWhatTheTextbookSays) {
+    std::mt19937 random(5);
+    constexpr std::size_t n = 999;
+    std::vector<std::int16_t> a(n);
+    std::vector<float> b(n);
+    long double mean_a = 0;
+    long double mean_b = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        b[i] = static_cast<float>(random() % 1000) / 8;
+        a[i] = static_cast<std::int16_t>(static_cast<int>(random() % 50) - static_cast<int>(b[i]));
+        mean_a += a[i] / static_cast<long double>(n);
+        mean_b += b[i] / static_cast<long double>(n);
+    }
+    long double ab = 0;
+    long double aa = 0;
+    long double bb = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        ab += (a[i] - mean_a) * (b[i] - mean_b);
+        aa += (a[i] - mean_a) * (a[i] - mean_a);
+        bb += (b[i] - mean_b) * (b[i] - mean_b);
+    }
+    const long double expected[] = {ab / (n - 1), ab / n, ab / std::sqrt(aa * bb), ab / bb,
+                                    mean_a - ab / bb * mean_b};
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        double result = 0;
+        EXPECT_EQ(take_exception(statistics[i](&result, column_of(a).slot(), column_of(b).slot())),
+                  refkernel::exception{});
+        EXPECT_NEAR(result, static_cast<double>(expected[i]), 1e-9)
+            << plain_pair_statistics[i].name;
+    }
+}
+
+TEST(PairStatistics, KnownValues) {
+    enum { covars, covarp, correl, slope, intercept };
+    const double nil = nil_of<double>();
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    using ints = std::vector<std::int32_t>;
+    using doubles = std::vector<double>;
+    struct {
+        doubles x, y;
+        double expected[5];
+    } const cases[] = {
+        {{5}, {7}, {nil, 0, nil, nil, nil}},
+        {{1, 3}, {2, 6}, {4, 2, 1, 2, 0}},
+        {{1, 3, nil, 9}, {6, 2, 9, nil}, {-4, -2, -1, -2, 8}},
+        {{nil, nil}, {1, 2}, {nil, nil, nil, nil, nil}},
+        {{2, 2, 2}, {1, 2, 3}, {0, 0, nil, nil, nil}},
+        {{1, 2, 3}, {2, 2, 2}, {0, 0, nil, 0, 2}},
+        // n·Sxx − Sx² is 1.6e-7, and of 0.0003 below it is 9e-8.
+        {{0, 0.0004}, {0, 1000}, {0.2, 0.1, 1, 2.5e6, 0}},
+    };
+    for (const auto &c : cases)
+        for (int i = 0; i < 5; ++i)
+            EXPECT_NEAR(run(static_cast<std::size_t>(i), c.x, c.y), c.expected[i],
+                        std::fabs(c.expected[i]) * 1e-12)
+                << plain_pair_statistics[i].name << " of " << c.x.size() << " rows";
+    const doubles close{0, 0.0003};
+    EXPECT_EQ(run(correl, close, close), nil);
+    EXPECT_EQ(run(slope, close, close), nil);
+    EXPECT_EQ(run(intercept, close, close), nil);
+    EXPECT_GT(run(covars, close, close), 0);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(std::isnan(run(static_cast<std::size_t>(i), doubles{1, nan, 4}, ints{1, 2, 3})))
+            << plain_pair_statistics[i].name;
+    // Rounding takes the quotient beyond 1 or below −1 now and then; the result is cut.
+    int cut = 0;
+    for (std::uint32_t seed = 0; seed < 300; ++seed) {
+        std::mt19937 random(seed);
+        const double factor = seed % 2 == 0 ? 3 : -3;
+        doubles x(random() % 20 + 2);
+        doubles y;
+        for (double &v : x)
+            y.push_back(factor * (v = 10 * random_share(random)));
+        const double r = run(correl, x, y);
+        EXPECT_NEAR(r, factor / 3, 1e-9) << "seed " << seed;
+        EXPECT_LE(std::fabs(r), 1) << "seed " << seed;
+        cut += std::fabs(r) == 1;
+    }
+    EXPECT_GT(cut, 20);
+    // As doubles these are one number, yet only one of them is the nil.
+    constexpr lng least = std::numeric_limits<lng>::min();
+    const std::vector<lng> far{least, least + 1, 0, 0};
+    EXPECT_EQ(run(covarp, far, ints{3, 3, 0, 0}),
+              run(covarp, doubles{-0x1p63, 0, 0}, ints{3, 0, 0}));
+    EXPECT_EQ(run(slope, far, ints{3, 3, 0, 0}), run(slope, doubles{-0x1p63, 0, 0}, ints{3, 0, 0}));
+}
+
+TEST(PairStatistics, AllInstructionSetsGiveTheSameBits) {
+    std::mt19937 random(3);
+    const auto x = statistic_values<float>(10'007, 1'000'000, 10, random);
+    const auto y = statistic_values<std::int64_t>(10'007, 1'000'000, 10, random);
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        const double widest = run(i, x, y);
+        for (const auto set : {vask::instruction_set::baseline, vask::instruction_set::avx2}) {
+            vask::limit_instruction_set(set);
+            EXPECT_TRUE(same_bits(run(i, x, y), widest));
+        }
+        vask::limit_instruction_set(vask::widest_instruction_set());
+    }
+}
+
+std::vector<const void *> compared;
+
+int noting_comparison(const void *nil, const void *element) {
+    EXPECT_EQ(nil, BATatoms[TYPE_int].atom_null);
+    compared.push_back(element);
+    return *static_cast<const int *>(nil) != *static_cast<const int *>(element);
+}
+
+TEST(PairStatistics, TheTypesOwnComparisonSeesEachElementOnce) {
+    const int nil = nil_of<int>();
+    const bat x = column_of(std::vector{1, nil, 3, nil});
+    const bat y = column_of(std::vector{nil, 2, 3, nil});
+    const int *in_x = x.values<int>().data();
+    const int *in_y = y.values<int>().data();
+    const kernel_settings settings(1);
+    const replaced_comparison noting(TYPE_int, noting_comparison);
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        double result = 0;
+        compared.clear();
+        EXPECT_EQ(call(i, &result, x, y), refkernel::exception{});
+        const std::vector<const void *> each{in_x, in_y, in_x + 1, in_x + 2, in_y + 2, in_x + 3};
+        EXPECT_EQ(compared, plain_pair_statistics[i].is_line ? std::vector<const void *>{} : each)
+            << plain_pair_statistics[i].name;
+    }
+}
+
+TEST(PairStatistics, EmptyAndRefusedColumns) {
+    const bat three = column_of(std::vector<double>{1, 2, 3});
+    const bat two = column_of(std::vector<double>{1, 2});
+    const bat none = column_of(std::vector<std::int8_t>());
+    const bat truths =
+        refkernel::make_column(std::vector<std::int8_t>{1, 0, 1}, {.type = TYPE_bit});
+    const bat no_oids = refkernel::make_void_column(0, 10);
+    const bat oids = refkernel::make_void_column(3, 10);
+    const bat nils = refkernel::make_void_column(0, oid_nil);
+    const bat texts = refkernel::make_text_column(std::vector<std::string_view>{"a"});
+    const bat times = refkernel::make_column(std::vector<std::int64_t>{1, 2, 3},
+                                             {.type = refkernel::type_timestamp});
+    const bat nobody;
+    struct {
+        const bat &first, &second;
+        const char *text;
+    } const cases[] = {
+        {nobody, three, "Object not found"},
+        {three, nobody, "Object not found"},
+        {texts, two, "Unsupported tail type"},
+        {two, times, "Unsupported tail type"},
+        {nils, none, "Unsupported tail type"},
+        {none, nils, "Unsupported tail type"},
+        {two, three, "BAT parameters should be of equal length"},
+        {none, three, "BAT parameters should be of equal length"},
+        {three, oids, "operation failed"},
+        {oids, three, "operation failed"},
+        {truths, oids, "operation failed"},
+    };
+    const refkernel::checkpoint before;
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        double result = 3;
+        for (const auto &c : cases)
+            EXPECT_EQ(call(i, &result, c.first, c.second), refused(c.text));
+        EXPECT_EQ(result, 3);
+        for (const bat *empty : {&none, &no_oids}) {
+            result = 3;
+            EXPECT_EQ(call(i, &result, *empty, none), refkernel::exception{});
+            EXPECT_EQ(result, nil_of<double>());
+        }
+    }
+    EXPECT_EQ(before.leaks(), "");
+}
+
+TEST(PairStatistics, WhatTheKernelSees) {
+    const kernel_settings settings(3);
+    const bat x = column_of(std::vector<double>{1, 2, 3});
+    const bat y = column_of(std::vector<double>{1, 2, 4});
+    for (std::size_t i = 0; i < std::size(statistics); ++i) {
+        const std::size_t sums = std::array{4U, 4U, 6U, 5U, 5U}[i];
+        watch kernel;
+        kernel.record(true);
+        double result = 0;
+        EXPECT_EQ(call(i, &result, x, y), refkernel::exception{});
+        const auto id = [](const char *name, const bat &b, const char *rest) {
+            return std::string(name) + "(" + std::to_string(b.id()) + rest + ")";
+        };
+        std::vector<std::string> expected{id("BBPincref", x, ", 0"), id("BBPincref", y, ", 0")};
+        expected.insert(expected.end(), sums, "GDKzalloc(24)");
+        expected.push_back(id("BATaccess", x, ", 2, 0, 1"));
+        expected.push_back(id("BATaccess", y, ", 2, 0, 1"));
+        expected.insert(expected.end(), sums, "GDKfree()");
+        expected.push_back(id("BATaccess", x, ", 2, 0, -1"));
+        expected.push_back(id("BATaccess", y, ", 2, 0, -1"));
+        expected.push_back(id("BBPreleaseref", x, ""));
+        expected.push_back(id("BBPreleaseref", y, ""));
+        EXPECT_EQ(kernel.recorded_texts(), expected) << plain_pair_statistics[i].name;
+    }
+}
+
+} // namespace
