@@ -4,7 +4,7 @@
 
 namespace vask {
 
-int vask_percentile_at(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_percentile_at(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                        const void *parameter) {
     if (parameter == nullptr)
         return 0;
@@ -31,13 +31,13 @@ int vask_percentile_at(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bt
     return done;
 }
 
-int vask_median_functor(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_median_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                         const void *) {
     constexpr dbl half = 0.5;
     return vask_percentile_at(result, flag, values, type, &half);
 }
 
-int vask_quartile_functor(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_quartile_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                           const void *parameter) {
     if (parameter == nullptr)
         return 0;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "kernel/bat.h"
-#include "kernel/gdk_vector.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
 #include "statistics/selection.h"
@@ -11,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <new>
+#include <span>
 
 #include <tbb/parallel_sort.h>
 
@@ -21,29 +21,29 @@ namespace vask {
 //! the nil of `type` where the values have no answer, and reads what else it needs behind
 //! `parameter`. May run in several tasks at a time, each with values of its own.
 template <class R>
-using stat_functor = int (*)(R *result, stat_flag *flag, gdk_vector<R> &values, bte type,
+using stat_functor = int (*)(R *result, stat_flag *flag, std::span<R> values, bte type,
                              const void *parameter);
 
 //! The value at the share p of the sorted values (a `dbl` behind the parameter): position p·(n −
 //! 1), counted from 0, interpolated linearly between the values at the whole positions around it. 0
 //! without a parameter or for a NaN.
-int vask_percentile_at(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_percentile_at(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                        const void *parameter);
 
 inline constexpr stat_functor<dbl> vask_percentile_functor = vask_percentile_at;
 
 //! The percentile at 0.5; no parameter.
-int vask_median_functor(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_median_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                         const void *parameter);
 
 //! The percentile at a quarter of the `bte` behind the parameter.
-int vask_quartile_functor(dbl *result, stat_flag *flag, gdk_vector<dbl> &values, bte type,
+int vask_quartile_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
                           const void *parameter);
 
 //! The value at the rank from the top behind the parameter, a `lng`, counting duplicates. Nil if
 //! there are fewer values.
 template <class T>
-int vask_largest_functor(T *result, stat_flag *flag, gdk_vector<T> &values, bte type,
+int vask_largest_functor(T *result, stat_flag *flag, std::span<T> values, bte type,
                          const void *parameter) {
     return vask_select_kth(result, flag, values, type, static_cast<const lng *>(parameter));
 }
@@ -56,7 +56,7 @@ inline constexpr std::size_t smallest_parallel_sort = 500;
 //! needs in order to stay inside the array: a NaN that compares false with everything can lead it
 //! astray.
 template <class T>
-order_key_t<T> *sort_as_keys(gdk_vector<T> &values) {
+order_key_t<T> *sort_as_keys(std::span<T> values) {
     using key = order_key_t<T>;
     const std::size_t n = values.size();
     auto *keys = reinterpret_cast<key *>(values.data());
@@ -74,7 +74,7 @@ order_key_t<T> *sort_as_keys(gdk_vector<T> &values) {
 //! never fails. A NaN equals nothing, so NaNs are no candidates; zeros of both signs are one value,
 //! given as -0.0 if there is one of those.
 template <class T>
-int vask_mode_functor(T *result, stat_flag *flag, gdk_vector<T> &values, bte type, const void *) {
+int vask_mode_functor(T *result, stat_flag *flag, std::span<T> values, bte type, const void *) {
     *flag = 0;
     const std::size_t n = values.size();
     const order_key_t<T> *keys = sort_as_keys(values);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "kernel/column.h"
-#include "kernel/gdk_vector.h"
 #include "kernel/isa.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
@@ -12,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 
 namespace vask {
 
@@ -116,7 +116,7 @@ ranked_pair<T> select_ranked(T *values, std::size_t n, std::size_t k, bool want_
 //! gives the nil of `type` and leaves the second alone. Gives 1, or 0 when there is no rank or one
 //! below 1.
 template <class T>
-int vask_select_kth(T *result, stat_flag *flag, gdk_vector<T> &values, bte type, const lng *k,
+int vask_select_kth(T *result, stat_flag *flag, std::span<T> values, bte type, const lng *k,
                     bool want_next = false) {
     if (k == nullptr || *k < 1)
         return 0;

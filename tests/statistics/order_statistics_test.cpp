@@ -14,7 +14,6 @@ using namespace support;
 using refkernel::bat;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
-using vask::gdk_vector;
 using vask::stat_flag;
 
 // Both sides of the sizes at which the pivot, the sort and the sample change.
@@ -22,9 +21,7 @@ constexpr std::size_t sizes[] = {1, 2, 3, 10, 499, 500, 501, 999, 1000, 1001, 50
 
 template <class T>
 T run(vask::stat_functor<T> functor, const std::vector<T> &values, const void *parameter) {
-    gdk_vector<T> copy;
-    copy.reserve(values.size());
-    copy.append_reserved(values.data(), values.size());
+    std::vector<T> copy = values;
     stat_flag flag = 0;
     T result{};
     EXPECT_EQ(functor(&result, &flag, copy, refkernel::type_code_of<T>, parameter), 1);
@@ -92,7 +89,7 @@ TEST(OrderStatistics, PercentilesInterpolate) {
 }
 
 TEST(OrderStatistics, ANanPercentileOrAMissingParameterFails) {
-    gdk_vector<double> values(3);
+    std::vector<double> values(3);
     stat_flag flag = 0;
     double result = 7;
     const double nan = std::numeric_limits<double>::quiet_NaN();
