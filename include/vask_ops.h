@@ -3,7 +3,8 @@
  *
  * The library is loaded into the kernel's process and finds the kernel's
  * operations, listed in kernel/bat.h, there. A plan looks the operators up by
- * name. Rules that hold for all of them:
+ * name. Rules that hold for all of them but vaskops_are_indexes_contained, which
+ * takes plain arrays and reports nothing:
  *
  * Arguments: pointers only. The first is the result slot, or the first of two;
  * a BAT is given by a pointer to its number.
@@ -18,8 +19,9 @@
  * Types: the type of the column decides what runs, never the operator's name,
  * where several names stand for one operator.
  *
- * Determinism: results depend on the data and the kernel's settings, never on
- * the timing of tasks or the number of cores.
+ * Determinism: results depend on the data and the kernel's settings, and where a
+ * sample decides between two ways, on the kernel's sample; never on the timing
+ * of tasks or the number of cores.
  *
  * Thread safety: calls may overlap, on the same BATs too, as long as nobody
  * changes those. A call uses the calling thread and the task scheduler's pool.
@@ -359,16 +361,19 @@ VASK_EXPORT char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, cons
  * 2, bte, sht, int, wrd, flt, dbl, lng. Marked free of nils and unsorted. The
  * caller owns the reference.
  * Values: integers are extended with their sign; to a float they become the
- * nearest one, so large lng and wrd values can lose their last digits. NaN and
+ * nearest one, so large values can lose their last digits, an int beside a flt
+ * too. NaN and
  * -0.0 are values and stay.
  * Nil: what the type's own comparison calls equal to its nil; a nil on either
  * side drops the row from both halves.
  * Empty input, no surviving row: an empty result of the same type.
  * Errors: "Object not found"; "Unsupported tail type"; "Unsupported head type";
  * "Size of BATs is unequal"; "operation failed" when the result cannot be made,
- * when memory runs out, when a column changes during the call, and when
- * GDKnr_threads is 0 with rows present. Place: "vask_ops.coSNNandUnion". A
- * failure after the result was made leaves that BAT behind.
+ * when memory runs out, for a storage without a class, when GDKnr_threads is 0
+ * with rows present, and when during the call a column changes so that more rows
+ * survive than were counted. With fewer, the rest of the result is undefined.
+ * Place: "vask_ops.coSNNandUnion". A failure after the result was made leaves
+ * that BAT behind.
  * Partitions: GDKnr_threads of them, whatever the smallest partition size says.
  */
 VASK_EXPORT char *vask_coSNNandUnion(int32_t *result, const int32_t *left, const int32_t *right);

@@ -243,7 +243,7 @@ lng GDKusec(void); /* monotonic, microseconds */
 
 extern int32_t GDKnr_threads;    /* at least 1 */
 extern int32_t GDKmin_part_size; /* rows; at least 1 */
-extern int32_t GDKpart_size_div; /* partitions allowed per thread */
+extern int32_t GDKpart_size_div; /* partitions allowed per thread; at least 1 */
 extern uint32_t GDKdebug;        /* DEBUG_ bits below */
 extern uint32_t GDKgroup_algo_select_vask_size;
 extern uint32_t GDKgroup_algo_select_sample_size;

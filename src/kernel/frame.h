@@ -106,8 +106,9 @@ struct row_range {
 };
 
 //! How many partitions a column of `rows` rows gets under the kernel's settings, which are read
-//! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads is 0, under
-//! which the kernel must not run an aggregate: the plan then divides by it.
+//! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads or
+//! GDKpart_size_div is 0, under which the kernel must not run an aggregate: the plan then divides
+//! by it.
 std::uint64_t partition_count(BUN rows);
 
 //! Contiguous partitions of a BAT's rows. The remainder of the division falls wholly on the last.

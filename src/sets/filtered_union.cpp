@@ -58,13 +58,16 @@ struct union_plan {
     gdk_vector<std::uint32_t> offsets;
 };
 
-//! Runs `task(part, range)`, which gives false for a failure, on every partition: as many as the
-//! kernel has threads, down to one row each. The rows are read at the positions of the left side in
-//! both. False if a task failed or threw, or when there are rows but no threads. A task that fails
-//! stops no other.
+//! Runs `task(part, range)`, which gives false for a failure, on every partition that was planned:
+//! as many as the kernel has threads, down to one row each. The rows are read at the positions of
+//! the left side in both. False if a task failed or threw, when there are rows but no threads, or
+//! when a column or the kernel's threads have changed so that there would be other partitions. A
+//! task that fails stops no other.
 template <class Task>
 bool run_union_pass(const union_plan &plan, int columns, Task task) {
-    const std::uint32_t parts = vask_range_count(*plan.left);
+    const std::size_t parts = plan.counts.size();
+    if (vask_range_count(*plan.left) != parts)
+        return false;
     if (parts == 0)
         return plan.left->info->count == 0;
     std::uint8_t success = 1;
