@@ -55,6 +55,23 @@ constexpr aggregate_rule moment(std::string_view name, std::string_view whole,
     return of_column(name, family::moment, numbers, result_rule::number, whole, grouped);
 }
 
+constexpr aggregate_rule of_pair(std::string_view name, std::string_view arguments,
+                                 std::string_view whole, std::string_view grouped) {
+    return {.name = name,
+            .arguments = arguments,
+            .family = family::pair,
+            .columns = 2,
+            .accepts = numbers,
+            .result = result_rule::number,
+            .whole = whole,
+            .grouped = grouped};
+}
+
+constexpr aggregate_rule constant_of_line(aggregate_rule rule) {
+    rule.result = result_rule::constant;
+    return rule;
+}
+
 constexpr std::array rules{
     // By group it needs no operator: a grouping counts its rows.
     aggregate_rule{.name = "count",
@@ -97,9 +114,14 @@ constexpr std::array rules{
                              "vask_grp_largest"),
                    "x,k", rank),
     of_column("mode", family::order, ordered, result_rule::same, "vask_mode", "vask_grp_mode"),
+    of_pair("covars", "x,y", "vask_covars", "vask_grp_covars"),
+    of_pair("covarp", "x,y", "vask_covarp", "vask_grp_covarp"),
+    of_pair("correl", "x,y", "vask_correl", "vask_grp_correl"),
+    of_pair("slope", "y,x", "vask_slope", "vask_grp_slope"),
+    constant_of_line(of_pair("intercept", "y,x", "vask_intercept", "vask_grp_intercept")),
 };
 
-constexpr std::array<aggregate_alias, 9> aliases{{
+constexpr std::array<aggregate_alias, 12> aliases{{
     {"sstdev", "stdev"},
     {"pstdev", "stdevp"},
     {"svar", "variance"},
@@ -109,6 +131,9 @@ constexpr std::array<aggregate_alias, 9> aliases{{
     {"q1", "quartile", 1.0},
     {"q3", "quartile", 3.0},
     {"perc", "percentile", 0.95, true},
+    {"scov", "covars"},
+    {"pcov", "covarp"},
+    {"ppearson", "correl"},
 }};
 
 constexpr std::array<std::pair<family, std::string_view>, 7> headings{{
@@ -161,6 +186,7 @@ column_type result_type(const aggregate_rule &rule, column_type column) {
         case result_rule::between:
             return column == column_type::timestamp ? column : dbl;
         case result_rule::number:
+        case result_rule::constant:
         case result_rule::quotient:
             break;
     }

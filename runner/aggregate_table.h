@@ -36,19 +36,20 @@ enum class aggregate_family {
     distinct, //!< its operator counts a missing value as a value
     sum,
     extreme,
-    moment,
-    order, //!< its operators refuse columns with missing values, and user atoms
+    moment, //!< asked of distances from a centre, and so is pair
+    order,  //!< its operators refuse columns with missing values, and user atoms
     pair
 };
 
 //! How the type of a result follows from the type of the column.
 enum class result_rule {
-    sum,     //!< integers give lng, flt and dbl their own type
-    same,    //!< that of the column
-    count,   //!< lng
-    number,  //!< dbl
-    between, //!< dbl, but a timestamp between timestamps
-    quotient //!< dbl, worked out from two other aggregates of the same column
+    sum,      //!< integers give lng, flt and dbl their own type
+    same,     //!< that of the column
+    count,    //!< lng
+    number,   //!< dbl
+    between,  //!< dbl, but a timestamp between timestamps
+    constant, //!< dbl, of a line that was fitted to distances from centres
+    quotient  //!< dbl, worked out from two other aggregates of the same column
 };
 
 //! How an aggregate of a whole column finds its operator.

@@ -124,6 +124,8 @@ private:
             return count_rows();
         }
         cell_function cells = by_operator(rule, aggregate);
+        if (rule.result == result_rule::constant)
+            return moved_back(std::move(cells), aggregate);
         if (rule.family == aggregate_family::distinct && missing_in(aggregate) > 0)
             return without_the_missing(std::move(cells), count_rows(),
                                        cells_of_part("count", aggregate));
@@ -133,6 +135,21 @@ private:
     cell_function cells_of_part(std::string_view name, const bound_aggregate &aggregate) {
         return cells_of_aggregate({fmt::format("{} in {}", name, aggregate.title),
                                    find_aggregate(name), aggregate.columns, std::nullopt});
+    }
+
+    // The line through the distances goes through the values when it is moved by their centres.
+    cell_function moved_back(cell_function constant, const bound_aggregate &aggregate) {
+        return [constant = std::move(constant), slope = cells_of_part("slope", aggregate),
+                y = centred_in(aggregate.columns[0]).centre,
+                x = centred_in(aggregate.columns[1]).centre,
+                groups = groups_](std::size_t row) -> result_cell {
+            const auto at_centre = as_double(constant(row));
+            const auto steepness = as_double(slope(row));
+            if (!at_centre || !steepness)
+                return std::monostate{};
+            const oid group = groups ? groups->first_rows[groups->order[row]] : 0;
+            return y(group) + (*at_centre - *steepness * x(group));
+        };
     }
 
     std::uint64_t missing_in(const bound_aggregate &aggregate) const {
@@ -199,7 +216,8 @@ private:
                 const present_rows &present = present_in(column);
                 result.push_back(bat::share(present.values.id()));
                 map = &present.map;
-            } else if (rule.family == aggregate_family::moment) {
+            } else if (rule.family == aggregate_family::moment ||
+                       rule.family == aggregate_family::pair) {
                 result.push_back(bat::share(centred_in(column).distances.id()));
             } else if (rule.family == aggregate_family::distinct) {
                 result.push_back(distinct_values(loaded));

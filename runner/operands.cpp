@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -121,29 +122,35 @@ bat map_of_present(const table_column &column, const bat &map, const bat &values
 
 centred_column centred(const table_column &column, const bat *map) {
     return visit_numbers(column, [map]<class T>(std::span<const T> values, T nil) {
-        const std::size_t ids = map == nullptr ? 1 : values.size();
-        std::vector<T> centres(ids, nil);
-        std::vector<dbl> distances(values.size());
         std::optional<oid_reader> groups;
         if (map != nullptr)
             groups.emplace(*(*map)->tail, *map->record());
         const BUN first = map == nullptr ? 0 : (*map)->info->first;
+        // A group's id is a row of the group, whose value is the centre. Only where that is missing
+        // the first value there is takes its place.
+        std::unordered_map<oid, T> elsewhere;
+        std::vector<dbl> distances;
+        distances.reserve(values.size());
         for (BUN row = 0; row < values.size(); ++row) {
             const T value = values[row];
             if (value == nil) {
-                distances[row] = refkernel::nil_of<dbl>();
+                distances.push_back(refkernel::nil_of<dbl>());
                 continue;
             }
-            T &centre = centres[groups ? (*groups)[first + row] : 0];
-            if (centre == nil)
-                centre = value;
-            distances[row] = distance(value, centre);
+            const oid group = groups ? (*groups)[first + row] : 0;
+            const T own = values[group];
+            distances.push_back(distance(
+                value, own != nil ? own : elsewhere.try_emplace(group, value).first->second));
         }
-        centred_column result;
-        result.distances = refkernel::make_column(std::move(distances));
-        for (const T centre : centres)
-            result.centres.push_back(centre == nil ? std::nan("") : static_cast<double>(centre));
-        return result;
+        return centred_column{refkernel::make_column(std::move(distances)),
+                              [values, nil, elsewhere = std::move(elsewhere)](oid group) {
+                                  if (group < values.size() && values[group] != nil)
+                                      return static_cast<double>(values[group]);
+                                  const auto found = elsewhere.find(group);
+                                  return found == elsewhere.end()
+                                             ? std::nan("")
+                                             : static_cast<double>(found->second);
+                              }};
     });
 }
 

@@ -6,7 +6,7 @@
 #include "refkernel/embed.h"
 
 #include <cstdint>
-#include <vector>
+#include <functional>
 
 namespace vask::runner {
 
@@ -27,13 +27,14 @@ refkernel::bat present_numbers(const table_column &column);
 refkernel::bat map_of_present(const table_column &column, const refkernel::bat &map,
                               const refkernel::bat &values);
 
-//! A column as its distances from a value of its group, as dbl, and those values, by the group's id
-//! or, for whole columns, in row 0; NaN for groups without one. Sums of squares of values that lie
-//! far from 0 and close to each other lose all their digits; those of distances do not, and
-//! moments, correlation and slope are the same.
+//! A column as its distances, as dbl, from a value of its group, the centre. Sums of squares of
+//! values that lie far from 0 and close to each other lose all their digits; those of distances do
+//! not, and moments, covariance, correlation and slope are the same.
 struct centred_column {
     refkernel::bat distances;
-    std::vector<double> centres;
+    //! The centre of a group by its id; of whole columns, by 0. NaN for a group without values. The
+    //! column must outlive the function.
+    std::function<double(oid group)> centre;
 };
 
 //! `map` is null for whole columns.

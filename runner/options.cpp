@@ -17,7 +17,7 @@ constexpr const char *description =
     "Aggregates the columns of a CSV or TSV file, whole or by group, on all cores.";
 
 constexpr const char *aggregate_notes = R"(
-  In moments, a final p stands for the population instead of a sample. q is 0 to 4, p 0 to 1, P 0
+  A final p stands for the population instead of a sample. slope(y,x) is that of y over x. q is 0 to 4, p 0 to 1, P 0
   to 100, k 1 for the largest value. A column name with a comma or bracket: "net, price".
 
 Examples:

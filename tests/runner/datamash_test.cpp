@@ -26,7 +26,12 @@ const std::vector<operation> one_column{
     {"perc(v)", "perc v"},      {"perc:33(v)", "perc:33 v"}, {"percentile(v,0.01)", "perc:1 v"},
     {"mode(v)", "mode v"},
 };
-const std::vector<operation> two_columns{{"count(v)", "count v"}};
+const std::vector<operation> two_columns{
+    {"covars(v,w)", "scov v:w"},
+    {"scov(v,w)", "scov v:w"},
+    {"pcov(v,w)", "pcov v:w"},
+    {"correl(v,w)", "ppearson v:w"},
+};
 
 // Datamash works in long double, in two passes where this works in one, and prints 14 digits.
 constexpr double tolerance = 1e-8; // of the value, or absolute below 1
