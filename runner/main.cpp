@@ -1,18 +1,22 @@
 // vask: aggregates the columns of a file through the operator library.
+#include "column_cells.h"
+#include "containment.h"
 #include "executor.h"
 #include "explain.h"
+#include "filtered_union.h"
+#include "input_file.h"
 #include "operator_library.h"
 #include "options.h"
 #include "output.h"
 #include "query.h"
-#include "source_text.h"
-#include "table_loader.h"
 #include "user_error.h"
 
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <tbb/global_control.h>
@@ -24,27 +28,75 @@ using namespace vask::runner;
 constexpr int exit_failed = 1;     // of the machine or of the program
 constexpr int exit_user_error = 2; // of the request or of the data
 
-load_request loading(const options &request, const query &asked, const csv_header &header,
-                     const source_text &source) {
-    load_request result;
-    result.dialect = request.dialect;
-    result.wanted = asked.needed_columns(header.names.size());
-    for (const auto &[name, type] : request.types)
-        result.forced.emplace_back(find_column(header, source, name, "--types"), type);
-    result.missing = missing_words(request.missing);
-    result.threads = static_cast<unsigned>(request.threads);
+constexpr const char *containment_column = "contained";
+
+// The columns of a file with the one that --contained-in adds.
+csv_header with_containment(const input_file &file) {
+    csv_header header = file.header();
+    if (std::count(header.names.begin(), header.names.end(), containment_column) != 0)
+        fail(
+            "{}:1: --contained-in: there is a column '{}' already, which is the name of the one to "
+            "be added; rename it",
+            file.source().name(), containment_column);
+    header.names.emplace_back(containment_column);
+    return header;
+}
+
+table_column look_up(const options &request, const input_file &file, std::size_t column,
+                     const table &data, const operator_library &operators,
+                     const explain_log &explain) {
+    const auto &[path, name] = *request.contained_in;
+    input_file other(path, request, {});
+    const std::size_t place = find_column(other.header(), other.source(), name, "--contained-in");
+    std::vector<bool> wanted(other.header().names.size(), false);
+    wanted[place] = true;
+    const table known = other.load(wanted, {}, explain);
+    const auto called = [](const input_file &of, const std::string &its) {
+        return fmt::format("{}: column {}", of.source().name(), its);
+    };
+    return contained_in({data.columns[column], called(file, request.looked_up)},
+                        {known.columns[place], called(other, name)}, operators, explain);
+}
+
+result_table rows_of(const table &data, const csv_header &header,
+                     const std::vector<std::size_t> &columns) {
+    result_table result;
+    result.rows = data.rows;
+    for (const std::size_t column : columns)
+        result.columns.push_back(
+            {header.names[column], data.columns[column].type == column_type::str,
+             cells_of(data.columns[column].values, data.columns[column].type)});
     return result;
 }
 
-void explain_table(const explain_log &explain, const table &data, const csv_header &header,
-                   std::chrono::duration<double> time) {
-    if (!explain.on())
-        return;
-    explain.note(fmt::format("loaded {} rows in {:.3f} s", data.rows, time.count()));
-    for (std::size_t i = 0; i < data.columns.size(); ++i)
-        if (data.columns[i].values)
-            explain.note(fmt::format("  {}: {}, {} missing", header.names[i],
-                                     name_of(data.columns[i].type), data.columns[i].missing));
+void run_aggregates(const options &request, const explain_log &explain) {
+    input_file file(request.file, request, request.header);
+    const bool looks_up = request.contained_in.has_value();
+    const std::size_t columns = file.header().names.size();
+    const csv_header header = looks_up ? with_containment(file) : file.header();
+    const query asked = bind_query(request, header, file.source());
+    std::vector<bool> wanted = asked.needed_columns(header.names.size());
+    wanted.resize(columns);
+    const std::size_t looked_up = looks_up
+                                      ? find_column(file.header(), file.source(), request.looked_up,
+                                                    "the column to look up (--column names it)")
+                                      : columns;
+    if (looks_up)
+        wanted[looked_up] = true;
+    const operator_library operators(request.library);
+    table data = file.load(wanted, request.types, explain);
+    if (looks_up)
+        data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
+    check_columns(asked, {data, file.loading(), header, file.source()});
+    print(asked.aggregates.empty() ? rows_of(data, header, {looked_up, columns})
+                                   : execute(asked, data, header, operators, explain),
+          request.format, stdout);
+}
+
+void run_union(const options &request, const explain_log &explain) {
+    const operator_library operators(request.library);
+    input_file file(request.file, request, request.header);
+    print(filtered_union(file, request, operators, explain), request.format, stdout);
 }
 
 void run(const options &request) {
@@ -52,16 +104,10 @@ void run(const options &request) {
     const tbb::global_control limit(tbb::global_control::max_allowed_parallelism,
                                     static_cast<std::size_t>(request.threads));
     const explain_log explain(request.explain);
-    const auto begin = std::chrono::steady_clock::now();
-    const source_text source(request.file);
-    const csv_header header = read_header(source, request.dialect, request.header);
-    const query asked = bind_query(request, header, source);
-    const load_request to_load = loading(request, asked, header, source);
-    const operator_library operators(request.library);
-    const table data = load_table(source, header, to_load);
-    explain_table(explain, data, header, std::chrono::steady_clock::now() - begin);
-    check_columns(asked, data, to_load, header, source);
-    print(execute(asked, data, header, operators, explain), request.format, stdout);
+    if (request.union_columns.empty())
+        run_aggregates(request, explain);
+    else
+        run_union(request, explain);
 }
 
 } // namespace

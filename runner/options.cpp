@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
+#include <string_view>
 #include <thread>
 
 #include <CLI/CLI.hpp>
@@ -15,6 +16,11 @@ namespace {
 
 constexpr const char *description =
     "Aggregates the columns of a CSV or TSV file, whole or by group, on all cores.";
+
+constexpr std::string_view union_command = "union";
+constexpr const char *union_description =
+    "Prints the values of two columns, one column's after the other's, from the rows in which "
+    "neither is\nmissing, each with the number of its row and the name of its column.";
 
 constexpr const char *aggregate_notes = R"(
   A final p stands for the population instead of a sample. slope(y,x) is that of y over x. q is 0 to 4, p 0 to 1, P 0
@@ -26,6 +32,8 @@ Examples:
   vask penguins.csv --group-by sex --agg 'median(body_mass_g), perc:90(body_mass_g)' --drop-na
   zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
   vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
+  vask orders.csv --contained-in customers.csv:id --column customer --agg 'mean(contained)'
+  vask union penguins.csv bill_length_mm bill_depth_mm      (vask union --help tells more)
 
 The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
 a field that is not in quotes do not belong to it; blank lines are passed over.
@@ -46,10 +54,6 @@ char separator_named(const std::string &text) {
     if (text.size() != 1 || text == "\"" || text == "\n" || text == "\r")
         fail("--sep: '{}' is no separator; give one character, or tab", text);
     return text.front();
-}
-
-bool looks_tab_separated(const std::string &file) {
-    return file.ends_with(".tsv") || file.ends_with(".tab");
 }
 
 std::vector<std::string> split_at_commas(const std::string &text) {
@@ -76,18 +80,33 @@ std::vector<std::pair<std::string, column_type>> parse_types(const std::string &
     return types;
 }
 
+// FILE:COLUMN, the column's name in quotes when it has a colon in it.
+other_column parse_other_column(const std::string &text) {
+    const std::size_t colon = text.ends_with('"') ? text.rfind(":\"") : text.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size())
+        fail("--contained-in: '{}' is not of the form FILE:COLUMN", text);
+    const auto names = parse_names(std::string_view(text).substr(colon + 1), "--contained-in");
+    if (names.size() != 1)
+        fail("--contained-in: one column can be named, and {} are; put a name that holds a comma "
+             "in double quotes",
+             names.size());
+    return {text.substr(0, colon), names.front()};
+}
+
 // Values of options that are read further once the whole command line is known to be well-formed.
 struct raw_options {
     std::vector<std::string> aggregates;
-    std::string group_by, separator, missing, types, names;
+    std::string group_by, contained_in, separator, missing, types, names;
 };
 
-void declare(CLI::App &app, options &result, raw_options &raw) {
-    app.footer("\nAggregates:" + aggregate_overview() + aggregate_notes);
-    app.set_version_flag("--version", "vask " VASK_VERSION);
+void declare_file(CLI::App &app, options &result) {
     app.add_option("FILE", result.file,
                    "CSV or TSV file with a header line, or - for standard input")
         ->required();
+}
+
+void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
+    app.footer("\nAggregates:" + aggregate_overview() + aggregate_notes);
     app.add_option("--agg", raw.aggregates, "Aggregates, e.g. 'sum(v1), sum(\"net price\")'")
         ->type_name("LIST")
         ->expected(1)
@@ -98,12 +117,23 @@ void declare(CLI::App &app, options &result, raw_options &raw) {
                  "Print groups in ascending order of their columns (default: as they first occur)");
     app.add_flag("--drop-na", result.drop_missing,
                  "Leave rows with a missing value out of the order statistics of that column");
-    const std::map<std::string, output_format> formats{{"table", output_format::table},
-                                                       {"csv", output_format::csv},
-                                                       {"json", output_format::json}};
-    app.add_option("--format", result.format, "table, csv or json (default: table)")
-        ->type_name("FORMAT")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
+    app.add_option(
+           "--contained-in", raw.contained_in,
+           "Adds a column named contained: 1 where the value of the column of that name "
+           "occurs in that column of another file, else 0; printed row by row without --agg")
+        ->type_name("FILE:COLUMN");
+    app.add_option("--column", result.looked_up,
+                   "The column to look up, if its name is not that in the other file")
+        ->type_name("NAME");
+}
+
+void declare_union_columns(CLI::App &app, options &result) {
+    result.union_columns.resize(2);
+    app.add_option("X", result.union_columns[0], "The column whose values come first")->required();
+    app.add_option("Y", result.union_columns[1], "The other column")->required();
+}
+
+void declare_reading(CLI::App &app, options &result, raw_options &raw) {
     app.add_option("--sep", raw.separator,
                    "Separator: one character or tab (default: comma; tab for .tsv and .tab)")
         ->type_name("CHAR");
@@ -120,8 +150,16 @@ void declare(CLI::App &app, options &result, raw_options &raw) {
     app.add_flag("--header", result.header.numeric_names,
                  "The first line is the header even if it holds only numbers");
     app.add_flag_callback(
-        "--no-quotes", [&result] { result.dialect.quotes = false; },
-        "Read quotes as ordinary characters");
+        "--no-quotes", [&result] { result.quotes = false; }, "Read quotes as ordinary characters");
+}
+
+void declare_running(CLI::App &app, options &result) {
+    const std::map<std::string, output_format> formats{{"table", output_format::table},
+                                                       {"csv", output_format::csv},
+                                                       {"json", output_format::json}};
+    app.add_option("--format", result.format, "table, csv or json (default: table)")
+        ->type_name("FORMAT")
+        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
     app.add_option("--threads", result.threads, "Threads to use (default: one per core)")
         ->type_name("N")
         ->check(CLI::Range(1, most_threads).description(""));
@@ -130,27 +168,21 @@ void declare(CLI::App &app, options &result, raw_options &raw) {
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
 }
 
-} // namespace
-
-std::optional<options> parse_options(int argc, const char *const *argv) {
-    options result;
-    result.threads = default_threads();
-    raw_options raw;
-    CLI::App app(description, "vask");
-    declare(app, result, raw);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() != 0)
-            fail("{}; vask --help tells more", error.what());
-        app.exit(error, std::cout, std::cerr);
-        return std::nullopt;
-    }
+void read_further(const CLI::App &app, const raw_options &raw, options &result) {
     for (const std::string &list : raw.aggregates)
         for (aggregate_call &call : parse_aggregates(list))
             result.aggregates.push_back(std::move(call));
     if (!raw.group_by.empty())
         result.group_by = parse_names(raw.group_by, "--group-by");
+    if (!raw.contained_in.empty()) {
+        result.contained_in = parse_other_column(raw.contained_in);
+        if (result.looked_up.empty())
+            result.looked_up = result.contained_in->column;
+        if (result.contained_in->file == "-" && result.file == "-")
+            fail("--contained-in: standard input can be read as one of the two files only");
+    } else if (!result.looked_up.empty()) {
+        fail("--column: it goes with --contained-in, which is not there");
+    }
     if (!raw.names.empty())
         result.header.names = parse_names(raw.names, "--names");
     if (!raw.types.empty())
@@ -158,9 +190,35 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
     if (app.count("--na") != 0)
         result.missing = split_at_commas(raw.missing);
     if (app.count("--sep") != 0)
-        result.dialect.separator = separator_named(raw.separator);
-    else if (looks_tab_separated(result.file))
-        result.dialect.separator = '\t';
+        result.separator = separator_named(raw.separator);
+}
+
+} // namespace
+
+std::optional<options> parse_options(int argc, const char *const *argv) {
+    options result;
+    result.threads = default_threads();
+    raw_options raw;
+    const bool is_union = argc > 1 && std::string_view(argv[1]) == union_command;
+    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
+    declare_file(app, result);
+    if (is_union)
+        declare_union_columns(app, result);
+    else
+        declare_aggregates(app, result, raw);
+    declare_reading(app, result, raw);
+    declare_running(app, result);
+    app.set_version_flag("--version", "vask " VASK_VERSION);
+    try {
+        // The name of the command is passed over: arguments begin behind it.
+        app.parse(argc - (is_union ? 1 : 0), argv + (is_union ? 1 : 0));
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != 0)
+            fail("{}; vask{} --help tells more", error.what(), is_union ? " union" : "");
+        app.exit(error, std::cout, std::cerr);
+        return std::nullopt;
+    }
+    read_further(app, raw, result);
     return result;
 }
 

@@ -3,7 +3,6 @@
 
 #include "cell_values.h"
 #include "csv_header.h"
-#include "csv_parser.h"
 #include "name_list.h"
 
 #include <optional>
@@ -15,13 +14,24 @@ namespace vask::runner {
 
 enum class output_format { table, csv, json };
 
+//! A column of another file.
+struct other_column {
+    std::string file;
+    std::string column;
+};
+
 struct options {
     std::string file;
+    //! Of `vask union`: the columns; without any, the request is one of aggregates.
+    std::vector<std::string> union_columns;
     std::vector<aggregate_call> aggregates;
     std::vector<std::string> group_by;
     bool sort = false;
     bool drop_missing = false;
-    csv_dialect dialect;
+    std::optional<other_column> contained_in;
+    std::string looked_up;         //!< the column that --contained-in is about
+    std::optional<char> separator; //!< none: by the name of the file
+    bool quotes = true;
     header_rules header;
     std::vector<std::string> missing{"", "NA", "NaN"};
     std::vector<std::pair<std::string, column_type>> types;

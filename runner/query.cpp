@@ -96,11 +96,14 @@ bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &hea
     if (all_rows && call.arguments.size() == 1)
         return result;
     const bool reads_parameter = rule->parameter != nullptr && !parameter;
-    if (call.arguments.size() != rule->columns + (reads_parameter ? 1 : 0))
-        fail("{}: it is written {}({}){}{}; put a name that holds a comma in double quotes",
-             asked_by, call.function,
+    const std::size_t expected = rule->columns + (reads_parameter ? 1 : 0);
+    if (call.arguments.size() != expected)
+        fail("{}: it is written {}({}){}{}{}", asked_by, call.function,
              parameter ? rule->arguments.substr(0, rule->arguments.find(',')) : rule->arguments,
-             reads_parameter ? ", where " : "", reads_parameter ? rule->parameter->meaning : "");
+             reads_parameter ? ", where " : "", reads_parameter ? rule->parameter->meaning : "",
+             call.arguments.size() > expected
+                 ? "; a name that holds a comma stands in double quotes"
+                 : "");
     for (std::size_t i = 0; i < rule->columns; ++i)
         result.columns.push_back(find_column(header, source, call.arguments[i].text, asked_by));
     if (reads_parameter)
@@ -116,32 +119,17 @@ bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &hea
     return result;
 }
 
-void check_type(const bound_aggregate &aggregate, std::size_t column, const table &data,
-                const load_request &request, const csv_header &header, const source_text &source) {
-    const column_type type = data.columns[column].type;
-    if (aggregate.rule->accepts.contains(type))
-        return;
-    std::string reason = fmt::format(
-        "{}: {}: column {} ({}) is {}; {} takes {}", source.name(), aggregate.title, column + 1,
-        header.names[column], name_of(type), aggregate.rule->name, aggregate.rule->accepts.names());
-    if (const auto text = first_text(source, header, request, column))
-        reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
-                              "stands for a missing value, add it to the list of --na",
-                              shown(text->cell), text->line);
-    throw user_error(reason);
-}
-
 // Order statistics need values that have a place in an order.
-void check_order(const query &asked, const bound_aggregate &aggregate, const table &data,
-                 const csv_header &header, const source_text &source) {
+void check_order(const query &asked, const bound_aggregate &aggregate,
+                 const loaded_columns &loaded) {
     const std::size_t place = aggregate.columns.front();
-    const table_column &column = data.columns[place];
-    const std::string about = fmt::format("{}: {}: column {} ({})", source.name(), aggregate.title,
-                                          place + 1, header.names[place]);
+    const table_column &column = loaded.data.columns[place];
+    const std::string about = fmt::format("{}: {}: column {} ({})", loaded.source.name(),
+                                          aggregate.title, place + 1, loaded.header.names[place]);
     if (!asked.drop_missing && column.missing > 0)
         fail("{} has {} missing value{} in {} rows, and {} takes none; --drop-na leaves such rows "
              "out, for this column's order statistics alone",
-             about, column.missing, column.missing == 1 ? "" : "s", data.rows,
+             about, column.missing, column.missing == 1 ? "" : "s", loaded.data.rows,
              aggregate.rule->name);
     if (const std::uint64_t nan = count_nan(column); nan > 0)
         fail("{} has {} NaN, without a place in an order; add the spelling to the list of --na and "
@@ -171,7 +159,7 @@ std::size_t find_column(const csv_header &header, const source_text &source,
 }
 
 query bind_query(const options &request, const csv_header &header, const source_text &source) {
-    if (request.aggregates.empty())
+    if (request.aggregates.empty() && !(request.contained_in && request.group_by.empty()))
         fail("{}: nothing to compute; give --agg, as in --agg 'sum({})'; {}", source.name(),
              header.names.back(), suggestion(header.names, {}));
     query result;
@@ -184,13 +172,28 @@ query bind_query(const options &request, const csv_header &header, const source_
     return result;
 }
 
-void check_columns(const query &asked, const table &data, const load_request &request,
-                   const csv_header &header, const source_text &source) {
+void require_type(type_set accepted, std::string_view name, std::string_view title,
+                  std::size_t column, const loaded_columns &loaded) {
+    const column_type type = loaded.data.columns[column].type;
+    if (accepted.contains(type))
+        return;
+    std::string reason =
+        fmt::format("{}: {}: column {} ({}) is {}; {} takes {}", loaded.source.name(), title,
+                    column + 1, loaded.header.names[column], name_of(type), name, accepted.names());
+    if (const auto text = first_text(loaded.source, loaded.header, loaded.request, column))
+        reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
+                              "stands for a missing value, add it to the list of --na",
+                              shown(text->cell), text->line);
+    throw user_error(reason);
+}
+
+void check_columns(const query &asked, const loaded_columns &loaded) {
     for (const bound_aggregate &aggregate : asked.aggregates)
         for (const std::size_t column : aggregate.columns) {
-            check_type(aggregate, column, data, request, header, source);
+            require_type(aggregate.rule->accepts, aggregate.rule->name, aggregate.title, column,
+                         loaded);
             if (aggregate.rule->family == aggregate_family::order)
-                check_order(asked, aggregate, data, header, source);
+                check_order(asked, aggregate, loaded);
         }
 }
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vask::runner {
@@ -37,9 +38,21 @@ std::size_t find_column(const csv_header &header, const source_text &source,
 //! Resolves the names of a request. Throws user_error for an unknown column or aggregate.
 query bind_query(const options &request, const csv_header &header, const source_text &source);
 
+//! Loaded columns, and what messages about them need.
+struct loaded_columns {
+    const table &data;
+    const load_request &request;
+    const csv_header &header;
+    const source_text &source;
+};
+
+//! Checks the type of a column for what is called `name` and was written as `title`. Throws
+//! user_error, with the cell that made a column text when its type was inferred.
+void require_type(type_set accepted, std::string_view name, std::string_view title,
+                  std::size_t column, const loaded_columns &loaded);
+
 //! Checks that every aggregate can work on its columns: on their types, and on their missing
-//! values. Throws user_error, with the cell that made a column text when its type was inferred.
-void check_columns(const query &asked, const table &data, const load_request &request,
-                   const csv_header &header, const source_text &source);
+//! values. Throws user_error.
+void check_columns(const query &asked, const loaded_columns &loaded);
 
 } // namespace vask::runner

@@ -99,6 +99,72 @@ TEST(Command, AggregatesOfAllTypes) {
               "count(x),count_distinct(x),mean(x),stdev(x),median(x),mode(x)\n0,0,,,,\n");
 }
 
+// Exact in fractions: the line through large times, and through two groups with lines of their own.
+TEST(Command, LinesAndTheirCorrelation) {
+    std::string csv = "g,x,y,z\n";
+    for (int i = 0; i < 400; ++i) {
+        const long long x = 1'700'000'000'000'000LL + 8LL * i;
+        csv += std::to_string(i % 2) + "," + std::to_string(x) + "," +
+               (i % 7 == 3 ? "NA" : std::to_string(i % 2 == 0 ? 2 * i : 5 - i)) + ",1\n";
+    }
+    const std::string list = "slope(y,x),intercept(y,x),correl(x,y),slope(z,x),correl(x,z)";
+    const outcome lines = vask({"-", "--group-by", "g", "--format", "csv", "--agg", list}, csv);
+    EXPECT_EQ(lines.err, "");
+    EXPECT_EQ(lines.out.substr(lines.out.find('\n') + 1),
+              "0,0.25,-425000000000000,1,0,\n1,-0.125,212500000000005,-1,0,\n");
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "slope(b,a),intercept(b,a),covars(a,b)"},
+                   "a,b\n1,NA\n2,3\n")
+                  .out,
+              "\"slope(b,a)\",\"intercept(b,a)\",\"covars(a,b)\"\n,,\n");
+}
+
+TEST(Command, ContainedInAColumnOfAnotherFile) {
+    const std::string orders = "customer,amount\n7,10\n8,1\nNA,2\n9,3\n7,4\n5000000000,5\n";
+    const temporary_file known("name\tid\na\t7\nb\t9\nc\tNA\nd\t7\ne\t-4\n", ".tsv");
+    const temporary_file nobody("id\n");
+    const std::string other = known.path() + ":id";
+    EXPECT_EQ(
+        vask({"-", "--contained-in", other, "--column", "customer", "--format", "csv"}, orders).out,
+        "customer,contained\n7,1\n8,0\n,0\n9,1\n7,1\n5000000000,0\n");
+    EXPECT_EQ(vask({"-", "--contained-in", other, "--column", "customer", "--format", "csv",
+                    "--group-by", "contained", "--agg", "sum(amount),mean(contained)"},
+                   orders)
+                  .out,
+              "contained,sum(amount),mean(contained)\n1,17,1\n0,8,0\n");
+    EXPECT_EQ(vask({"-", "--contained-in", nobody.path() + ":id", "--format", "csv", "--agg",
+                    "sum(contained),count(contained)"},
+                   "id\n3\n4\n")
+                  .out,
+              "sum(contained),count(contained)\n0,2\n");
+    const struct {
+        std::vector<std::string> arguments;
+        std::string told;
+    } mistakes[] = {
+        {{"--contained-in", known.path()}, "FILE:COLUMN"},
+        {{"--contained-in", other}, "--column names it): there is no column 'id'"},
+        {{"--contained-in", known.path() + ":nme", "--column", "customer"}, "did you mean name"},
+        {{"--contained-in", known.path() + ":name", "--column", "customer"}, "name is str"},
+        {{"--column", "customer", "--agg", "sum(amount)"}, "--contained-in"},
+    };
+    for (const auto &each : mistakes) {
+        std::vector<std::string> arguments{"-"};
+        arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
+        const outcome result = vask(arguments, orders);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_TRUE(holds(result.err, each.told)) << result.err;
+    }
+}
+
+TEST(Command, UnionOfTwoColumns) {
+    const std::string csv = "a,b,c\n1,1.5,x\nNA,2,x\n3,NA,x\n4,5,x\n";
+    EXPECT_EQ(vask({"union", "-", "a", "b", "--format", "csv", "--threads", "3"}, csv).out,
+              "row,column,value\n1,a,1\n4,a,4\n1,b,1.5\n4,b,5\n");
+    EXPECT_EQ(vask({"union", "-", "a", "a"}, "a\n").out, "row  column  value\n");
+    EXPECT_TRUE(holds(vask({"union", "-", "a", "c"}, csv).err, "column 3 (c) is str"));
+    EXPECT_TRUE(holds(vask({"union", "-", "a"}, csv).err, "Y is required"));
+    EXPECT_TRUE(holds(vask({"union", "-", "a", "b", "--agg", "sum(a)"}, csv).err, "--agg"));
+}
+
 TEST(Command, ExplainNamesCallsOnStandardError) {
     std::string csv = "x,y,w\n";
     for (int i = 0; i < 100'000; ++i)

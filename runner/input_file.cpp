@@ -1,0 +1,50 @@
+#include "input_file.h"
+
+#include "query.h"
+
+#include <chrono>
+
+#include <fmt/format.h>
+
+namespace vask::runner {
+namespace {
+
+bool looks_tab_separated(const std::string &file) {
+    return file.ends_with(".tsv") || file.ends_with(".tab");
+}
+
+load_request reading(const std::string &path, const options &request) {
+    load_request result;
+    result.dialect.quotes = request.quotes;
+    result.dialect.separator = request.separator.value_or(looks_tab_separated(path) ? '\t' : ',');
+    result.missing = missing_words(request.missing);
+    result.threads = static_cast<unsigned>(request.threads);
+    return result;
+}
+
+} // namespace
+
+input_file::input_file(const std::string &path, const options &request, const header_rules &rules)
+    : source_(path),
+      loading_(reading(path, request)),
+      header_(read_header(source_, loading_.dialect, rules)) {}
+
+table input_file::load(const std::vector<bool> &wanted,
+                       const std::vector<std::pair<std::string, column_type>> &types,
+                       const explain_log &explain) {
+    loading_.wanted = wanted;
+    for (const auto &[name, type] : types)
+        loading_.forced.emplace_back(find_column(header_, source_, name, "--types"), type);
+    const auto begin = std::chrono::steady_clock::now();
+    table data = load_table(source_, header_, loading_);
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    explain.note(
+        fmt::format("{}: loaded {} rows in {:.3f} s", source_.name(), data.rows, time.count()));
+    for (std::size_t i = 0; i < data.columns.size(); ++i)
+        if (data.columns[i].values)
+            explain.note(fmt::format("  {}: {}, {} missing", header_.names[i],
+                                     name_of(data.columns[i].type), data.columns[i].missing));
+    return data;
+}
+
+} // namespace vask::runner

@@ -1,0 +1,39 @@
+// A file of the request: its text, its header and its columns once they are loaded.
+#pragma once
+
+#include "csv_header.h"
+#include "explain.h"
+#include "options.h"
+#include "source_text.h"
+#include "table_loader.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace vask::runner {
+
+class input_file {
+public:
+    //! Opens a file and reads its header. The separator follows from the options or from the name
+    //! of this file. Throws user_error.
+    input_file(const std::string &path, const options &request, const header_rules &rules);
+
+    const source_text &source() const noexcept { return source_; }
+    const csv_header &header() const noexcept { return header_; }
+    //! How the columns were read; before load(), without any column.
+    const load_request &loading() const noexcept { return loading_; }
+
+    //! Loads the columns at these places in the file. Types that were asked for by name hold for
+    //! columns of this file. Throws user_error.
+    table load(const std::vector<bool> &wanted,
+               const std::vector<std::pair<std::string, column_type>> &types,
+               const explain_log &explain);
+
+private:
+    source_text source_;
+    load_request loading_;
+    csv_header header_;
+};
+
+} // namespace vask::runner
