@@ -6,8 +6,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <limits>
-#include <span>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -18,26 +16,6 @@ namespace {
 using refkernel::bat;
 using vask::runner::check;
 using vask::runner::operator_library;
-
-// Operators differ in how many columns they take.
-template <class Slot>
-char *call_operator(const operator_library &operators, const std::string &name, Slot *result,
-                    std::span<const std::int32_t *const> a) {
-    using in = const std::int32_t *;
-    switch (a.size()) {
-        case 1:
-            return operators.function<char *(Slot *, in)>(name)(result, a[0]);
-        case 2:
-            return operators.function<char *(Slot *, in, in)>(name)(result, a[0], a[1]);
-        case 3:
-            return operators.function<char *(Slot *, in, in, in)>(name)(result, a[0], a[1], a[2]);
-        case 4:
-            return operators.function<char *(Slot *, in, in, in, in)>(name)(result, a[0], a[1],
-                                                                            a[2], a[3]);
-        default:
-            throw std::runtime_error(name + ": no operator takes that many columns");
-    }
-}
 
 template <class T>
 std::optional<double> scalar(T value) {
@@ -81,7 +59,7 @@ private:
     template <class Call>
     void timed(const std::string &name, const std::string &column, Call call) {
         const auto begin = clock::now();
-        check(call());
+        call();
         outcome_.calls.emplace_back(name + "(" + column + ")", since(begin));
     }
 
@@ -91,19 +69,21 @@ private:
         std::int32_t map = int_nil;
         if (outcome_.map)
             timed("VASKderive", key, [&] {
-                return operators_.function<vask::runner::derive_operator>("VASKderive")(
-                    &extents, &map, outcome_.extents.slot(), outcome_.map.slot(), column.slot());
+                check(operators_.function<vask::runner::derive_operator>("VASKderive")(
+                    &extents, &map, outcome_.extents.slot(), outcome_.map.slot(), column.slot()));
             });
         else
             timed("VASKgroup", key, [&] {
-                return operators_.function<vask::runner::group_operator>("VASKgroup")(
-                    &extents, &map, column.slot());
+                check(operators_.function<vask::runner::group_operator>("VASKgroup")(
+                    &extents, &map, column.slot()));
             });
         outcome_.extents = bat::adopt(extents);
         outcome_.map = bat::adopt(map);
     }
 
     plan_result result_of(const operator_call &call) {
+        if (call.name == "rows")
+            return bat::share(outcome_.extents.id());
         plan_result result = call.name == "mean" ? mean(call.columns.at(0)) : run_operator(call);
         if (call.squared)
             square(result);
@@ -112,36 +92,20 @@ private:
 
     plan_result run_operator(const operator_call &call) {
         switch (call.slot) {
-            case slot_form::column: {
-                std::int32_t id = int_nil;
-                run_into(&id, call);
-                return bat::adopt(id);
-            }
-            case slot_form::lng: {
-                std::int64_t value = 0;
-                run_into(&value, call);
-                return scalar(value);
-            }
-            case slot_form::dbl: {
-                double value = 0;
-                run_into(&value, call);
-                return scalar(value);
-            }
-            case slot_form::untyped_int: {
-                std::int32_t value = 0;
-                run_into<void>(&value, call);
-                return scalar(value);
-            }
-            case slot_form::untyped_dbl:
+            case slot_form::column:
+                return bat::adopt(run_into<std::int32_t>(call));
+            case slot_form::int_:
+                return scalar(run_into<std::int32_t>(call));
+            case slot_form::lng:
+                return scalar(run_into<std::int64_t>(call));
+            case slot_form::dbl:
                 break;
         }
-        double value = 0;
-        run_into<void>(&value, call);
-        return scalar(value);
+        return scalar(run_into<double>(call));
     }
 
     template <class Slot>
-    void run_into(Slot *result, const operator_call &call) {
+    Slot run_into(const operator_call &call) {
         std::vector<const std::int32_t *> arguments;
         for (const std::string &name : call.columns)
             arguments.push_back(columns_.at(name).slot());
@@ -154,8 +118,10 @@ private:
             arguments.push_back(outcome_.map.slot());
             arguments.push_back(outcome_.extents.slot());
         }
+        Slot result{};
         timed(call.name, call.columns.front(),
-              [&] { return call_operator(operators_, call.name, result, arguments); });
+              [&] { vask::runner::call_operator(operators_, call.name, &result, arguments); });
+        return result;
     }
 
     // The extents count rows; where a column misses none, those are its values too.
@@ -189,10 +155,9 @@ private:
 
 slot_form slot_named(const std::string &name) {
     const std::map<std::string, slot_form> forms{{"column", slot_form::column},
+                                                 {"int", slot_form::int_},
                                                  {"lng", slot_form::lng},
-                                                 {"dbl", slot_form::dbl},
-                                                 {"untyped int", slot_form::untyped_int},
-                                                 {"untyped dbl", slot_form::untyped_dbl}};
+                                                 {"dbl", slot_form::dbl}};
     return forms.at(name);
 }
 

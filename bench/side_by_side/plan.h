@@ -19,10 +19,10 @@ namespace side_by_side {
 using columns_by_name = std::map<std::string, refkernel::bat>;
 
 //! What an operator writes its answer to.
-enum class slot_form { column, lng, dbl, untyped_int, untyped_dbl };
+enum class slot_form { column, int_, lng, dbl };
 
 struct operator_call {
-    std::string name; //!< of the operator, or "mean"
+    std::string name; //!< of the operator; "mean", or "rows" for the numbers of the groups' rows
     std::vector<std::string> columns;
     std::optional<std::int64_t> parameter; //!< handed over as a column of one row
     slot_form slot = slot_form::column;
