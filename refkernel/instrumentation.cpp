@@ -80,6 +80,20 @@ struct observation {
 };
 
 observation observed;
+
+// While a call_counter stands. Counts alone need no lock, and the operations that are called most,
+// those of memory, come from many tasks at once.
+std::atomic<bool> counting{false};
+std::array<std::atomic<std::uint64_t>, operations> counts{};
+
+void stand_up() {
+    if (observed.standing) {
+        throw std::logic_error("only one watch or counter can stand at a time");
+    }
+    observed.clear();
+    observed.standing = true;
+}
+
 std::atomic<bool> setaccess_replaces{false};
 
 std::size_t index_of(operation op) {
@@ -105,6 +119,10 @@ void argument::append_to(std::string &record) const {
 }
 
 bool enter_watched(operation op, std::initializer_list<argument> arguments) {
+    if (counting.load(std::memory_order_relaxed)) {
+        counts[index_of(op)].fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
     const std::lock_guard guard(observed.lock);
     if (!observed.standing) {
         return false;
@@ -132,11 +150,7 @@ bool enter_watched(operation op, std::initializer_list<argument> arguments) {
 
 watch::watch() {
     const std::lock_guard guard(observed.lock);
-    if (observed.standing) {
-        throw std::logic_error("only one watch can stand at a time");
-    }
-    observed.clear();
-    observed.standing = true;
+    stand_up();
     memory::start_account();
     watching.store(true);
 }
@@ -186,6 +200,27 @@ std::vector<unpaired_access> watch::unpaired_accesses() const {
     return open_accesses();
 }
 
+call_counter::call_counter() {
+    const std::lock_guard guard(observed.lock);
+    stand_up();
+    for (auto &count : counts) {
+        count.store(0);
+    }
+    counting.store(true);
+    watching.store(true);
+}
+
+call_counter::~call_counter() {
+    const std::lock_guard guard(observed.lock);
+    watching.store(false);
+    counting.store(false);
+    observed.standing = false;
+}
+
+std::uint64_t call_counter::calls(operation op) const {
+    return counts[index_of(op)].load();
+}
+
 std::vector<unpaired_access> open_accesses() {
     const std::lock_guard guard(observed.lock);
     std::vector<unpaired_access> unpaired;
@@ -207,7 +242,8 @@ void watch::clear() {
 }
 
 void note_access(int32_t bat_id, int what, int load) {
-    if (!watching.load(std::memory_order_relaxed)) [[likely]] {
+    if (!watching.load(std::memory_order_relaxed) || counting.load(std::memory_order_relaxed))
+        [[likely]] {
         return;
     }
     const std::lock_guard guard(observed.lock);

@@ -164,6 +164,21 @@ public:
     void clear();
 };
 
+/*
+ * Counts the calls of each operation while it lives and does nothing else, so that
+ * what is counted runs at nearly its own speed. In place of a watch: making one
+ * while a watch or another counter stands throws std::logic_error.
+ */
+class REFKERNEL_API call_counter {
+public:
+    call_counter();
+    ~call_counter();
+    call_counter(const call_counter &) = delete;
+    call_counter &operator=(const call_counter &) = delete;
+
+    [[nodiscard]] std::uint64_t calls(operation op) const;
+};
+
 //! What watch::unpaired_accesses() gives; empty while no watch stands.
 [[nodiscard]] std::vector<unpaired_access> open_accesses();
 

@@ -25,7 +25,7 @@ namespace vask::runner {
 namespace {
 
 using refkernel::bat;
-using refkernel::instrumentation::watch;
+using refkernel::instrumentation::call_counter;
 using cell_function = std::function<result_cell(std::size_t row)>;
 using groups_pointer = std::shared_ptr<const row_groups>;
 
@@ -275,7 +275,7 @@ private:
         void *const result = groups ? static_cast<void *>(&id) : value.data();
         const auto run = [&] { call_operator(operators_, name, result, slots); };
         if (rule.family == aggregate_family::distinct)
-            explain_.timed(name, arguments, rows, run, [&](const watch &seen) {
+            explain_.timed(name, arguments, rows, run, [&](const call_counter &seen) {
                 return road_of_count_distinct(seen, rows, groups->extents.count());
             });
         else

@@ -22,15 +22,16 @@ public:
     void note(std::string_view text) const;
 
     //! Runs `call` and notes its name, the columns it works on, rows, how it went, and time. `road`
-    //! tells how it went, after the call: from a watch on the call, or without one, which makes the
-    //! kernel's operations slower and stands only where it is asked for and somebody wants to know.
+    //! tells how it went, after the call: from what the call asked of the kernel, or without that.
+    //! Counting makes the kernel's operations a little slower, so it is done only for roads that
+    //! take a counter, and when somebody wants to know.
     template <class Call, class Road>
     void timed(std::string_view name, std::string_view columns, BUN rows, Call call,
                Road road) const {
-        using refkernel::instrumentation::watch;
-        constexpr bool watched = std::is_invocable_v<Road, const watch &>;
-        std::optional<watch> seen;
-        if (on_ && watched)
+        using refkernel::instrumentation::call_counter;
+        constexpr bool counted = std::is_invocable_v<Road, const call_counter &>;
+        std::optional<call_counter> seen;
+        if (on_ && counted)
             seen.emplace();
         const auto begin = std::chrono::steady_clock::now();
         call();
@@ -38,7 +39,7 @@ public:
             std::chrono::steady_clock::now() - begin;
         if (!on_)
             return;
-        if constexpr (watched)
+        if constexpr (counted)
             note_call(name, columns, rows, road(*seen), time);
         else
             note_call(name, columns, rows, road(), time);

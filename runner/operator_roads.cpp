@@ -8,8 +8,8 @@
 
 namespace vask::runner {
 
+using refkernel::instrumentation::call_counter;
 using refkernel::instrumentation::operation;
-using refkernel::instrumentation::watch;
 
 std::string counted(std::uint64_t number, std::string_view what) {
     return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
@@ -23,7 +23,7 @@ std::string ranges_of(BUN rows) {
     return counted(std::min(rows, static_cast<BUN>(GDKnr_threads)), "range");
 }
 
-std::string road_of_count_distinct(const watch &seen, BUN rows, BUN groups) {
+std::string road_of_count_distinct(const call_counter &seen, BUN rows, BUN groups) {
     constexpr BUN most_groups = 1'000'000;
     if (seen.calls(operation::grp_derive) == 0)
         return fmt::format("{} (parallel road: many values in a sample)", ranges_of(rows));
@@ -32,7 +32,7 @@ std::string road_of_count_distinct(const watch &seen, BUN rows, BUN groups) {
                : "1 range (serial road: few values in a sample)";
 }
 
-std::string road_of_group(const watch &seen, const BAT &column) {
+std::string road_of_group(const call_counter &seen, const BAT &column) {
     const BUN rows = column.info->count;
     const bool sampled = seen.calls(operation::bat_sample) > 0;
     const std::string sample =
@@ -54,13 +54,13 @@ std::string road_of_group(const watch &seen, const BAT &column) {
     return "hash road: " + fmt::format(fmt::runtime(sample), "no more than");
 }
 
-std::string row_ranges_of(const watch &seen, BUN rows) {
+std::string row_ranges_of(const call_counter &seen, BUN rows) {
     // A parallel road makes the results itself; a serial one leaves them to the kernel.
     const bool parallel = seen.calls(operation::bat_new) > 0;
     return counted(parallel ? std::min(rows, static_cast<BUN>(GDKnr_threads)) : 1, "partition");
 }
 
-std::string road_of_derive(const watch &seen, BUN rows, BUN old_groups) {
+std::string road_of_derive(const call_counter &seen, BUN rows, BUN old_groups) {
     const std::string sizes = fmt::format("{} groups before on {} rows", old_groups, rows);
     if (seen.calls(operation::grp_derive) > 0)
         return fmt::format("serial road: {}, {}", sizes,

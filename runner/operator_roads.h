@@ -21,17 +21,20 @@ std::string partitions_of(BUN rows);
 //! How many ranges an operator cuts so many rows into that has a range for each thread.
 std::string ranges_of(BUN rows);
 
-//! The road of a call of AggrX3_countDistinct that `seen` watched, on rows in so many groups.
-std::string road_of_count_distinct(const refkernel::instrumentation::watch &seen, BUN rows,
+//! The road of a call of AggrX3_countDistinct whose calls of the kernel `seen` counted, on rows in
+//! so many groups.
+std::string road_of_count_distinct(const refkernel::instrumentation::call_counter &seen, BUN rows,
                                    BUN groups);
 
-//! Tells the road and why after a call of VASKgroup on a column, which `seen` watched.
-std::string road_of_group(const refkernel::instrumentation::watch &seen, const BAT &column);
+//! Tells the road and why after a call of VASKgroup on a column, during which `seen` counted.
+std::string road_of_group(const refkernel::instrumentation::call_counter &seen, const BAT &column);
 
-//! Into how many partitions a grouping operator that `seen` watched cut so many rows, in words.
-std::string row_ranges_of(const refkernel::instrumentation::watch &seen, BUN rows);
+//! Into how many partitions a grouping operator, during which `seen` counted, cut so many rows, in
+//! words.
+std::string row_ranges_of(const refkernel::instrumentation::call_counter &seen, BUN rows);
 
 //! The road of a call of VASKderive on a column of `rows` rows in `old_groups` groups.
-std::string road_of_derive(const refkernel::instrumentation::watch &seen, BUN rows, BUN old_groups);
+std::string road_of_derive(const refkernel::instrumentation::call_counter &seen, BUN rows,
+                           BUN old_groups);
 
 } // namespace vask::runner

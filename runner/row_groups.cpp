@@ -15,14 +15,15 @@ namespace vask::runner {
 namespace {
 
 using refkernel::bat;
-using refkernel::instrumentation::watch;
+using refkernel::instrumentation::call_counter;
 
 void take_over(std::int32_t extents, std::int32_t map, row_groups &groups) {
     groups.extents = bat::adopt(extents);
     groups.map = bat::adopt(map);
 }
 
-std::string told(const row_groups &groups, const watch &seen, BUN rows, std::string_view road) {
+std::string told(const row_groups &groups, const call_counter &seen, BUN rows,
+                 std::string_view road) {
     return fmt::format("{}, {} ({})", row_ranges_of(seen, rows),
                        counted(groups.extents.count(), "group"), road);
 }
@@ -41,7 +42,7 @@ void group_by_first(const table_column &column, const std::string &name,
             check(group(&extents, &map, values.slot()));
             take_over(extents, map, groups);
         },
-        [&](const watch &seen) {
+        [&](const call_counter &seen) {
             return told(groups, seen, rows, road_of_group(seen, *values.record()));
         });
 }
@@ -60,7 +61,7 @@ void refine(const table_column &column, const std::string &name, const operator_
             check(derive(&extents, &map, groups.extents.slot(), groups.map.slot(), values.slot()));
             take_over(extents, map, groups);
         },
-        [&](const watch &seen) {
+        [&](const call_counter &seen) {
             return told(groups, seen, rows, road_of_derive(seen, rows, old_groups));
         });
 }

@@ -146,6 +146,31 @@ TEST(Instrumentation, CountsBytesAndBracketsFromAnyThread) {
     EXPECT_EQ(GDKcalloc(SIZE_MAX / 2, 3), nullptr);
 }
 
+TEST(Instrumentation, ACounterCountsFromAnyThreadAndStandsAlone) {
+    {
+        const instrumentation::call_counter counter;
+        EXPECT_THROW(watch{}, std::logic_error);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([] {
+                for (int call = 0; call < 1000; ++call) {
+                    GDKfree(GDKmalloc(8));
+                }
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(counter.calls(operation::gdk_malloc), 4000U);
+        EXPECT_EQ(counter.calls(operation::gdk_zalloc), 0U);
+    }
+    const watch after;
+    EXPECT_EQ(after.calls(operation::gdk_malloc), 0U);
+    EXPECT_THROW(instrumentation::call_counter{}, std::logic_error);
+    GDKfree(GDKmalloc(8));
+    EXPECT_EQ(after.calls(operation::gdk_malloc), 1U);
+}
+
 TEST(Instrumentation, ACheckpointNamesWhatIsLeft) {
     const checkpoint before;
     {

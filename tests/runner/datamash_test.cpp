@@ -153,8 +153,8 @@ void compare(const data_file &data, const std::vector<operation> &operations, co
             list.append(list.empty() ? "" : ",").append(with_columns(each.vask, v, w));
             asked.append(" ").append(with_columns(each.datamash, v, w));
         }
-        std::vector<std::string> request{file.path(), "--drop-na", "--format",
-                                         "csv",       "--agg",     list};
+        std::vector<std::string> request{file.path(), "--drop-na", "--threads", "3",
+                                         "--format",  "csv",       "--agg",     list};
         std::size_t keys = 0;
         if (!grouping.empty()) {
             keys = 1 + static_cast<std::size_t>(std::count(grouping.begin(), grouping.end(), ','));
@@ -186,7 +186,7 @@ TEST(Datamash, AgreesOnTheSameFiles) {
             FAIL() << "GNU datamash is not installed; scripts/install-dependencies installs it";
         GTEST_SKIP() << "GNU datamash is not installed";
     }
-    for (const data_file &data : {penguins(), generated(5, 3000, 0), generated(6, 20'000, 12)}) {
+    for (const data_file &data : {penguins(), generated(5, 3000, 0), generated(6, 70'000, 12)}) {
         for (const std::string &column : data.columns)
             compare(data, one_column, column, "");
         for (const auto &[v, w] : data.pairs)
