@@ -267,6 +267,7 @@ private:
                        const std::string &arguments, const std::vector<bat> &operands,
                        const groups_pointer &groups, column_type stored) {
         std::vector<const std::int32_t *> slots;
+        slots.reserve(operands.size());
         for (const bat &operand : operands)
             slots.push_back(operand.slot());
         const BUN rows = operands.front().count();

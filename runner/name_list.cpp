@@ -86,13 +86,6 @@ private:
     std::size_t at_ = 0;
 };
 
-std::string lower(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-    return result;
-}
-
 // Calls `item` for each item of a list with commas between.
 template <class Item>
 void scan_list(scanner &scan, Item item) {
@@ -104,6 +97,13 @@ void scan_list(scanner &scan, Item item) {
 }
 
 } // namespace
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return result;
+}
 
 std::vector<aggregate_call> parse_aggregates(std::string_view text) {
     scanner scan(text, "--agg");

@@ -21,6 +21,9 @@ struct aggregate_call {
     std::vector<argument> arguments;
 };
 
+//! With its ASCII letters in lower case.
+std::string lower(std::string_view text);
+
 //! Parses `sum(v1), sum("unit price, net")`. A name may stand in double quotes, with quotes in it
 //! doubled; without them it ends at a comma or bracket. Throws user_error.
 std::vector<aggregate_call> parse_aggregates(std::string_view text);

@@ -25,7 +25,7 @@ bat keys_of_floats(const bat &column) {
             return std::isnan(value) || (value == 0 && std::signbit(value));
         }))
         return bat::share(column.id());
-    const Float nil = nil_of<Float>(column.type());
+    const auto nil = nil_of<Float>(column.type());
     std::vector<Bits> keys;
     keys.reserve(values.size());
     for (const Float value : values) {

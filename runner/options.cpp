@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <thread>
 
@@ -23,8 +24,9 @@ constexpr const char *union_description =
     "neither is\nmissing, each with the number of its row and the name of its column.";
 
 constexpr const char *aggregate_notes = R"(
-  A final p stands for the population instead of a sample. slope(y,x) is that of y over x. q is 0 to 4, p 0 to 1, P 0
-  to 100, k 1 for the largest value. A column name with a comma or bracket: "net, price".
+  A final p stands for the population instead of a sample. slope(y,x) is that of y
+  over x. q is 0 to 4, p 0 to 1, P 0 to 100, k 1 for the largest value. A column whose name has a
+  comma or bracket stands in double quotes.
 
 Examples:
   vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
@@ -54,6 +56,16 @@ char separator_named(const std::string &text) {
     if (text.size() != 1 || text == "\"" || text == "\n" || text == "\r")
         fail("--sep: '{}' is no separator; give one character, or tab", text);
     return text.front();
+}
+
+output_format format_named(const std::string &name) {
+    static const std::map<std::string, output_format> formats{{"table", output_format::table},
+                                                              {"csv", output_format::csv},
+                                                              {"json", output_format::json}};
+    const auto found = formats.find(lower(name));
+    if (found == formats.end())
+        fail("--format: '{}' is no format; the formats are table, csv and json", name);
+    return found->second;
 }
 
 std::vector<std::string> split_at_commas(const std::string &text) {
@@ -96,7 +108,8 @@ other_column parse_other_column(const std::string &text) {
 // Values of options that are read further once the whole command line is known to be well-formed.
 struct raw_options {
     std::vector<std::string> aggregates;
-    std::string group_by, contained_in, separator, missing, types, names;
+    std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
+        format;
 };
 
 void declare_file(CLI::App &app, options &result) {
@@ -122,7 +135,7 @@ void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
            "Adds a column named contained: 1 where the value of the column of that name "
            "occurs in that column of another file, else 0; printed row by row without --agg")
         ->type_name("FILE:COLUMN");
-    app.add_option("--column", result.looked_up,
+    app.add_option("--column", raw.looked_up,
                    "The column to look up, if its name is not that in the other file")
         ->type_name("NAME");
 }
@@ -153,13 +166,9 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
         "--no-quotes", [&result] { result.quotes = false; }, "Read quotes as ordinary characters");
 }
 
-void declare_running(CLI::App &app, options &result) {
-    const std::map<std::string, output_format> formats{{"table", output_format::table},
-                                                       {"csv", output_format::csv},
-                                                       {"json", output_format::json}};
-    app.add_option("--format", result.format, "table, csv or json (default: table)")
-        ->type_name("FORMAT")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
+void declare_running(CLI::App &app, options &result, raw_options &raw) {
+    app.add_option("--format", raw.format, "table, csv or json (default: table)")
+        ->type_name("FORMAT");
     app.add_option("--threads", result.threads, "Threads to use (default: one per core)")
         ->type_name("N")
         ->check(CLI::Range(1, most_threads).description(""));
@@ -168,29 +177,30 @@ void declare_running(CLI::App &app, options &result) {
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
 }
 
-void read_further(const CLI::App &app, const raw_options &raw, options &result) {
+void read_further(const raw_options &raw, options &result) {
     for (const std::string &list : raw.aggregates)
         for (aggregate_call &call : parse_aggregates(list))
             result.aggregates.push_back(std::move(call));
-    if (!raw.group_by.empty())
-        result.group_by = parse_names(raw.group_by, "--group-by");
-    if (!raw.contained_in.empty()) {
-        result.contained_in = parse_other_column(raw.contained_in);
-        if (result.looked_up.empty())
-            result.looked_up = result.contained_in->column;
+    if (raw.group_by)
+        result.group_by = parse_names(*raw.group_by, "--group-by");
+    if (raw.contained_in) {
+        result.contained_in = parse_other_column(*raw.contained_in);
+        result.looked_up = raw.looked_up.value_or(result.contained_in->column);
         if (result.contained_in->file == "-" && result.file == "-")
             fail("--contained-in: standard input can be read as one of the two files only");
-    } else if (!result.looked_up.empty()) {
+    } else if (raw.looked_up) {
         fail("--column: it goes with --contained-in, which is not there");
     }
-    if (!raw.names.empty())
-        result.header.names = parse_names(raw.names, "--names");
-    if (!raw.types.empty())
-        result.types = parse_types(raw.types);
-    if (app.count("--na") != 0)
-        result.missing = split_at_commas(raw.missing);
-    if (app.count("--sep") != 0)
-        result.separator = separator_named(raw.separator);
+    if (raw.names)
+        result.header.names = parse_names(*raw.names, "--names");
+    if (raw.types)
+        result.types = parse_types(*raw.types);
+    if (raw.missing)
+        result.missing = split_at_commas(*raw.missing);
+    if (raw.separator)
+        result.separator = separator_named(*raw.separator);
+    if (raw.format)
+        result.format = format_named(*raw.format);
 }
 
 } // namespace
@@ -207,7 +217,7 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
     else
         declare_aggregates(app, result, raw);
     declare_reading(app, result, raw);
-    declare_running(app, result);
+    declare_running(app, result, raw);
     app.set_version_flag("--version", "vask " VASK_VERSION);
     try {
         // The name of the command is passed over: arguments begin behind it.
@@ -218,7 +228,7 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         app.exit(error, std::cout, std::cerr);
         return std::nullopt;
     }
-    read_further(app, raw, result);
+    read_further(raw, result);
     return result;
 }
 

@@ -207,7 +207,8 @@ TEST(Command, Mistakes) {
     const std::string agg = "--agg";
     const std::vector<mistake> mistakes{
         {{}, "", {"FILE", "--help"}},
-        {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format"}},
+        {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format", "'xml'", "json"}},
+        {{"-", agg, "sum(x)", "--group-by", ""}, "x\n1\n", {"--group-by: expected a name"}},
         {{"-", agg, "sum(x)", "--threads", "0"}, "x\n1\n", {"--threads"}},
         {{"-", agg, "sum(x)", "--sep", "ab"}, "x\n1\n", {"--sep", "ab"}},
         {{"-", agg, "sum(x)", "--sep", ""}, "x\n1\n", {"--sep", "nothing"}},
