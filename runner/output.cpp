@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstring>
 #include <iterator>
+#include <limits>
+#include <type_traits>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -46,6 +48,10 @@ void append(std::string &out, std::monostate) {
 }
 template <class Number>
 void append(std::string &out, Number value) {
+    // The sign of a NaN tells nothing.
+    if constexpr (std::is_floating_point_v<Number>)
+        if (std::isnan(value))
+            value = std::numeric_limits<Number>::quiet_NaN();
     fmt::format_to(std::back_inserter(out), "{}", value);
 }
 void append(std::string &out, truth value) {

@@ -30,7 +30,7 @@ std::vector<result_column> sample() {
     return {column("na,me", {"a\"b", "", std::monostate{}, " x"}, true),
             column("whole", {std::int64_t{-12}, std::int64_t{3}, std::monostate{},
                              std::numeric_limits<std::int64_t>::max()}),
-            column("real", {0.1, infinity, std::nan(""), 1e300}),
+            column("real", {0.1, infinity, -std::nan(""), 1e300}),
             column("single", {0.1F, 3.0F, std::monostate{}, -1e-7F}),
             column("when", {timestamp{0}, timestamp{-500'000}, std::monostate{}, timestamp{1}})};
 }
