@@ -26,6 +26,12 @@ concept loads_blocks = requires(Rows rows, row_range block) {
 template <class Rows>
 concept asks_kernel = Rows::asks_kernel;
 
+//! An aggregate whose states seldom change, and which says beforehand whether a value changes one.
+template <class Aggregate, class Value>
+concept tells_change = requires(typename Aggregate::partial state, Value value) {
+    Aggregate::changes(state, value);
+};
+
 // Long enough to choose a loop by the nils of the block before, short enough for a row source to
 // keep a block in the first-level cache.
 inline constexpr BUN scan_block_rows = 2048;
@@ -87,6 +93,11 @@ private:
     // Above one nil in so many rows, a branch per row costs more in mispredictions than gathering
     // the rows with a value in a mask.
     static constexpr BUN branch_nil_share = 8;
+    // A branch that is seldom taken spares the store, and the next row of the group the wait for it
+    // (minimum of 1e7 int in 100 groups: 6 ms, against 8). With more groups the states come from
+    // further away and fewer rows fall to each, so the branch is mispredicted more often and found
+    // out later.
+    static constexpr BUN most_groups_to_branch = 4096;
     // Rows that are tested for being of one group at once.
     static constexpr BUN run_rows = 16;
 
@@ -95,6 +106,10 @@ private:
         if (slot >= groups_) [[unlikely]]
             return false;
         auto state = states_.load(slot);
+        if constexpr (tells_change<Aggregate, decltype(rows_[p])>) {
+            if (groups_ <= most_groups_to_branch && !Aggregate::changes(state, rows_[p]))
+                return true;
+        }
         Aggregate::add(state, rows_[p]);
         states_.store(slot, state);
         return true;

@@ -43,41 +43,20 @@ struct min_max {
         p.seen = true;
     }
 
+    //! Whether a value would change the partial, which few do but for the first ones.
+    VASK_ALWAYS_INLINE static bool changes(const partial &p, T value) noexcept {
+        return !p.seen || better<which>(value, p.value);
+    }
+
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         add(total, part.value);
     }
 
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
-        if constexpr (std::floating_point<T>)
-            return scan_floats(column, r);
-        else
-            return scan_integers(column, r);
-    }
-
-private:
-    VASK_ALWAYS_INLINE static partial scan_integers(column_rows<T> column, row_range r) noexcept {
-        // Nils count as a value that is better than none, so that no row needs a branch.
-        constexpr T worst = which == extreme::min ? std::numeric_limits<T>::max()
-                                                  : std::numeric_limits<T>::lowest();
-        const T *rows = column.rows + r.begin;
-        const T nil = column.nil;
-        const std::size_t n = r.size();
-        T best = worst;
-        // As wide as an element: a bool would keep the loop from being vectorised.
-        std::make_unsigned_t<T> seen = 0;
-        for (std::size_t i = 0; i < n; ++i) {
-            const bool value = rows[i] != nil;
-            const T candidate = value ? rows[i] : worst;
-            best = better<which>(candidate, best) ? candidate : best;
-            seen |= value;
-        }
-        return seen != 0 ? partial{best, true} : partial{nil, false};
-    }
-
     //! In lanes, which gives the value that a loop in row order gives: unless the first value is a
     //! NaN, the result is the first of the values that compare equal to the best one, and only
-    //! zeros compare equal without being the same.
-    VASK_ALWAYS_INLINE static partial scan_floats(column_rows<T> column, row_range r) noexcept {
+    //! zeros compare equal without being the same. The lanes are written out, as the compiler makes
+    //! a branch of the nil test of a plain loop (1e8 int: 12 ms, against 42 ms).
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
         const T *rows = column.rows;
         const T nil = column.nil;
         BUN p = r.begin;
@@ -86,8 +65,9 @@ private:
         if (r.size() == 0 || p == r.end)
             return {nil, false};
         const T first = rows[p];
-        if (first != first)
-            return {first, true};
+        if constexpr (std::floating_point<T>)
+            if (first != first)
+                return {first, true};
 
         using lanes [[gnu::vector_size(64)]] = T;
         constexpr BUN width = sizeof(lanes) / sizeof(T);
@@ -107,11 +87,12 @@ private:
         for (; i < r.end; ++i)
             result = rows[i] != nil && better<which>(rows[i], result) ? rows[i] : result;
 
-        if (result == T(0)) {
-            while (rows[p] == nil || rows[p] != T(0))
-                ++p;
-            result = rows[p];
-        }
+        if constexpr (std::floating_point<T>)
+            if (result == T(0)) {
+                while (rows[p] == nil || rows[p] != T(0))
+                    ++p;
+                result = rows[p];
+            }
         return {result, true};
     }
 };

@@ -54,6 +54,26 @@ TEST(MinMax, FloatsKeepTheOutcomeOfTheOrderOfTests) {
     }
 }
 
+// Whatever a loop takes for worse than any value may be a value.
+TEST(MinMax, TheWorstValueIsAValue) {
+    const auto check = []<class T>(int type) {
+        if constexpr (!std::is_floating_point_v<T>) {
+            const T nil = nil_of<T>();
+            for (const T worst : {std::numeric_limits<T>::max(), static_cast<T>(nil + 1)})
+                for (const std::size_t nils : {0U, 1U, 200U}) {
+                    std::vector<T> values(nils, nil);
+                    values.insert(values.end(), {worst, nil});
+                    refkernel::column_options b;
+                    b.type = type;
+                    const auto column = make_column(std::span<const T>(values), b);
+                    EXPECT_EQ(call_on_column<T>(vask_min_int, column), worst);
+                    EXPECT_EQ(call_on_column<T>(vask_max_int, column), worst);
+                }
+        }
+    };
+    support::for_each_arithmetic_type(check);
+}
+
 TEST(MinMax, UserAtomsRunByRawValueUnderTheirOwnNil) {
     using bytes = std::string;
     constexpr std::int64_t own_nil = 123;
