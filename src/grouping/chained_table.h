@@ -110,11 +110,18 @@ public:
     }
 
     //! Adds an entry that no probe will find, and gives its number: for a key that is equal to
-    //! nothing.
+    //! nothing, or that nobody will probe for before link_appended().
     std::uint32_t append(const Entry &entry) {
         entries_.push_back(entry);
         entries_[next_entry_].chain = in_no_chain;
         return next_entry_++;
+    }
+
+    //! Makes probes find all entries, appended ones too.
+    void link_appended() noexcept {
+        for (Entry &entry : entries_)
+            entry.chain = NO_BUN;
+        use_buckets(std::min(next_entry_, mask_));
     }
 
     //! The number of an entry, by which chains and others refer to it.

@@ -92,10 +92,11 @@ void vask_group_write(const Numbering &numbering, const BAT &b, const BAT &grp,
 //! The road, from the mask on. Ranges are merged in ascending order, so a value's first row in the
 //! whole column decides its group's id and place in the extents, whatever the number of ranges.
 template <class Numbering>
-int group_rows(BAT *ext, BAT *grp, BAT *b, std::uint32_t global_mask, const Numbering &numbering) {
+int group_rows(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t global_mask,
+               const Numbering &numbering) {
     using table = vask_group_table<typename Numbering::value_type>;
     table global(global_mask);
-    const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, vask_range_count(*b));
+    const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, nranges);
     const auto count = static_cast<std::uint32_t>(ranges.size());
     const std::uint32_t local_mask =
         std::max(covering_mask(global_mask / count), smallest_local_mask);
@@ -120,46 +121,48 @@ int group_rows(BAT *ext, BAT *grp, BAT *b, std::uint32_t global_mask, const Numb
 
 //! Keys of any kind.
 template <class Keys>
-int group_by_memo(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
-    return group_rows(ext, grp, b, mask, numbering_by_memo<Keys>{Keys(*b->tail)});
+int group_by_memo(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
+    return group_rows(ext, grp, b, nranges, mask, numbering_by_memo<Keys>{Keys(*b->tail)});
 }
 
 //! Keys that lie between `least` and `most`, one other aside; by a memo all the same where a range
 //! of rows has fewer rows than the window has places.
 template <class Keys, class Key = typename Keys::key_type>
-int group_by_window(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask, Key least, Key most) {
+int group_by_window(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask,
+                    Key least, Key most) {
     const auto span = static_cast<Key>(most - least);
-    if (span >= b->info->count / vask_range_count(*b))
-        return group_by_memo<Keys>(ext, grp, b, mask);
+    if (span >= b->info->count / nranges)
+        return group_by_memo<Keys>(ext, grp, b, nranges, mask);
     const key_window<Key> window{least, static_cast<std::uint32_t>(span)};
-    return group_rows(ext, grp, b, mask, numbering_by_window<Keys>{Keys(*b->tail), window});
+    return group_rows(ext, grp, b, nranges, mask,
+                      numbering_by_window<Keys>{Keys(*b->tail), window});
 }
 
 template <class T>
-int group_integers(BAT *ext, BAT *grp, BAT *b) {
+int group_integers(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges) {
     value_range<T> values;
     const std::uint32_t mask = get_custom_mask<T>(b, &values);
     // What the kernel tells of an ascending tail is good for a mask, which no result depends on.
     if (is_ascending(*b->tail))
         values = scan_values<T>(*b);
-    return group_by_window<number_keys<T>>(ext, grp, b, mask, key_bits(values.least),
+    return group_by_window<number_keys<T>>(ext, grp, b, nranges, mask, key_bits(values.least),
                                            key_bits(values.max));
 }
 
 template <class Offset>
-int group_narrow_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
-    return group_by_window<offset_keys<Offset>>(ext, grp, b, mask, Offset{0},
+int group_narrow_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
+    return group_by_window<offset_keys<Offset>>(ext, grp, b, nranges, mask, Offset{0},
                                                 std::numeric_limits<Offset>::max());
 }
 
-int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
+int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
     switch (b->tail->width) {
         case 1:
-            return group_narrow_texts<std::uint8_t>(ext, grp, b, mask);
+            return group_narrow_texts<std::uint8_t>(ext, grp, b, nranges, mask);
         case 2:
-            return group_narrow_texts<std::uint16_t>(ext, grp, b, mask);
+            return group_narrow_texts<std::uint16_t>(ext, grp, b, nranges, mask);
         default:
-            return group_by_memo<offset_keys<std::uint32_t>>(ext, grp, b, mask);
+            return group_by_memo<offset_keys<std::uint32_t>>(ext, grp, b, nranges, mask);
     }
 }
 
@@ -167,16 +170,18 @@ int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t mask) {
 
 template <class T>
 int vask_hash_group(BAT *ext, BAT *grp, BAT *b) {
-    if (vask_range_count(*b) == 0)
+    // Asked once: the kernel's setting may change during the call.
+    const std::uint32_t nranges = vask_range_count(*b);
+    if (nranges == 0)
         return 0;
     if constexpr (std::integral<T>) {
-        return group_integers<T>(ext, grp, b);
+        return group_integers<T>(ext, grp, b, nranges);
     } else {
         const std::uint32_t mask = covering_mask(b->info->count);
         if constexpr (std::same_as<T, str>)
-            return group_texts(ext, grp, b, mask);
+            return group_texts(ext, grp, b, nranges, mask);
         else
-            return group_by_memo<number_keys<T>>(ext, grp, b, mask);
+            return group_by_memo<number_keys<T>>(ext, grp, b, nranges, mask);
     }
 }
 

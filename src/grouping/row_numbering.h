@@ -26,6 +26,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace vask {
 
@@ -40,12 +41,11 @@ void for_each_block(row_range rows, Body body) {
 }
 
 //! The entry of a new key's value; a new one, with the row's head value, if the table has none.
-//! Where every value has but one key, a new key is a new value, and the table need not be asked.
-template <class Keys>
-std::uint32_t entry_of(vask_group_table<typename Keys::value_type> &table,
-                       const typename Keys::value_type &value, std::uint32_t hash,
-                       const oid_reader &heads, BUN row) {
-    if constexpr (Keys::one_key_per_value)
+//! `is_new`: no row before had the value, and the table need not be asked.
+template <class T>
+std::uint32_t entry_of(vask_group_table<T> &table, const T &value, std::uint32_t hash,
+                       const oid_reader &heads, BUN row, bool is_new) {
+    if (is_new)
         return table.append({value, heads[row], 0, NO_BUN, hash});
     const auto *known = table.probe(value, hash);
     return known != nullptr ? table.number_of(known)
@@ -73,7 +73,8 @@ struct numbering_by_window {
                 const BUN first = row + static_cast<BUN>(i);
                 const value_type value = keys.value(first);
                 const std::uint32_t hash = vask_group_entry<value_type>::hash(value);
-                entries[place] = entry_of<Keys>(table, value, hash, heads, first);
+                entries[place] =
+                    entry_of(table, value, hash, heads, first, Keys::one_key_per_value);
             });
         });
         for (std::size_t place = 0; place < entries.size(); ++place)
@@ -130,10 +131,14 @@ private:
     // New keys whose buckets are fetched together, so that the misses overlap.
     static constexpr std::size_t batch_rows = 16;
 
+    // A memo of so many keys of 8 bytes takes 16 to 32 MB. The road is meant for fewer; a column
+    // whose sample misled its choice goes on with the table alone for the keys that come later.
+    static constexpr std::size_t most_keys = std::size_t{1} << 18;
+
     //! Keys of which there can be more than groups, since every row may have its text stored anew,
     //! are remembered up to one for eight rows.
     static std::size_t memo_limit(std::size_t rows) noexcept {
-        return Keys::one_key_per_value ? rows : rows / 8;
+        return std::min(Keys::one_key_per_value ? rows : rows / 8, most_keys);
     }
 
     struct state {
@@ -142,6 +147,9 @@ private:
         std::size_t limit;
         key_memo<typename Keys::key_type> memo{};
         bool recalls = true;
+        // Where every value has but one key, and the memo holds all keys so far, one that it does
+        // not hold is new, and entries need not be found in the table.
+        bool complete = Keys::one_key_per_value;
 
         bool recall(const Keys &keys, BUN row, BUN n, std::uint32_t *numbers) const {
             if (recalls)
@@ -157,6 +165,13 @@ private:
         void remember(typename Keys::key_type key, std::uint32_t entry) {
             if (memo.size() < limit)
                 memo.remember(key, entry);
+            else
+                rely_on_table();
+        }
+
+        void rely_on_table() noexcept {
+            if (std::exchange(complete, false))
+                table.link_appended();
         }
 
         //! Gives the memo up if hardly any row found its key in it by the time that it was full.
@@ -165,6 +180,7 @@ private:
                 memo = {};
                 limit = 0;
                 recalls = false;
+                rely_on_table();
             }
         }
     };
@@ -204,7 +220,7 @@ private:
             // A row before it may have had the same key.
             std::uint32_t entry = now.recall(keys.key(row, i));
             if (entry == unknown_number) {
-                entry = entry_of<Keys>(now.table, values[j], hashes[j], now.heads, row + i);
+                entry = entry_of(now.table, values[j], hashes[j], now.heads, row + i, now.complete);
                 now.remember(keys.key(row, i), entry);
             }
             numbers[i] = entry;

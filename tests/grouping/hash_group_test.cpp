@@ -122,6 +122,14 @@ TEST(HashGroup, ManyGroups) {
     }
 }
 
+// More keys than are remembered, of which the later rows bring some again, or hardly any.
+TEST(HashGroup, MoreKeysThanTheMemoHolds) {
+    for (const int threads : {1, 2}) {
+        check_numbers(random_values<lng>(700000, 400000, 1, 6), heads::void_head, threads);
+        check_numbers(random_values<std::int32_t>(700000, ~0ULL, 0, 7), heads::shuffled, threads);
+    }
+}
+
 TEST(HashGroup, FloatsAreEqualByTheirBits) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     std::vector<double> values;
