@@ -3,7 +3,7 @@
 // An entry is a plain struct with
 //   key_type               what the table is asked for
 //   key()                  the entry's own key
-//   hash(key)              static; the bucket before masking
+//   hash(key)              static; its topmost bit says nothing
 //   has(key)               whether the entry is the key's
 //   first_oid, count       head value of the key's first row, rows seen with the key
 //   chain                  the next entry of the bucket, NO_BUN at the end
@@ -11,6 +11,7 @@
 //                          hash is dear; keys of other hashes are then not compared either.
 #pragma once
 
+#include "grouping/key_hash.h"
 #include "kernel/bat.h"
 #include "kernel/gdk_vector.h"
 #include "kernel/isa.h"
@@ -18,6 +19,8 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <utility>
 
 namespace vask {
@@ -33,7 +36,8 @@ constexpr std::uint32_t covering_mask(std::uint64_t n) noexcept {
 //! There is memory for `mask` + 1 buckets from the start, but no more of them are in use than the
 //! entries call for. With a mask that comes from the number of rows, as texts and floats have it,
 //! the buckets of 1e7 rows take 64 MiB: filling them and missing the caches in them costs more
-//! than grouping the rows.
+//! than grouping the rows. Where there turn out to be many more entries than the mask was made for,
+//! as a sample can mislead, further buckets come from the process heap, or else chains grow.
 template <class Entry>
 class vask_chained_table {
 public:
@@ -48,7 +52,7 @@ public:
     explicit vask_chained_table(std::uint32_t mask, std::size_t capacity = default_capacity)
         : mask_(mask) {
         entries_.reserve(capacity);
-        buckets_ = allocate_buckets(std::size_t{mask} + 1);
+        heads_ = buckets_ = allocate_buckets(std::size_t{mask} + 1);
         use_buckets(std::min(mask, default_mask));
     }
 
@@ -57,6 +61,8 @@ public:
           buckets_(std::exchange(other.buckets_, nullptr)),
           next_entry_(other.next_entry_),
           mask_(other.mask_),
+          more_buckets_(std::move(other.more_buckets_)),
+          heads_(std::exchange(other.heads_, nullptr)),
           used_mask_(other.used_mask_),
           last_bucket_(other.last_bucket_) {}
 
@@ -67,6 +73,8 @@ public:
         buckets_ = std::exchange(other.buckets_, nullptr);
         next_entry_ = other.next_entry_;
         mask_ = other.mask_;
+        more_buckets_ = std::move(other.more_buckets_);
+        heads_ = std::exchange(other.heads_, nullptr);
         used_mask_ = other.used_mask_;
         last_bucket_ = other.last_bucket_;
         return *this;
@@ -85,8 +93,8 @@ public:
 
     //! The same with the key's hash at hand.
     VASK_ALWAYS_INLINE Entry *probe(const key_type &key, std::uint32_t hash) noexcept {
-        last_bucket_ = hash & used_mask_;
-        for (std::uint32_t i = buckets_[last_bucket_]; i != NO_BUN; i = entries_[i].chain)
+        last_bucket_ = bucket_of(hash);
+        for (std::uint32_t i = heads_[last_bucket_]; i != NO_BUN; i = entries_[i].chain)
             if (is_entry_of(entries_[i], key, hash))
                 return &entries_[i];
         return nullptr;
@@ -94,16 +102,14 @@ public:
 
     //! Asks the processor for the bucket of a hash that will be probed soon.
     VASK_ALWAYS_INLINE void prefetch(std::uint32_t hash) const noexcept {
-        __builtin_prefetch(buckets_ + (hash & used_mask_));
+        __builtin_prefetch(heads_ + bucket_of(hash));
     }
 
     //! Adds the entry of the key that the last probe did not find, in front of its chain, and gives
     //! its number.
     std::uint32_t insert(const Entry &entry) {
-        if (next_entry_ > used_mask_ && used_mask_ != mask_) {
-            use_buckets(std::min<std::uint64_t>(std::uint64_t{used_mask_} * widening, mask_));
-            last_bucket_ = hash_of(entry) & used_mask_;
-        }
+        if (next_entry_ > used_mask_ && widen()) [[unlikely]]
+            last_bucket_ = bucket_of(hash_of(entry));
         entries_.push_back(entry);
         link(next_entry_, last_bucket_);
         return next_entry_++;
@@ -132,7 +138,7 @@ public:
     //! The group id of a key that is known to be present: there is no answer for any other.
     VASK_ALWAYS_INLINE oid find(const key_type &key) const noexcept {
         const std::uint32_t hash = Entry::hash(key);
-        std::uint32_t i = buckets_[hash & used_mask_];
+        std::uint32_t i = heads_[bucket_of(hash)];
         while (!is_entry_of(entries_[i], key, hash))
             i = entries_[i].chain;
         return entries_[i].first_oid;
@@ -142,6 +148,7 @@ public:
     void release_buckets() noexcept {
         if (buckets_ != nullptr)
             GDKfree(std::exchange(buckets_, nullptr));
+        more_buckets_.reset();
     }
 
 private:
@@ -152,10 +159,19 @@ private:
 
     // Each widening links all entries again, which with this factor is about once per entry.
     static constexpr unsigned widening = 8;
+    // Entries per bucket beyond which the mask was plainly made for fewer: chains of a few cost
+    // less than the misses of more buckets.
+    static constexpr std::uint32_t longest_chains = 4;
+    static constexpr std::uint64_t most_buckets = std::uint64_t{1} << 30;
     // Differs from every entry's number and from the end of a chain.
     static constexpr BUN in_no_chain = NO_BUN + 1;
 
     static constexpr bool keeps_hash = requires(Entry entry) { entry.hashed; };
+
+    //! The topmost bit of a hash is that of -0.0, which can be the same key as 0.0.
+    VASK_ALWAYS_INLINE std::uint32_t bucket_of(std::uint32_t hash) const noexcept {
+        return spread_hash(hash << 1) & used_mask_;
+    }
 
     static std::uint32_t hash_of(const Entry &entry) noexcept {
         if constexpr (keeps_hash)
@@ -172,25 +188,46 @@ private:
             return entry.has(key);
     }
 
+    //! Takes more buckets into use; false when there are none to be had.
+    bool widen() noexcept {
+        const std::uint64_t wider = std::uint64_t{used_mask_} * widening + 1;
+        if (used_mask_ < mask_) {
+            use_buckets(std::min<std::uint64_t>(wider, mask_));
+            return true;
+        }
+        if (next_entry_ / longest_chains <= used_mask_ || wider > most_buckets)
+            return false;
+        const std::uint32_t mask = covering_mask(wider);
+        decltype(more_buckets_) more(new (std::nothrow) std::uint32_t[std::size_t{mask} + 1]);
+        if (more == nullptr)
+            return false;
+        more_buckets_ = std::move(more);
+        heads_ = more_buckets_.get();
+        use_buckets(mask);
+        return true;
+    }
+
     //! Spreads the entries over the buckets 0 .. mask.
     void use_buckets(std::uint64_t mask) noexcept {
         used_mask_ = covering_mask(mask);
-        std::fill_n(buckets_, std::size_t{used_mask_} + 1, std::uint32_t{NO_BUN});
+        std::fill_n(heads_, std::size_t{used_mask_} + 1, std::uint32_t{NO_BUN});
         for (std::uint32_t i = 0; i < next_entry_; ++i)
             if (entries_[i].chain != in_no_chain)
-                link(i, hash_of(entries_[i]) & used_mask_);
+                link(i, bucket_of(hash_of(entries_[i])));
     }
 
     void link(std::uint32_t entry, std::uint32_t bucket) noexcept {
-        entries_[entry].chain = std::exchange(buckets_[bucket], entry);
+        entries_[entry].chain = std::exchange(heads_[bucket], entry);
     }
 
     gdk_vector<Entry> entries_;
-    std::uint32_t *buckets_ = nullptr; // first entry of each chain
+    std::uint32_t *buckets_ = nullptr; // of the kernel's memory
     std::uint32_t next_entry_ = 0;     // always the number of entries
     std::uint32_t mask_;
-    std::uint32_t used_mask_ = 0;   // of the buckets in use, at most mask_
-    std::uint32_t last_bucket_ = 0; // of the last probe, for the insert that may follow
+    std::unique_ptr<std::uint32_t[]> more_buckets_;
+    std::uint32_t *heads_ = nullptr; // first entry of each chain, in whichever are in use
+    std::uint32_t used_mask_ = 0;    // of the buckets in use
+    std::uint32_t last_bucket_ = 0;  // of the last probe, for the insert that may follow
 };
 
 } // namespace vask

@@ -20,6 +20,15 @@ VASK_ALWAYS_INLINE std::uint32_t vask_hash_mix(std::uint32_t x) noexcept {
     return std::rotl(x, 7) ^ (((x >> 8) ^ x) >> 13) ^ x;
 }
 
+//! Lets every bit of a hash take part in the low ones. Whole numbers in floats, midnights in
+//! timestamps and multiples of powers of two differ in high bits alone, and would all be sent to
+//! one bucket of a small table.
+VASK_ALWAYS_INLINE std::uint32_t spread_hash(std::uint32_t hash) noexcept {
+    constexpr std::uint32_t golden_ratio = 0x9e3779b1; // 2^32 divided by it, odd
+    hash *= golden_ratio;
+    return hash ^ hash >> 16;
+}
+
 //! Polynomial hash of a zero-terminated text with the customary factor 31, over signed bytes, in
 //! wrapping 32-bit arithmetic. The empty text gives 0.
 VASK_ALWAYS_INLINE std::uint32_t vask_str_hash(str s) noexcept {

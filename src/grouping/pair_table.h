@@ -3,6 +3,10 @@
 
 #include "grouping/chained_table.h"
 #include "grouping/key_hash.h"
+#include "kernel/column.h"
+
+#include <concepts>
+#include <cstdint>
 
 namespace vask {
 
@@ -29,11 +33,22 @@ struct vask_pair_entry {
     key_type key() const noexcept { return {parent, value}; }
 
     VASK_ALWAYS_INLINE static std::uint32_t hash(const key_type &key) noexcept {
-        return vask_hash_mix(key.parent) ^ hash_word(key.value);
+        return vask_hash_mix(key.parent) ^ word_of(key.value);
     }
 
     VASK_ALWAYS_INLINE bool has(const key_type &key) const noexcept {
         return parent == key.parent && value == key.value;
+    }
+
+private:
+    //! Of a text the place: by what they read, the copies of a text that is stored for every row
+    //! would share one chain, and none of them would be found in it.
+    VASK_ALWAYS_INLINE static std::uint32_t word_of(T value) noexcept {
+        if constexpr (std::same_as<T, str>)
+            return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(value) /
+                                              heap_alignment);
+        else
+            return hash_word(value);
     }
 };
 
