@@ -56,14 +56,16 @@ char *vask_median(double *result, const int32_t *bid) {
 
 char *vask_quartile(double *result, const int32_t *bid, const int32_t *quartile) {
     bte q;
-    if (char *exception = quartile_param(&q, quartile))
+    char *exception = nullptr;
+    if (!quartile_param(&q, quartile, &exception))
         return exception;
     return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor, &q);
 }
 
 char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) {
     dbl p;
-    if (char *exception = percentile_param(&p, share))
+    char *exception = nullptr;
+    if (!percentile_param(&p, share, &exception))
         return exception;
     return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor, &p);
 }
@@ -71,7 +73,8 @@ char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) 
 char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
     return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         lng k;
-        if (char *exception = largest_param(&k, rank))
+        char *exception = nullptr;
+        if (!largest_param(&k, rank, &exception))
             return exception;
         return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_largest_functor<T>,
                                    &k);

@@ -318,7 +318,8 @@ char *vask_grp_median(int32_t *result, const int32_t *bid, const int32_t *gid, c
 char *vask_grp_quartile(int32_t *result, const int32_t *bid, const int32_t *quartile,
                         const int32_t *gid, const int32_t *eid) {
     bte q;
-    if (char *exception = quartile_param(&q, quartile))
+    char *exception = nullptr;
+    if (!quartile_param(&q, quartile, &exception))
         return exception;
     return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl, vask_quartile_functor, &q);
 }
@@ -326,7 +327,8 @@ char *vask_grp_quartile(int32_t *result, const int32_t *bid, const int32_t *quar
 char *vask_grp_percentile(int32_t *result, const int32_t *bid, const int32_t *share,
                           const int32_t *gid, const int32_t *eid) {
     dbl p;
-    if (char *exception = percentile_param(&p, share))
+    char *exception = nullptr;
+    if (!percentile_param(&p, share, &exception))
         return exception;
     return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl, vask_percentile_functor, &p);
 }
@@ -335,7 +337,8 @@ char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank,
                        const int32_t *eid) {
     return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         lng k;
-        if (char *exception = largest_param(&k, rank))
+        char *exception = nullptr;
+        if (!largest_param(&k, rank, &exception))
             return exception;
         return vask_stat_grouped<T>(result, bid, gid, eid, type, vask_largest_functor<T>, &k);
     });

@@ -26,11 +26,14 @@ bool is_parameter_type(int type) noexcept {
     }
 }
 
-//! The first row of the parameter BAT as a record, and its type code. An exception string, or null.
-char *fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid) {
+//! The first row of the parameter BAT as a record, and its type code. False, with an exception
+//! string unless there was no memory for one, when there is none.
+bool fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid, char **exception) {
     BAT *parameter = vask_descriptor(*bid);
-    if (parameter == nullptr)
-        return make_exception(order_statistics_place, failure::object_not_found);
+    if (parameter == nullptr) {
+        *exception = make_exception(order_statistics_place, failure::object_not_found);
+        return false;
+    }
     *type = parameter->tail->type;
     const char *text = nullptr;
     if (is_parameter_type(*type)) {
@@ -42,11 +45,12 @@ char *fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid) {
     }
     BBPreleaseref(parameter->bat_id);
     if (text == nullptr)
-        return nullptr;
+        return true;
     // The kernel's own text may hold any character, so it is no format.
-    return text == failure::unsupported_tail
-               ? make_exception(order_statistics_place, text)
-               : createException(0, order_statistics_place, "%s", text);
+    *exception = text == failure::unsupported_tail
+                     ? make_exception(order_statistics_place, text)
+                     : createException(0, order_statistics_place, "%s", text);
+    return false;
 }
 
 //! Rounds a float record to the whole number next to it; false when that is too far away. An
@@ -78,17 +82,21 @@ bool round_to_whole(ValRecord *record, int type) {
 
 template <class T>
 char *read_parameter(T *result, bte *type, const std::int32_t *bid, int target) {
+    // What a failure leaves is accepted nowhere, even if there is no memory for its exception.
+    *result = nil_of<T>(target);
     ValRecord record;
-    if (char *exception = fetch_parameter(&record, type, bid))
+    char *exception = nullptr;
+    if (!fetch_parameter(&record, type, bid, &exception))
         return exception;
     bool good = target == TYPE_dbl || round_to_whole(&record, *type);
     if (good) {
         good = VALconvert(target, &record) != nullptr;
         std::memcpy(result, VALget(&record), sizeof *result);
     }
-    if (!good || BATatoms[target].atom_cmp(result, BATatoms[target].atom_null) == 0)
-        return make_exception(order_statistics_place, invalid_parameter);
-    return nullptr;
+    if (good && BATatoms[target].atom_cmp(result, BATatoms[target].atom_null) != 0)
+        return nullptr;
+    *result = nil_of<T>(target);
+    return make_exception(order_statistics_place, invalid_parameter);
 }
 
 } // namespace
@@ -105,38 +113,41 @@ char *vask_read_dbl_param(dbl *result, bte *type, const std::int32_t *bid) {
     return read_parameter(result, type, bid, TYPE_dbl);
 }
 
-char *quartile_param(bte *result, const std::int32_t *bid) {
+bool quartile_param(bte *result, const std::int32_t *bid, char **exception) {
     constexpr std::uint8_t last_quartile = 4;
     bte type = 0;
-    *result = -1; // refused below, should a reader's exception itself have found no memory
     // Unsigned, so that a negative number is too large.
     if (vask_read_bte_param(result, &type, bid) == nullptr &&
         static_cast<std::uint8_t>(*result) <= last_quartile)
-        return nullptr;
-    return make_exception(order_statistics_place,
-                          "Quartile function: Invalid input parameter. Input parameter should be "
-                          "one of the following: 0, 1, 2, 3 or 4.");
+        return true;
+    *exception =
+        make_exception(order_statistics_place,
+                       "Quartile function: Invalid input parameter. Input parameter should be "
+                       "one of the following: 0, 1, 2, 3 or 4.");
+    return false;
 }
 
-char *percentile_param(dbl *result, const std::int32_t *bid) {
+bool percentile_param(dbl *result, const std::int32_t *bid, char **exception) {
     bte type = 0;
-    *result = -1;
     // A NaN passes: it is found out where the rank is computed.
     if (vask_read_dbl_param(result, &type, bid) == nullptr && !(0.0 > *result) && !(*result > 1.0))
-        return nullptr;
-    return make_exception(order_statistics_place,
-                          "Percentile function: Invalid input parameter. Input parameter should be "
-                          "between 0 and 1 (including).");
+        return true;
+    *exception =
+        make_exception(order_statistics_place,
+                       "Percentile function: Invalid input parameter. Input parameter should be "
+                       "between 0 and 1 (including).");
+    return false;
 }
 
-char *largest_param(lng *result, const std::int32_t *bid) {
+bool largest_param(lng *result, const std::int32_t *bid, char **exception) {
     bte type = 0;
-    *result = -1;
     if (vask_read_lng_param(result, &type, bid) == nullptr && *result > 0)
-        return nullptr;
-    return make_exception(order_statistics_place,
-                          "Largest function: Invalid input parameter. Input parameter should be a "
-                          "positive integer.");
+        return true;
+    *exception =
+        make_exception(order_statistics_place,
+                       "Largest function: Invalid input parameter. Input parameter should be a "
+                       "positive integer.");
+    return false;
 }
 
 } // namespace vask

@@ -14,21 +14,21 @@ inline constexpr const char *order_statistics_place = "statistics.func";
 //! converted to their own type, in `*result`. Accepted are the numeric types bte, sht, int, wrd,
 //! lng, flt and dbl. A float given where an integer is asked for has to be whole to within 1e-7.
 //! They give null, or an exception string when there is no such BAT, its type is refused, its first
-//! row cannot be fetched, or the value is nil, not whole or does not fit. Called on the entering
-//! thread.
+//! row cannot be fetched, or the value is nil, not whole or does not fit; `*result` is then a nil.
+//! Called on the entering thread.
 char *vask_read_bte_param(bte *result, bte *type, const std::int32_t *bid);
 char *vask_read_lng_param(lng *result, bte *type, const std::int32_t *bid);
 char *vask_read_dbl_param(dbl *result, bte *type, const std::int32_t *bid);
 
-// The parameters as the operators accept them: null, or the operator's own exception string, which
-// says what it wants. A reader's string only counts as a refusal: its text is dropped, and the
-// kernel offers no way to give it back.
+// The parameters as the operators accept them. False when one is refused, with the operator's own
+// exception string, which says what it wants. A reader's string only counts as a refusal: its text
+// is dropped, and the kernel offers no way to give it back.
 
 //! The number of a quartile, 0 to 4.
-char *quartile_param(bte *result, const std::int32_t *bid);
+bool quartile_param(bte *result, const std::int32_t *bid, char **exception);
 //! A share from 0 to 1.
-char *percentile_param(dbl *result, const std::int32_t *bid);
+bool percentile_param(dbl *result, const std::int32_t *bid, char **exception);
 //! A rank from 1 on.
-char *largest_param(lng *result, const std::int32_t *bid);
+bool largest_param(lng *result, const std::int32_t *bid, char **exception);
 
 } // namespace vask

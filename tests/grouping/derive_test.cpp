@@ -9,6 +9,7 @@
 #include "support/kernel_settings.h"
 #include "vask_ops.h"
 
+#include <chrono>
 #include <functional>
 #include <set>
 
@@ -230,6 +231,37 @@ TEST(Derive, ManyNansTakeNoLongerThanOtherValues) {
     EXPECT_EQ(pairs.groups.map, old.heads);
     const outcome buckets = run(vask_buckets_derive<float>, l, b, old);
     EXPECT_EQ(buckets.groups.extents, (std::vector<std::pair<oid, lng>>{{40, l.rows}}));
+}
+
+TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
+    // One chain, or one bucket, for all of them would take some ten times the limit.
+    constexpr double limit_seconds = 2;
+    const layout l{.rows = 400'000, .groups = 1};
+    const old_grouping old(l);
+    const auto expect_fast = [&](body derive, const bat &b, std::size_t groups) {
+        const auto start = std::chrono::steady_clock::now();
+        const outcome made = run(derive, l, b, old);
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(made.groups.extents.size(), groups);
+        EXPECT_LT(taken.count(), limit_seconds);
+    };
+    std::vector<std::int32_t> high_bits;
+    std::vector<double> whole;
+    refkernel::text_builder texts(
+        refkernel::text_options{.sharing = refkernel::text_sharing::anew});
+    for (BUN row = 0; row < l.rows; ++row) {
+        high_bits.push_back(static_cast<std::int32_t>(row % 30'000) << 16);
+        whole.push_back(row % 30'000);
+        texts.append(row % 2 == 0 ? "yes" : "no");
+    }
+    const auto options = head_options(l.head, old.heads);
+    const bat integers = refkernel::make_column(std::move(high_bits), options);
+    expect_fast(vask_pairs_derive<std::int32_t>, integers, 30'000);
+    expect_fast(vask_buckets_derive<std::int32_t>, integers, 30'000);
+    const bat numbers = refkernel::make_column(std::move(whole), options);
+    expect_fast(vask_pairs_derive<double>, numbers, 30'000);
+    expect_fast(vask_buckets_derive<double>, numbers, 30'000);
+    expect_fast(vask_pairs_derive<str>, texts.finish(options), l.rows);
 }
 
 TEST(Derive, TextsByPlaceAndByContent) {
