@@ -26,6 +26,12 @@
  * Thread safety: calls may overlap, on the same BATs too, as long as nobody
  * changes those. A call uses the calling thread and the task scheduler's pool.
  *
+ * Threads: GDKnr_threads is at least 1. With 0, the operators that cut rows into
+ * partitions to merge their results (sums, extremes, counts, moments, statistics
+ * of two columns, containment) divide by it, which traps (SIGFPE); grouping,
+ * distinct counts, grouped order statistics and the union end in "operation
+ * failed" where they would have run tasks.
+ *
  * Memory: running out of it where a contract below does not say otherwise ends
  * the call with a C++ exception, or the process, as the kernel expects.
  */
@@ -266,7 +272,8 @@ VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32
  * Errors, place "group.vask_new": "Object not found"; "operation failed to
  * sample BAT"; "could not allocate space for grp BAT" (or "ext BAT"); "operation
  * failed" for a tail that has no such road (void, and types stored as text but
- * str itself where many groups are expected), and for extents that cannot grow.
+ * str itself where many groups are expected), for extents that cannot grow, and,
+ * where the column would be hashed or sorted, for a GDKnr_threads of 0.
  * Place "group.VASKgroup": "Explicit type required(v)oid head required\n" for
  * any other head, only found out where GRPgroup is not asked; this one leaves the
  * input's reference and both new BATs behind. Allocation failures in between

@@ -83,9 +83,19 @@ public:
             const row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
             if constexpr (loads_blocks<Rows>)
                 rows_.load(block);
-            for (; p < block.end; ++p)
-                if ((p == partition.begin || !rows_.is_nil(p)) && !add_row(p))
-                    return;
+            while (p < block.end) {
+                // Found before the calls, the slots wait for memory together and not one by one.
+                BUN slots[slots_ahead];
+                const BUN n = std::min(slots_ahead, block.end - p);
+                for (BUN i = 0; i < n; ++i)
+                    slots[i] = vask_group_slot(lookup_, gids_[p + i]);
+                for (BUN i = 0; i < n; ++i, ++p) {
+                    if (p != partition.begin && rows_.is_nil(p))
+                        continue;
+                    if (!add_at(slots[i], p)) [[unlikely]]
+                        return;
+                }
+            }
         }
     }
 
@@ -101,8 +111,14 @@ private:
     // Rows that are tested for being of one group at once.
     static constexpr BUN run_rows = 16;
 
+    static constexpr BUN slots_ahead = 64;
+
     VASK_ALWAYS_INLINE bool add_row(BUN p) const noexcept {
-        const BUN slot = vask_group_slot(lookup_, gids_[p]);
+        return add_at(vask_group_slot(lookup_, gids_[p]), p);
+    }
+
+    //! False when there is no such group.
+    VASK_ALWAYS_INLINE bool add_at(BUN slot, BUN p) const noexcept {
         if (slot >= groups_) [[unlikely]]
             return false;
         auto state = states_.load(slot);

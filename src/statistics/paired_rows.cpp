@@ -18,19 +18,33 @@ bool has_class(int storage) noexcept {
     return visit_storage_class(storage, false, []<class T>(std::type_identity<T>) { return true; });
 }
 
+//! Most blocks hold no nil, so they are counted first: that needs no flags.
 template <class T>
-void mark_nils_of(const BATcol &column, row_range block, std::uint8_t *flags) {
+VASK_ALWAYS_INLINE bool mark_elements(const T *elements, T nil, std::size_t n,
+                                      std::uint8_t *__restrict flags) noexcept {
+    // At the width of the elements, if they are wide, a vector holds as many of both.
+    std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t> nils = 0;
+    for (std::size_t i = 0; i < n; ++i)
+        nils |= elements[i] == nil;
+    if (nils == 0)
+        return false;
+    for (std::size_t i = 0; i < n; ++i)
+        flags[i] = static_cast<std::uint8_t>(flags[i] | (elements[i] == nil));
+    return true;
+}
+
+template <class T>
+bool mark_nils_of(const BATcol &column, row_range block, std::uint8_t *flags) {
     const T nil = nil_of<T>(column.type);
-    const BUN n = block.size();
+    const std::size_t n = block.size();
     if (!is_array_of<T>(column)) {
         for (BUN i = 0; i < n; ++i)
             flags[i] |= element_at<T>(column, block.begin + i) == nil;
-        return;
+        return true;
     }
     const T *elements = rows_of<const T>(column) + block.begin;
-    with_best_instruction_set([=]() __attribute__((always_inline)) {
-        for (BUN i = 0; i < n; ++i)
-            flags[i] |= elements[i] == nil;
+    return with_best_instruction_set([=]() __attribute__((always_inline)) {
+        return mark_elements(elements, nil, n, flags);
     });
 }
 
@@ -61,10 +75,17 @@ double_rows::double_rows(const BATcol &column, int storage_class) noexcept
 
 void plainly_paired_rows::load(row_range block) {
     paired_rows::load(block);
-    block_begin_ = block.begin;
-    std::fill_n(scratch_.nil, block.size(), std::uint8_t{0});
-    x_.mark_nils(block, scratch_.nil);
-    y_.mark_nils(block, scratch_.nil);
+    block_ = block;
+    if (has_nils_)
+        std::fill_n(scratch_.nil, scan_block_rows, std::uint8_t{0});
+    const bool in_x = x_.mark_nils(block, scratch_.nil);
+    const bool in_y = y_.mark_nils(block, scratch_.nil);
+    has_nils_ = in_x || in_y;
+}
+
+BUN plainly_paired_rows::nils() const noexcept {
+    return has_nils_ ? static_cast<BUN>(std::count(scratch_.nil, scratch_.nil + block_.size(), 1))
+                     : 0;
 }
 
 } // namespace vask

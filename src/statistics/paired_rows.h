@@ -43,13 +43,15 @@ public:
     }
 
     //! Sets flags[i] to 1 where row i of the block is nil by plain comparison in the column's
-    //! class, and leaves the others.
-    void mark_nils(row_range block, std::uint8_t *flags) const { mark_(*column_, block, flags); }
+    //! class, and leaves the others. False if no row is.
+    bool mark_nils(row_range block, std::uint8_t *flags) const {
+        return mark_(*column_, block, flags);
+    }
 
     VASK_ALWAYS_INLINE dbl operator[](BUN p) const noexcept { return rows_[p - first_]; }
 
 private:
-    using nil_marker = void (*)(const BATcol &column, row_range block, std::uint8_t *flags);
+    using nil_marker = bool (*)(const BATcol &column, row_range block, std::uint8_t *flags);
 
     const BATcol *column_;
     row_converter<dbl> convert_; // null: the elements are doubles
@@ -104,14 +106,19 @@ class plainly_paired_rows : public paired_rows {
 public:
     using paired_rows::paired_rows;
 
+    //! Finds the nils as well.
     void load(row_range block);
 
+    //! The number of nils in the loaded block.
+    BUN nils() const noexcept;
+
     VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept {
-        return scratch_.nil[p - block_begin_] != 0;
+        return scratch_.nil[p - block_.begin] != 0;
     }
 
 private:
-    BUN block_begin_ = 0;
+    row_range block_{};
+    bool has_nils_ = true; // so the flags are to be cleared
 };
 
 //! A nil is what the type's own comparison says.
