@@ -7,11 +7,11 @@ const bins = 16411;
 // Systems add in different orders.
 const relativeTolerance = 1e-9;
 const absoluteTolerance = 1e-9;
-export const tolerance = `counts equal, sums to ${relativeTolerance} of the larger or ${absoluteTolerance}`;
+export const tolerance = `counts the same, sums and values to ${relativeTolerance} of the larger or to ${absoluteTolerance}`;
 
 const numberInKey = {
     duckdb: (key) =>
-        `coalesce(${isText(key) ? `CAST(substr(CAST(${key} AS VARCHAR), 3) AS BIGINT)` : key}, 0)`,
+        `coalesce(CAST(${isText(key) ? `substr(CAST(${key} AS VARCHAR), 3)` : key} AS BIGINT), 0)`,
     clickhouse: (key) =>
         `ifNull(${isText(key) ? `toInt64(substring(${key}, 3))` : `toInt64(${key})`}, 0)`,
 };
@@ -37,7 +37,7 @@ export function checkStatement(dialect, keys, results) {
     return `SELECT (${bin})${cast} AS bin, count(*)${cast}, ${columns} FROM answer GROUP BY bin ORDER BY bin`;
 }
 
-const near = (a, b) =>
+export const near = (a, b) =>
     Math.abs(a - b) <= Math.max(absoluteTolerance, relativeTolerance * Math.max(Math.abs(a), Math.abs(b)));
 // A row is: bin, groups, then values and their sum for each column.
 const isSum = (place) => place >= 3 && place % 2 === 1;
