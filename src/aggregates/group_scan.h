@@ -2,10 +2,10 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
-#include "aggregates/slot_table.h"
 #include "aggregates/state_blocks.h"
 #include "kernel/frame.h"
 #include "kernel/oid_lookup.h"
+#include "kernel/slot_table.h"
 
 #include <algorithm>
 #include <bit>

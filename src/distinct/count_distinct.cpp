@@ -1,8 +1,8 @@
 #include "distinct/value_lists.h"
-#include "grouping/table_keys.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
 #include "kernel/open_addressing.h"
+#include "kernel/table_keys.h"
 #include "vask_ops.h"
 
 #include <atomic>

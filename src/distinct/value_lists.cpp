@@ -1,10 +1,10 @@
 #include "distinct/value_lists.h"
 
-#include "aggregates/slot_table.h"
-#include "grouping/row_ranges.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
 #include "kernel/oid_lookup.h"
+#include "kernel/row_ranges.h"
+#include "kernel/slot_table.h"
 
 #include <algorithm>
 #include <atomic>

@@ -11,10 +11,10 @@
 //                          hash is dear; keys of other hashes are then not compared either.
 #pragma once
 
-#include "grouping/key_hash.h"
 #include "kernel/bat.h"
 #include "kernel/gdk_vector.h"
 #include "kernel/isa.h"
+#include "kernel/key_hash.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,8 +1,8 @@
 // A column's rows as unsigned keys: rows of one key hold equal values.
 #pragma once
 
-#include "grouping/key_hash.h"
 #include "kernel/column.h"
+#include "kernel/key_hash.h"
 
 #include <cstddef>
 

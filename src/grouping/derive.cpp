@@ -1,11 +1,11 @@
 #include "grouping/buckets_derive.h"
 #include "grouping/derive_select.h"
 #include "grouping/group_finish.h"
-#include "grouping/key_hash.h"
 #include "grouping/pairs_derive.h"
 #include "kernel/column.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
+#include "kernel/key_hash.h"
 #include "vask_ops.h"
 
 #include <atomic>

@@ -1,10 +1,10 @@
 // From a row of the column to its old group: the lookups that both roads of refinement share.
 #pragma once
 
-#include "grouping/row_ranges.h"
 #include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/oid_lookup.h"
+#include "kernel/row_ranges.h"
 
 #include <cstring>
 #include <optional>

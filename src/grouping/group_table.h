@@ -2,7 +2,7 @@
 #pragma once
 
 #include "grouping/chained_table.h"
-#include "grouping/key_hash.h"
+#include "kernel/key_hash.h"
 
 #include <cstring>
 

@@ -6,8 +6,8 @@
 #include "grouping/group_table.h"
 #include "grouping/range_tasks.h"
 #include "grouping/row_numbering.h"
-#include "grouping/row_ranges.h"
 #include "kernel/frame.h"
+#include "kernel/row_ranges.h"
 
 #include <algorithm>
 #include <array>

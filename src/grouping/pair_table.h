@@ -2,8 +2,8 @@
 #pragma once
 
 #include "grouping/chained_table.h"
-#include "grouping/key_hash.h"
 #include "kernel/column.h"
+#include "kernel/key_hash.h"
 
 #include <concepts>
 #include <cstdint>

@@ -1,8 +1,8 @@
 // Tasks over the row ranges of grouping and refinement.
 #pragma once
 
-#include "grouping/row_ranges.h"
 #include "kernel/frame.h"
+#include "kernel/row_ranges.h"
 
 #include <cstddef>
 

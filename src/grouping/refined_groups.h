@@ -3,11 +3,11 @@
 
 #include "grouping/distributed_rows.h"
 #include "grouping/spin_lock.h"
-#include "grouping/table_keys.h"
 #include "grouping/value_column.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
 #include "kernel/open_addressing.h"
+#include "kernel/table_keys.h"
 
 #include <array>
 #include <atomic>

@@ -7,11 +7,11 @@
 // the rows are read from the input and written to its copy.
 #pragma once
 
-#include "grouping/key_hash.h"
 #include "grouping/range_tasks.h"
 #include "kernel/column.h"
 #include "kernel/gdk_vector.h"
 #include "kernel/isa.h"
+#include "kernel/key_hash.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "grouping/extents_appender.h"
-#include "grouping/row_ranges.h"
 #include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/gdk_vector.h"
+#include "kernel/row_ranges.h"
 
 #include <algorithm>
 

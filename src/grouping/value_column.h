@@ -1,8 +1,8 @@
 // A column's values where texts run beside numbers.
 #pragma once
 
-#include "grouping/key_hash.h"
 #include "kernel/column.h"
+#include "kernel/key_hash.h"
 
 namespace vask {
 

@@ -1,9 +1,9 @@
 // From a row index to the rows of a column that hold it.
 #pragma once
 
-#include "grouping/table_keys.h"
 #include "kernel/bat.h"
 #include "kernel/open_addressing.h"
+#include "kernel/table_keys.h"
 
 namespace vask {
 

@@ -6,10 +6,10 @@
 #include "statistics/order_statistics_frame.h"
 
 #include "aggregates/grouped.h"
-#include "aggregates/slot_table.h"
 #include "kernel/gdk_vector.h"
 #include "kernel/huge_pages.h"
 #include "kernel/oid_lookup.h"
+#include "kernel/slot_table.h"
 #include "vask_ops.h"
 
 #include <algorithm>

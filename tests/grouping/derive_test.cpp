@@ -1,8 +1,8 @@
 // Refinement: both parallel roads against the plain way, and the exported function around them.
 #include "grouping/buckets_derive.h"
-#include "grouping/key_hash.h"
 #include "grouping/pairs_derive.h"
 #include "kernel/column.h"
+#include "kernel/key_hash.h"
 
 #include "grouping/plain_groups.h"
 #include "refkernel/instrumentation.h"

@@ -1,10 +1,10 @@
 #include "grouping/hash_group.h"
 
-#include "grouping/key_hash.h"
 #include "grouping/plain_groups.h"
-#include "grouping/row_ranges.h"
 #include "kernel/column.h"
 #include "kernel/isa.h"
+#include "kernel/key_hash.h"
+#include "kernel/row_ranges.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"

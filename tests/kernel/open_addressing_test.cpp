@@ -1,6 +1,6 @@
 #include "kernel/open_addressing.h"
 
-#include "grouping/table_keys.h"
+#include "kernel/table_keys.h"
 
 #include <cmath>
 #include <random>

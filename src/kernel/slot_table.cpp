@@ -1,4 +1,4 @@
-#include "aggregates/slot_table.h"
+#include "kernel/slot_table.h"
 
 #include "kernel/column.h"
 

@@ -1,4 +1,4 @@
-// Hashing of group keys, shared by the group table and the pair table.
+// Hashing of keys: of groups, of pairs, of distinct values.
 #pragma once
 
 #include "kernel/bat.h"

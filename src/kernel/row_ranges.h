@@ -1,4 +1,5 @@
-// How grouping and refinement cut rows: contiguous ranges, one per kernel thread.
+// Rows cut by the number of threads alone, as grouping, distinct count and union do it: contiguous
+// ranges, one per kernel thread.
 #pragma once
 
 #include "kernel/bat.h"

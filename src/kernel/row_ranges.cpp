@@ -1,4 +1,4 @@
-#include "grouping/row_ranges.h"
+#include "kernel/row_ranges.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // Keys of the tables with open addressing: bit patterns and texts.
 #pragma once
 
-#include "grouping/key_hash.h"
 #include "kernel/isa.h"
+#include "kernel/key_hash.h"
 
 #include <concepts>
 #include <cstdint>
