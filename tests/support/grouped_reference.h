@@ -54,20 +54,16 @@ public:
             for (std::size_t i = 1; i < ids_.size(); i += 3)
                 ids_[i] = ids_[i - 1];
 
-        refkernel::column_options e;
-        e.type = TYPE_wrd;
-        e.seqbase = 1000;
-        e.stored_head = shape.head != void_dense;
+        refkernel::column_options e{
+            .type = TYPE_wrd, .stored_head = shape.head != void_dense, .seqbase = 1000};
         if (e.stored_head)
             e.head_oids = ids_;
         e.head.sorted = shape.head != shuffled;
         e.head.dense = dense;
         extents = refkernel::make_column(std::vector<std::int64_t>(shape.groups, 1), e);
 
-        refkernel::column_options g;
-        g.first = shape.first;
         make_group_ids();
-        map = refkernel::make_column(std::span<const oid>(gids_), g);
+        map = refkernel::make_column(std::span<const oid>(gids_), {.first = shape.first});
     }
 
     refkernel::bat extents;
