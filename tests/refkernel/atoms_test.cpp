@@ -88,9 +88,7 @@ TEST(Atoms, OfUsersHaveANilOfTheirOwn) {
     EXPECT_GT(type, TYPE_str);
     EXPECT_EQ(register_atom(answer), type) << "registered once";
     EXPECT_EQ(type_name(type), "answer");
-    column_options options;
-    options.type = type;
-    options.writable = true;
+    const column_options options{.type = type, .writable = true};
     const bat b = make_column<std::int32_t>(std::vector{42, int_nil, 7}, options);
     EXPECT_TRUE(b.is_nil(0) && !b.is_nil(1) && !b.is_nil(2));
     const oid next = 3;

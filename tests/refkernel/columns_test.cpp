@@ -1,6 +1,6 @@
 // Columns made, appended to, grown, copied and materialised, against plain vectors.
-#include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include <gtest/gtest.h>
 
@@ -14,18 +14,13 @@ namespace {
 
 using namespace refkernel;
 
-class Columns : public testing::Test {
-protected:
-    checkpoint before;
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
-};
+using Columns = leak_checked;
 
 template <class T>
 std::vector<T> some_values(std::size_t count, std::mt19937_64 &random) {
     std::vector<T> values(count);
-    for (T &value : values) {
+    for (T &value : values)
         value = random() % 4 == 0 ? nil_of<T>() : static_cast<T>(random() % 100);
-    }
     return values;
 }
 
@@ -50,17 +45,12 @@ void check_type(std::mt19937_64 &random) {
                 std::vector<T> values = some_values<T>(count, random);
                 std::vector<oid> heads(count);
                 std::iota(heads.begin(), heads.end(), 40U);
-                if (head == 2) {
+                if (head == 2)
                     std::shuffle(heads.begin(), heads.end(), random);
-                }
-                column_options options;
-                options.first = first;
-                options.stored_head = head != 0;
-                options.seqbase = 40;
-                options.writable = true;
-                if (head == 2) {
+                column_options options{
+                    .stored_head = head != 0, .seqbase = 40, .first = first, .writable = true};
+                if (head == 2)
                     options.head_oids = heads;
-                }
                 const bat made = random() % 2 == 0
                                      ? make_column<T>(std::vector<T>(values), options)
                                      : make_column<T>(std::span<const T>(values), options);
@@ -116,9 +106,8 @@ TEST_F(Columns, BatNewGivesEveryPairOfTypesTheRoomAskedFor) {
                 for (const BATcol *c : {b->head, b->tail}) {
                     EXPECT_EQ(c->type == TYPE_void ? 0 : 1 << c->shift, c->width);
                     EXPECT_EQ(c->varsized, c->type == TYPE_str || c->type == type_tag);
-                    if (c->type != TYPE_void) { // the sanitizers see room that is not there
+                    if (c->type != TYPE_void) // the sanitizers see room that is not there
                         std::memset(c->base, 1, std::size_t{capacity} << c->shift);
-                    }
                 }
                 BATsetcount(b, capacity);
                 EXPECT_EQ(b->info->count, capacity);
@@ -127,9 +116,8 @@ TEST_F(Columns, BatNewGivesEveryPairOfTypesTheRoomAskedFor) {
             }
         }
     }
-    for (const int unknown : {5, 9, 99, -1}) {
+    for (const int unknown : {5, 9, 99, -1})
         EXPECT_EQ(BATnew(TYPE_void, unknown, 1), nullptr);
-    }
     BAT *b = BATnew(TYPE_void, TYPE_int, 3);
     EXPECT_EQ(BATsetcount(b, 4), nullptr);
     EXPECT_EQ(b->info->count, 0U);
@@ -166,9 +154,7 @@ TEST_F(Columns, AppendsDropTheMarksTheyRefute) {
 
 TEST_F(Columns, VoidColumnsCountFromTheirSeqbase) {
     for (const BUN first : {0U, 5U}) {
-        column_options options;
-        options.first = first;
-        options.seqbase = 7;
+        const column_options options{.seqbase = 7, .first = first};
         const bat b = make_void_column(4, 100, options);
         EXPECT_EQ(b.head_oid(3), 10U);
         EXPECT_EQ(b.tail_oid(3), 103U);
@@ -218,8 +204,7 @@ TEST_F(Columns, AFullColumnTakesNoFurtherRow) {
 }
 
 TEST_F(Columns, RefuseWhatCannotBeMade) {
-    column_options options;
-    options.type = TYPE_lng;
+    column_options options{.type = TYPE_lng};
     EXPECT_THROW(make_column<std::int32_t>(std::vector{1}, options), kernel_error);
     options.type = TYPE_str;
     EXPECT_THROW(make_column<std::int32_t>(std::vector{1}, options), kernel_error);

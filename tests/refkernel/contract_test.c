@@ -39,13 +39,11 @@ long sum_of_appended_in_c(unsigned rows) {
     long sum = 0;
     for (unsigned i = 0; i < rows; ++i) {
         const int value = (int)(i * 3);
-        if (!BUNfastins(b, &i, &value)) {
+        if (!BUNfastins(b, &i, &value))
             return -1;
-        }
     }
-    for (BUN p = b->info->first; p < b->info->first + b->info->count; ++p) {
+    for (BUN p = b->info->first; p < b->info->first + b->info->count; ++p)
         sum += *(const int *)((const char *)b->tail->base + ((size_t)p << b->tail->shift));
-    }
     BBPreclaim(b);
     return sum;
 }

@@ -24,20 +24,15 @@ std::vector<BUN> positions_of(const BAT &b, oid wanted) {
     const BAThashtable &hash = *std::atomic_ref(b.head->hash).load(std::memory_order_acquire);
     const auto *heads = static_cast<const oid *>(b.head->base);
     std::vector<BUN> found;
-    for (BUN p = hash.buckets[bucket_of(wanted, hash.mask)]; p != NO_BUN; p = hash.links[p]) {
-        if (heads[p] == wanted) {
+    for (BUN p = hash.buckets[bucket_of(wanted, hash.mask)]; p != NO_BUN; p = hash.links[p])
+        if (heads[p] == wanted)
             found.push_back(p);
-        }
-    }
     return found;
 }
 
 bat heads_column(const std::vector<oid> &heads, BUN first) {
-    column_options options;
-    options.stored_head = true;
-    options.head_oids = heads;
-    options.first = first;
-    return make_column<std::int8_t>(std::vector<std::int8_t>(heads.size()), options);
+    return make_column<std::int8_t>(std::vector<std::int8_t>(heads.size()),
+                                    {.stored_head = true, .head_oids = heads, .first = first});
 }
 
 TEST(Hash, LeadsToEveryRowOfAValueInOrder) {
@@ -52,11 +47,9 @@ TEST(Hash, LeadsToEveryRowOfAValueInOrder) {
                 ASSERT_NE(BAThash(b.record(), 0), nullptr);
                 for (std::size_t i = 0; i<count; i += count> 1000 ? 997 : 13) {
                     std::vector<BUN> expected;
-                    for (BUN p = 0; p < count && expected.size() < 100; ++p) {
-                        if (heads[p] == heads[i]) {
+                    for (BUN p = 0; p < count && expected.size() < 100; ++p)
+                        if (heads[p] == heads[i])
                             expected.push_back(first + p);
-                        }
-                    }
                     auto found = positions_of(*b.record(), heads[i]);
                     found.resize(std::min<std::size_t>(found.size(), 100));
                     ASSERT_EQ(found, expected) << count << " " << first << " " << range;
@@ -84,9 +77,8 @@ TEST(Hash, OfOneBatIsOneForAllThreadsAndGoesWithItsRows) {
                 ASSERT_EQ(positions_of(*b.record(), heads[777]).front(), 777U);
             });
         }
-        for (std::thread &each : threads) {
+        for (std::thread &each : threads)
             each.join();
-        }
         EXPECT_EQ(std::ranges::count(seen, seen.front()), 4);
         const bat view = bat::adopt(VIEWcombine(b.record()));
         EXPECT_EQ(view->head->hash, b->head->hash) << "the same rows, the same chains";
@@ -98,14 +90,11 @@ TEST(Hash, OfOneBatIsOneForAllThreadsAndGoesWithItsRows) {
 }
 
 TEST(Hash, OfAVoidHeadOfNilsIsEmpty) {
-    column_options options;
-    options.seqbase = oid_nil;
-    const bat b = make_void_column(100, 0, options);
+    const bat b = make_void_column(100, 0, {.seqbase = oid_nil});
     ASSERT_NE(BAThash(b.record(), 0), nullptr);
     const BAThashtable &hash = *b->head->hash;
-    for (std::uint32_t bucket = 0; bucket <= hash.mask; ++bucket) {
+    for (std::uint32_t bucket = 0; bucket <= hash.mask; ++bucket)
         EXPECT_EQ(hash.buckets[bucket], NO_BUN);
-    }
 }
 
 TEST(Hash, OfOtherTypesHoldsEachRowOnce) {
@@ -116,11 +105,9 @@ TEST(Hash, OfOtherTypesHoldsEachRowOnce) {
         ASSERT_NE(BAThash(mirror, 0), nullptr);
         const BAThashtable &hash = *mirror->head->hash;
         std::vector<BUN> rows;
-        for (std::uint32_t bucket = 0; bucket <= hash.mask; ++bucket) {
-            for (BUN p = hash.buckets[bucket]; p != NO_BUN; p = hash.links[p]) {
+        for (std::uint32_t bucket = 0; bucket <= hash.mask; ++bucket)
+            for (BUN p = hash.buckets[bucket]; p != NO_BUN; p = hash.links[p])
                 rows.push_back(p);
-            }
-        }
         std::ranges::sort(rows);
         EXPECT_EQ(rows, (std::vector<BUN>{0, 1, 2, 3, 4}));
     }

@@ -23,9 +23,8 @@ TEST(Instrumentation, MakesAnOperationFailAtItsNthCallOnce) {
     const checkpoint before;
     const oid value = 9;
     const auto drop = [](BAT *made) {
-        if (made != nullptr) {
+        if (made != nullptr)
             BBPreclaim(made);
-        }
         return made != nullptr;
     };
     const auto drop_block = [](void *block) {
@@ -37,9 +36,8 @@ TEST(Instrumentation, MakesAnOperationFailAtItsNthCallOnce) {
         {operation::bbp_incref,
          [&] {
              const bool taken = BBPincref(b.id(), 0) != 0;
-             if (taken) {
+             if (taken)
                  BBPreleaseref(b.id());
-             }
              return taken;
          }},
         {operation::bbp_descriptor, [&] { return BBPdescriptor(b.id()) != nullptr; }},
@@ -67,9 +65,8 @@ TEST(Instrumentation, MakesAnOperationFailAtItsNthCallOnce) {
         EXPECT_TRUE(call()) << operation_name(op);
         kernel.fail_at(op, 3);
         std::vector<bool> outcomes;
-        for (int i = 0; i < 5; ++i) {
+        for (int i = 0; i < 5; ++i)
             outcomes.push_back(call());
-        }
         EXPECT_EQ(outcomes, (std::vector{true, true, false, true, true})) << operation_name(op);
         EXPECT_EQ(kernel.calls(op), 6U) << operation_name(op);
         EXPECT_EQ(kernel.failures(), 1U) << operation_name(op);
@@ -132,9 +129,8 @@ TEST(Instrumentation, CountsBytesAndBracketsFromAnyThread) {
             }
         });
     }
-    for (std::thread &each : threads) {
+    for (std::thread &each : threads)
         each.join();
-    }
     EXPECT_EQ(kernel.bytes_outstanding(), 8 * 5000 + 28U);
     EXPECT_TRUE(kernel.unpaired_accesses().empty());
     std::ranges::for_each(blocks, GDKfree);
@@ -153,14 +149,12 @@ TEST(Instrumentation, ACounterCountsFromAnyThreadAndStandsAlone) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([] {
-                for (int call = 0; call < 1000; ++call) {
+                for (int call = 0; call < 1000; ++call)
                     GDKfree(GDKmalloc(8));
-                }
             });
         }
-        for (std::thread &thread : threads) {
+        for (std::thread &thread : threads)
             thread.join();
-        }
         EXPECT_EQ(counter.calls(operation::gdk_malloc), 4000U);
         EXPECT_EQ(counter.calls(operation::gdk_zalloc), 0U);
     }

@@ -1,6 +1,6 @@
 // References: who keeps a BAT alive, and what becomes of it when nobody does.
-#include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include <gtest/gtest.h>
 
@@ -22,13 +22,11 @@ using namespace refkernel;
 
 // The steps by which operators turn a number into a record.
 BAT *fetch(int32_t id) {
-    if (id == 0 || id == int_nil) {
+    if (id == 0 || id == int_nil)
         return nullptr;
-    }
     const int32_t n = std::abs(id);
-    if (n >= BBPsize || BBParr[n >> 16][n & 0xffff].logical_name == nullptr) {
+    if (n >= BBPsize || BBParr[n >> 16][n & 0xffff].logical_name == nullptr)
         return nullptr;
-    }
     const int valid = BBPincref(id, 0);
     const BBPrec &record = BBParr[n >> 16][n & 0xffff];
     BAT *b = id > 0 ? record.desc : record.desc_mirror;
@@ -42,11 +40,7 @@ int32_t handed_out() {
     return b->bat_id;
 }
 
-class Pool : public testing::Test {
-protected:
-    checkpoint before;
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
-};
+using Pool = leak_checked;
 
 TEST_F(Pool, EveryReleaseSequenceOfOperatorsEndsWithNothing) {
     // A temporary, given up by its creator in each of the ways that operators use.
@@ -144,9 +138,8 @@ TEST_F(Pool, TheMirrorIsTheSameDataWithHeadAndTailExchanged) {
 }
 
 TEST_F(Pool, RecordsLieWhereOperatorsInCLookForThem) {
-    for (unsigned bits = 0; bits < 64; ++bits) {
+    for (unsigned bits = 0; bits < 64; ++bits)
         EXPECT_EQ(flags_byte_in_c(bits & 1, bits >> 1, bits >> 3, bits >> 4, bits >> 5), bits);
-    }
     BAT *b = BATnew(TYPE_void, TYPE_int, 0);
     EXPECT_EQ(access_word_in_c(b), 0U);
     EXPECT_EQ(access_word_in_c(BATsetaccess(b, ACCESS_READ)), 2U);
@@ -183,24 +176,21 @@ TEST_F(Pool, ManyThreadsMakeHoldAndDropBats) {
                 BAT *made = BATnew(TYPE_oid, TYPE_wrd, static_cast<BUN>(i % 7));
                 BATextend(made, BATgrows(made));
                 BBPreclaim(made);
-                if (i % 3 == t % 3) {
+                if (i % 3 == t % 3)
                     held.erase(held.begin());
-                }
             }
         });
     }
-    for (std::thread &each : threads) {
+    for (std::thread &each : threads)
         each.join();
-    }
     EXPECT_EQ(current_usage().physical, 0);
 }
 
 TEST_F(Pool, NumbersOutgrowAChunkAndStaleOnesStayUnused) {
     std::vector<bat> held;
     const int32_t size_before = BBPsize;
-    while (BBPsize == size_before) {
+    while (BBPsize == size_before)
         held.push_back(make_void_column(1));
-    }
     ASSERT_NE(fetch(held.back().id()), nullptr);
     BBPreleaseref(held.back().id());
     const int32_t stale = held.back().id();

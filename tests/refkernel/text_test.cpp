@@ -1,5 +1,5 @@
 // Text columns: what is stored is what is read, however wide the offsets become.
-#include "refkernel/embed.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include <gtest/gtest.h>
 
@@ -15,11 +15,7 @@ namespace {
 
 using namespace refkernel;
 
-class Texts : public testing::Test {
-protected:
-    checkpoint before;
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
-};
+using Texts = leak_checked;
 
 // The offset as every operator reads it.
 std::uint32_t offset_of(const BAT &b, BUN row) {
@@ -40,15 +36,13 @@ std::vector<std::optional<std::string>> some_texts(std::size_t count, std::size_
     for (auto &text : pool) {
         if (random() % 16 != 0) {
             text.emplace(random() % (longest + 1), 'x');
-            for (char &c : *text) {
+            for (char &c : *text)
                 c = static_cast<char>('a' + random() % 3);
-            }
         }
     }
     std::vector<std::optional<std::string>> texts(count);
-    for (auto &text : texts) {
+    for (auto &text : texts)
         text = pool[random() % distinct];
-    }
     return texts;
 }
 
@@ -64,11 +58,10 @@ void expect_texts(const bat &b, const std::vector<std::optional<std::string>> &e
         ASSERT_EQ(text, expected[i].value_or(std::string(nil_bytes(b.type())))) << "row " << i;
         ASSERT_EQ(b.text(i), text);
         ASSERT_EQ(b.is_nil(i), !expected[i]) << "row " << i;
-        if (sharing == text_sharing::once) {
+        if (sharing == text_sharing::once)
             ASSERT_EQ(first_offset.try_emplace(text, offset).first->second, offset);
-        } else {
+        else
             ASSERT_TRUE(offsets.insert(offset).second) << "row " << i;
-        }
     }
     const bool nils = std::ranges::any_of(expected, [](const auto &text) { return !text; });
     EXPECT_EQ(b->tail->nil, nils);
@@ -83,9 +76,8 @@ TEST_F(Texts, ReadBackFromEveryWidthThroughTheBuilderAndThroughAppends) {
                 const std::size_t longest = count > 10000 ? 20 : random() % 2 == 0 ? 9 : 3000;
                 const auto texts = some_texts(count, distinct, longest, random);
                 const int type = random() % 2 == 0 ? TYPE_str : type_tag;
-                column_options options;
-                options.first = static_cast<BUN>(random() % 3);
-                options.writable = true;
+                const column_options options{.first = static_cast<BUN>(random() % 3),
+                                             .writable = true};
                 const int least_width = 1 << random() % 3;
                 text_builder builder({type, sharing, least_width});
                 BAT *appended = BATnew(TYPE_void, type, 0);
@@ -134,9 +126,8 @@ TEST_F(Texts, EndAtAZeroByteAndMayHaveAnyLength) {
                                                  {"\0", 1},     long_text,  str_nil_text,
                                                  "abcdefg",     "abcdefgh", "abcdefghi"};
     builder.append_all(texts);
-    for (const std::string_view text : texts) {
+    for (const std::string_view text : texts)
         builder.append(text);
-    }
     const bat b = builder.finish();
     const std::vector<std::string_view> expected = {
         "ab", "ab", "", "", long_text, str_nil_text, "abcdefg", "abcdefgh", "abcdefghi"};

@@ -1,6 +1,6 @@
 // Views and alignment.
-#include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include <gtest/gtest.h>
 
@@ -10,20 +10,13 @@ namespace {
 
 using namespace refkernel;
 
-class Views : public testing::Test {
-protected:
-    checkpoint before;
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
-};
+using Views = leak_checked;
 
 TEST_F(Views, ShareHeadAndTailMemoryWhereverTheirSourcesBegin) {
     for (const BUN head_first : {0U, 3U}) {
         for (const BUN tail_first : {0U, 5U}) {
             for (const bool stored : {false, true}) {
-                column_options options;
-                options.first = head_first;
-                options.stored_head = stored;
-                options.seqbase = 20;
+                column_options options{.stored_head = stored, .seqbase = 20, .first = head_first};
                 bat a = make_column<std::int8_t>(std::vector<std::int8_t>{1, 2, 3}, options);
                 options = {};
                 options.first = tail_first;
@@ -55,9 +48,8 @@ TEST_F(Views, ShareHeadAndTailMemoryWhereverTheirSourcesBegin) {
 }
 
 TEST_F(Views, ASliceKeepsThePositionsOfItsRows) {
-    column_options options;
-    options.seqbase = 10;
-    options.tail = {.sorted = true, .key = true, .dense = true};
+    const column_options options{.tail = {.sorted = true, .key = true, .dense = true},
+                                 .seqbase = 10};
     const bat whole = make_column<oid>(std::vector<oid>{5, 6, 7, 8, 9}, options);
     whole->tail->seqbase = 5;
     ASSERT_NE(BAThash(whole.record(), 0), nullptr);
@@ -87,12 +79,9 @@ TEST_F(Views, AnAppendToTheSourceDoesNotMoveTheView) {
 
 TEST_F(Views, HeadsAreAlignedWhenRowsAreKnownToBelongTogether) {
     const auto column = [](BUN rows, bool stored, oid seqbase = 0, column_marks marks = {}) {
-        column_options options;
-        options.stored_head = stored;
-        options.seqbase = seqbase;
-        options.head = marks;
-        options.writable = true;
-        return make_column<std::int32_t>(std::vector<std::int32_t>(rows), options);
+        return make_column<std::int32_t>(
+            std::vector<std::int32_t>(rows),
+            {.stored_head = stored, .seqbase = seqbase, .head = marks, .writable = true});
     };
     const auto synced = [](const bat &a, const bat &b) {
         const bool one_way = ALIGNsynced(a.record(), b.record()) != 0;

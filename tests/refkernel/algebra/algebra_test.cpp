@@ -1,5 +1,6 @@
 // Join, sample, extremes and single values, against plain references.
 #include "tests/refkernel/algebra/grouping_reference.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include "refkernel/algebra/sample.h"
 #include "refkernel/instrumentation.h"
@@ -21,11 +22,9 @@ using reference::value_bytes;
 
 constexpr unsigned seed = 77;
 
-class Algebra : public testing::Test {
+class Algebra : public leak_checked {
 protected:
-    checkpoint before;
     std::mt19937_64 random{seed};
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
 };
 
 // ---- join ------------------------------------------------------------------------------------
@@ -55,16 +54,12 @@ TEST_F(Algebra, JoinGivesEveryPairOfEqualOidsInTheOrderOfTheLeftSide) {
         std::vector<oid> tails(count);
         for (oid &tail : tails)
             tail = random() % 20 == 0 ? oid_nil : 100 + static_cast<oid>(random() % range);
-        column_options options;
-        options.stored_head = stored_head;
-        options.seqbase = 7;
-        options.first = stored_head ? 3 : 0;
-        return make_column(std::span<const oid>(tails), options);
+        return make_column(
+            std::span<const oid>(tails),
+            {.stored_head = stored_head, .seqbase = 7, .first = stored_head ? 3U : 0U});
     };
     const auto right = [&](std::size_t count, int kind) {
-        column_options options;
-        options.seqbase = 100;
-        options.first = 2;
+        column_options options{.seqbase = 100, .first = 2};
         std::vector<oid> heads(count);
         for (std::size_t i = 0; i < count; ++i)
             heads[i] = 100 + static_cast<oid>(kind == 1 ? i / 2 : random() % (count + 1));
@@ -104,11 +99,10 @@ TEST_F(Algebra, JoinGivesEveryPairOfEqualOidsInTheOrderOfTheLeftSide) {
 TEST_F(Algebra, SampleTakesDifferentRowsInTheirOrder) {
     for (const BUN count : {0U, 1U, 99U, 100U, 101U, 5000U}) {
         for (const bool stored : {false, true}) {
-            column_options options;
-            options.seqbase = 40;
-            options.stored_head = stored;
-            options.first = 6;
-            options.tail.sorted = options.tail.key = true;
+            const column_options options{.tail = {.sorted = true, .key = true},
+                                         .stored_head = stored,
+                                         .seqbase = 40,
+                                         .first = 6};
             std::vector<lng> values(count);
             for (BUN i = 0; i < count; ++i)
                 values[i] = 10 * lng{i};
@@ -179,11 +173,8 @@ void expect_extremes(std::mt19937_64 &random, int type) {
                             : static_cast<T>(static_cast<std::int64_t>(random()));
                 if (sorted)
                     std::ranges::sort(values);
-                column_options options;
-                options.type = type;
-                options.first = 3;
-                options.tail.sorted = sorted;
-                const bat b = make_column(std::span<const T>(values), options);
+                const bat b = make_column(std::span<const T>(values),
+                                          {.type = type, .tail = {.sorted = sorted}, .first = 3});
                 std::erase(values, nil);
                 const auto [least, greatest] = std::ranges::minmax_element(values);
                 T found{};
@@ -298,8 +289,7 @@ TEST_F(Algebra, ConversionKeepsWhatFitsAndMakesTheRestNil) {
 }
 
 TEST_F(Algebra, FetchCountsFromTheFirstRow) {
-    column_options options;
-    options.first = 4;
+    const column_options options{.first = 4};
     const bat numbers = make_column(std::vector<sht>{7, 8, 9}, options);
     ValRecord record{};
     BUN position = 1;

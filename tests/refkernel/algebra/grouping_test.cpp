@@ -1,5 +1,6 @@
 // Serial grouping, refinement and the count of refined groups, against a plain reference.
 #include "tests/refkernel/algebra/grouping_reference.h"
+#include "tests/refkernel/leak_checked.h"
 
 #include "refkernel/instrumentation.h"
 
@@ -75,9 +76,10 @@ enum class head_kind { counted, counted_from_above, nils, ascending, shuffled };
 
 column_options options_for(head_kind kind, std::size_t rows, BUN first, std::mt19937_64 &random,
                            std::vector<oid> &heads) {
-    column_options options;
-    options.first = first;
-    options.seqbase = kind == head_kind::counted ? 0 : kind == head_kind::nils ? oid_nil : 70000;
+    column_options options{.seqbase = kind == head_kind::counted ? 0
+                                      : kind == head_kind::nils  ? oid_nil
+                                                                 : 70000,
+                           .first = first};
     if (kind == head_kind::ascending || kind == head_kind::shuffled) {
         heads.resize(rows);
         for (std::size_t i = 0; i < rows; ++i)
@@ -125,11 +127,9 @@ bat texts(std::size_t rows, const spread &s, const column_options &options,
     return builder.finish(options);
 }
 
-class Grouping : public testing::Test {
+class Grouping : public leak_checked {
 protected:
-    checkpoint before;
     std::mt19937_64 random{seed};
-    void TearDown() override { EXPECT_EQ(before.leaks(), ""); }
 };
 
 // ---- grouping --------------------------------------------------------------------------------
@@ -181,9 +181,7 @@ TEST_F(Grouping, KnowsVoidTailsAndBelievesKeyMarks) {
     for (const oid tail_seqbase : {oid{0}, oid{9}, oid_nil})
         for (const BUN rows : {0U, 1U, 3000U})
             expect_grouped(make_void_column(rows, tail_seqbase, {.seqbase = 4}));
-    column_options options;
-    options.tail.key = true;
-    options.first = 7;
+    const column_options options{.tail = {.key = true}, .first = 7};
     const bat unique = numbers<lng>(5000, {~0ULL, 1, 0}, options, random);
     expect_grouped(unique);
     EXPECT_NE(run_group(unique).map->tail->key, 0);
@@ -198,15 +196,16 @@ TEST_F(Grouping, TurnsToPartitionsForManyGroups) {
                                 options_for(head_kind::counted, 300000, 3, random, heads), random));
     expect_grouped(numbers<dbl>(
         600000, {~0ULL, 1, 5}, options_for(head_kind::shuffled, 600000, 0, random, heads), random));
+    // Texts of which the heap holds many copies: far more places than groups.
+    expect_grouped(texts(20000, {300, 1, 0}, {}, {TYPE_str, text_sharing::anew, 1}, random));
 }
 
 TEST_F(Grouping, ComparesFloatsByTheirBits) {
     const dbl nan = std::numeric_limits<dbl>::quiet_NaN();
     const dbl other_nan = -nan;
-    column_options options;
-    options.tail.sorted = true; // as numbers, zeros may take turns in an ascending column
-    expect_grouped(
-        make_column(std::vector<dbl>{-0.0, 0.0, -0.0, 0.0, 1, nan, other_nan, nan}, options));
+    // As numbers, zeros may take turns in an ascending column.
+    expect_grouped(make_column(std::vector<dbl>{-0.0, 0.0, -0.0, 0.0, 1, nan, other_nan, nan},
+                               {.tail = {.sorted = true}}));
     EXPECT_EQ(run_group(make_column(std::vector<flt>{0.F, -0.F, 0.F, -0.F})).histogram.count(), 2U);
     EXPECT_EQ(run_group(make_column(std::vector<dbl>{nan, nan, other_nan})).histogram.count(), 2U);
 }
@@ -251,7 +250,8 @@ TEST_F(Grouping, RunsOnManyThreadsAtOnce) {
         each.join();
 }
 
-// ---- refinement ------------------------------------------------------------------------------
+// ---- refinement
+// ------------------------------------------------------------------------------
 
 // The map under another head: the rows in another order, and without some of them.
 bat reordered_map(const result &old, double kept, bool ascending, std::mt19937_64 &random) {
@@ -266,12 +266,9 @@ bat reordered_map(const result &old, double kept, bool ascending, std::mt19937_6
         heads.push_back(old.map.head_oid(row));
         ids.push_back(old.map.tail_oid(row));
     }
-    column_options options;
-    options.stored_head = true;
-    options.head_oids = heads;
-    options.head.sorted = ascending;
-    options.first = 2;
-    return make_column(std::span<const oid>(ids), options);
+    return make_column(
+        std::span<const oid>(ids),
+        {.stored_head = true, .head_oids = heads, .head = {.sorted = ascending}, .first = 2});
 }
 
 // The old group of each row of b, looked up by head.
@@ -384,7 +381,8 @@ TEST_F(Refinement, FailsForInputsThatDoNotBelongTogether) {
     EXPECT_EQ(outputs[1], int_nil);
 }
 
-// ---- counting refined groups -----------------------------------------------------------------
+// ---- counting refined groups
+// -----------------------------------------------------------------
 
 // How plans count the different values of each group: one joined row for each refined group.
 bat count_distinct(const bat &extents, const bat &map, const bat &b) {
