@@ -1,10 +1,6 @@
 #include "grouping/group_table.h"
 
-#include "refkernel/instrumentation.h"
-
-#include <limits>
 #include <random>
-#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -13,8 +9,6 @@
 namespace {
 
 using namespace vask;
-using refkernel::instrumentation::operation;
-using refkernel::instrumentation::watch;
 
 // Worked out by hand from the definition.
 TEST(KeyHash, MixAndTextHash) {
@@ -75,63 +69,6 @@ TEST(ChainedTable, KeepsOneEntryPerKeyInOrderOfInsertion) {
                 ASSERT_EQ(table.find(value), known.second);
             }
         }
-}
-
-TEST(ChainedTable, KeysAreBitsOfFloatsAndWhatTextsRead) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    vask_group_table<dbl> numbers(1);
-    const std::vector<double> values{0.0, -0.0, nan, 1.0, nan, 0.0};
-    std::vector<std::uint32_t> entries;
-    for (const double value : values)
-        entries.push_back(add(numbers, value, 0));
-    EXPECT_EQ(entries, (std::vector<std::uint32_t>{0, 1, 2, 3, 2, 0}));
-
-    vask_group_table<str> texts(0);
-    const std::string stored[] = {"", "ash", "as", "ash", "", "ashe", "\x80"};
-    entries.clear();
-    for (const std::string &text : stored)
-        entries.push_back(add(texts, text.c_str(), 0));
-    EXPECT_EQ(entries, (std::vector<std::uint32_t>{0, 1, 2, 1, 0, 3, 4}));
-}
-
-TEST(ChainedTable, AppendedEntriesAreCountedButNotFound) {
-    vask_group_table<std::int32_t> table(65535);
-    table.append({7, 1, 1, NO_BUN, 0});
-    EXPECT_EQ(table.probe(7), nullptr);
-    for (std::int32_t i = 0; i < 3000; ++i) // far enough for the buckets to be widened
-        EXPECT_EQ(add<std::int32_t>(table, i, 2), static_cast<std::uint32_t>(i + 1));
-    EXPECT_EQ(table.find(7), 2U);
-}
-
-TEST(ChainedTable, MoveAssignmentLeavesTheTargetsBuckets) {
-    watch kernel;
-    const std::uint64_t held = kernel.bytes_outstanding();
-    {
-        gdk_vector<vask_group_table<std::int32_t>> slots(3);
-        vask_group_table<std::int32_t> made(15);
-        add(made, 5, 9U);
-        slots[1] = std::move(made);
-        EXPECT_EQ(slots[1].mask(), 15U);
-        EXPECT_EQ(slots[1].find(5), 9U);
-    }
-    EXPECT_EQ(kernel.bytes_outstanding() - held, 1024 * sizeof(std::uint32_t));
-}
-
-TEST(ChainedTable, FailingAllocationsGiveBackWhatWasHeld) {
-    watch kernel;
-    const std::uint64_t held = kernel.bytes_outstanding();
-    for (std::uint64_t nth = 1; nth <= 6; ++nth) {
-        kernel.fail_at(operation::gdk_malloc, nth);
-        try {
-            gdk_vector<vask_group_table<lng>> slots(2);
-            for (lng i = 0; i < 5000; ++i)
-                add(slots[0], i, 0U);
-            FAIL() << "did not fail at " << nth;
-        } catch (const std::bad_alloc &e) {
-            EXPECT_STREQ(e.what(), "bad allocation");
-        }
-        EXPECT_EQ(kernel.bytes_outstanding(), held) << nth;
-    }
 }
 
 } // namespace

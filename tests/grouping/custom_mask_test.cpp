@@ -15,10 +15,8 @@ using refkernel::bat;
 
 template <class T>
 std::uint32_t mask_of(const std::vector<T> &values, bool sorted = false, BUN first = 0) {
-    refkernel::column_options options;
-    options.tail.sorted = sorted;
-    options.first = first;
-    const bat b = refkernel::make_column<T>(std::span<const T>(values), options);
+    const bat b = refkernel::make_column<T>(std::span<const T>(values),
+                                            {.tail = {.sorted = sorted}, .first = first});
     value_range<T> scratch;
     return get_custom_mask<T>(b.record(), &scratch);
 }

@@ -7,6 +7,7 @@
 #include "grouping/plain_groups.h"
 #include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 #include "vask_ops.h"
 
 #include <chrono>
@@ -133,22 +134,14 @@ outcome run(body derive, const layout &l, const bat &b, const old_grouping &old)
             ext->tail->sorted};
 }
 
-void check_pairs(body derive, const layout &l, const bat &b, const old_grouping &old,
-                 const plain_groups &expected) {
-    const outcome pairs = run(derive, l, b, old);
-    ASSERT_EQ(pairs.result, 1);
-    EXPECT_EQ(difference(pairs.groups, expected), "");
-    EXPECT_EQ(pairs.ids_sorted, sorted_mark(*b->head));
-    EXPECT_EQ(pairs.counts_sorted, 0);
-}
-
-void check_buckets(body derive, const layout &l, const bat &b, const old_grouping &old,
-                   const plain_groups &expected) {
-    const outcome buckets = run(derive, l, b, old);
-    ASSERT_EQ(buckets.result, 1);
-    EXPECT_EQ(difference(buckets.groups, in_order_of_id(expected)), "");
-    EXPECT_EQ(buckets.ids_sorted, SORTED_ASCENDING);
-    EXPECT_EQ(buckets.counts_sorted, 0);
+//! The road's groups, in order of first rows and under the mark of the column's head, or by id.
+void check_road(body derive, bool by_id, const layout &l, const bat &b, const old_grouping &old,
+                const plain_groups &expected) {
+    const outcome made = run(derive, l, b, old);
+    ASSERT_EQ(made.result, 1);
+    EXPECT_EQ(difference(made.groups, by_id ? in_order_of_id(expected) : expected), "");
+    EXPECT_EQ(made.ids_sorted, by_id ? std::uint8_t{SORTED_ASCENDING} : sorted_mark(*b->head));
+    EXPECT_EQ(made.counts_sorted, 0);
 }
 
 template <class T>
@@ -157,16 +150,9 @@ void check_numbers(const layout &l, const std::vector<T> &values) {
     const old_grouping old(l);
     const bat b = refkernel::make_column<T>(std::span<const T>(values),
                                             head_options(l.head, old.heads, l.first));
-    std::vector<std::pair<std::uint64_t, std::size_t>> by_number;
-    std::vector<std::pair<std::uint64_t, std::size_t>> by_bits;
-    for (std::size_t row = 0; row < values.size(); ++row) {
-        by_number.push_back(key_by_number(values[row], row));
-        by_bits.push_back(key_by_bits(values[row]));
-    }
-    const checkpoint before;
-    check_pairs(vask_pairs_derive<T>, l, b, old, refine_plainly(old, by_number));
-    check_buckets(vask_buckets_derive<T>, l, b, old, refine_plainly(old, by_bits));
-    EXPECT_EQ(before.leaks(), "");
+    const leak_guard leaks;
+    check_road(vask_pairs_derive<T>, false, l, b, old, refine_plainly(old, keys_by_number(values)));
+    check_road(vask_buckets_derive<T>, true, l, b, old, refine_plainly(old, keys_by_bits(values)));
 }
 
 std::vector<layout> layouts() {
@@ -294,8 +280,9 @@ TEST(Derive, TextsByPlaceAndByContent) {
                     by_place.push_back(reader.offset(l.first + row));
                     by_content.emplace_back(reader[l.first + row]);
                 }
-                check_pairs(vask_pairs_derive<str>, l, b, old, refine_plainly(old, by_place));
-                check_buckets(vask_buckets_derive<str>, l, b, old, refine_plainly(old, by_content));
+                check_road(vask_pairs_derive<str>, false, l, b, old, refine_plainly(old, by_place));
+                check_road(vask_buckets_derive<str>, true, l, b, old,
+                           refine_plainly(old, by_content));
             }
     }
 }
@@ -390,12 +377,9 @@ TEST(VaskDerive, SizesAndTheSampleChooseTheRoad) {
         EXPECT_EQ(result.failure, exception());
         EXPECT_EQ(road_of(kernel), c.expected);
         EXPECT_EQ(kernel.unpaired_accesses().size(), c.expected == road::serial ? 3U : 0U);
-        std::vector<std::pair<std::uint64_t, std::size_t>> keys;
-        for (const std::int32_t value : values)
-            keys.push_back(key_by_bits(value));
         EXPECT_EQ(difference(in_order_of_id(
                                  read_groups(*result.map.record(), *result.histo.record(), l.rows)),
-                             in_order_of_id(refine_plainly(old, keys))),
+                             in_order_of_id(refine_plainly(old, keys_by_bits(values)))),
                   "");
     }
 }
@@ -428,7 +412,7 @@ TEST(VaskDerive, WhatIsMissingOrWrongIsNamed) {
     const bat no_storage = refkernel::make_void_column(l.rows, 0, head_options(l.head, old.heads));
     const bat none;
     const char *place = "group.vask_derive";
-    const checkpoint before;
+    const leak_guard leaks;
     EXPECT_EQ(call(old.histo, old.map, none).failure, (exception{place, "Object not found"}));
     EXPECT_EQ(call(old.histo, none, b).failure, (exception{place, "Object not found"}));
     EXPECT_EQ(call(none, old.map, b).failure, (exception{place, "Object not found"}));
@@ -436,7 +420,6 @@ TEST(VaskDerive, WhatIsMissingOrWrongIsNamed) {
               (exception{place, "Explicit type required(v)oid head required\n"}));
     EXPECT_EQ(call(old.histo, old.map, no_storage).failure, (exception{place, "operation failed"}));
     EXPECT_EQ(call(old.histo, old.map, oid_tail).failure, exception()); // stored as int
-    EXPECT_EQ(before.leaks(), "");
 }
 
 // The n-th call of an operation fails, for all n there are.

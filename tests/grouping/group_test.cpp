@@ -4,9 +4,10 @@
 #include "grouping/plain_groups.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
+#include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 
-#include <cctype>
 #include <functional>
 #include <regex>
 
@@ -70,13 +71,7 @@ bat text_cycle(BUN rows, std::uint32_t distinct, int type = TYPE_str, BUN first 
     refkernel::text_builder builder(stored);
     for (BUN row = 0; row < rows; ++row)
         builder.append(std::to_string(row % distinct));
-    refkernel::column_options options;
-    options.first = first;
-    return builder.finish(options);
-}
-
-refkernel::column_options head_of(heads kind, const std::vector<oid> &oids) {
-    return head_options(kind, oids);
+    return builder.finish({.first = first});
 }
 
 struct selection_case {
@@ -91,23 +86,9 @@ TEST(GroupSelect, EachTestOnBothSidesOfItsLimit) {
     constexpr BUN rows = serial_rows + 1;
     const std::vector<oid> dense = head_oids(heads::dense, rows, 4, 0);
     const std::vector<oid> shuffled = head_oids(heads::shuffled, rows, 4, 1);
-    const auto with_first = [](BUN first) {
-        refkernel::column_options options;
-        options.first = first;
-        return options;
-    };
-    const auto key_marked = [](bool key) {
-        refkernel::column_options options;
-        options.tail.key = key;
-        return options;
-    };
-    const auto nil_head = [] {
-        refkernel::column_options options;
-        options.seqbase = oid_nil;
-        return options;
-    };
     const selection_case cases[] = {
-        {"key", VASK_GROUP_SERIAL, 2, false, [&] { return cycle(rows, rows, key_marked(true)); }},
+        {"key", VASK_GROUP_SERIAL, 2, false,
+         [&] { return cycle(rows, rows, {.tail = {.key = true}}); }},
         {"few rows", VASK_GROUP_SERIAL, 2, false, [&] { return cycle(serial_rows, 5); }},
         {"few texts", VASK_GROUP_SERIAL, 2, false, [&] { return text_cycle(serial_rows, 5); }},
         {"texts", VASK_GROUP_HASH, 1, false, [&] { return text_cycle(rows, rows); }},
@@ -120,18 +101,19 @@ TEST(GroupSelect, EachTestOnBothSidesOfItsLimit) {
         {"threshold", VASK_GROUP_HASH, 2, true, [&] { return cycle(rows, few_groups); }},
         {"above", VASK_GROUP_SORT, 2, true, [&] { return cycle(rows, few_groups + 1); }},
         {"few, rows in the middle", VASK_GROUP_SERIAL, 2, true,
-         [&] { return cycle(rows, 5, with_first(3)); }},
+         [&] { return cycle(rows, 5, {.first = 3}); }},
         {"many, rows in the middle", VASK_GROUP_SORT, 2, true,
-         [&] { return cycle(rows, rows, with_first(3)); }},
+         [&] { return cycle(rows, rows, {.first = 3}); }},
         {"many, stored dense head", VASK_GROUP_SORT, 2, true,
-         [&] { return cycle(rows, rows, head_of(heads::dense, dense)); }},
+         [&] { return cycle(rows, rows, head_options(heads::dense, dense)); }},
         {"many, other head", VASK_GROUP_SERIAL, 2, true,
-         [&] { return cycle(rows, rows, head_of(heads::shuffled, shuffled)); }},
+         [&] { return cycle(rows, rows, head_options(heads::shuffled, shuffled)); }},
         {"few, other head", VASK_GROUP_HASH, 2, true,
-         [&] { return cycle(rows, 5, head_of(heads::shuffled, shuffled)); }},
+         [&] { return cycle(rows, 5, head_options(heads::shuffled, shuffled)); }},
         {"many, head of nils", VASK_GROUP_SERIAL, 2, true,
-         [&] { return cycle(rows, rows, nil_head()); }},
-        {"few, head of nils", VASK_GROUP_HASH, 2, true, [&] { return cycle(rows, 5, nil_head()); }},
+         [&] { return cycle(rows, rows, {.seqbase = oid_nil}); }},
+        {"few, head of nils", VASK_GROUP_HASH, 2, true,
+         [&] { return cycle(rows, 5, {.seqbase = oid_nil}); }},
         {"many, stored as text", VASK_GROUP_SORT, 2, true,
          [&] { return text_cycle(rows, rows, refkernel::type_tag); }},
     };
@@ -139,13 +121,10 @@ TEST(GroupSelect, EachTestOnBothSidesOfItsLimit) {
         SCOPED_TRACE(c.what);
         const kernel_settings settings(c.threads);
         const bat b = c.column();
-        const refkernel::checkpoint before;
-        {
-            watch kernel;
-            EXPECT_EQ(vask_group_select(b.record()), c.expected);
-            EXPECT_EQ(kernel.calls(operation::bat_sample), c.sampled ? 1U : 0U);
-        }
-        EXPECT_EQ(before.leaks(), "");
+        const leak_guard leaks;
+        watch kernel;
+        EXPECT_EQ(vask_group_select(b.record()), c.expected);
+        EXPECT_EQ(kernel.calls(operation::bat_sample), c.sampled ? 1U : 0U);
     }
 }
 
@@ -175,31 +154,26 @@ TEST(Group, AgreesWithThePlainWay) {
                     const std::vector<oid> oids = head_oids(kind, values.size(), 3, seed);
                     const bat b = refkernel::make_column<T>(std::span<const T>(values),
                                                             head_options(kind, oids));
-                    std::vector<std::pair<std::uint64_t, std::size_t>> keys;
-                    for (const T value : values)
-                        keys.push_back(key_by_bits(value));
-                    const refkernel::checkpoint before;
-                    {
-                        const grouping made(b.id());
-                        ASSERT_EQ(made.failure, none);
-                        const plain_groups expected = group_rows(keys, oids);
-                        ASSERT_EQ(difference(read_groups(*made.map.record(), *made.ext.record(),
-                                                         b.count()),
-                                             expected),
-                                  "")
-                            << "seed " << seed;
-                        EXPECT_EQ(made.map.count(), b.count());
-                        EXPECT_EQ(made.map->head->type, b->head->type);
-                        EXPECT_NE(ALIGNsynced(made.map.record(), b.record()), 0);
-                    }
-                    EXPECT_EQ(before.leaks(), "");
+                    const leak_guard leaks;
+                    const grouping made(b.id());
+                    ASSERT_EQ(made.failure, none);
+                    const plain_groups expected = group_rows(keys_by_bits(values), oids);
+                    ASSERT_EQ(
+                        difference(read_groups(*made.map.record(), *made.ext.record(), b.count()),
+                                   expected),
+                        "")
+                        << "seed " << seed;
+                    EXPECT_EQ(made.map.count(), b.count());
+                    EXPECT_EQ(made.map->head->type, b->head->type);
+                    EXPECT_NE(ALIGNsynced(made.map.record(), b.record()), 0);
                 });
 }
 
 TEST(Group, MarksOfTheResults) {
     const kernel_settings settings(2);
     const std::vector<oid> ascending = head_oids(heads::ascending, 3000, 4, 0);
-    const bat columns[] = {cycle(3000, 50), cycle(3000, 50, head_of(heads::ascending, ascending)),
+    const bat columns[] = {cycle(3000, 50),
+                           cycle(3000, 50, head_options(heads::ascending, ascending)),
                            cycle(3000, 3000), text_cycle(3000, 3000)};
     for (const bat &b : columns) {
         const grouping made(b.id());
@@ -217,42 +191,17 @@ TEST(Group, MarksOfTheResults) {
     }
 }
 
-//! The kernel calls of one grouping with the BATs by role, leaving out memory.
-std::vector<std::string> calls_of(const bat &b) {
+TEST(Group, KernelSeesTheStepsInOrder) {
+    const kernel_settings settings(2);
+    const bat b = text_cycle(2000, 50);
     watch kernel;
     kernel.record(true);
     const grouping made(b.id());
-    std::vector<std::string> calls;
-    for (std::string text : kernel.recorded_texts()) {
-        if (text.starts_with("GDK"))
-            continue;
-        for (const auto &[id, role] :
-             {std::pair{b.id(), "b"}, {made.map.id(), "grp"}, {made.ext.id(), "ext"}}) {
-            const std::string number = std::to_string(id);
-            for (std::size_t at = 0; (at = text.find(number, at)) != std::string::npos; ++at) {
-                const std::size_t end = at + number.size();
-                if (std::isdigit(text[at - 1]) == 0 && (text[end] == ',' || text[end] == ')'))
-                    text.replace(at, number.size(), role);
-            }
-        }
-        calls.push_back(text);
-    }
-    return calls;
-}
-
-TEST(Group, KernelSeesTheStepsInOrder) {
-    const kernel_settings settings(2);
-    // So that no BAT has a number that stands in the calls for something else.
-    std::vector<bat> others;
-    while (others.empty() || others.back().id() < 10)
-        others.push_back(cycle(1, 1));
-    const bat b = text_cycle(2000, 50);
-    EXPECT_EQ(calls_of(b),
-              (std::vector<std::string>{"BBPincref(b, 0)", "BATnew(0, 7, 2000)",
-                                        "BATnew(7, 8, 4096)", "BATsetcount(grp, 2000)",
-                                        "ALIGNsetH(grp, b)", "BATsetaccess(grp, 1)",
-                                        "BATkey(-ext, 0)", "BATkey(ext, 1)", "BATsetaccess(ext, 1)",
-                                        "BBPkeepref(grp)", "BBPkeepref(ext)", "BBPreleaseref(b)"}));
+    EXPECT_EQ(calls_by_role(kernel, {{b.id(), "b"}, {made.map.id(), "grp"}, {made.ext.id(), "ext"}},
+                            memory_calls::left_out),
+              "BBPincref(b, 0) BATnew(0, 7, 2000) BATnew(7, 8, 4096) BATsetcount(grp, 2000) "
+              "ALIGNsetH(grp, b) BATsetaccess(grp, 1) BATkey(-ext, 0) BATkey(ext, 1) "
+              "BATsetaccess(ext, 1) BBPkeepref(grp) BBPkeepref(ext) BBPreleaseref(b)");
 }
 
 TEST(Group, GoesOnWithWhatTheSealGives) {
@@ -297,13 +246,10 @@ TEST(Group, FailuresReleaseWhatTheyHold) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.expected.text + " on " + std::to_string(c.id));
-        const refkernel::checkpoint before;
-        {
-            watch kernel;
-            kernel.fail_at(c.op, c.nth);
-            EXPECT_EQ(grouping(c.id).failure, c.expected);
-        }
-        EXPECT_EQ(before.leaks(), "");
+        const leak_guard leaks;
+        watch kernel;
+        kernel.fail_at(c.op, c.nth);
+        EXPECT_EQ(grouping(c.id).failure, c.expected);
     }
     const kernel_settings no_threads(0);
     EXPECT_EQ(grouping(numbers.id()).failure, place("operation failed"));

@@ -4,10 +4,10 @@
 #include "kernel/column.h"
 #include "kernel/isa.h"
 #include "kernel/key_hash.h"
-#include "kernel/row_ranges.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 
 #include <limits>
 
@@ -29,22 +29,19 @@ void check_road(const bat &b, const std::vector<Key> &keys, const std::vector<oi
                  ", width " + std::to_string(b->tail->width) + ", " + std::to_string(threads) +
                  " threads");
     const kernel_settings settings(threads);
-    const refkernel::checkpoint before;
-    {
-        group_results made(b);
-        ASSERT_EQ(vask_hash_group<T>(made.ext.record(), made.grp.record(), b.record()), 1);
-        ASSERT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()),
-                             group_rows(keys, oids)),
-                  "");
-        if (b->head->type != TYPE_void) {
-            const oid *map_heads = static_cast<const oid *>(made.grp->head->base);
-            EXPECT_TRUE(std::equal(oids.begin(), oids.end(), map_heads));
-        }
-        EXPECT_EQ(made.ext->head->sorted, sorted_mark(*b->head));
-        EXPECT_EQ(made.ext->tail->sorted, 0);
-        EXPECT_EQ(made.grp.count(), 0U) << "the count is the caller's";
+    const leak_guard leaks;
+    group_results made(b);
+    ASSERT_EQ(vask_hash_group<T>(made.ext.record(), made.grp.record(), b.record()), 1);
+    ASSERT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()),
+                         group_rows(keys, oids)),
+              "");
+    if (b->head->type != TYPE_void) {
+        const oid *map_heads = static_cast<const oid *>(made.grp->head->base);
+        EXPECT_TRUE(std::equal(oids.begin(), oids.end(), map_heads));
     }
-    EXPECT_EQ(before.leaks(), "");
+    EXPECT_EQ(made.ext->head->sorted, sorted_mark(*b->head));
+    EXPECT_EQ(made.ext->tail->sorted, 0);
+    EXPECT_EQ(made.grp.count(), 0U) << "the count is the caller's";
 }
 
 template <class T>
@@ -53,10 +50,7 @@ void check_numbers(const std::vector<T> &values, heads kind, int threads, bool s
     refkernel::column_options options = head_options(kind, oids);
     options.tail.sorted = sorted;
     const bat b = refkernel::make_column<T>(std::span<const T>(values), options);
-    std::vector<std::pair<std::uint64_t, std::size_t>> keys;
-    for (const T value : values)
-        keys.push_back(key_by_bits(value));
-    check_road<T>(b, keys, oids, threads);
+    check_road<T>(b, keys_by_bits(values), oids, threads);
 }
 
 //! `distinct` values side by side from `least` on, some nil.
@@ -190,20 +184,6 @@ TEST(HashGroup, EveryInstructionSetGivesTheSame) {
         check_numbers(close_values<bte>(5000, -9, 100, 10, 9), heads::void_head, 2);
     }
     limit_instruction_set(instruction_set::avx512);
-}
-
-TEST(HashGroup, RangesTakeTheRemainderLast) {
-    const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
-    const auto ranges = vask_row_ranges(*b.record(), 3);
-    ASSERT_EQ(ranges.size(), 3U);
-    const BUN expected[][2] = {{0, 2}, {3, 5}, {6, 9}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(ranges[i].low, expected[i][0]);
-        EXPECT_EQ(ranges[i].high, expected[i][1]);
-    }
-    const bat tail = refkernel::slice(b, 7, 3);
-    EXPECT_EQ(vask_row_ranges(*tail.record(), 1)[0].low, 7U);
-    EXPECT_EQ(vask_row_ranges(*tail.record(), 1)[0].high, 9U);
 }
 
 TEST(HashGroup, NoThreadsFailAtOnce) {

@@ -3,6 +3,7 @@
 
 #include "kernel/bat.h"
 #include "refkernel/embed.h"
+#include "support/element_types.h"
 
 #include <algorithm>
 #include <cmath>
@@ -78,6 +79,21 @@ std::pair<std::uint64_t, std::size_t> key_by_number(T value, std::size_t row) {
     return key_by_bits(value);
 }
 
+template <class T>
+std::vector<std::pair<std::uint64_t, std::size_t>> keys_by_bits(const std::vector<T> &values) {
+    std::vector<std::pair<std::uint64_t, std::size_t>> keys;
+    for (const T value : values)
+        keys.push_back(key_by_bits(value));
+    return keys;
+}
+template <class T>
+std::vector<std::pair<std::uint64_t, std::size_t>> keys_by_number(const std::vector<T> &values) {
+    std::vector<std::pair<std::uint64_t, std::size_t>> keys;
+    for (std::size_t row = 0; row < values.size(); ++row)
+        keys.push_back(key_by_number(values[row], row));
+    return keys;
+}
+
 //! Map and extents for a road to fill.
 struct group_results {
     refkernel::bat grp;
@@ -140,9 +156,7 @@ inline std::vector<oid> head_oids(heads kind, std::size_t rows, oid base, std::u
 //! The options of a column with these oids in its head. `oids` must live until it is made.
 inline refkernel::column_options head_options(heads kind, const std::vector<oid> &oids,
                                               BUN first = 0) {
-    refkernel::column_options options;
-    options.first = first;
-    options.seqbase = oids.empty() ? 0 : oids.front();
+    refkernel::column_options options{.seqbase = oids.empty() ? 0 : oids.front(), .first = first};
     if (kind != heads::void_head) {
         options.stored_head = true;
         options.head_oids = oids;
@@ -150,17 +164,6 @@ inline refkernel::column_options head_options(heads kind, const std::vector<oid>
         options.head.dense = kind == heads::dense;
     }
     return options;
-}
-
-//! Runs `body(T())` for the numeric storage classes of grouping.
-template <class Body>
-void for_each_number_type(Body body) {
-    body(std::int8_t());
-    body(std::int16_t());
-    body(std::int32_t());
-    body(std::int64_t());
-    body(float());
-    body(double());
 }
 
 } // namespace support
