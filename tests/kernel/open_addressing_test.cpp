@@ -97,20 +97,4 @@ TEST(OpenAddressing, RoundsWhatIsReservedUpAndNeverShrinks) {
     EXPECT_THROW(set.grow_to((std::uint32_t{1} << 31) + 1), std::bad_alloc);
 }
 
-TEST(OpenAddressing, TextsAreKeysByWhatTheyRead) {
-    std::vector<std::string> texts;
-    for (int copy = 0; copy < 2; ++copy)
-        for (int i = 0; i < 300; ++i)
-            texts.push_back(i == 0 ? "" : "\xc3\xa9" + std::to_string(i % 100));
-    open_addressing_table<text_keys, int> table;
-    for (const std::string &text : texts)
-        table.insert(text.c_str());
-    EXPECT_EQ(table.size(), 101U); // the empty one, and 0 to 99
-    EXPECT_LT(table.find(std::string("\xc3\xa9"
-                                     "42")
-                             .c_str()),
-              table.bucket_count());
-    EXPECT_EQ(table.find("\xc3"), table.bucket_count());
-}
-
 } // namespace
