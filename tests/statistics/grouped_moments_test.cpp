@@ -1,5 +1,6 @@
 #include "aggregates/grouped_check.h"
 #include "statistics/plain_statistics.h"
+#include "support/leak_guard.h"
 #include "vask_ops.h"
 
 #include <gtest/gtest.h>
@@ -9,8 +10,6 @@ namespace {
 using namespace support;
 using refkernel::bat;
 using refkernel::nil_of;
-using refkernel::instrumentation::operation;
-using refkernel::instrumentation::watch;
 
 // In the order of plain_moments.
 constexpr grouped_function statistics[] = {vask_grp_stdev,     vask_grp_stdevp, vask_grp_variance,
@@ -22,34 +21,31 @@ TEST(GroupedMoments, AgreeBitForBitWithPlainLoops) {
         const std::uint32_t nils = std::array{0U, 3U, 50U, 100U}[shape.seed % 4];
         const std::int32_t threads = std::array{1, 2, 3, 8, 300}[shape.seed % 5];
         const std::size_t parts = plain_partitions(shape.rows, threads);
-        for_each_stat_class([&]<class T>(T) {
+        for_each_number_type([&]<class T>(T) {
             const auto values = statistic_values<T>(shape.rows, 1000, nils, inputs.random());
             const auto rows = inputs.rows_by_group(
                 static_cast<BUN>(parts), [&](BUN row) { return values[row] != nil_of<T>(); });
             const bat column = column_of(values, {.first = shape.first});
             const kernel_settings settings(threads);
             const std::size_t i = inputs.random()() % std::size(statistics);
-            const refkernel::checkpoint before;
-            {
-                const bat result = call_grouped(statistics[i], column, inputs.map, inputs.extents);
-                bool any_nil = false;
-                for (BUN j = 0; j < shape.groups; ++j) {
-                    plain_sums total;
-                    for (const auto &part : rows[j]) {
-                        plain_sums partial;
-                        for (const BUN row : part)
-                            partial.add(static_cast<double>(values[row]));
-                        total.add(partial);
-                    }
-                    const double expected = plain_moments[i].of(total);
-                    any_nil |= expected == nil_of<double>();
-                    ASSERT_TRUE(same_bits(result.values<double>()[j], expected))
-                        << plain_moments[i].name << ", " << shape << ", " << nils << "% nil, "
-                        << threads << " threads: group " << j;
+            const leak_guard leaks(shape);
+            const bat result = call_grouped(statistics[i], column, inputs.map, inputs.extents);
+            bool any_nil = false;
+            for (BUN j = 0; j < shape.groups; ++j) {
+                plain_sums total;
+                for (const auto &part : rows[j]) {
+                    plain_sums partial;
+                    for (const BUN row : part)
+                        partial.add(static_cast<double>(values[row]));
+                    total.add(partial);
                 }
-                expect_grouped_shape(result, inputs.extents, TYPE_dbl, any_nil);
+                const double expected = plain_moments[i].of(total);
+                any_nil |= expected == nil_of<double>();
+                ASSERT_TRUE(same_bits(result.values<double>()[j], expected))
+                    << plain_moments[i].name << ", " << shape << ", " << nils << "% nil, "
+                    << threads << " threads: group " << j;
             }
-            ASSERT_EQ(before.leaks(), "") << shape;
+            expect_grouped_shape(result, inputs.extents, TYPE_dbl, any_nil);
         });
     }
 }
@@ -60,75 +56,17 @@ TEST(GroupedMoments, OfRowsThatAreGroups) {
     const bat view = refkernel::slice(values, 1, 4);
     const bat map = refkernel::make_void_column(4, 7);
     for (std::size_t i = 0; i < std::size(statistics); ++i) {
-        const refkernel::checkpoint before;
-        {
-            const bat result = call_grouped(statistics[i], view, map, map);
-            const bool zeros = plain_moments[i].population && !plain_moments[i].skewness;
-            const double zero = zeros ? 0 : nil;
-            // Positions count from 0, not from the view's first, and the marks say no nil whatever
-            // there is: both intended.
-            for (const BUN j : {0U, 1U, 3U})
-                EXPECT_EQ(result.values<double>()[j], zero) << plain_moments[i].name << j;
-            EXPECT_EQ(result.values<double>()[2], nil);
-            expect_grouped_shape(result, map, TYPE_dbl, false);
-        }
-        EXPECT_EQ(before.leaks(), "");
+        const leak_guard leaks;
+        const bat result = call_grouped(statistics[i], view, map, map);
+        const bool zeros = plain_moments[i].population && !plain_moments[i].skewness;
+        const double zero = zeros ? 0 : nil;
+        // Positions count from 0, not from the view's first, and the marks say no nil whatever
+        // there is: both intended.
+        for (const BUN j : {0U, 1U, 3U})
+            EXPECT_EQ(result.values<double>()[j], zero) << plain_moments[i].name << j;
+        EXPECT_EQ(result.values<double>()[2], nil);
+        expect_grouped_shape(result, map, TYPE_dbl, false);
     }
-}
-
-TEST(GroupedMoments, Failures) {
-    const auto refused = [](const char *text) {
-        return refkernel::exception{"vask_grp_1_arg_statistical_func", text};
-    };
-    const bat values = column_of(std::vector<float>{1, 2, 3});
-    const bat map = column_of(std::vector<oid>{0, 1, 0});
-    const bat extents = refkernel::make_void_column(2, 0);
-    const bat texts = refkernel::make_text_column(std::vector<std::string_view>{"a"});
-    const bat oids = refkernel::make_void_column(3, 10);
-    const std::int32_t nobody = 0;
-    std::int32_t id = 5;
-    const refkernel::checkpoint before;
-    const auto call = [&](const std::int32_t *b, const std::int32_t *g, const std::int32_t *e) {
-        return refkernel::take_exception(vask_grp_skewp(&id, b, g, e));
-    };
-    EXPECT_EQ(call(&nobody, map.slot(), extents.slot()), refused("Object not found"));
-    EXPECT_EQ(call(values.slot(), &nobody, extents.slot()), refused("Object not found"));
-    EXPECT_EQ(call(values.slot(), map.slot(), &nobody), refused("Object not found"));
-    EXPECT_EQ(call(texts.slot(), map.slot(), extents.slot()), refused("Unsupported tail type"));
-    EXPECT_EQ(call(oids.slot(), map.slot(), extents.slot()), refused("operation failed"));
-    {
-        watch kernel;
-        kernel.fail_at(operation::bat_new, 1);
-        EXPECT_EQ(call(values.slot(), map.slot(), extents.slot()), refused("operation failed"));
-    }
-    EXPECT_EQ(id, 5);
-    EXPECT_EQ(before.leaks(), "");
-}
-
-TEST(GroupedMoments, WhatTheKernelSees) {
-    const kernel_settings settings(1);
-    const bat values = column_of(std::vector<double>{1, 2});
-    const bat map = column_of(std::vector<oid>{0, 0});
-    const bat extents = refkernel::make_void_column(1, 0);
-    watch kernel;
-    kernel.record(true);
-    const bat result = call_grouped(vask_grp_stdev, values, map, extents);
-    kernel.record(false);
-    std::vector<operation> seen;
-    for (const auto &c : kernel.recorded())
-        seen.push_back(c.op);
-    using enum operation;
-    const std::vector<operation> expected{
-        bbp_incref,  bbp_incref,     bbp_incref,                                 // b, g, e
-        bat_new,     bat_setcount,   view_create,    bbp_releaseref, align_seth, // the result
-        gdk_zalloc,  gdk_zalloc,     gdk_zalloc,                                 // a place per task
-        bat_access,  bat_access,     bat_access,                                 //
-        gdk_zalloc,  gdk_zalloc,     gdk_zalloc,                                 // the task's
-        gdk_free,    gdk_free,       gdk_free,                                   //
-        gdk_free,    gdk_free,       gdk_free,                                   //
-        bat_access,  bat_access,     bat_access,                                 //
-        bbp_keepref, bbp_releaseref, bbp_releaseref, bbp_releaseref};
-    EXPECT_EQ(seen, expected) << "sealed, or in another order";
 }
 
 } // namespace

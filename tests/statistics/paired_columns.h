@@ -11,25 +11,6 @@
 
 namespace support {
 
-//! Runs `body(T())` with the C++ type in which a storage code is read.
-template <class Body>
-auto with_class(int storage, Body body) {
-    switch (storage) {
-        case TYPE_sht:
-            return body(std::int16_t());
-        case TYPE_int:
-            return body(std::int32_t());
-        case TYPE_lng:
-            return body(std::int64_t());
-        case TYPE_flt:
-            return body(float());
-        case TYPE_dbl:
-            return body(double());
-        default:
-            return body(std::int8_t());
-    }
-}
-
 //! The types that the statistics let in.
 inline constexpr int statistic_types[] = {TYPE_bit, TYPE_byte, TYPE_bte, TYPE_sht, TYPE_int,
                                           TYPE_oid, TYPE_wrd,  TYPE_flt, TYPE_dbl, TYPE_lng};
@@ -53,7 +34,7 @@ class any_column {
 public:
     any_column(int type, BUN rows, BUN first, std::uint32_t nils, std::mt19937 &random)
         : type_(type), first_(first) {
-        with_class(support::storage_of(type), [&]<class T>(T) {
+        with_element_of(type, [&]<class T>(T) {
             const auto values = statistic_values<T>(rows + first, 1'000'000, nils, random);
             elements_.resize(values.size() * sizeof(T));
             std::memcpy(elements_.data(), values.data(), elements_.size());
@@ -66,14 +47,14 @@ public:
 
     //! The value of a row read in a class.
     [[nodiscard]] double value(BUN row, int storage_class) const {
-        return with_class(storage_class, [&]<class T>(T v) {
+        return with_element_of(storage_class, [&]<class T>(T v) {
             std::memcpy(&v, element(row), sizeof v);
             return static_cast<double>(v);
         });
     }
     //! Whether a row equals the nil of the column's type in a class.
     [[nodiscard]] bool equals_nil(BUN row, int storage_class) const {
-        return with_class(storage_class, [&]<class T>(T v) {
+        return with_element_of(storage_class, [&]<class T>(T v) {
             T nil;
             std::memcpy(&v, element(row), sizeof v);
             std::memcpy(&nil, BATatoms[type_].atom_null, sizeof nil);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "refkernel/embed.h"
+#include "support/element_types.h"
 
 #include <algorithm>
 #include <bit>
@@ -226,20 +227,18 @@ inline refkernel::exception refused(const char *text) {
     return {"statistics.func", text};
 }
 
+inline constexpr const char *quartile_text =
+    "Quartile function: Invalid input parameter. Input parameter should be one of the following: "
+    "0, 1, 2, 3 or 4.";
+inline constexpr const char *percentile_text =
+    "Percentile function: Invalid input parameter. Input parameter should be between 0 and 1 "
+    "(including).";
+inline constexpr const char *largest_text =
+    "Largest function: Invalid input parameter. Input parameter should be a positive integer.";
+
 //! Evenly between 0 and 1.
 inline double random_share(std::mt19937 &random) {
     return static_cast<double>(random()) / 4294967296.0;
-}
-
-//! Runs `body(T())` for the storage classes of the statistics.
-template <class Body>
-void for_each_stat_class(Body body) {
-    body(std::int8_t());
-    body(std::int16_t());
-    body(std::int32_t());
-    body(std::int64_t());
-    body(float());
-    body(double());
 }
 
 } // namespace support
