@@ -12,124 +12,218 @@
 #include <stdlib.h>
 #include <string.h>
 
-enum { rows = 5, groups = 2, most_answers = 10 };
+enum { rows = 5, groups = 2, most_inputs = 4, most_answers = 10 };
 
-#define NIL NAN /* in a list of expected numbers */
-
-static const double xs[rows] = {6, 2, 2, 10, 2};
-static const double ys[rows] = {1, 3, 2, 5, 4};
-static const double with_nil[rows] = {6, NIL, 2, 10, 2};
-static const double group_of_row[rows] = {0, 1, 0, 1, 0};
-static const double group_sizes[groups] = {3, 2};
-
-/* The operator's name, given as a name of the header with the type declared there. */
-#define NAME(type, operator) _Generic(&(operator), type * : #operator)
-
-typedef char *scalar_operator(void *, const int32_t *);
-typedef char *count_operator(int64_t *, const int32_t *);
-typedef char *statistic(double *, const int32_t *);
-typedef char *statistic_with_parameter(double *, const int32_t *, const int32_t *);
-typedef char *scalar_operator_with_parameter(void *, const int32_t *, const int32_t *);
-typedef char *two_inputs(int32_t *, const int32_t *, const int32_t *);
-typedef char *three_inputs(int32_t *, const int32_t *, const int32_t *, const int32_t *);
-typedef char *four_inputs(int32_t *, const int32_t *, const int32_t *, const int32_t *,
-                          const int32_t *);
-typedef char *grouping_operator(int32_t *, int32_t *, const int32_t *);
-typedef char *refining_operator(int32_t *, int32_t *, const int32_t *, const int32_t *,
-                                const int32_t *);
-typedef void array_operator(const uint32_t *, uint64_t, const uint32_t *, uint64_t, int8_t *);
+#define NIL NAN /* in a list of numbers */
 
 static const char *const exported_names[] = {
 #include "exported_names.inc"
 };
 enum { number_of_names = sizeof exported_names / sizeof *exported_names };
 
+typedef const int32_t *input;
+typedef char *of_one(void *, input);
+typedef char *count_of_one(int64_t *, input);
+typedef char *number_of_one(double *, input);
+typedef char *of_two(void *, input, input);
+typedef char *number_of_two(double *, input, input);
+typedef char *bat_of_two(int32_t *, input, input);
+typedef char *bat_of_three(int32_t *, input, input, input);
+typedef char *bat_of_four(int32_t *, input, input, input, input);
+typedef char *bats_of_one(int32_t *, int32_t *, input);
+typedef char *bats_of_three(int32_t *, int32_t *, input, input, input);
+typedef void of_arrays(const uint32_t *, uint64_t, const uint32_t *, uint64_t, int8_t *);
+
+union operator_pointer {
+    of_one *one;
+    count_of_one *count;
+    number_of_one *number;
+    of_two *two;
+    number_of_two *number_of_two;
+    bat_of_two *bat_of_two;
+    bat_of_three *bat_of_three;
+    bat_of_four *bat_of_four;
+    bats_of_one *group;
+    bats_of_three *derive;
+    of_arrays *arrays;
+};
+
+enum shape { one, count, number, two, two_numbers, bat_two, bat_three, bat_four };
+
+/* An operator of the header: its name, and its shape by the type declared there. */
+/* clang-format off */
+#define OPERATOR(name)                                                                             \
+    #name, _Generic(&(name), of_one *: one, count_of_one *: count, number_of_one *: number,        \
+                    of_two *: two, number_of_two *: two_numbers,                                   \
+                    bat_of_two *: bat_two, bat_of_three *: bat_three, bat_of_four *: bat_four)
+/* clang-format on */
+/* The same of another shape. */
+#define NAME(type, name) _Generic(&(name), type * : #name)
+
+/* ---- what the operators are called with --------------------------------- */
+
+static const double xs[rows] = {6, 2, 2, 10, 2};
+static const double ys[rows] = {1, 3, 2, 5, 4};
+static const double with_nil[rows] = {6, NIL, 2, 10, 2};
+static const double group_of_row[rows] = {0, 1, 0, 1, 0};
+static const double group_sizes[groups] = {3, 2};
+static const double quartile = 3, percentile = 0.875, rank = 2;
+
+/* The columns by the letters that stand for them; the first ones are xs in every type. */
+static const struct {
+    char letter;
+    int type;
+    const double *values;
+    BUN count;
+} columns[] = {
+    {'b', TYPE_bte, xs, rows},           {'s', TYPE_sht, xs, rows},
+    {'i', TYPE_int, xs, rows},           {'o', TYPE_oid, xs, rows},
+    {'w', TYPE_wrd, xs, rows},           {'l', TYPE_lng, xs, rows},
+    {'f', TYPE_flt, xs, rows},           {'d', TYPE_dbl, xs, rows},
+    {'y', TYPE_int, ys, rows},           {'n', TYPE_int, with_nil, rows},
+    {'g', TYPE_oid, group_of_row, rows}, {'e', TYPE_wrd, group_sizes, groups},
+    {'q', TYPE_bte, &quartile, 1},       {'p', TYPE_dbl, &percentile, 1},
+    {'k', TYPE_lng, &rank, 1},
+};
+enum { number_of_columns = sizeof columns / sizeof *columns };
+
+static const struct {
+    const char *name;
+    enum shape shape;
+    const char *inputs;
+    int type; /* of the answer */
+    BUN count;
+    double expected[most_answers];
+} cases[] = {
+    {OPERATOR(vask_sum_bte), "b", TYPE_lng, 1, {22}},
+    {OPERATOR(vask_sum_sht), "s", TYPE_lng, 1, {22}},
+    {OPERATOR(vask_sum_int), "i", TYPE_lng, 1, {22}},
+    {OPERATOR(vask_sum_wrd), "w", TYPE_wrd, 1, {22}},
+    {OPERATOR(vask_sum_lng), "l", TYPE_lng, 1, {22}},
+    {OPERATOR(vask_sum_flt), "f", TYPE_flt, 1, {22}},
+    {OPERATOR(vask_sum_dbl), "d", TYPE_dbl, 1, {22}},
+    {OPERATOR(vask_min_bte), "b", TYPE_bte, 1, {2}},
+    {OPERATOR(vask_min_sht), "s", TYPE_sht, 1, {2}},
+    {OPERATOR(vask_min_int), "i", TYPE_int, 1, {2}},
+    {OPERATOR(vask_min_oid), "o", TYPE_oid, 1, {2}},
+    {OPERATOR(vask_min_wrd), "w", TYPE_wrd, 1, {2}},
+    {OPERATOR(vask_min_lng), "l", TYPE_lng, 1, {2}},
+    {OPERATOR(vask_min_flt), "f", TYPE_flt, 1, {2}},
+    {OPERATOR(vask_min_dbl), "d", TYPE_dbl, 1, {2}},
+    {OPERATOR(vask_min_timestamp), "l", TYPE_lng, 1, {2}},
+    {OPERATOR(vask_max_bte), "b", TYPE_bte, 1, {10}},
+    {OPERATOR(vask_max_sht), "s", TYPE_sht, 1, {10}},
+    {OPERATOR(vask_max_int), "i", TYPE_int, 1, {10}},
+    {OPERATOR(vask_max_oid), "o", TYPE_oid, 1, {10}},
+    {OPERATOR(vask_max_wrd), "w", TYPE_wrd, 1, {10}},
+    {OPERATOR(vask_max_lng), "l", TYPE_lng, 1, {10}},
+    {OPERATOR(vask_max_flt), "f", TYPE_flt, 1, {10}},
+    {OPERATOR(vask_max_dbl), "d", TYPE_dbl, 1, {10}},
+    {OPERATOR(vask_max_timestamp), "l", TYPE_lng, 1, {10}},
+    {OPERATOR(vask_count), "n", TYPE_lng, 1, {4}},
+    {OPERATOR(vask_count_asterisk), "n", TYPE_lng, 1, {5}},
+    {OPERATOR(vask_variance), "i", TYPE_dbl, 1, {12.8}},
+    {OPERATOR(vask_variancep), "i", TYPE_dbl, 1, {10.24}},
+    {OPERATOR(vask_stdev), "i", TYPE_dbl, 1, {3.5777087639996634}},
+    {OPERATOR(vask_stdevp), "i", TYPE_dbl, 1, {3.2}},
+    {OPERATOR(vask_skews), "i", TYPE_dbl, 1, {1.257788237343631}},
+    {OPERATOR(vask_skewp), "i", TYPE_dbl, 1, {0.84375}},
+    {OPERATOR(vask_median), "i", TYPE_dbl, 1, {2}},
+    {OPERATOR(vask_mode), "s", TYPE_sht, 1, {2}},
+    {OPERATOR(vask_quartile), "iq", TYPE_dbl, 1, {6}},
+    {OPERATOR(vask_percentile), "ip", TYPE_dbl, 1, {8}},
+    {OPERATOR(vask_largest), "ik", TYPE_int, 1, {6}},
+    {OPERATOR(vask_covars), "yi", TYPE_dbl, 1, {2}},
+    {OPERATOR(vask_covarp), "yi", TYPE_dbl, 1, {1.6}},
+    {OPERATOR(vask_correl), "yi", TYPE_dbl, 1, {0.35355339059327373}},
+    {OPERATOR(vask_slope), "yi", TYPE_dbl, 1, {0.15625}},
+    {OPERATOR(vask_intercept), "yi", TYPE_dbl, 1, {2.3125}},
+    {OPERATOR(vask_grp_sum), "ige", TYPE_lng, 2, {10, 12}},
+    {OPERATOR(vask_grp_min), "ige", TYPE_int, 2, {2, 2}},
+    {OPERATOR(vask_grp_max), "ige", TYPE_int, 2, {6, 10}},
+    {OPERATOR(vask_grp_count), "nge", TYPE_wrd, 2, {3, 1}},
+    {OPERATOR(vask_grp_count_asterisk), "nge", TYPE_wrd, 2, {3, 1}},
+    {OPERATOR(AggrX3_countDistinct), "ige", TYPE_wrd, 2, {2, 2}},
+    {OPERATOR(vask_grp_variance), "ige", TYPE_dbl, 2, {16.0 / 3, 32}},
+    {OPERATOR(vask_grp_variancep), "ige", TYPE_dbl, 2, {32.0 / 9, 16}},
+    {OPERATOR(vask_grp_stdev), "ige", TYPE_dbl, 2, {2.3094010767585030, 5.656854249492381}},
+    {OPERATOR(vask_grp_stdevp), "ige", TYPE_dbl, 2, {1.8856180831641267, 4}},
+    {OPERATOR(vask_grp_skews), "ige", TYPE_dbl, 2, {1.7320508075688772, NIL}},
+    {OPERATOR(vask_grp_skewp), "ige", TYPE_dbl, 2, {0.7071067811865476, 0}},
+    {OPERATOR(vask_grp_median), "ige", TYPE_dbl, 2, {2, 6}},
+    {OPERATOR(vask_grp_mode), "ige", TYPE_int, 2, {2, NIL}},
+    {OPERATOR(vask_grp_quartile), "iqge", TYPE_dbl, 2, {4, 8}},
+    {OPERATOR(vask_grp_percentile), "ipge", TYPE_dbl, 2, {5, 9}},
+    {OPERATOR(vask_grp_largest), "ikge", TYPE_int, 2, {2, 2}},
+    {OPERATOR(vask_grp_covars), "yige", TYPE_dbl, 2, {-8.0 / 3, 8}},
+    {OPERATOR(vask_grp_covarp), "yige", TYPE_dbl, 2, {-16.0 / 9, 4}},
+    {OPERATOR(vask_grp_correl), "yige", TYPE_dbl, 2, {-0.7559289460184544, 1}},
+    {OPERATOR(vask_grp_slope), "yige", TYPE_dbl, 2, {-0.5, 0.25}},
+    {OPERATOR(vask_grp_intercept), "yige", TYPE_dbl, 2, {4, 2.5}},
+    {OPERATOR(vaskops_are_bat_indexes_contained), "iy", TYPE_bit, 5, {0, 1, 1, 0, 1}},
+    {OPERATOR(vask_coSNNandUnion), "iy", TYPE_int, 10, {6, 2, 2, 10, 2, 1, 3, 2, 5, 4}},
+};
+enum { number_of_cases = sizeof cases / sizeof *cases };
+
+/* ---- the library and the kernel ----------------------------------------- */
+
 static void *library;
 static int called[number_of_names];
 static int failures;
+static BAT *inputs[number_of_columns];
 
 static void fail(const char *name, const char *what) {
     fprintf(stderr, "%s: %s\n", name, what);
     ++failures;
 }
 
-/* Puts the address of an operator into the function pointer at `place`. */
-static const char *find(const char *name, void *place) {
+static union operator_pointer find(const char *name) {
+    union operator_pointer found;
     void *const address = dlsym(library, name);
     if (address == NULL) {
         fail(name, "not found");
         exit(1);
     }
-    memcpy(place, &address, sizeof address);
+    memcpy(&found, &address, sizeof address);
     for (int i = 0; i < number_of_names; ++i)
-        if (strcmp(exported_names[i], name) == 0)
-            ++called[i];
-    return name;
+        called[i] += strcmp(exported_names[i], name) == 0;
+    return found;
 }
 
-/* ---- columns ------------------------------------------------------------ */
-
-static int is_nil(int type, const void *element) {
-    return BATatoms[type].atom_cmp(BATatoms[type].atom_null, element) == 0;
+static BAT *bat_of(int32_t id) {
+    return BBParr[id >> 16][id & 0xffff].desc;
 }
 
-static void write_element(int type, void *place, double value) {
-    if (isnan(value)) {
-        memcpy(place, BATatoms[type].atom_null, (size_t)BATatoms[type].atom_size);
-        return;
-    }
-    switch (BATatoms[type].atom_storage) {
-        case TYPE_sht:
-            *(sht *)place = (sht)value;
-            break;
-        case TYPE_int:
-            *(int32_t *)place = (int32_t)value;
-            break;
-        case TYPE_lng:
-            *(lng *)place = (lng)value;
-            break;
-        case TYPE_flt:
-            *(flt *)place = (flt)value;
-            break;
-        case TYPE_dbl:
-            *(dbl *)place = value;
-            break;
-        default:
-            *(bte *)place = (bte)value;
-    }
+static input id_of(char letter) {
+    for (int i = 0; i < number_of_columns; ++i)
+        if (columns[i].letter == letter)
+            return &inputs[i]->bat_id;
+    return NULL;
 }
 
 static double read_element(int type, const void *place) {
-    if (is_nil(type, place))
+    ValRecord value;
+    if (BATatoms[type].atom_cmp(BATatoms[type].atom_null, place) == 0)
         return NIL;
-    switch (BATatoms[type].atom_storage) {
-        case TYPE_sht:
-            return *(const sht *)place;
-        case TYPE_int:
-            return *(const int32_t *)place;
-        case TYPE_lng:
-            return (double)*(const lng *)place;
-        case TYPE_flt:
-            return (double)*(const flt *)place;
-        case TYPE_dbl:
-            return *(const dbl *)place;
-        default:
-            return *(const bte *)place;
-    }
+    VALset(&value, type, place);
+    return *(const double *)VALconvert(TYPE_dbl, &value);
 }
 
 /* A column with a void head from 0 on. */
-static BAT *column(int type, const double *values, BUN count) {
-    BAT *b = BATnew(TYPE_void, type, count);
+static BAT *make_column(int type, const double *values, BUN number_of_rows) {
+    BAT *b = BATnew(TYPE_void, type, number_of_rows);
     if (b == NULL)
         exit(1);
     b->tail->nonil = 1;
-    for (BUN i = 0; i < count; ++i) {
-        write_element(type, (char *)b->tail->base + ((size_t)i << b->tail->shift), values[i]);
+    for (BUN i = 0; i < number_of_rows; ++i) {
+        ValRecord value;
+        VALset(&value, TYPE_dbl, &values[i]);
+        memcpy((char *)b->tail->base + ((size_t)i << b->tail->shift), VALconvert(type, &value),
+               (size_t)BATatoms[type].atom_size);
         if (isnan(values[i]))
             b->tail->nonil = 0;
     }
-    BATsetcount(b, count);
+    BATsetcount(b, number_of_rows);
     BATseqbase(b, 0);
     return b;
 }
@@ -152,12 +246,12 @@ static void expect_number(const char *name, double found, double expected) {
 }
 
 static void expect_column(const char *name, const BAT *b, const BATcol *c, const double *expected,
-                          BUN count) {
-    if (b->info->count != count) {
+                          BUN number_of_rows) {
+    if (b->info->count != number_of_rows) {
         fail(name, "wrong number of rows");
         return;
     }
-    for (BUN i = 0; i < count; ++i) {
+    for (BUN i = 0; i < number_of_rows; ++i) {
         const BUN p = b->info->first + i;
         const char *place = (const char *)c->base + ((size_t)p << c->shift);
         expect_number(name, c->type == TYPE_void ? c->seqbase + i : read_element(c->type, place),
@@ -165,289 +259,92 @@ static void expect_column(const char *name, const BAT *b, const BATcol *c, const
     }
 }
 
-static BAT *bat_of(int32_t id) {
-    return BBParr[id >> 16][id & 0xffff].desc;
-}
-
 /* A new BAT with these values; it is given back. */
-static void expect_result(const char *name, char *exception, int32_t id, int type,
-                          const double *expected, BUN count) {
-    if (!succeeded(name, exception))
-        return;
+static void expect_bat(const char *name, int32_t id, int type, const double *expected,
+                       BUN number_of_rows) {
     const BAT *b = bat_of(id);
     if (b->tail->type != type)
         fail(name, "wrong type");
-    expect_column(name, b, b->tail, expected, count);
+    expect_column(name, b, b->tail, expected, number_of_rows);
     BBPdecref(id, 1);
 }
 
-/* ---- families ----------------------------------------------------------- */
+union answer {
+    lng value; /* of any type that is no wider */
+    int64_t count;
+    double number;
+    int32_t id;
+};
 
-static void check_sums_and_extremes(void) {
-    static const struct {
-        const char *name;
-        int type, result_type;
-        double expected;
-    } cases[] = {
-        {NAME(scalar_operator, vask_sum_bte), TYPE_bte, TYPE_lng, 22},
-        {NAME(scalar_operator, vask_sum_sht), TYPE_sht, TYPE_lng, 22},
-        {NAME(scalar_operator, vask_sum_int), TYPE_int, TYPE_lng, 22},
-        {NAME(scalar_operator, vask_sum_wrd), TYPE_wrd, TYPE_wrd, 22},
-        {NAME(scalar_operator, vask_sum_lng), TYPE_lng, TYPE_lng, 22},
-        {NAME(scalar_operator, vask_sum_flt), TYPE_flt, TYPE_flt, 22},
-        {NAME(scalar_operator, vask_sum_dbl), TYPE_dbl, TYPE_dbl, 22},
-        {NAME(scalar_operator, vask_min_bte), TYPE_bte, TYPE_bte, 2},
-        {NAME(scalar_operator, vask_min_sht), TYPE_sht, TYPE_sht, 2},
-        {NAME(scalar_operator, vask_min_int), TYPE_int, TYPE_int, 2},
-        {NAME(scalar_operator, vask_min_oid), TYPE_oid, TYPE_oid, 2},
-        {NAME(scalar_operator, vask_min_wrd), TYPE_wrd, TYPE_wrd, 2},
-        {NAME(scalar_operator, vask_min_lng), TYPE_lng, TYPE_lng, 2},
-        {NAME(scalar_operator, vask_min_flt), TYPE_flt, TYPE_flt, 2},
-        {NAME(scalar_operator, vask_min_dbl), TYPE_dbl, TYPE_dbl, 2},
-        {NAME(scalar_operator, vask_min_timestamp), TYPE_lng, TYPE_lng, 2},
-        {NAME(scalar_operator, vask_max_bte), TYPE_bte, TYPE_bte, 10},
-        {NAME(scalar_operator, vask_max_sht), TYPE_sht, TYPE_sht, 10},
-        {NAME(scalar_operator, vask_max_int), TYPE_int, TYPE_int, 10},
-        {NAME(scalar_operator, vask_max_oid), TYPE_oid, TYPE_oid, 10},
-        {NAME(scalar_operator, vask_max_wrd), TYPE_wrd, TYPE_wrd, 10},
-        {NAME(scalar_operator, vask_max_lng), TYPE_lng, TYPE_lng, 10},
-        {NAME(scalar_operator, vask_max_flt), TYPE_flt, TYPE_flt, 10},
-        {NAME(scalar_operator, vask_max_dbl), TYPE_dbl, TYPE_dbl, 10},
-        {NAME(scalar_operator, vask_max_timestamp), TYPE_lng, TYPE_lng, 10},
-        {NAME(scalar_operator, vask_mode), TYPE_sht, TYPE_sht, 2},
-    };
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        scalar_operator *call;
-        const char *name = find(cases[i].name, &call);
-        BAT *b = column(cases[i].type, xs, rows);
-        lng result = 0;
-        if (succeeded(name, call(&result, &b->bat_id)))
-            expect_number(name, read_element(cases[i].result_type, &result), cases[i].expected);
-        BBPreclaim(b);
+static char *call(const char *name, enum shape shape, union answer *to, const input *in) {
+    const union operator_pointer f = find(name);
+    switch (shape) {
+        case one:
+            return f.one(to, in[0]);
+        case count:
+            return f.count(&to->count, in[0]);
+        case number:
+            return f.number(&to->number, in[0]);
+        case two:
+            return f.two(to, in[0], in[1]);
+        case two_numbers:
+            return f.number_of_two(&to->number, in[0], in[1]);
+        case bat_two:
+            return f.bat_of_two(&to->id, in[0], in[1]);
+        case bat_three:
+            return f.bat_of_three(&to->id, in[0], in[1], in[2]);
+        default:
+            return f.bat_of_four(&to->id, in[0], in[1], in[2], in[3]);
     }
 }
 
-static void check_counts(void) {
-    static const struct {
-        const char *name;
-        int64_t expected;
-    } cases[] = {{NAME(count_operator, vask_count), 4},
-                 {NAME(count_operator, vask_count_asterisk), 5}};
-    BAT *b = column(TYPE_int, with_nil, rows);
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        count_operator *call;
-        const char *name = find(cases[i].name, &call);
-        int64_t result = 0;
-        if (succeeded(name, call(&result, &b->bat_id)))
-            expect_number(name, (double)result, (double)cases[i].expected);
+static void check_case(int i) {
+    static const double both_rows[] = {0, 1, 2, 3, 4, 0, 1, 2, 3, 4};
+    const char *name = cases[i].name;
+    input in[most_inputs] = {NULL};
+    union answer answer = {0};
+    for (int n = 0; cases[i].inputs[n] != '\0'; ++n)
+        in[n] = id_of(cases[i].inputs[n]);
+    if (!succeeded(name, call(name, cases[i].shape, &answer, in)))
+        return;
+    if (cases[i].shape < bat_two) {
+        expect_number(name, read_element(cases[i].type, &answer), cases[i].expected[0]);
+        return;
     }
-    BBPreclaim(b);
+    if (cases[i].count == most_answers)
+        expect_column(name, bat_of(answer.id), bat_of(answer.id)->head, both_rows, most_answers);
+    expect_bat(name, answer.id, cases[i].type, cases[i].expected, cases[i].count);
 }
 
-static void check_statistics_of_one_column(const BAT *x) {
-    static const struct {
-        const char *name;
-        double expected;
-    } cases[] = {
-        {NAME(statistic, vask_variance), 12.8},
-        {NAME(statistic, vask_variancep), 10.24},
-        {NAME(statistic, vask_stdev), 3.5777087639996634},
-        {NAME(statistic, vask_stdevp), 3.2},
-        {NAME(statistic, vask_skews), 1.257788237343631},
-        {NAME(statistic, vask_skewp), 0.84375},
-        {NAME(statistic, vask_median), 2},
-    };
-    double result = 0;
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        statistic *call;
-        const char *name = find(cases[i].name, &call);
-        if (succeeded(name, call(&result, &x->bat_id)))
-            expect_number(name, result, cases[i].expected);
-    }
+static void expect_groups(const char *name, int32_t extents, int32_t map, const double *first_rows,
+                          const double *sizes, BUN number_of_groups, const double *map_of_rows) {
+    expect_column(name, bat_of(extents), bat_of(extents)->head, first_rows, number_of_groups);
+    expect_bat(name, extents, TYPE_wrd, sizes, number_of_groups);
+    expect_bat(name, map, TYPE_oid, map_of_rows, rows);
 }
 
-/* Whole-column and grouped forms take the same parameters. */
-static void check_statistics_with_parameters(const BAT *x, const BAT *g, const BAT *e) {
-    static const struct {
-        const char *name, *grouped_name;
-        int type, result_type;
-        double parameter, expected, grouped[groups];
-    } cases[] = {
-        {NAME(statistic_with_parameter, vask_quartile),
-         NAME(four_inputs, vask_grp_quartile),
-         TYPE_bte,
-         TYPE_dbl,
-         3,
-         6,
-         {4, 8}},
-        {NAME(statistic_with_parameter, vask_percentile),
-         NAME(four_inputs, vask_grp_percentile),
-         TYPE_dbl,
-         TYPE_dbl,
-         0.875,
-         8,
-         {5, 9}},
-        {NAME(scalar_operator_with_parameter, vask_largest),
-         NAME(four_inputs, vask_grp_largest),
-         TYPE_lng,
-         TYPE_int,
-         2,
-         6,
-         {2, 2}},
-    };
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        BAT *parameter = column(cases[i].type, &cases[i].parameter, 1);
-        char *exception = NULL;
-        dbl result = 0;
-        const char *name = cases[i].name;
-        if (cases[i].result_type == TYPE_dbl) {
-            statistic_with_parameter *call;
-            find(name, &call);
-            exception = call(&result, &x->bat_id, &parameter->bat_id);
-        } else {
-            scalar_operator_with_parameter *call;
-            find(name, &call);
-            exception = call(&result, &x->bat_id, &parameter->bat_id);
-        }
-        if (succeeded(name, exception))
-            expect_number(name, read_element(cases[i].result_type, &result), cases[i].expected);
-
-        four_inputs *call;
-        name = find(cases[i].grouped_name, &call);
-        int32_t id = 0;
-        exception = call(&id, &x->bat_id, &parameter->bat_id, &g->bat_id, &e->bat_id);
-        expect_result(name, exception, id, cases[i].result_type, cases[i].grouped, groups);
-        BBPreclaim(parameter);
-    }
-}
-
-static void check_grouped_operators(const BAT *g, const BAT *e) {
-    static const struct {
-        const char *name;
-        const double *values;
-        int result_type;
-        double expected[groups];
-    } cases[] = {
-        {NAME(three_inputs, vask_grp_sum), xs, TYPE_lng, {10, 12}},
-        {NAME(three_inputs, vask_grp_min), xs, TYPE_int, {2, 2}},
-        {NAME(three_inputs, vask_grp_max), xs, TYPE_int, {6, 10}},
-        {NAME(three_inputs, vask_grp_count), with_nil, TYPE_wrd, {3, 1}},
-        {NAME(three_inputs, vask_grp_count_asterisk), with_nil, TYPE_wrd, {3, 1}},
-        {NAME(three_inputs, AggrX3_countDistinct), xs, TYPE_wrd, {2, 2}},
-        {NAME(three_inputs, vask_grp_variance), xs, TYPE_dbl, {16.0 / 3, 32}},
-        {NAME(three_inputs, vask_grp_variancep), xs, TYPE_dbl, {32.0 / 9, 16}},
-        {NAME(three_inputs, vask_grp_stdev), xs, TYPE_dbl, {2.3094010767585030, 5.656854249492381}},
-        {NAME(three_inputs, vask_grp_stdevp), xs, TYPE_dbl, {1.8856180831641267, 4}},
-        {NAME(three_inputs, vask_grp_skews), xs, TYPE_dbl, {1.7320508075688772, NIL}},
-        {NAME(three_inputs, vask_grp_skewp), xs, TYPE_dbl, {0.7071067811865476, 0}},
-        {NAME(three_inputs, vask_grp_median), xs, TYPE_dbl, {2, 6}},
-        {NAME(three_inputs, vask_grp_mode), xs, TYPE_int, {2, NIL}},
-    };
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        three_inputs *call;
-        const char *name = find(cases[i].name, &call);
-        BAT *b = column(TYPE_int, cases[i].values, rows);
-        int32_t id = 0;
-        char *exception = call(&id, &b->bat_id, &g->bat_id, &e->bat_id);
-        expect_result(name, exception, id, cases[i].result_type, cases[i].expected, groups);
-        BBPreclaim(b);
-    }
-}
-
-static void check_statistics_of_two_columns(const BAT *x, const BAT *y, const BAT *g,
-                                            const BAT *e) {
-    static const struct {
-        const char *name, *grouped_name;
-        double expected, grouped[groups];
-    } cases[] = {
-        {NAME(statistic_with_parameter, vask_covars),
-         NAME(four_inputs, vask_grp_covars),
-         2,
-         {-8.0 / 3, 8}},
-        {NAME(statistic_with_parameter, vask_covarp),
-         NAME(four_inputs, vask_grp_covarp),
-         1.6,
-         {-16.0 / 9, 4}},
-        {NAME(statistic_with_parameter, vask_correl),
-         NAME(four_inputs, vask_grp_correl),
-         0.35355339059327373,
-         {-0.7559289460184544, 1}},
-        {NAME(statistic_with_parameter, vask_slope),
-         NAME(four_inputs, vask_grp_slope),
-         0.15625,
-         {-0.5, 0.25}},
-        {NAME(statistic_with_parameter, vask_intercept),
-         NAME(four_inputs, vask_grp_intercept),
-         2.3125,
-         {4, 2.5}},
-    };
-    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
-        statistic_with_parameter *call;
-        const char *name = find(cases[i].name, &call);
-        double result = 0;
-        if (succeeded(name, call(&result, &y->bat_id, &x->bat_id)))
-            expect_number(name, result, cases[i].expected);
-
-        four_inputs *grouped;
-        name = find(cases[i].grouped_name, &grouped);
-        int32_t id = 0;
-        char *exception = grouped(&id, &y->bat_id, &x->bat_id, &g->bat_id, &e->bat_id);
-        expect_result(name, exception, id, TYPE_dbl, cases[i].grouped, groups);
-    }
-}
-
-static void check_grouping(const BAT *x, const BAT *g, const BAT *e) {
-    static const double first_rows[] = {0, 1, 3};
-    static const double sizes[] = {1, 3, 1};
-    static const double map_of_x[] = {0, 1, 1, 3, 1};
-    static const double refined_rows[] = {0, 1, 2, 3};
-    static const double refined_sizes[] = {1, 1, 2, 1};
-    static const double refined_map[] = {0, 1, 2, 3, 2};
+static void check_grouping(void) {
     int32_t extents = 0;
     int32_t map = 0;
-
-    grouping_operator *group;
-    const char *name = find(NAME(grouping_operator, VASKgroup), &group);
-    if (succeeded(name, group(&extents, &map, &x->bat_id))) {
-        expect_column(name, bat_of(extents), bat_of(extents)->head, first_rows, 3);
-        expect_result(name, NULL, extents, TYPE_wrd, sizes, 3);
-        expect_result(name, NULL, map, TYPE_oid, map_of_x, rows);
-    }
-    refining_operator *derive;
-    name = find(NAME(refining_operator, VASKderive), &derive);
-    if (succeeded(name, derive(&extents, &map, &e->bat_id, &g->bat_id, &x->bat_id))) {
-        expect_column(name, bat_of(extents), bat_of(extents)->head, refined_rows, 4);
-        expect_result(name, NULL, extents, TYPE_wrd, refined_sizes, 4);
-        expect_result(name, NULL, map, TYPE_oid, refined_map, rows);
-    }
+    const char *name = NAME(bats_of_one, VASKgroup);
+    if (succeeded(name, find(name).group(&extents, &map, id_of('i'))))
+        expect_groups(name, extents, map, (const double[]){0, 1, 3}, (const double[]){1, 3, 1}, 3,
+                      (const double[]){0, 1, 1, 3, 1});
+    name = NAME(bats_of_three, VASKderive);
+    if (succeeded(name, find(name).derive(&extents, &map, id_of('e'), id_of('g'), id_of('i'))))
+        expect_groups(name, extents, map, (const double[]){0, 1, 2, 3},
+                      (const double[]){1, 1, 2, 1}, 4, (const double[]){0, 1, 2, 3, 2});
 }
 
-static void check_sets(const BAT *x, const BAT *y) {
+static void check_arrays(void) {
     static const uint32_t left[rows] = {6, 2, 2, 10, 2};
     static const uint32_t right[] = {7, 2, 6};
     static const int8_t contained[rows] = {1, 1, 1, 0, 1};
-    static const double in_y[rows] = {0, 1, 1, 0, 1};
-    static const double both[most_answers] = {6, 2, 2, 10, 2, 1, 3, 2, 5, 4};
-    static const double both_rows[most_answers] = {0, 1, 2, 3, 4, 0, 1, 2, 3, 4};
     int8_t mask[rows] = {7, 7, 7, 7, 7};
-    int32_t id = 0;
-
-    array_operator *arrays;
-    const char *name = find(NAME(array_operator, vaskops_are_indexes_contained), &arrays);
-    arrays(left, rows, right, 3, mask);
+    const char *name = NAME(of_arrays, vaskops_are_indexes_contained);
+    find(name).arrays(left, rows, right, 3, mask);
     if (memcmp(mask, contained, sizeof mask) != 0)
         fail(name, "wrong mask");
-
-    two_inputs *call;
-    name = find(NAME(two_inputs, vaskops_are_bat_indexes_contained), &call);
-    char *exception = call(&id, &x->bat_id, &y->bat_id);
-    expect_result(name, exception, id, TYPE_bit, in_y, rows);
-
-    name = find(NAME(two_inputs, vask_coSNNandUnion), &call);
-    exception = call(&id, &x->bat_id, &y->bat_id);
-    if (exception == NULL)
-        expect_column(name, bat_of(id), bat_of(id)->head, both_rows, most_answers);
-    expect_result(name, exception, id, TYPE_int, both, most_answers);
 }
 
 int main(int argc, char **argv) {
@@ -456,24 +353,16 @@ int main(int argc, char **argv) {
         fprintf(stderr, "cannot load the library: %s\n", argc == 2 ? dlerror() : "which?");
         return 1;
     }
-    BAT *x = column(TYPE_int, xs, rows);
-    BAT *y = column(TYPE_int, ys, rows);
-    BAT *g = column(TYPE_oid, group_of_row, rows);
-    BAT *e = column(TYPE_wrd, group_sizes, groups);
-    check_sums_and_extremes();
-    check_counts();
-    check_statistics_of_one_column(x);
-    check_statistics_with_parameters(x, g, e);
-    check_grouped_operators(g, e);
-    check_statistics_of_two_columns(x, y, g, e);
-    check_grouping(x, g, e);
-    check_sets(x, y);
+    for (int i = 0; i < number_of_columns; ++i)
+        inputs[i] = make_column(columns[i].type, columns[i].values, columns[i].count);
+    for (int i = 0; i < number_of_cases; ++i)
+        check_case(i);
+    check_grouping();
+    check_arrays();
     for (int i = 0; i < number_of_names; ++i)
         if (!called[i])
             fail(exported_names[i], "never called");
-    BBPreclaim(x);
-    BBPreclaim(y);
-    BBPreclaim(g);
-    BBPreclaim(e);
+    for (int i = 0; i < number_of_columns; ++i)
+        BBPreclaim(inputs[i]);
     return failures != 0;
 }
