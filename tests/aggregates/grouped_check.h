@@ -6,6 +6,7 @@
 #include "refkernel/instrumentation.h"
 #include "support/grouped_reference.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 #include "support/values.h"
 
 #include <string>
@@ -61,30 +62,24 @@ void check_grouped(grouped_function call, ResultType result_type,
                     return values[row] != refkernel::nil_of<T>();
                 });
 
-            refkernel::column_options b;
-            b.type = type;
-            b.first = shape.first;
-            const refkernel::bat column = refkernel::make_column(std::span<const T>(values), b);
+            const refkernel::bat column = refkernel::make_column(
+                std::span<const T>(values), {.type = type, .first = shape.first});
             const kernel_settings settings(threads);
             const refkernel::instrumentation::watch kernel;
-            const refkernel::checkpoint before;
-            {
-                const refkernel::bat answer =
-                    call_grouped(call, column, inputs.map, inputs.extents);
-                const auto got = answer.values<result>();
-                bool any_nil = false;
-                for (BUN j = 0; j < shape.groups; ++j) {
-                    const auto expected = plain::result_of<Aggregate<T>>(rows[j], values);
-                    any_nil |= !expected && !empty;
-                    ASSERT_TRUE(same_value(got[j], expected ? *expected
-                                                   : empty  ? static_cast<result>(*empty)
-                                                            : refkernel::nil_of<result>()))
-                        << shape << ", type " << type << ", nils " << nil_percent << "%, "
-                        << threads << " threads: group " << j << " got " << +got[j];
-                }
-                expect_grouped_shape(answer, inputs.extents, result_type(type), any_nil);
+            const leak_guard leaks(shape);
+            const refkernel::bat answer = call_grouped(call, column, inputs.map, inputs.extents);
+            const auto got = answer.values<result>();
+            bool any_nil = false;
+            for (BUN j = 0; j < shape.groups; ++j) {
+                const auto expected = plain::result_of<Aggregate<T>>(rows[j], values);
+                any_nil |= !expected && !empty;
+                ASSERT_TRUE(same_value(got[j], expected ? *expected
+                                               : empty  ? static_cast<result>(*empty)
+                                                        : refkernel::nil_of<result>()))
+                    << shape << ", type " << type << ", nils " << nil_percent << "%, " << threads
+                    << " threads: group " << j << " got " << +got[j];
             }
-            ASSERT_EQ(before.leaks(), "") << shape;
+            expect_grouped_shape(answer, inputs.extents, result_type(type), any_nil);
         });
         if (testing::Test::HasFatalFailure())
             return;
@@ -99,25 +94,21 @@ void check_row_groups(grouped_function call, int type, int result_type, Expected
     for (const BUN rows : {0U, 1U, 5U, 70'000U}) {
         for (const int nil_percent : {0, 30}) {
             auto values = draw_values<T>(random, rows + 3, nil_percent, spread::any);
-            refkernel::column_options b;
-            b.type = type;
-            const refkernel::bat source = refkernel::make_column(std::span<const T>(values), b);
+            const refkernel::bat source =
+                refkernel::make_column(std::span<const T>(values), {.type = type});
             const refkernel::bat column = refkernel::slice(source, 3, rows);
             const refkernel::bat groups = refkernel::make_void_column(rows, 7);
             const kernel_settings settings(2);
-            const refkernel::checkpoint before;
-            {
-                const refkernel::bat answer = call_grouped(call, column, groups, groups);
-                bool any_nil = false;
-                for (BUN i = 0; i < rows; ++i) {
-                    const Result wanted = expected(values[i]);
-                    any_nil |= wanted == refkernel::nil_of<Result>();
-                    ASSERT_TRUE(same_value(answer.values<Result>()[i], wanted))
-                        << "type " << type << ", row " << i << " of " << rows;
-                }
-                expect_grouped_shape(answer, groups, result_type, any_nil);
+            const leak_guard leaks;
+            const refkernel::bat answer = call_grouped(call, column, groups, groups);
+            bool any_nil = false;
+            for (BUN i = 0; i < rows; ++i) {
+                const Result wanted = expected(values[i]);
+                any_nil |= wanted == refkernel::nil_of<Result>();
+                ASSERT_TRUE(same_value(answer.values<Result>()[i], wanted))
+                    << "type " << type << ", row " << i << " of " << rows;
             }
-            ASSERT_EQ(before.leaks(), "");
+            expect_grouped_shape(answer, groups, result_type, any_nil);
         }
     }
 }
