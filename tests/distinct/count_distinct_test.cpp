@@ -1,6 +1,8 @@
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
+#include "support/failing_calls.h"
 #include "support/kernel_settings.h"
+#include "support/leak_guard.h"
 #include "support/values.h"
 #include "vask_ops.h"
 
@@ -251,63 +253,32 @@ TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
     const kernel_settings settings(3);
     std::mt19937 random(35);
     const shape s{.rows = 3000, .groups = 20, .shuffled_extents = true};
-    grouping g(s, random);
+    const grouping g(s, random);
+    const refkernel::exception operators_own{"aggr.countd", "operation failed"};
     std::vector<std::int32_t> values(s.rows);
     std::iota(values.begin(), values.end(), 0);
     const bat column = refkernel::make_column(std::move(values), g.value_options(s, TYPE_int));
-    const auto expect_failed = [](const outcome &out) {
-        EXPECT_EQ(out.failure, (refkernel::exception{"aggr.countd", "operation failed"}));
-        EXPECT_TRUE(out.counts.empty());
-    };
-    {
-        SCOPED_TRACE("a void column has no road");
-        const bat none = refkernel::make_void_column(s.rows, 0, g.value_options(s, TYPE_void));
-        expect_failed(count_distinct(none, g));
-    }
-    {
-        SCOPED_TRACE("missing BATs");
-        expect_failed(count_distinct(bat(), g));
-        std::int32_t missing = 0;
-        std::int32_t id = int_nil;
-        const refkernel::checkpoint before;
-        EXPECT_EQ(refkernel::take_exception(
-                      AggrX3_countDistinct(&id, column.slot(), &missing, g.extents.slot()))
-                      .text,
-                  "operation failed");
-        EXPECT_EQ(before.leaks(), "");
-    }
     for (const auto op :
          {bat_new, bat_sample, grp_group, gdk_zalloc, gdk_malloc, gdk_realloc, view_combine}) {
-        for (std::uint64_t nth = 1; nth < 40; ++nth) {
-            SCOPED_TRACE(std::string(operation_name(op)) + " " + std::to_string(nth));
-            const refkernel::checkpoint before;
-            std::int32_t id = int_nil;
-            bool reached = false;
-            refkernel::exception failure;
-            {
-                refkernel::instrumentation::watch kernel;
-                kernel.fail_at(op, nth);
-                failure = refkernel::take_exception(
+        const support::leak_guard leaks;
+        support::fail_each_call(
+            op, [] { return 0; },
+            [&](int, const auto &, auto failed) {
+                std::int32_t id = int_nil;
+                const auto failure = refkernel::take_exception(
                     AggrX3_countDistinct(&id, column.slot(), g.map.slot(), g.extents.slot()));
-                reached = kernel.failures() != 0;
-            }
-            if (bat::adopt(id)) {
-                // Nothing was to be allocated for the group without values.
-                EXPECT_TRUE(!reached || op == gdk_malloc);
-                EXPECT_GT(nth, 1U) << "never called";
-            } else {
-                EXPECT_EQ(failure.text, "operation failed");
-            }
-            EXPECT_EQ(before.leaks(), "");
-            if (!reached)
-                break;
-        }
+                if (bat::adopt(id)) // nothing was to be allocated for the group without values
+                    EXPECT_TRUE(!failed() || op == gdk_malloc);
+                else
+                    EXPECT_EQ(failure, operators_own);
+            });
     }
-    {
-        SCOPED_TRACE("a group that the extents do not hold");
-        grouping unknown(s, random);
-        unknown.map.mutable_values<oid>()[s.rows - 1] = 9999;
-        expect_failed(count_distinct(column, unknown));
+    grouping unknown(s, random); // has a group that the extents do not hold
+    unknown.map.mutable_values<oid>()[s.rows - 1] = 9999;
+    const bat no_storage = refkernel::make_void_column(s.rows, 0, g.value_options(s, TYPE_void));
+    for (const outcome &out : {count_distinct(column, unknown), count_distinct(no_storage, g)}) {
+        EXPECT_EQ(out.failure, operators_own);
+        EXPECT_TRUE(out.counts.empty());
     }
 }
 
