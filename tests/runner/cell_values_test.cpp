@@ -87,20 +87,5 @@ TEST(CellValues, NarrowestType) {
     EXPECT_EQ(narrowest_type(""), column_type::str);
 }
 
-TEST(CellValues, MissingWords) {
-    const missing_words standard({"", "NA", "NaN"});
-    for (const char *word : {"", "NA", "NaN"})
-        EXPECT_TRUE(standard.contains(word)) << word;
-    for (const char *value : {"N", "NAN", "NA ", "na", "0"})
-        EXPECT_FALSE(standard.contains(value)) << value;
-    EXPECT_FALSE(missing_words({"-99"}).contains(""));
-}
-
-TEST(CellValues, NamesOfTypesReadBack) {
-    for (const column_type type : all_column_types)
-        EXPECT_EQ(type_named(name_of(type)), type);
-    EXPECT_EQ(type_named("integer"), std::nullopt);
-}
-
 } // namespace
 } // namespace vask::runner

@@ -3,11 +3,18 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include <unistd.h>
+
+inline std::string content_of(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 class temporary_file {
 public:
@@ -27,14 +34,7 @@ public:
 
     const std::string &path() const { return path_; }
 
-    std::string content() const {
-        std::string text;
-        std::FILE *file = std::fopen(path_.c_str(), "rb");
-        for (int c = 0; (c = std::fgetc(file)) != EOF;)
-            text += static_cast<char>(c);
-        std::fclose(file);
-        return text;
-    }
+    std::string content() const { return content_of(path_); }
 
 private:
     static std::string testing_directory() {
