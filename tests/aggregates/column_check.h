@@ -52,10 +52,9 @@ void check_column(column_function<Slot> call, std::optional<std::int64_t> empty 
                     draw_values<T>(random, rows, nil_percent, static_cast<spread>(variant % 3));
                 const std::int32_t threads = std::array{1, 2, 3, 300}[variant / 3 % 4];
                 const BUN partitions = plain_partitions(rows, threads);
-                std::vector<std::vector<std::uint32_t>> parts(partitions);
-                for (BUN row = 0; row < rows; ++row)
-                    if (values[row] != refkernel::nil_of<T>())
-                        parts[std::min(row / (rows / partitions), partitions - 1)].push_back(row);
+                const auto parts = rows_by_partition(rows, partitions, [&](BUN row) {
+                    return values[row] != refkernel::nil_of<T>();
+                });
                 const auto wanted = plain::result_of<Aggregate<T>>(parts, values);
                 const result expected = wanted  ? *wanted
                                         : empty ? static_cast<result>(*empty)

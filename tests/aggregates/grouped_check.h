@@ -43,6 +43,23 @@ inline void expect_grouped_shape(const refkernel::bat &result, const refkernel::
         ASSERT_EQ(result.head_oid(j), extents.head_oid(j));
 }
 
+//! Whether a result has for each group what `expected` makes of the group's rows, or the nil where
+//! it gives nothing, under the head and marks of a grouped result.
+template <class Result, class Rows, class Expected>
+void expect_groups(const refkernel::bat &result, const refkernel::bat &extents, int type,
+                   const std::vector<Rows> &groups, Expected expected) {
+    bool any_nil = false;
+    for (std::size_t j = 0; j < groups.size(); ++j) {
+        const std::optional<Result> wanted = expected(groups[j]);
+        any_nil |= !wanted;
+        const Result got = result.values<Result>()[j];
+        ASSERT_TRUE(same_value(got, wanted.value_or(refkernel::nil_of<Result>())))
+            << "group " << j << " is " << +got << ", not "
+            << +wanted.value_or(refkernel::nil_of<Result>());
+    }
+    expect_grouped_shape(result, extents, type, any_nil);
+}
+
 //! Aggregate<T> is the reference for columns of T; `result_type` gives the type code of the result
 //! for that of the column; a group without a value has `empty` or, if that is missing, the nil.
 template <template <class> class Aggregate, class ResultType>
@@ -66,20 +83,16 @@ void check_grouped(grouped_function call, ResultType result_type,
                 std::span<const T>(values), {.type = type, .first = shape.first});
             const kernel_settings settings(threads);
             const refkernel::instrumentation::watch kernel;
-            const leak_guard leaks(shape);
+            SCOPED_TRACE(testing::Message() << shape << ", type " << type << ", nils "
+                                            << nil_percent << "%, " << threads << " threads");
+            const leak_guard leaks;
             const refkernel::bat answer = call_grouped(call, column, inputs.map, inputs.extents);
-            const auto got = answer.values<result>();
-            bool any_nil = false;
-            for (BUN j = 0; j < shape.groups; ++j) {
-                const auto expected = plain::result_of<Aggregate<T>>(rows[j], values);
-                any_nil |= !expected && !empty;
-                ASSERT_TRUE(same_value(got[j], expected ? *expected
-                                               : empty  ? static_cast<result>(*empty)
-                                                        : refkernel::nil_of<result>()))
-                    << shape << ", type " << type << ", nils " << nil_percent << "%, " << threads
-                    << " threads: group " << j << " got " << +got[j];
-            }
-            expect_grouped_shape(answer, inputs.extents, result_type(type), any_nil);
+            expect_groups<result>(answer, inputs.extents, result_type(type), rows,
+                                  [&](const auto &group) -> std::optional<result> {
+                                      const auto value =
+                                          plain::result_of<Aggregate<T>>(group, values);
+                                      return value || !empty ? value : static_cast<result>(*empty);
+                                  });
         });
         if (testing::Test::HasFatalFailure())
             return;
@@ -101,14 +114,9 @@ void check_row_groups(grouped_function call, int type, int result_type, Expected
             const kernel_settings settings(2);
             const leak_guard leaks;
             const refkernel::bat answer = call_grouped(call, column, groups, groups);
-            bool any_nil = false;
-            for (BUN i = 0; i < rows; ++i) {
-                const Result wanted = expected(values[i]);
-                any_nil |= wanted == refkernel::nil_of<Result>();
-                ASSERT_TRUE(same_value(answer.values<Result>()[i], wanted))
-                    << "type " << type << ", row " << i << " of " << rows;
-            }
-            expect_grouped_shape(answer, groups, result_type, any_nil);
+            values.resize(rows);
+            expect_groups<Result>(answer, groups, result_type, values,
+                                  [&](T value) { return unless_nil<Result>(expected(value)); });
         }
     }
 }

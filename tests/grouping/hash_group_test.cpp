@@ -2,10 +2,10 @@
 
 #include "grouping/plain_groups.h"
 #include "kernel/column.h"
-#include "kernel/isa.h"
 #include "kernel/key_hash.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
+#include "support/instruction_sets.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 
@@ -75,6 +75,7 @@ TEST(HashGroup, NumbersAgreeWithThePlainWay) {
             for (const int nils : {0, 3, 50, 97, 100})
                 for_each_number_type([&]<class T>(T) {
                     ++seed;
+                    const instruction_set_of_turn instructions(seed / 7);
                     check_numbers(random_values<T>(rows, distinct, nils, seed), all_heads[seed % 5],
                                   thread_counts[seed / 5 % 5]);
                 });
@@ -89,6 +90,7 @@ TEST(HashGroup, IntegersThatLieCloseTogether) {
                     for (const T least : {T{-60}, T{3}, static_cast<T>(refkernel::nil_of<T>() + 1),
                                           static_cast<T>(std::numeric_limits<T>::max() - 119)}) {
                         ++seed;
+                        const instruction_set_of_turn instructions(seed);
                         std::vector<T> values = close_values<T>(
                             4000, least, std::min<std::uint64_t>(distinct, 120), nils, seed);
                         const heads kind = all_heads[seed % 5];
@@ -172,18 +174,6 @@ TEST(HashGroup, TextsStoredOnceAndAnew) {
                         check_texts(rows, distinct, nils, stored, all_heads[seed % 5],
                                     thread_counts[seed / 2 % 5]);
                     }
-}
-
-TEST(HashGroup, EveryInstructionSetGivesTheSame) {
-    for (const auto set : {instruction_set::baseline, instruction_set::avx2}) {
-        limit_instruction_set(set);
-        for_each_number_type([&]<class T>(T) {
-            check_numbers(random_values<T>(5000, 90, 10, 8), heads::void_head, 2);
-        });
-        check_numbers(close_values<lng>(5000, -9, 100, 10, 9), heads::void_head, 2);
-        check_numbers(close_values<bte>(5000, -9, 100, 10, 9), heads::void_head, 2);
-    }
-    limit_instruction_set(instruction_set::avx512);
 }
 
 TEST(HashGroup, NoThreadsFailAtOnce) {

@@ -68,7 +68,7 @@ TEST(Hash, OfOneBatIsOneForAllThreadsAndGoesWithItsRows) {
     std::ranges::generate(heads, random);
     for (int round = 0; round < 20; ++round) {
         const bat b = heads_column(heads, 0);
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         std::vector<BAThashtable *> seen(4);
         for (auto &mine : seen) {
             threads.emplace_back([&] {
@@ -77,8 +77,7 @@ TEST(Hash, OfOneBatIsOneForAllThreadsAndGoesWithItsRows) {
                 ASSERT_EQ(positions_of(*b.record(), heads[777]).front(), 777U);
             });
         }
-        for (std::thread &each : threads)
-            each.join();
+        threads.clear(); // joins
         EXPECT_EQ(std::ranges::count(seen, seen.front()), 4);
         const bat view = bat::adopt(VIEWcombine(b.record()));
         EXPECT_EQ(view->head->hash, b->head->hash) << "the same rows, the same chains";

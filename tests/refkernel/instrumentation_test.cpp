@@ -112,7 +112,7 @@ TEST(Instrumentation, CountsBytesAndBracketsFromAnyThread) {
     EXPECT_EQ(kernel.bytes_outstanding(), 0U);
     GDKfree(older);
     std::vector<void *> blocks(8);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     const bat b = make_void_column(1);
     for (std::size_t i = 0; i < blocks.size(); ++i) {
         threads.emplace_back([&, i] {
@@ -129,8 +129,7 @@ TEST(Instrumentation, CountsBytesAndBracketsFromAnyThread) {
             }
         });
     }
-    for (std::thread &each : threads)
-        each.join();
+    threads.clear(); // joins
     EXPECT_EQ(kernel.bytes_outstanding(), 8 * 5000 + 28U);
     EXPECT_TRUE(kernel.unpaired_accesses().empty());
     std::ranges::for_each(blocks, GDKfree);
@@ -146,15 +145,14 @@ TEST(Instrumentation, ACounterCountsFromAnyThreadAndStandsAlone) {
     {
         const instrumentation::call_counter counter;
         EXPECT_THROW(watch{}, std::logic_error);
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([] {
                 for (int call = 0; call < 1000; ++call)
                     GDKfree(GDKmalloc(8));
             });
         }
-        for (std::thread &thread : threads)
-            thread.join();
+        threads.clear(); // joins
         EXPECT_EQ(counter.calls(operation::gdk_malloc), 4000U);
         EXPECT_EQ(counter.calls(operation::gdk_zalloc), 0U);
     }

@@ -165,7 +165,7 @@ TEST_F(Pool, ABatThatIsNotInMemoryIsLoadedByItsDescriptor) {
 
 TEST_F(Pool, ManyThreadsMakeHoldAndDropBats) {
     const bat shared = make_column<int32_t>(std::vector{1, 2, 3});
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             std::vector<bat> held;
@@ -181,8 +181,7 @@ TEST_F(Pool, ManyThreadsMakeHoldAndDropBats) {
             }
         });
     }
-    for (std::thread &each : threads)
-        each.join();
+    threads.clear(); // joins
     EXPECT_EQ(current_usage().physical, 0);
 }
 

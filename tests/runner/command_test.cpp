@@ -13,32 +13,14 @@ bool holds(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-const std::string penguins = VASK_PENGUINS;
-
-TEST(Command, SumsOfThePenguins) {
-    const outcome sums = vask({penguins, "--agg", "sum(body_mass_g), sum( flipper_length_mm )",
-                               "--agg", "SUM(bill_depth_mm)", "--format", "csv"});
-    EXPECT_EQ(sums.status, 0);
-    EXPECT_EQ(sums.err, "");
-    const std::string titles = "sum(body_mass_g),sum( flipper_length_mm ),SUM(bill_depth_mm)\n";
-    ASSERT_TRUE(sums.out.starts_with(titles)) << sums.out;
-    // Added up from the same file by awk, which prints six digits.
-    int mass = 0, flipper = 0;
-    double depth = 0;
-    ASSERT_EQ(std::sscanf(sums.out.c_str() + titles.size(), "%d,%d,%lf", &mass, &flipper, &depth),
-              3);
-    EXPECT_EQ(mass, 1437000);
-    EXPECT_EQ(flipper, 68713);
-    EXPECT_NEAR(depth, 5865.7, 1e-8);
-}
-
 TEST(Command, FormatsAndInputs) {
     const std::string csv = "x,y,z\n1,0.5,NA\n2,0.25,\n";
     const std::string all = "sum(x),sum(y),sum(z)";
     EXPECT_EQ(vask({"-", "--agg", all}, csv).out,
               "sum(x)  sum(y)  sum(z)\n     3    0.75      NA\n");
-    EXPECT_EQ(vask({"-", "--agg", all, "--format", "csv"}, csv).out,
-              "sum(x),sum(y),sum(z)\n3,0.75,\n");
+    EXPECT_EQ(
+        vask({"-", "--agg", "sum(x), sum( y )", "--agg", "SUM(z)", "--format", "csv"}, csv).out,
+        "sum(x),sum( y ),SUM(z)\n3,0.75,\n");
     EXPECT_EQ(vask({"-", "--agg", all, "--format", "json"}, csv).out,
               "[{\"sum(x)\":3,\"sum(y)\":0.75,\"sum(z)\":null}]\n");
     const temporary_file tsv("a b\tc\n1\t2\n", ".tsv");

@@ -37,20 +37,13 @@ void expect_one(const wrapper &statistic, const grouped_case<T> &c, Expected exp
     const leak_guard leaks;
     const auto failure = call(statistic(&id, c.b.slot(), c.g.slot(), c.e.slot()));
     ASSERT_EQ(failure, c.good ? success : refused("operation failed"));
-    if (c.good) {
-        const bat result = bat::adopt(id);
-        bool any_nil = false;
-        for (std::size_t j = 0; j < c.members.size(); ++j) {
-            const R wanted = c.members[j].empty() ? nil_of<R>() : expected(c.members[j]);
-            any_nil |= wanted == nil_of<R>();
-            ASSERT_TRUE(same_bits(result.values<R>()[j], wanted))
-                << "group " << j << " of " << c.members[j].size() << " values got "
-                << +result.values<R>()[j] << ", not " << +wanted;
-        }
-        expect_grouped_shape(result, c.e, refkernel::type_code_of<R>, any_nil);
-    } else {
+    if (c.good)
+        expect_groups<R>(bat::adopt(id), c.e, refkernel::type_code_of<R>, c.members,
+                         [&](const std::vector<T> &values) {
+                             return unless_nil(values.empty() ? nil_of<R>() : expected(values));
+                         });
+    else
         EXPECT_EQ(id, 5);
-    }
 }
 
 //! All five statistics, with drawn parameters.

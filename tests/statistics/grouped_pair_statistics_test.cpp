@@ -51,25 +51,15 @@ TEST(GroupedPairStatistics, AgreeBitForBitWithPlainLoops) {
                                                    [&](BUN row) { return !columns.dropped(row); });
             const kernel_settings settings(threads);
             const watch kernel;
-            const leak_guard leaks(shape);
+            SCOPED_TRACE(testing::Message() << plain_pair_statistics[i].name << " of types "
+                                            << type_x << " and " << type_y << ", " << shape << ", "
+                                            << nils << "% nil, " << threads << " threads");
+            const leak_guard leaks;
             const bat result = run(i, columns.x.view, columns.y.view, inputs.map, inputs.extents);
-            bool any_nil = false;
-            for (BUN j = 0; j < shape.groups; ++j) {
-                plain_pair_sums total;
-                for (const auto &part : rows[j]) {
-                    plain_pair_sums partial;
-                    for (const BUN row : part)
-                        columns.add(row, partial);
-                    total.add(partial);
-                }
-                const double expected = plain_pair_statistics[i].of(total);
-                any_nil |= expected == nil_of<double>();
-                ASSERT_TRUE(same_bits(result.values<double>()[j], expected))
-                    << plain_pair_statistics[i].name << " of types " << type_x << " and " << type_y
-                    << ", " << shape << ", " << nils << "% nil, " << threads << " threads: group "
-                    << j << " is " << result.values<double>()[j] << " and not " << expected;
-            }
-            expect_grouped_shape(result, inputs.extents, TYPE_dbl, any_nil);
+            expect_groups<double>(result, inputs.extents, TYPE_dbl, rows, [&](const auto &group) {
+                return unless_nil(plain_pair_statistics[i].of(sums_of<plain_pair_sums>(
+                    group, [&](BUN row, plain_pair_sums &sums) { columns.add(row, sums); })));
+            });
         }
     }
 }

@@ -1,8 +1,9 @@
 #include "statistics/moments.h"
 
-#include "kernel/isa.h"
 #include "refkernel/embed.h"
 #include "statistics/plain_statistics.h"
+#include "support/grouped_reference.h"
+#include "support/instruction_sets.h"
 #include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
@@ -23,22 +24,6 @@ using column_statistic = char *(*)(double *, const std::int32_t *);
 constexpr column_statistic statistics[] = {vask_stdev,     vask_stdevp, vask_variance,
                                            vask_variancep, vask_skews,  vask_skewp};
 
-//! Rows added up in partitions of the plan, and those in order.
-template <class T>
-plain_sums partitioned_sums(const std::vector<T> &values, std::size_t parts) {
-    plain_sums total;
-    const std::size_t size = values.size() / parts;
-    for (std::size_t part = 0; part < parts; ++part) {
-        plain_sums partial;
-        const std::size_t end = part + 1 == parts ? values.size() : (part + 1) * size;
-        for (std::size_t i = part * size; i < end; ++i)
-            if (values[i] != nil_of<T>())
-                partial.add(static_cast<double>(values[i]));
-        total.add(partial);
-    }
-    return total;
-}
-
 double run(column_statistic statistic, const bat &b) {
     double result = 0;
     EXPECT_EQ(call(statistic(&result, b.slot())), success);
@@ -56,8 +41,8 @@ TEST(Moments, AgreeBitForBitWithAPlainLoop) {
         for (const std::size_t rows : {1U, 2U, 3U, 4U, 5U, 63U, 1000U, 20011U})
             for (const std::uint32_t nils : {0U, 3U, 50U, 95U, 100U}) {
                 std::mt19937 random(++seed);
-                const std::size_t threads = random() % 7 + 1;
-                const kernel_settings settings(static_cast<std::int32_t>(threads));
+                const auto threads = static_cast<std::int32_t>(random() % 7 + 1);
+                const kernel_settings settings(threads);
                 SCOPED_TRACE("seed " + std::to_string(seed));
                 const std::size_t first = random() % 9;
                 auto values = statistic_values<T>(rows + first, 1'000'000, nils, random);
@@ -65,8 +50,13 @@ TEST(Moments, AgreeBitForBitWithAPlainLoop) {
                 const bat b =
                     refkernel::slice(whole, static_cast<BUN>(first), static_cast<BUN>(rows));
                 values.erase(values.begin(), values.begin() + static_cast<long>(first));
-                const plain_sums sums =
-                    partitioned_sums(values, std::min(threads, rows > 1 ? rows : 1));
+                const auto parts = rows_by_partition(
+                    static_cast<BUN>(rows), plain_partitions(static_cast<BUN>(rows), threads),
+                    [&](BUN row) { return values[row] != nil_of<T>(); });
+                const auto sums = sums_of<plain_sums>(parts, [&](BUN row, plain_sums &partial) {
+                    partial.add(static_cast<double>(values[row]));
+                });
+                const instruction_set_of_turn instructions(seed);
                 const watch kernel;
                 const leak_guard leaks;
                 for (std::size_t i = 0; i < std::size(statistics); ++i) {
@@ -124,19 +114,6 @@ TEST(Moments, KnownValues) {
         run(vask_variance, std::vector{1.0, std::numeric_limits<double>::quiet_NaN(), 3.0})));
     EXPECT_EQ(run(vask_variancep, std::vector<std::int64_t>{lng{1} << 62, -(lng{1} << 62)}),
               std::pow(2.0, 124));
-}
-
-TEST(Moments, AllInstructionSetsGiveTheSameBits) {
-    std::mt19937 random(3);
-    const auto values = statistic_values<float>(10'007, 1'000'000, 10, random);
-    for (const column_statistic statistic : statistics) {
-        const double widest = run(statistic, values);
-        for (const auto set : {vask::instruction_set::baseline, vask::instruction_set::avx2}) {
-            vask::limit_instruction_set(set);
-            EXPECT_TRUE(same_bits(run(statistic, values), widest));
-        }
-        vask::limit_instruction_set(vask::widest_instruction_set());
-    }
 }
 
 TEST(Moments, OfNoRowsAreNil) {

@@ -1,7 +1,8 @@
 #include "statistics/pair_statistics.h"
 
-#include "kernel/isa.h"
 #include "statistics/paired_columns.h"
+#include "support/grouped_reference.h"
+#include "support/instruction_sets.h"
 #include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
@@ -57,7 +58,7 @@ TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
                 column_pair columns{any_column(type_x, rows, first, nils, random),
                                     any_column(type_y, rows, first, nils, random),
                                     classes.value_or(std::pair(0, 0)), false};
-                const BUN parts = std::min(static_cast<BUN>(threads), rows);
+                const instruction_set_of_turn instructions(seed);
                 const watch kernel;
                 const leak_guard leaks;
                 for (std::size_t i = 0; i < std::size(statistics); ++i) {
@@ -74,15 +75,11 @@ TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
                         continue;
                     }
                     columns.is_line = plain.is_line;
-                    plain_pair_sums total;
-                    for (BUN part = 0; part < parts; ++part) {
-                        plain_pair_sums partial;
-                        const BUN end = part + 1 == parts ? rows : (part + 1) * (rows / parts);
-                        for (BUN row = part * (rows / parts); row < end; ++row)
-                            if (!columns.dropped(row))
-                                columns.add(row, partial);
-                        total.add(partial);
-                    }
+                    const auto parts =
+                        rows_by_partition(rows, plain_partitions(rows, threads),
+                                          [&](BUN row) { return !columns.dropped(row); });
+                    const auto total = sums_of<plain_pair_sums>(
+                        parts, [&](BUN row, plain_pair_sums &sums) { columns.add(row, sums); });
                     ASSERT_EQ(failure, success);
                     ASSERT_TRUE(same_bits(result, plain.of(total)))
                         << result << " and not " << plain.of(total);
@@ -175,20 +172,6 @@ TEST(PairStatistics, KnownValues) {
     EXPECT_EQ(run(covarp, far, ints{3, 3, 0, 0}),
               run(covarp, doubles{-0x1p63, 0, 0}, ints{3, 0, 0}));
     EXPECT_EQ(run(slope, far, ints{3, 3, 0, 0}), run(slope, doubles{-0x1p63, 0, 0}, ints{3, 0, 0}));
-}
-
-TEST(PairStatistics, AllInstructionSetsGiveTheSameBits) {
-    std::mt19937 random(3);
-    const auto x = statistic_values<float>(10'007, 1'000'000, 10, random);
-    const auto y = statistic_values<std::int64_t>(10'007, 1'000'000, 10, random);
-    for (std::size_t i = 0; i < std::size(statistics); ++i) {
-        const double widest = run(i, x, y);
-        for (const auto set : {vask::instruction_set::baseline, vask::instruction_set::avx2}) {
-            vask::limit_instruction_set(set);
-            EXPECT_TRUE(same_bits(run(i, x, y), widest));
-        }
-        vask::limit_instruction_set(vask::widest_instruction_set());
-    }
 }
 
 std::vector<const void *> compared;

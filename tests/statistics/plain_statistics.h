@@ -168,6 +168,19 @@ inline constexpr plain_pair_statistic plain_pair_statistics[] = {
     {"intercept", true, [](const plain_pair_sums &s) { return s.line(false); }},
 };
 
+//! What `add(row, sums)` adds up over some rows, partition by partition, in order.
+template <class Sums, class Add>
+Sums sums_of(const std::vector<std::vector<BUN>> &partitions, Add add) {
+    Sums total;
+    for (const auto &rows : partitions) {
+        Sums partial;
+        for (const BUN row : rows)
+            add(row, partial);
+        total.add(partial);
+    }
+    return total;
+}
+
 //! Values of few or many kinds; `nils` percent of them nil. Floats get zeros of both signs, and, on
 //! request, infinities and NaNs.
 template <class T>

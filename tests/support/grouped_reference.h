@@ -38,6 +38,16 @@ inline BUN plain_partitions(BUN rows, std::int32_t threads) {
     return std::min({rows > 1 ? rows : 1, static_cast<BUN>(threads), BUN{256}});
 }
 
+//! The rows of a column that count, by partition.
+template <class Counts>
+std::vector<std::vector<BUN>> rows_by_partition(BUN rows, BUN partitions, Counts counts) {
+    std::vector<std::vector<BUN>> parts(partitions);
+    for (BUN row = 0; row < rows; ++row)
+        if (counts(row))
+            parts[std::min(row / (rows / partitions), partitions - 1)].push_back(row);
+    return parts;
+}
+
 class grouped_inputs {
 public:
     explicit grouped_inputs(const grouped_shape &shape) : shape_(shape), random_(shape.seed) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <random>
 #include <type_traits>
 #include <vector>
@@ -64,6 +65,12 @@ std::vector<T> draw_values(std::mt19937 &random, std::size_t n, int nil_percent,
             v = refkernel::nil_of<T>();
     }
     return drawn;
+}
+
+//! Nothing for the nil.
+template <class T>
+std::optional<T> unless_nil(T value) {
+    return value == refkernel::nil_of<T>() ? std::nullopt : std::optional(value);
 }
 
 //! Equal to the last bit, but for the bits of a NaN.

@@ -238,7 +238,7 @@ TEST_F(Grouping, FailsWithoutTouchingTheOutputs) {
 TEST_F(Grouping, RunsOnManyThreadsAtOnce) {
     const bat shared = numbers<lng>(20000, {500, 0x9e3779b97f4a7c15, 1}, {}, random);
     const grouping expected = reference::group(shared);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 10; ++round) {
@@ -246,8 +246,7 @@ TEST_F(Grouping, RunsOnManyThreadsAtOnce) {
                 EXPECT_TRUE(reference::read(found.histogram, found.map) == expected);
             }
         });
-    for (std::thread &each : threads)
-        each.join();
+    threads.clear(); // joins
 }
 
 // ---- refinement
