@@ -564,7 +564,7 @@ VASK_EXPORT char *vask_grp_mode(int32_t *result, const int32_t *b, const int32_t
  * empty columns, below 1 row (covars 2), and where D is below 1e-7 (of slope and
  * intercept, in absolute value): for a constant column, but also for values that
  * lie very close together, as the threshold does not scale with them.
- * NaN: makes the result NaN.
+ * NaN: makes the result NaN, unless it is nil by the above.
  * Overflow: integers become doubles before they are multiplied; sums that leave
  * the range of doubles give infinities or NaN.
  * Floats: rows are added in order within a partition and partitions in order,

@@ -262,6 +262,8 @@ BUN first_value(Rows rows, row_range r) {
 template <class Aggregate, class Rows>
 void scan_partition(const Rows &rows, const BAT &map, BAT &extents, const slot_table *table,
                     state_columns<typename Aggregate::partial> states, row_range partition) {
+    // Rows beyond the map have no group, and the first with a value would end the scan.
+    partition.end = std::min(partition.end, end_position(map));
     partition.begin = first_value(rows, partition);
     if (partition.size() == 0)
         return;

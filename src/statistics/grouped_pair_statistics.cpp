@@ -44,7 +44,7 @@ char *vask_grp_2_args_statistical_func(std::int32_t *result, const std::int32_t 
                            if (done != 1)
                                return failure::operation_failed;
                            // Like that of the moments, this result is not sealed.
-            hand_over(result, *view);
+                           hand_over(result, *view);
                            return nullptr;
                        });
 }

@@ -6,17 +6,17 @@
 
 #include <algorithm>
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 
 namespace vask {
 
 //! `*place` becomes a view of one double per group under the head of the extents: what `close`
-//! makes of the group's Aggregate::partial over the rows of the values, read as Rows, or the nil
-//! where it gives nothing. A map that stores nothing makes every row a group of its own; then
-//! nothing is summed, and `fill_row_groups(r)` stores what such groups have. 0 when the result
-//! cannot be made, else 1.
+//! makes of the group's Aggregate::partial over the rows of the values, read as Rows: a dbl that
+//! can be the nil, or an optional one that is the nil where there is none. A map that stores
+//! nothing makes every row a group of its own; then nothing is summed, and `fill_row_groups(r)`
+//! stores what such groups have. 0 when the result cannot be made, else 1.
 template <class Aggregate, class Rows, std::size_t N, class Close, class FillRowGroups>
 int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
                            Close close, FillRowGroups fill_row_groups) {
@@ -29,9 +29,16 @@ int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::ui
         aggregate_groups<Aggregate, Rows>(
             inputs, nparts,
             [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group, const auto &total) {
-                const std::optional<dbl> answer = close(total);
-                results[group] = answer.value_or(nil);
-                if (!answer || *answer == nil)
+                const auto answer = close(total);
+                bool is_nil = false;
+                if constexpr (std::same_as<decltype(answer), const dbl>) {
+                    results[group] = answer;
+                    is_nil = answer == nil;
+                } else {
+                    results[group] = answer.value_or(nil);
+                    is_nil = !answer;
+                }
+                if (is_nil)
                     mark_nil(*r->tail);
             });
     *place = r;

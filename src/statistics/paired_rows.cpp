@@ -76,16 +76,19 @@ double_rows::double_rows(const BATcol &column, int storage_class) noexcept
 void plainly_paired_rows::load(row_range block) {
     paired_rows::load(block);
     block_ = block;
-    if (has_nils_)
-        std::fill_n(scratch_.nil, scan_block_rows, std::uint8_t{0});
-    const bool in_x = x_.mark_nils(block, scratch_.nil);
-    const bool in_y = y_.mark_nils(block, scratch_.nil);
-    has_nils_ = in_x || in_y;
+    room &scratch = *scratch_;
+    if (scratch.has_nils)
+        std::fill_n(scratch.nil, scan_block_rows, std::uint8_t{0});
+    const bool in_x = x_.mark_nils(block, scratch.nil);
+    const bool in_y = y_.mark_nils(block, scratch.nil);
+    scratch.has_nils = in_x || in_y;
 }
 
 BUN plainly_paired_rows::nils() const noexcept {
-    return has_nils_ ? static_cast<BUN>(std::count(scratch_.nil, scratch_.nil + block_.size(), 1))
-                     : 0;
+    const room &scratch = *scratch_;
+    return scratch.has_nils
+               ? static_cast<BUN>(std::count(scratch.nil, scratch.nil + block_.size(), 1))
+               : 0;
 }
 
 } // namespace vask

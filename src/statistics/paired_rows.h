@@ -9,6 +9,7 @@
 #include "kernel/row_conversion.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 namespace vask {
@@ -72,22 +73,42 @@ public:
     paired_rows(const BAT &x, const BAT &y) noexcept : paired_rows(*x.tail, *y.tail) {}
 
     void load(row_range block) {
-        x_.load(block, scratch_.x);
-        y_.load(block, scratch_.y);
+        room &block_room = scratch_.made();
+        x_.load(block, block_room.x);
+        y_.load(block, block_room.y);
     }
 
     VASK_ALWAYS_INLINE value_pair operator[](BUN p) const noexcept { return {x_[p], y_[p]}; }
 
 protected:
-    //! Room for a block. No part of the value: what a task copies should not be pages.
-    struct scratch {
-        scratch() noexcept {} // NOLINT(modernize-use-equals-default): leaves the arrays alone
-        scratch(const scratch &) noexcept {}
-        scratch &operator=(const scratch &) = delete;
-
+    //! Room for a block.
+    struct room {
         dbl x[scan_block_rows];
         dbl y[scan_block_rows];
         std::uint8_t nil[scan_block_rows];
+        bool has_nils; // so the flags are to be cleared
+    };
+
+    //! Some pages, which are no part of the value: each copy makes its own when it loads a block,
+    //! on the heap, as the source passes through several frames of a task's stack.
+    class scratch {
+    public:
+        scratch() = default;
+        scratch(const scratch &) noexcept {}
+        scratch &operator=(const scratch &) = delete;
+
+        //! Throws std::bad_alloc.
+        room &made() {
+            if (room_ == nullptr) {
+                room_ = std::make_unique_for_overwrite<room>();
+                room_->has_nils = true;
+            }
+            return *room_;
+        }
+        room &operator*() const noexcept { return *room_; }
+
+    private:
+        std::unique_ptr<room> room_;
     };
 
     double_rows x_;
@@ -113,12 +134,11 @@ public:
     BUN nils() const noexcept;
 
     VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept {
-        return scratch_.nil[p - block_.begin] != 0;
+        return (*scratch_).nil[p - block_.begin] != 0;
     }
 
 private:
     row_range block_{};
-    bool has_nils_ = true; // so the flags are to be cleared
 };
 
 //! A nil is what the type's own comparison says.
