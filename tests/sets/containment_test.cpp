@@ -60,8 +60,8 @@ TEST(Containment, AgreesWithALookupPerRow) {
     for (const std::int32_t threads : {1, 2, 3, 300}) {
         const kernel_settings settings(threads);
         for (const drawing &d : drawings)
-            for (const std::size_t left_count : {0, 1, 3, 1000, 3100})
-                for (const std::size_t right_count : {1, 2, 299, 301, 5000}) {
+            for (const std::size_t left_count : {0U, 1U, 3U, 1000U, 3100U})
+                for (const std::size_t right_count : {1U, 2U, 299U, 301U, 5000U}) {
                     SCOPED_TRACE(std::string(d.name) + ", " + std::to_string(left_count) + " in " +
                                  std::to_string(right_count) + ", threads " +
                                  std::to_string(threads));
