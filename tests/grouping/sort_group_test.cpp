@@ -26,19 +26,8 @@ void check_road(const std::vector<T> &values, heads kind, oid base, int threads)
     const kernel_settings settings(threads);
     const std::vector<oid> oids = head_oids(kind, values.size(), base, 0);
     const bat b = refkernel::make_column<T>(std::span<const T>(values), head_options(kind, oids));
-
-    const leak_guard leaks;
-    group_results made(b);
-    ASSERT_EQ(vask_sort_group<T>(made.ext.record(), made.grp.record(), b.record()), 1);
-    EXPECT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()),
-                         in_order_of_id(group_rows(keys_by_number(values), oids))),
-              "");
-    if (kind != heads::void_head) {
-        const oid *map_heads = static_cast<const oid *>(made.grp->head->base);
-        EXPECT_TRUE(std::equal(oids.begin(), oids.end(), map_heads));
-    }
-    EXPECT_EQ(made.ext->head->sorted, SORTED_ASCENDING);
-    EXPECT_EQ(made.ext->tail->sorted, 0);
+    expect_road(vask_sort_group<T>, b, in_order_of_id(group_rows(keys_by_number(values), oids)),
+                oids, SORTED_ASCENDING);
 }
 
 TEST(SortGroup, AgreesWithThePlainWay) {
