@@ -34,6 +34,10 @@ await serve({
         session.query(`INSERT INTO odd SELECT number * 2 + 1 FROM numbers(intDiv(${oddTo} + 1, 2))`);
         return { rows: Number(session.query("SELECT count() FROM x", "TSV")) };
     },
+    async release() {
+        session.query("SYSTEM JEMALLOC PURGE");
+        return {};
+    },
     async run({ sql, check }) {
         const ms = await timed(() =>
             session.query(`CREATE TABLE answer ENGINE = Memory AS ${sql}`),

@@ -32,6 +32,10 @@ await serve({
         const counted = await connection.runAndReadAll("SELECT count(*)::INTEGER FROM x");
         return { rows: counted.getRows()[0][0] };
     },
+    // It has no statement for that.
+    async release() {
+        return {};
+    },
     async run({ sql, check }) {
         const ms = await timed(() => connection.run(`CREATE TABLE answer AS ${sql}`));
         const answer = await connection.runAndReadAll(check);

@@ -1,6 +1,7 @@
 // Runs plans of operator calls for the side-by-side benchmark. Each line of standard input is a
 // request in JSON, each line of standard output its reply:
 //   {"load": {"file": CSV file, "oddTo": n}}  ->  {"rows": n}
+//   {"release": {}}                           ->  {}, memory that is free given back
 //   {"run": {"plan": plan, "threads": n}}     ->  {"ms", "calls": [[call, ms]], "answer"},
 //                                                 {"skip": why} or {"error": what}
 // Besides the file's columns there is `odd`, the odd numbers up to `oddTo`.
@@ -16,6 +17,7 @@
 #include <iostream>
 #include <memory>
 
+#include <malloc.h>
 #include <nlohmann/json.hpp>
 #include <tbb/global_control.h>
 
@@ -61,6 +63,10 @@ public:
             const json &asked = request["load"];
             columns_ = load(asked.at("file"), asked.at("oddTo"));
             return {{"rows", columns_.at("id1").count()}};
+        }
+        if (request.contains("release")) {
+            ::malloc_trim(0);
+            return json::object();
         }
         const json &asked = request.at("run");
         const int threads = asked.at("threads");

@@ -37,6 +37,7 @@ async function load(name, worker, options, rows) {
     const oddTo = Math.floor(rows / values);
     const reply = await worker.ask({ load: { file, oddTo, missing: missing > 0, enums } });
     if (reply.rows !== rows) throw new Error(`${name} did not load: ${JSON.stringify(reply)}`);
+    await worker.ask({ release: {} });
     return worker.residentMib();
 }
 
