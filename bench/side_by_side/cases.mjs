@@ -56,36 +56,42 @@ export const cases = [
     {
         id: "sum_by_id1",
         title: "sum v1 by id1",
+        bound: "bandwidth: texts by their heap offsets, the map written and read",
         keys: ["id1"],
         results: [sum("v1")],
     },
     {
         id: "sum_by_id1_id2",
         title: "sum v1 by id1, id2",
+        bound: "refinement: rows written to buckets and back, pages of new memory",
         keys: ["id1", "id2"],
         results: [sum("v1")],
     },
     {
         id: "sum_mean_by_id3",
         title: "sum v1, mean v3 by id3",
+        bound: "cache misses: a text's group, then a sum per row and pass, of 1e5 groups",
         keys: ["id3"],
         results: [sum("v1"), mean("v3")],
     },
     {
         id: "means_by_id4",
         title: "mean v1, v2, v3 by id4",
+        bound: "bandwidth: the map and a column read for each sum",
         keys: ["id4"],
         results: [mean("v1"), mean("v2"), mean("v3")],
     },
     {
         id: "sums_by_id6",
         title: "sum v1, v2, v3 by id6",
+        bound: "cache misses: a sum per row in each of three passes",
         keys: ["id6"],
         results: [sum("v1"), sum("v2"), sum("v3")],
     },
     {
         id: "median_sd_by_id4_id5",
         title: "median, sd v3 by id4, id5",
+        bound: "refinement; scattering rows to groups; selection",
         keys: ["id4", "id5"],
         results: [
             call("vask_grp_median", ["v3"], interpolatedMedian),
@@ -99,12 +105,14 @@ export const cases = [
     {
         id: "max_min_by_id3",
         title: "max v1, min v2 by id3",
+        bound: "cache misses: as sum, mean by id3",
         keys: ["id3"],
         results: [max("v1"), min("v2")],
     },
     {
         id: "largest_by_id6",
         title: "largest v3 by id6",
+        bound: "scattering rows to groups for a selection; no scan for the largest",
         keys: ["id6"],
         results: [call("vask_grp_largest", ["v3"], "max(v3)", { parameter: 1 })],
         noMissing: true,
@@ -112,6 +120,7 @@ export const cases = [
     {
         id: "second_largest_by_id6",
         title: "second largest v3 by id6",
+        bound: "scattering rows to groups; selection",
         keys: ["id6"],
         results: [call("vask_grp_largest", ["v3"], secondLargest, { parameter: 2 })],
         noMissing: true,
@@ -119,6 +128,7 @@ export const cases = [
     {
         id: "r2_by_id2_id4",
         title: "r² of v1, v2 by id2, id4",
+        bound: "refinement",
         keys: ["id2", "id4"],
         results: [
             call("vask_grp_correl", ["v1", "v2"], "power(corr(v1, v2), 2)", { squared: true }),
@@ -127,17 +137,20 @@ export const cases = [
     {
         id: "sum_count_by_six",
         title: "sum v3, count by all six ids",
+        bound: "hash misses: refinement by id3 makes 1e7 groups",
         keys: ["id1", "id2", "id3", "id4", "id5", "id6"],
         results: [sum("v3"), call("rows", [], "count(*)")],
     },
     {
         id: "sum",
         title: "sum v3",
+        bound: "bandwidth",
         results: [call("vask_sum_dbl", ["v3"], "sum(v3)", scalar("dbl"))],
     },
     {
         id: "min_max",
         title: "min, max v3",
+        bound: "bandwidth, two passes",
         results: [
             call("vask_min_dbl", ["v3"], "min(v3)", scalar("dbl")),
             call("vask_max_dbl", ["v3"], "max(v3)", scalar("dbl")),
@@ -146,17 +159,20 @@ export const cases = [
     {
         id: "count",
         title: "count v3",
+        bound: "bandwidth",
         results: [call("vask_count", ["v3"], "count(v3)", scalar("lng"))],
     },
     {
         id: "median",
         title: "median v3",
+        bound: "bandwidth of a copy, a few passes of selection over it",
         results: [call("vask_median", ["v3"], interpolatedMedian, scalar("dbl"))],
         noMissing: true,
     },
     {
         id: "mode",
         title: "mode v1",
+        bound: "sort of all rows",
         results: [call("vask_mode", ["v1"], "", scalar("int"))],
         sql: mode("v1"),
         noMissing: true,
@@ -164,6 +180,7 @@ export const cases = [
     {
         id: "sd_skewness",
         title: "sd, skewness v3",
+        bound: "bandwidth, two passes",
         results: [
             call("vask_stdev", ["v3"], { duckdb: "stddev_samp(v3)", clickhouse: "stddevSamp(v3)" }, scalar("dbl")),
             call("vask_skews", ["v3"], sampleSkewness, scalar("dbl")),
@@ -172,11 +189,13 @@ export const cases = [
     {
         id: "correlation",
         title: "correlation v1, v2",
+        bound: "a nil test by the kernel's comparison for each row; sums in row order",
         results: [call("vask_correl", ["v1", "v2"], "corr(v1, v2)", scalar("dbl"))],
     },
     {
         id: "slope_intercept",
         title: "slope, intercept v3 on v1",
+        bound: "latency of additions in row order, two passes",
         results: [
             call("vask_slope", ["v3", "v1"], line(1), scalar("dbl")),
             call("vask_intercept", ["v3", "v1"], line(2), scalar("dbl")),
@@ -185,6 +204,7 @@ export const cases = [
     {
         id: "mode_by_id4",
         title: "mode v3 by id4",
+        bound: "sort of each group",
         keys: ["id4"],
         results: [call("vask_grp_mode", ["v3"], "")],
         sql: mode("v3", "id4"),
@@ -193,6 +213,7 @@ export const cases = [
     {
         id: "distinct_id6_by_id4",
         title: "distinct id6 by id4",
+        bound: "hash misses in a set for each group",
         keys: ["id4"],
         results: [call("AggrX3_countDistinct", ["id6"], "")],
         sql: distinct("id6", "id4"),
@@ -200,6 +221,7 @@ export const cases = [
     {
         id: "distinct_v3_by_id6",
         title: "distinct v3 by id6",
+        bound: "lists of 1e5 groups growing; hash sets",
         keys: ["id6"],
         results: [call("AggrX3_countDistinct", ["v3"], "")],
         sql: distinct("v3", "id6"),
@@ -207,6 +229,7 @@ export const cases = [
     {
         id: "containment",
         title: "id6 among N/2K values",
+        bound: "pages of the result and of the table; misses while it is built on one thread",
         results: [
             call(
                 "vaskops_are_bat_indexes_contained",

@@ -25,6 +25,7 @@ export const commandCases = [
     { id: "command_median_sd_by_id4_id5", keys: ["id4", "id5"], of: ["v3"], aggregates: ["median", "sd"] },
 ].map((c) => ({
     ...c,
+    bound: "reading the text",
     title: `${c.aggregates.join(", ")} ${c.of.join(", ")} by ${c.keys.join(", ")}`,
 }));
 
