@@ -21,7 +21,7 @@ function verdict(ratio) {
 }
 
 function logScale(values) {
-    const low = Math.floor(Math.log10(Math.min(...values)));
+    const low = Math.floor(Math.log10(Math.min(...values) / 2));
     const high = Math.ceil(Math.log10(Math.max(...values)));
     const at = (ms) => left + ((Math.log10(ms) - low) / Math.max(1, high - low)) * (right - left);
     const ticks = Array.from({ length: high - low + 1 }, (_, i) => 10 ** (low + i));
@@ -36,7 +36,7 @@ function drawPanel(title, entries, ourName, top) {
     for (const tick of ticks)
         parts.push(
             `<line x1="${at(tick)}" x2="${at(tick)}" y1="${top + 30}" y2="${bottom}" stroke="#e6e6e6"/>`,
-            text(at(tick), top + 26, inMs(tick), `text-anchor="middle" font-size="11"`),
+            text(at(tick), top + 26, tick >= 1000 ? `${tick / 1000} s` : `${tick} ms`, `text-anchor="middle" font-size="11"`),
         );
     rows.forEach((r, i) => {
         const y = top + 40 + i * rowHeight;
