@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -115,7 +116,7 @@ private:
     }
 
     struct closer {
-        void operator()(std::FILE *file) const { std::fclose(file); }
+        void operator()(std::FILE *file) const { static_cast<void>(std::fclose(file)); }
     };
     std::unique_ptr<std::FILE, closer> file_;
     std::string text_;
@@ -141,21 +142,22 @@ void generate(const request &asked) {
 } // namespace
 
 int main(int argc, char **argv) {
-    request asked;
-    CLI::App app("Writes the data of the side-by-side benchmark");
-    app.add_option("-n,--rows", asked.rows, "Rows")->check(CLI::PositiveNumber);
-    app.add_option("-k,--values", asked.values, "Values of a narrow id")
-        ->check(CLI::PositiveNumber);
-    app.add_option("--seed", asked.seed, "Seed");
-    app.add_option("--missing", asked.missing_percent, "Missing cells, in percent")
-        ->check(CLI::Range(0, 100));
-    app.add_flag("--sorted", asked.sorted, "Rows in the order of id1 to id6");
-    app.add_option("file", asked.file, "The file to write")->required();
-    CLI11_PARSE(app, argc, argv);
     try {
+        request asked;
+        CLI::App app("Writes the data of the side-by-side benchmark");
+        app.add_option("-n,--rows", asked.rows, "Rows")->check(CLI::PositiveNumber);
+        app.add_option("-k,--values", asked.values, "Values of a narrow id")
+            ->check(CLI::PositiveNumber);
+        app.add_option("--seed", asked.seed, "Seed");
+        app.add_option("--missing", asked.missing_percent, "Missing cells, in percent")
+            ->check(CLI::Range(0, 100));
+        app.add_flag("--sorted", asked.sorted, "Rows in the order of id1 to id6");
+        app.add_option("file", asked.file, "The file to write")->required();
+        CLI11_PARSE(app, argc, argv);
         generate(asked);
+        return 0;
     } catch (const std::exception &failure) {
-        std::fprintf(stderr, "generate: %s\n", failure.what());
+        std::cerr << "generate: " << failure.what() << '\n';
         return 1;
     }
 }
