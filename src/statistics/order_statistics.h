@@ -3,11 +3,13 @@
 #pragma once
 
 #include "kernel/bat.h"
+#include "statistics/counted_mode.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
 #include "statistics/selection.h"
 
 #include <algorithm>
+#include <concepts>
 #include <cstddef>
 #include <new>
 #include <span>
@@ -77,9 +79,16 @@ template <class T>
 int vask_mode_functor(T *result, stat_flag *flag, std::span<T> values, bte type, const void *) {
     *flag = 0;
     const std::size_t n = values.size();
+    *result = nil_of<T>(type);
+    if constexpr (std::integral<T>) {
+        if (const auto mode = count_mode<T>(values)) {
+            if (mode->count > 1)
+                *result = mode->value;
+            return 1;
+        }
+    }
     const order_key_t<T> *keys = sort_as_keys(values);
     std::size_t longest = 1; // a run has to be longer
-    *result = nil_of<T>(type);
     for (std::size_t run = 0; run < n;) {
         // Equality is the type's own and not that of the keys.
         const T value = from_order_key<T>(keys[run]);

@@ -76,18 +76,18 @@ double_rows::double_rows(const BATcol &column, int storage_class) noexcept
 void plainly_paired_rows::load(row_range block) {
     paired_rows::load(block);
     block_ = block;
-    room &scratch = *scratch_;
-    if (scratch.has_nils)
-        std::fill_n(scratch.nil, scan_block_rows, std::uint8_t{0});
-    const bool in_x = x_.mark_nils(block, scratch.nil);
-    const bool in_y = y_.mark_nils(block, scratch.nil);
-    scratch.has_nils = in_x || in_y;
+    room &block_room = *scratch_;
+    if (block_room.has_nils)
+        std::fill_n(block_room.nil, scan_block_rows, std::uint8_t{0});
+    const bool in_x = x_.mark_nils(block, block_room.nil);
+    const bool in_y = y_.mark_nils(block, block_room.nil);
+    block_room.has_nils = in_x || in_y;
 }
 
 BUN plainly_paired_rows::nils() const noexcept {
-    const room &scratch = *scratch_;
-    return scratch.has_nils
-               ? static_cast<BUN>(std::count(scratch.nil, scratch.nil + block_.size(), 1))
+    const room &block_room = *scratch_;
+    return block_room.has_nils
+               ? static_cast<BUN>(std::count(block_room.nil, block_room.nil + block_.size(), 1))
                : 0;
 }
 
