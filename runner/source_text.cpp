@@ -3,6 +3,7 @@
 #include "user_error.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +35,16 @@ public:
 private:
     int descriptor_;
 };
+
+// A mapped page that has no bytes in the file any more cannot be read: nothing can go on from
+// there, and only the calls that a signal handler may make can tell of it.
+extern "C" void end_without_page(int) {
+    constexpr std::string_view message =
+        "vask: an input file became shorter while it was read, or its disk failed; try again when "
+        "nothing writes to it\n";
+    static_cast<void>(::write(STDERR_FILENO, message.data(), message.size()) == 0);
+    ::_exit(1);
+}
 
 } // namespace
 
@@ -67,6 +78,7 @@ void source_text::map(int descriptor, std::size_t bytes) {
     if (address == MAP_FAILED)
         fail("{}: cannot map the file: {}", name_, std::strerror(errno));
     ::madvise(address, bytes, MADV_SEQUENTIAL);
+    std::signal(SIGBUS, end_without_page);
     block_ = address;
     mapped_bytes_ = bytes;
     text_ = {static_cast<const char *>(address), bytes};
