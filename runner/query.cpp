@@ -119,6 +119,12 @@ bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &hea
     return result;
 }
 
+// What is asked for twice is printed once, as an object of JSON can hold it.
+void add_once(std::vector<std::size_t> &columns, std::size_t column) {
+    if (std::find(columns.begin(), columns.end(), column) == columns.end())
+        columns.push_back(column);
+}
+
 // Order statistics need values that have a place in an order.
 void check_order(const query &asked, const bound_aggregate &aggregate,
                  const loaded_columns &loaded) {
@@ -135,6 +141,18 @@ void check_order(const query &asked, const bound_aggregate &aggregate,
         fail("{} has {} NaN, without a place in an order; add the spelling to the list of --na and "
              "give --drop-na",
              about, nan);
+}
+
+// As dbl, whole numbers that differ may be equal.
+void refuse_rounded_keys(std::size_t place, const std::string &title,
+                         const loaded_columns &loaded) {
+    const auto wide = first_wide_integer(loaded.source, loaded.header, loaded.request, place,
+                                         loaded.data.columns[place]);
+    if (wide)
+        fail("{}:{}: {}: column {} ({}): '{}' is a whole number beyond 64 bits, which could be "
+             "taken for another one; give --types '{}:str'",
+             loaded.source.name(), wide->line, title, place + 1, loaded.header.names[place],
+             shown(wide->cell), loaded.header.names[place]);
 }
 
 } // namespace
@@ -166,9 +184,18 @@ query bind_query(const options &request, const csv_header &header, const source_
     result.sorted = request.sort;
     result.drop_missing = request.drop_missing;
     for (const std::string &name : request.group_by)
-        result.group_by.push_back(find_column(header, source, name, "--group-by"));
-    for (const aggregate_call &call : request.aggregates)
-        result.aggregates.push_back(bind_aggregate(call, header, source));
+        add_once(result.group_by, find_column(header, source, name, "--group-by"));
+    for (const aggregate_call &call : request.aggregates) {
+        bound_aggregate bound = bind_aggregate(call, header, source);
+        for (const std::size_t column : result.group_by)
+            if (header.names[column] == bound.title)
+                fail("{}: the column {} to group by is called as the aggregate {} is; rename it, "
+                     "or write the aggregate with a blank in it",
+                     source.name(), column + 1, bound.title);
+        if (std::none_of(result.aggregates.begin(), result.aggregates.end(),
+                         [&](const auto &earlier) { return earlier.title == bound.title; }))
+            result.aggregates.push_back(std::move(bound));
+    }
     return result;
 }
 
@@ -188,12 +215,16 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
 }
 
 void check_columns(const query &asked, const loaded_columns &loaded) {
+    for (const std::size_t column : asked.group_by)
+        refuse_rounded_keys(column, "--group-by", loaded);
     for (const bound_aggregate &aggregate : asked.aggregates)
         for (const std::size_t column : aggregate.columns) {
             require_type(aggregate.rule->accepts, aggregate.rule->name, aggregate.title, column,
                          loaded);
             if (aggregate.rule->family == aggregate_family::order)
                 check_order(asked, aggregate, loaded);
+            if (aggregate.rule->family == aggregate_family::distinct)
+                refuse_rounded_keys(column, aggregate.title, loaded);
         }
 }
 

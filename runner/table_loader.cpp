@@ -9,8 +9,11 @@
 #include "user_error.h"
 #include "worker_pool.h"
 
+#include "kernel/column.h"
+
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 
@@ -187,8 +190,19 @@ private:
     table table_;
 };
 
-struct text_finder {
+bool is_text(std::string_view cell) {
+    return narrowest_type(cell) == column_type::str;
+}
+
+bool is_wide_integer(std::string_view cell) {
+    const std::size_t sign = cell.starts_with('-') || cell.starts_with('+') ? 1 : 0;
+    return cell.size() > sign && narrowest_type(cell) == column_type::dbl &&
+           cell.find_first_not_of("0123456789", sign) == std::string_view::npos;
+}
+
+struct cell_finder {
     const missing_words &missing;
+    bool (*wanted)(std::string_view cell);
     std::size_t target;
     std::size_t column = 0;
     std::uint64_t records = 0;
@@ -197,7 +211,7 @@ struct text_finder {
     void field(std::string_view cell) {
         if (column++ != target || !found.empty() || missing.contains(cell))
             return;
-        if (narrowest_type(cell) == column_type::str)
+        if (wanted(cell))
             found = cell.empty() ? "(empty)" : cell;
     }
     void record() {
@@ -208,18 +222,13 @@ struct text_finder {
     bool stopped() const { return !found.empty(); }
 };
 
-} // namespace
-
-table load_table(const source_text &source, const csv_header &header, const load_request &request) {
-    return table_loader(source, header, request).load();
-}
-
-std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
+std::optional<text_cell> first_cell(bool (*wanted)(std::string_view cell),
+                                    const source_text &source, const csv_header &header,
                                     const load_request &request, std::size_t column) {
     for (const auto &[forced, type] : request.forced)
         if (forced == column)
             return std::nullopt;
-    text_finder finder{request.missing, column, 0, 0, {}};
+    cell_finder finder{request.missing, wanted, column, 0, 0, {}};
     csv_parser parser(request.dialect, finder);
     const std::string_view data = source.text().substr(header.data_begin);
     parser.feed(data);
@@ -228,6 +237,30 @@ std::optional<text_cell> first_text(const source_text &source, const csv_header 
         return std::nullopt;
     return text_cell{finder.found, line_of(source.text(), request.dialect, header.data_begin,
                                            finder.records, column)};
+}
+
+} // namespace
+
+table load_table(const source_text &source, const csv_header &header, const load_request &request) {
+    return table_loader(source, header, request).load();
+}
+
+std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
+                                    const load_request &request, std::size_t column) {
+    return first_cell(is_text, source, header, request, column);
+}
+
+std::optional<text_cell> first_wide_integer(const source_text &source, const csv_header &header,
+                                            const load_request &request, std::size_t place,
+                                            const table_column &column) {
+    if (column.type != column_type::dbl)
+        return std::nullopt;
+    const auto values = column.values.values<dbl>();
+    const dbl nil = nil_of<dbl>(TYPE_dbl);
+    if (std::none_of(values.begin(), values.end(),
+                     [nil](dbl value) { return std::abs(value) >= 0x1p63 && value != nil; }))
+        return std::nullopt;
+    return first_cell(is_wide_integer, source, header, request, place);
 }
 
 } // namespace vask::runner

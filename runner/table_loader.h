@@ -57,6 +57,13 @@ struct text_cell {
     std::uint64_t line;
 };
 
+//! The first whole number of a column that 64 bits do not hold, which as a dbl may be equal to
+//! another; nothing for a column whose type was asked for, or that has none. Parses the file from
+//! its start, if the values leave such a number possible.
+std::optional<text_cell> first_wide_integer(const source_text &source, const csv_header &header,
+                                            const load_request &request, std::size_t place,
+                                            const table_column &column);
+
 //! The first cell of a column whose type was inferred that is neither missing nor a number; nothing
 //! for a column whose type was asked for, or that has no such cell. Parses the file from its start.
 std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
