@@ -1,10 +1,13 @@
 #include "executor.h"
 
 #include "column_cells.h"
+#include "integer_sums.h"
 #include "operands.h"
 #include "operator_calls.h"
 #include "operator_roads.h"
+#include "output.h"
 #include "row_groups.h"
+#include "user_error.h"
 
 #include <array>
 #include <cmath>
@@ -15,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -28,6 +32,7 @@ using refkernel::bat;
 using refkernel::instrumentation::call_counter;
 using cell_function = std::function<result_cell(std::size_t row)>;
 using groups_pointer = std::shared_ptr<const row_groups>;
+using sums_pointer = std::shared_ptr<const std::unordered_map<oid, wide_integer>>;
 
 // By row of the extents to by row of the output.
 cell_function in_shown_order(groups_pointer groups, cell_function cell) {
@@ -89,6 +94,7 @@ public:
 
     result_table run(const query &asked) {
         result_.rows = 1;
+        group_by_ = asked.group_by;
         if (!asked.group_by.empty()) {
             groups_ = std::make_shared<row_groups>(
                 group_rows(asked.group_by, asked.sorted, data_, header_, operators_, explain_));
@@ -115,6 +121,10 @@ private:
         const aggregate_rule &rule = *aggregate.rule;
         if (rule.columns == 0)
             return count_rows();
+        if (rule.family == aggregate_family::sum)
+            if (const sums_pointer sums = exact_sums_in(aggregate))
+                return rule.result == result_rule::quotient ? exact_mean(sums, aggregate)
+                                                            : exact_sum(sums, aggregate);
         if (rule.result == result_rule::quotient)
             return quotient(cells_of_part(rule.dividend, aggregate),
                             cells_of_part(rule.divisor, aggregate));
@@ -137,6 +147,64 @@ private:
                                    find_aggregate(name), aggregate.columns, std::nullopt});
     }
 
+    // The operator's sum wraps at 64 bits. Null where it cannot come so far.
+    sums_pointer exact_sums_in(const bound_aggregate &aggregate) {
+        const std::size_t column = aggregate.columns.front();
+        const auto [at, is_new] = exact_.try_emplace(column);
+        if (is_new && sum_may_leave_lng(data_.columns[column])) {
+            explain_.note(fmt::format("{}: the sum may leave 64 bits, so it is taken in 128",
+                                      aggregate.title));
+            at->second = std::make_shared<std::unordered_map<oid, wide_integer>>(
+                exact_sums(data_.columns[column], groups_ ? &groups_->map : nullptr));
+        }
+        return at->second;
+    }
+
+    static oid group_at(const groups_pointer &groups, std::size_t row) {
+        return groups ? groups->first_rows[groups->order[row]] : 0;
+    }
+
+    cell_function exact_mean(const sums_pointer &sums, const bound_aggregate &aggregate) {
+        return [sums, groups = groups_,
+                count = cells_of_part("count", aggregate)](std::size_t row) -> result_cell {
+            const auto found = sums->find(group_at(groups, row));
+            if (found == sums->end())
+                return std::monostate{};
+            return static_cast<double>(found->second) / static_cast<double>(as_count(count(row)));
+        };
+    }
+
+    cell_function exact_sum(const sums_pointer &sums, const bound_aggregate &aggregate) const {
+        const std::size_t column = aggregate.columns.front();
+        for (const auto &[group, sum] : *sums)
+            if (sum != static_cast<lng>(sum) || static_cast<lng>(sum) == refkernel::nil_of<lng>())
+                fail("{}: the sum of column {} ({}){} leaves 64 bits; give --types '{}:dbl' for "
+                     "one that is rounded",
+                     aggregate.title, column + 1, header_.names[column], group_named(group),
+                     header_.names[column]);
+        return [sums, groups = groups_](std::size_t row) -> result_cell {
+            const auto found = sums->find(group_at(groups, row));
+            if (found == sums->end())
+                return std::monostate{};
+            return static_cast<std::int64_t>(found->second);
+        };
+    }
+
+    // A group's values, by its id, which is one of its rows; nothing without groups.
+    std::string group_named(oid group) const {
+        std::string text;
+        for (const std::size_t i : group_by_) {
+            text += fmt::format("{}{} ", text.empty() ? " in the group " : ", ", header_.names[i]);
+            const table_column &column = data_.columns[i];
+            const result_cell value = cells_of(column.values, column.type)(group);
+            if (std::holds_alternative<std::monostate>(value))
+                text += "NA";
+            else
+                append_text(text, value);
+        }
+        return text;
+    }
+
     // The line through the distances goes through the values when it is moved by their centres.
     cell_function moved_back(cell_function constant, const bound_aggregate &aggregate) {
         return [constant = std::move(constant), slope = cells_of_part("slope", aggregate),
@@ -147,7 +215,7 @@ private:
             const auto steepness = as_double(slope(row));
             if (!at_centre || !steepness)
                 return std::monostate{};
-            const oid group = groups ? groups->first_rows[groups->order[row]] : 0;
+            const oid group = group_at(groups, row);
             return y(group) + (*at_centre - *steepness * x(group));
         };
     }
@@ -295,10 +363,12 @@ private:
     const csv_header &header_;
     const operator_library &operators_;
     const explain_log &explain_;
+    std::vector<std::size_t> group_by_;
     groups_pointer groups_;   // none: the whole columns
     groups_pointer all_rows_; // for operators that only work by group
     std::map<std::size_t, present_rows> present_;
     std::map<std::size_t, centred_column> centred_;
+    std::map<std::size_t, sums_pointer> exact_;
     std::map<std::string, cell_function> done_;
     result_table result_;
 };

@@ -100,6 +100,38 @@ TEST(Command, LinesAndTheirCorrelation) {
               "\"slope(b,a)\",\"intercept(b,a)\",\"covars(a,b)\"\n,,\n");
 }
 
+// Sums that pass through, reach and leave the bounds of 64 bits.
+TEST(Command, SumsAtTheBoundsOf64Bits) {
+    std::string times = "g,t\n";
+    for (int i = 0; i < 14; ++i)
+        times +=
+            std::to_string(i % 2) + "," + std::to_string(1'700'000'000'000'000'000LL + i) + "\n";
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "mean(t)", "--group-by", "g"}, times).out,
+              "g,mean(t)\n0,1.7e+18\n1,1.7e+18\n");
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "mean(t)"}, times).out, "mean(t)\n1.7e+18\n");
+    const outcome wrapped = vask({"-", "--agg", "sum(t)", "--group-by", "g"}, times);
+    EXPECT_EQ(wrapped.status, 2);
+    EXPECT_TRUE(holds(wrapped.err, "sum of column 2 (t) in the group g ")) << wrapped.err;
+    EXPECT_TRUE(holds(wrapped.err, "--types 't:dbl'")) << wrapped.err;
+    const std::string most = "9223372036854775807";
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "sum(x)", "--group-by", "g"},
+                   "g,x\na," + most + "\nb,NA\na,5\na,-5\n")
+                  .out,
+              "g,sum(x)\na," + most + "\nb,\n");
+    EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "x\n-" + most + "\n-1\n").status, 2); // the nil
+}
+
+TEST(Command, WhatIsAskedForTwiceIsPrintedOnce) {
+    for (const char *format : {"csv", "json"}) {
+        const outcome once =
+            vask({"-", "--format", format, "--agg", "sum(x)", "--group-by", "g"}, "g,x\n1,2\n");
+        const outcome twice = vask(
+            {"-", "--format", format, "--agg", "sum(x),sum(x)", "--group-by", "g,g"}, "g,x\n1,2\n");
+        EXPECT_EQ(twice.status, 0) << twice.err;
+        EXPECT_EQ(once.out, twice.out);
+    }
+}
+
 TEST(Command, ContainedInAColumnOfAnotherFile) {
     const std::string orders = "customer,amount\n7,10\n8,1\nNA,2\n9,3\n7,4\n5000000000,5\n";
     const temporary_file known("name\tid\na\t7\nb\t9\nc\tNA\nd\t7\ne\t-4\n", ".tsv");
@@ -229,6 +261,13 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)"}, "x,y,x\n1,2,3\n", {"columns 1 and 3", "'x'"}},
         {{"-", agg, "sum(x)"}, std::string("x\n\0\n", 4), {"NUL byte"}},
         {{"-", agg, "sum(x)"}, "x,\"y\n1,2\n", {"does not end"}},
+        {{"-", agg, "count(*)", "--group-by", "count(*)"}, "count(*)\n1\n", {"column 1", "rename"}},
+        {{"-", agg, "count(*)", "--group-by", "i"},
+         "i\n1\n12345678901234567890\n",
+         {":3: --group-by: column 1 (i)", "beyond 64 bits", "--types 'i:str'"}},
+        {{"-", agg, "count_distinct(i)"},
+         "i\n0.5\n-9223372036854775809\n",
+         {":3: count_distinct(i)", "--types 'i:str'"}},
         {{"/no/such/file", agg, "sum(x)"}, "", {"/no/such/file: cannot open", "No such file"}},
         {{"/tmp", agg, "sum(x)"}, "", {"/tmp: is a directory"}},
         {{"-", agg, "sum(x)", "--library", "/no/lib.so"}, "x\n1\n", {"/no/lib.so", "--library"}},
