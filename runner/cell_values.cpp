@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <concepts>
 
 #include <fast_float/fast_float.h>
 
@@ -23,21 +24,25 @@ std::string_view without_plus(std::string_view cell) {
     return plus ? cell.substr(1) : cell;
 }
 
-// The nil stands for "missing" and can be no value of a column.
-template <class T>
-bool read_integer(std::string_view cell, int code, T &value) {
+template <std::integral T>
+bool parse_number(std::string_view cell, T &value) {
     cell = without_plus(cell);
     const char *const end = cell.data() + cell.size();
     const auto [stop, error] = std::from_chars(cell.data(), end, value);
-    return stop == end && error == std::errc{} && value != nil_of<T>(code);
+    return stop == end && error == std::errc{};
 }
-
-template <class T>
-bool read_decimal(std::string_view cell, int code, T &value) {
+template <std::floating_point T>
+bool parse_number(std::string_view cell, T &value) {
     cell = without_plus(cell);
     const char *const end = cell.data() + cell.size();
     const auto [stop, error] = fast_float::from_chars(cell.data(), end, value);
-    return stop == end && error == std::errc{} && value != nil_of<T>(code);
+    return stop == end && error == std::errc{};
+}
+
+// The nil stands for "missing" and can be no value of a column.
+template <class T>
+bool read_number(std::string_view cell, int code, T &value) {
+    return parse_number(cell, value) && value != nil_of<T>(code);
 }
 
 // Takes `digits` digits off the front of `text`; less than 0 when they are not there.
@@ -154,22 +159,22 @@ int type_code(column_type type) {
 }
 
 bool read_cell(std::string_view cell, bte &value) {
-    return read_integer(cell, TYPE_bte, value);
+    return read_number(cell, TYPE_bte, value);
 }
 bool read_cell(std::string_view cell, sht &value) {
-    return read_integer(cell, TYPE_sht, value);
+    return read_number(cell, TYPE_sht, value);
 }
 bool read_cell(std::string_view cell, std::int32_t &value) {
-    return read_integer(cell, TYPE_int, value);
+    return read_number(cell, TYPE_int, value);
 }
 bool read_cell(std::string_view cell, lng &value) {
-    return read_integer(cell, TYPE_lng, value);
+    return read_number(cell, TYPE_lng, value);
 }
 bool read_cell(std::string_view cell, flt &value) {
-    return read_decimal(cell, TYPE_flt, value);
+    return read_number(cell, TYPE_flt, value);
 }
 bool read_cell(std::string_view cell, dbl &value) {
-    return read_decimal(cell, TYPE_dbl, value);
+    return read_number(cell, TYPE_dbl, value);
 }
 
 bool read_cell(std::string_view cell, timestamp &value) {
@@ -210,6 +215,18 @@ bool read_cell(std::string_view cell, truth &value) {
     const bool is_true = std::find(yes.begin(), yes.end(), lower) != yes.end();
     value.value = is_true ? 1 : 0;
     return is_true || std::find(no.begin(), no.end(), lower) != no.end();
+}
+
+bool is_reserved(std::string_view cell, column_type type) {
+    if (type == column_type::str)
+        return false;
+    return visit_cell_type(type, [&]<class T>(std::type_identity<T>) {
+        if constexpr (std::is_arithmetic_v<T>) {
+            T value{};
+            return parse_number(cell, value) && value == nil_of<T>(type_code(type));
+        }
+        return false;
+    });
 }
 
 column_type narrowest_type(std::string_view cell) {

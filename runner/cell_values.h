@@ -77,6 +77,10 @@ bool read_cell(std::string_view cell, dbl &value);
 bool read_cell(std::string_view cell, timestamp &value);
 bool read_cell(std::string_view cell, truth &value);
 
+//! Whether a cell is the number that stands for a missing one in columns of that type, and so can
+//! be no value of it.
+bool is_reserved(std::string_view cell, column_type type);
+
 //! The narrowest of int, lng, dbl and str that a cell's text fits in: the kernel's nil of a type
 //! does not fit, nor does an integer above 64 bits, which becomes dbl.
 column_type narrowest_type(std::string_view cell);

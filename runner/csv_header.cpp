@@ -63,14 +63,18 @@ void name_the_nameless(std::vector<std::string> &names) {
             names[i] = fmt::format("column{}", i + 1);
 }
 
-void refuse_equal_names(const source_text &source, const std::vector<std::string> &names) {
+void refuse_equal_names(const source_text &source, const csv_header &header) {
     std::unordered_map<std::string_view, std::size_t> first_places;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const auto [first, is_new] = first_places.emplace(names[i], i);
-        if (!is_new)
-            fail("{}:1: columns {} and {} have the same name '{}'; rename one of them, or give all "
-                 "names with --names and remove the header line",
-                 source.name(), first->second + 1, i + 1, names[i]);
+    for (std::size_t i = 0; i < header.names.size(); ++i) {
+        const auto [first, is_new] = first_places.emplace(header.names[i], i);
+        if (is_new)
+            continue;
+        if (header.is_given())
+            fail("--names: names {} and {} are both '{}'; give different ones", first->second + 1,
+                 i + 1, header.names[i]);
+        fail("{}:1: columns {} and {} have the same name '{}'; rename one of them, or give all "
+             "names with --names and remove the header line",
+             source.name(), first->second + 1, i + 1, header.names[i]);
     }
 }
 
@@ -92,7 +96,7 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
             refuse_data_as_header(source, header.names);
     }
     name_the_nameless(header.names);
-    refuse_equal_names(source, header.names);
+    refuse_equal_names(source, header);
     return header;
 }
 

@@ -39,17 +39,23 @@ std::string separator_name(char separator) {
 std::string describe_ragged(const load_fault &fault, const csv_header &header,
                             const csv_dialect &dialect) {
     const std::size_t expected = header.names.size();
-    return fmt::format("{} field{} where the header has {}; {}", fault.fields,
-                       fault.fields == 1 ? "" : "s", expected,
+    return fmt::format("{} field{} where {} has {}; {}", fault.fields, fault.fields == 1 ? "" : "s",
+                       header.is_given() ? "--names" : "the header", expected,
                        fault.fields < expected
                            ? "complete the line (an empty field stands for a missing value)"
-                           : fmt::format("put fields that contain {} in quotes",
+                           : fmt::format("{}put fields that contain {} in quotes",
+                                         header.is_given() ? "name all columns, or " : "",
                                          separator_name(dialect.separator)));
 }
 
 std::string describe_bad_cell(const load_fault &fault, const csv_header &header) {
     const std::string &name = header.names[fault.column];
     const column_type fitting = narrowest_type(fault.cell);
+    if (is_reserved(fault.cell, fault.type))
+        return fmt::format("column {} ({}): '{}' is reserved, as a missing {} is stored so; add it "
+                           "to the list of missing values with --na, or give --types '{}:{}'",
+                           fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
+                           name_of(fitting));
     return fmt::format("column {} ({}): '{}' is no {}; correct it, add it to the list of missing "
                        "values with --na, or give --types '{}:{}'",
                        fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,

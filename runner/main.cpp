@@ -16,6 +16,7 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -122,6 +123,11 @@ int main(int argc, char **argv) {
         return exit_user_error;
     } catch (const std::bad_alloc &) {
         fmt::print(stderr, "vask: out of memory\n");
+    } catch (const std::system_error &error) {
+        fmt::print(stderr,
+                   "vask: the system refused a thread or another resource ({}); free some, or give "
+                   "--threads 1\n",
+                   error.what());
     } catch (const std::exception &error) {
         fmt::print(stderr, "vask: {}\n", error.what());
     }

@@ -39,7 +39,8 @@ Examples:
 
 The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
 a field that is not in quotes do not belong to it; blank lines are passed over.
-Exit status: 0, or 2 when the request or the data are at fault (the message says where).)";
+Exit status: 0; 2 when the request or the data are at fault (the message says where); 1 for any
+other failure.)";
 
 //! The largest number of partitions an operator makes, and so of threads that can help.
 constexpr int most_threads = 256;
@@ -228,6 +229,8 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         app.exit(error, std::cout, std::cerr);
         return std::nullopt;
     }
+    if (result.file.empty())
+        fail("the name of the file is empty; name a file, or - for standard input");
     read_further(raw, result);
     return result;
 }

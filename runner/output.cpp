@@ -1,7 +1,5 @@
 #include "output.h"
 
-#include "user_error.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -9,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <stdexcept>
 #include <type_traits>
 
 #include <fmt/format.h>
@@ -33,7 +32,8 @@ public:
     void flush() {
         if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() ||
             std::fflush(file_) != 0)
-            fail("cannot write the result: {}", std::strerror(errno));
+            throw std::runtime_error(
+                fmt::format("cannot write the result: {}", std::strerror(errno)));
         buffer_.clear();
     }
 
@@ -131,10 +131,12 @@ void print_table(const result_table &result, printer &out) {
 
 // ---- csv ----------------------------------------------------------------------------------------
 
-// Spaces at the ends are quoted as well: readers may strip them from unquoted fields.
+// Spaces and tabs at the ends are quoted as well: readers may strip them from unquoted fields.
 void append_csv_field(std::string &out, std::string_view text) {
+    constexpr std::string_view blank = " \t";
     const bool quote = text.find_first_of(",\"\r\n") != std::string_view::npos ||
-                       text.starts_with(' ') || text.ends_with(' ');
+                       (!text.empty() && (blank.find(text.front()) != std::string_view::npos ||
+                                          blank.find(text.back()) != std::string_view::npos));
     if (!quote) {
         out += text;
         return;

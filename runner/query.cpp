@@ -34,7 +34,9 @@ std::string suggestion(const std::vector<std::string> &names, std::string_view w
         std::min_element(names.begin(), names.end(), [&](const auto &a, const auto &b) {
             return edit_distance(a, wanted) < edit_distance(b, wanted);
         });
-    if (!unseparated && edit_distance(*closest, wanted) <= 2)
+    // About one letter in three may be wrong: any short name is close to any other.
+    const std::size_t tolerated = std::min<std::size_t>(wanted.size() / 3, 2);
+    if (!unseparated && edit_distance(*closest, wanted) <= tolerated)
         return fmt::format("did you mean {}?", *closest);
     std::string list = fmt::format(
         "the columns are {}",
@@ -178,8 +180,8 @@ std::size_t find_column(const csv_header &header, const source_text &source,
 
 query bind_query(const options &request, const csv_header &header, const source_text &source) {
     if (request.aggregates.empty() && !(request.contained_in && request.group_by.empty()))
-        fail("{}: nothing to compute; give --agg, as in --agg 'sum({})'; {}", source.name(),
-             header.names.back(), suggestion(header.names, {}));
+        fail("{}: nothing to compute; give --agg, as in --agg 'count(*)'; {}", source.name(),
+             suggestion(header.names, {}));
     query result;
     result.sorted = request.sort;
     result.drop_missing = request.drop_missing;
@@ -207,7 +209,17 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
     std::string reason =
         fmt::format("{}: {}: column {} ({}) is {}; {} takes {}", loaded.source.name(), title,
                     column + 1, loaded.header.names[column], name_of(type), name, accepted.names());
-    if (const auto text = first_text(loaded.source, loaded.header, loaded.request, column))
+    const auto text = first_text(loaded.source, loaded.header, loaded.request, column);
+    if (timestamp time{};
+        text && accepted.contains(column_type::timestamp) && read_cell(text->cell, time))
+        reason += fmt::format(". Its cell '{}' on line {} reads as a timestamp: give --types "
+                              "'{}:timestamp' if all of them do",
+                              text->cell, text->line, loaded.header.names[column]);
+    else if (text && is_reserved(text->cell, column_type::dbl))
+        reason += fmt::format(". Its cell '{}' on line {} is reserved, as a missing value is "
+                              "stored so",
+                              shown(text->cell), text->line);
+    else if (text)
         reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
                               "stands for a missing value, add it to the list of --na",
                               shown(text->cell), text->line);

@@ -75,6 +75,8 @@ source_text::~source_text() {
 
 void source_text::map(int descriptor, std::size_t bytes) {
     void *const address = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE, descriptor, 0);
+    if (address == MAP_FAILED && errno == ENOMEM)
+        throw std::bad_alloc();
     if (address == MAP_FAILED)
         fail("{}: cannot map the file: {}", name_, std::strerror(errno));
     ::madvise(address, bytes, MADV_SEQUENTIAL);

@@ -132,6 +132,11 @@ TEST(Command, WhatIsAskedForTwiceIsPrintedOnce) {
     }
 }
 
+TEST(Command, ReadsItsOwnOutputBack) {
+    const std::string csv = "g,count(*)\n\"\tx\",1\n\"x\t\",1\n\" x\",1\nx,1\n\"x \",1\n";
+    EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "count(*)", "--group-by", "g"}, csv).out, csv);
+}
+
 TEST(Command, ContainedInAColumnOfAnotherFile) {
     const std::string orders = "customer,amount\n7,10\n8,1\nNA,2\n9,3\n7,4\n5000000000,5\n";
     const temporary_file known("name\tid\na\t7\nb\t9\nc\tNA\nd\t7\ne\t-4\n", ".tsv");
@@ -240,7 +245,9 @@ TEST(Command, Mistakes) {
         {{"-", agg, "largest(x,0)"}, "x\n1\n", {"0 is out of bounds", "from 1 on"}},
         {{"-", agg, "count(x)"}, "x,y\na,1\n\x80,2\n", {":3: column 1 (x)", "0x80", "iconv"}},
         {{"-", agg, "sum(x)", "--types", "x:number"}, "x\n1\n", {"--types", "number", "timestamp"}},
-        {{"-", agg, "sum(x)", "--types", "y:int"}, "x\n1\n", {"--types", "'y'", "did you mean x"}},
+        {{"-", agg, "sum(x)", "--types", "y:int"},
+         "x\n1\n",
+         {"--types", "'y'", "the columns are x"}},
         {{"-", agg, "sum(x"}, "x\n1\n", {"--agg", "')'"}},
         {{"-", agg, "total(x)"}, "x\n1\n", {"no aggregate 'total'", "sum", "count(*)"}},
         {{"-", agg, "sum(*)"}, "x\n1\n", {"no aggregate 'sum(*)'"}},
@@ -249,6 +256,11 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum(x,y): it is written sum(x)", "double quotes"}},
         {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
         {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
+        {{"", agg, "sum(x)"}, "", {"name of the file is empty"}},
+        {{"-", agg, "min(t)"}, "t\n2024-01-02\n", {"line 2", "--types 't:timestamp'"}},
+        {{"-", agg, "sum(x)", "--types", "x:bte"}, "x\n-128\n", {"'-128' is reserved", "x:int"}},
+        {{"-", agg, "sum(x)", "--names", "x,y,x"}, "1,2,3\n", {"--names: names 1 and 3"}},
+        {{"-", agg, "sum(x)", "--names", "x,y"}, "1,2,3\n", {":1: 3 fields where --names has 2"}},
         {{"-", agg, "sum(b)"}, "a;b\n1;2\n", {"no column 'b'", "--sep"}},
         {{"-", agg, "sum(x)"}, "x\n1\nabc\n", {"column 1 (x) is str", "'abc'", "line 3", "--na"}},
         {{"-", agg, "sum(x)"}, "x,y\n1,2\n1\n", {"standard input:3: 1 field where", "has 2"}},
