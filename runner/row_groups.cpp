@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <span>
 
 #include <fmt/format.h>
 
@@ -89,23 +90,37 @@ int compare_cells(const result_cell &a, const result_cell &b) {
     return std::visit([&b]<class T>(const T &value) { return compare(value, std::get<T>(b)); }, a);
 }
 
+using sort_key = std::vector<result_cell>;
+
+// By the first key, then each run of equals by the others: comparing all keys of two rows at once
+// would look at the first ones, which are mostly equal, again and again.
+void sort_by_keys(std::span<BUN> order, std::span<const sort_key> keys) {
+    const sort_key &key = keys.front();
+    std::stable_sort(order.begin(), order.end(),
+                     [&key](BUN a, BUN b) { return compare_cells(key[a], key[b]) < 0; });
+    if (keys.size() == 1)
+        return;
+    for (std::size_t begin = 0; begin < order.size();) {
+        std::size_t end = begin + 1;
+        while (end < order.size() && compare_cells(key[order[begin]], key[order[end]]) == 0)
+            ++end;
+        sort_by_keys(order.subspan(begin, end - begin), keys.subspan(1));
+        begin = end;
+    }
+}
+
 void sort_by_columns(const std::vector<std::size_t> &columns, const table &data,
                      row_groups &groups) {
     // Cells are read once each: comparing reads them many times over.
-    std::vector<std::vector<result_cell>> keys;
+    std::vector<sort_key> keys;
     for (const std::size_t i : columns) {
         const auto cell = cells_of(data.columns[i].values, data.columns[i].type);
-        std::vector<result_cell> &key = keys.emplace_back();
+        sort_key &key = keys.emplace_back();
         key.reserve(groups.first_rows.size());
         for (const oid row : groups.first_rows)
             key.push_back(cell(row));
     }
-    std::stable_sort(groups.order.begin(), groups.order.end(), [&keys](BUN a, BUN b) {
-        for (const auto &key : keys)
-            if (const int order = compare_cells(key[a], key[b]); order != 0)
-                return order < 0;
-        return false;
-    });
+    sort_by_keys(groups.order, keys);
 }
 
 } // namespace
