@@ -10,11 +10,9 @@ target_compile_options(vask_build_flags INTERFACE
   # may turn a conditional into a blend. No value changes by either.
   -fno-math-errno -fno-trapping-math)
 
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # Says that the layout of vector arguments changed in an old release; the
-  # project passes none across its interfaces.
-  target_compile_options(vask_build_flags INTERFACE -Wno-psabi)
-endif()
+# Says that vector arguments are passed in another way under another instruction
+# set or in an old release; the project passes none to a function that is called.
+target_compile_options(vask_build_flags INTERFACE -Wno-psabi)
 
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
   # The baseline; wider instruction sets are picked at run time, kernel/isa.h.

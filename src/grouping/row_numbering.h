@@ -151,9 +151,9 @@ private:
         // not hold is new, and entries need not be found in the table.
         bool complete = Keys::one_key_per_value;
 
-        bool recall(const Keys &keys, BUN row, BUN n, std::uint32_t *numbers) const {
+        bool recall(const Keys &source, BUN row, BUN n, std::uint32_t *numbers) const {
             if (recalls)
-                return memo.recall(keys, row, n, numbers);
+                return memo.recall(source, row, n, numbers);
             std::fill_n(numbers, n, unknown_number);
             return false;
         }
