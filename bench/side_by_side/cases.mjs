@@ -172,7 +172,7 @@ export const cases = [
     {
         id: "mode",
         title: "mode v1",
-        bound: "sort of all rows",
+        bound: "bandwidth of a copy; counters on one thread",
         results: [call("vask_mode", ["v1"], "", scalar("int"))],
         sql: mode("v1"),
         noMissing: true,
@@ -229,7 +229,7 @@ export const cases = [
     {
         id: "containment",
         title: "id6 among N/2K values",
-        bound: "pages of the result and of the table; misses while it is built on one thread",
+        bound: "bandwidth, and a bit looked up in the second-level cache for each row",
         results: [
             call(
                 "vaskops_are_bat_indexes_contained",

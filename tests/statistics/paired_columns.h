@@ -3,9 +3,11 @@
 
 #include "statistics/plain_statistics.h"
 
+#include <cstddef>
 #include <cstring>
 #include <optional>
 #include <random>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -36,8 +38,8 @@ public:
         : type_(type), first_(first) {
         with_element_of(type, [&]<class T>(T) {
             const auto values = statistic_values<T>(rows + first, 1'000'000, nils, random);
-            elements_.resize(values.size() * sizeof(T));
-            std::memcpy(elements_.data(), values.data(), elements_.size());
+            const auto bytes = std::as_bytes(std::span(values));
+            elements_.assign(bytes.begin(), bytes.end());
             whole_ = column_of(values, {.type = type});
         });
         view = refkernel::slice(whole_, first, rows);
@@ -65,14 +67,14 @@ public:
     [[nodiscard]] bool is_nil(BUN row) const { return equals_nil(row, storage_of(type_)); }
 
 private:
-    [[nodiscard]] const char *element(BUN row) const {
+    [[nodiscard]] const std::byte *element(BUN row) const {
         return elements_.data() +
                (first_ + row) * static_cast<std::size_t>(BATatoms[type_].atom_size);
     }
 
     int type_;
     BUN first_;
-    std::vector<char> elements_;
+    std::vector<std::byte> elements_;
     refkernel::bat whole_;
 };
 
