@@ -30,8 +30,8 @@ constexpr std::uint32_t covering_mask(std::uint64_t n) noexcept {
     return static_cast<std::uint32_t>((std::uint64_t{1} << std::bit_width(n)) - 1);
 }
 
-//! Entries are never removed. Not thread-safe while it grows: one writer at a time; any number of
-//! readers once it stands. Throws bad_allocation when the kernel has no memory left.
+//! Entries are never removed. Not thread-safe while it grows: one writer at a time; any number may
+//! read the entries once it stands. Throws bad_allocation when the kernel has no memory left.
 //!
 //! There is memory for `mask` + 1 buckets from the start, but no more of them are in use than the
 //! entries call for. With a mask that comes from the number of rows, as texts and floats have it,
@@ -135,16 +135,7 @@ public:
         return static_cast<std::uint32_t>(entry - entries_.begin());
     }
 
-    //! The group id of a key that is known to be present: there is no answer for any other.
-    VASK_ALWAYS_INLINE oid find(const key_type &key) const noexcept {
-        const std::uint32_t hash = Entry::hash(key);
-        std::uint32_t i = heads_[bucket_of(hash)];
-        while (!is_entry_of(entries_[i], key, hash))
-            i = entries_[i].chain;
-        return entries_[i].first_oid;
-    }
-
-    //! Gives the buckets back early; the entries stay. Neither probe nor find may follow.
+    //! Gives the buckets back early; the entries stay. No probe may follow.
     void release_buckets() noexcept {
         if (buckets_ != nullptr)
             GDKfree(std::exchange(buckets_, nullptr));

@@ -134,8 +134,8 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
     const std::uint64_t parts =
         std::min(right_count, static_cast<std::uint64_t>(std::int64_t{GDKnr_threads}));
     const std::uint64_t part_length = trapping_quotient(right_count, parts);
-    // What is built by one thread should be the smaller side. 1e7 rows in 5e4 values: 80 ms by a
-    // map of the rows, 8 ms by a set of the values.
+    // What is built by one thread should be the smaller side. 1e7 rows in 5e4 values: 82 ms by a
+    // map of the rows, 6 ms by a set of the values.
     if (right_count <= left_count && left_count <= std::numeric_limits<BUN>::max()) {
         const value_set set({right, right_count}, std::max(left_count, smallest_bitmap));
         run_row_loop(static_cast<BUN>(left_count),

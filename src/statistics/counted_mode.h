@@ -23,7 +23,7 @@ struct counted_value {
 
 //! The most frequent of fewer than 2^32 values, and of several the smallest; nothing where counting
 //! does not pay, because the values are few or lie far apart, or where there is no memory for the
-//! counters. 1e7 values of 1 to 5: 5 ms, against 80 ms for the sort.
+//! counters. The mode of 1e7 values of 1 to 5 takes 8 to 11 ms with it, 107 ms with the sort.
 template <std::integral T>
 std::optional<counted_value<T>> count_mode(std::span<const T> values) noexcept {
     // A counter per value has to stay in the cache and to be made up for by the rows.
