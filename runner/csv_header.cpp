@@ -5,7 +5,6 @@
 #include "user_error.h"
 
 #include <algorithm>
-#include <unordered_map>
 
 namespace vask::runner {
 namespace {
@@ -31,7 +30,8 @@ csv_header parse_first_record(const source_text &source, const csv_dialect &dial
         const std::size_t end = end_of_line(text, at);
         if (parser.feed(text.substr(at, end - at)) < end - at)
             fail("{}:{}: the header has a quote inside an unquoted field; put the whole field in "
-                 "quotes and double the quotes in it, or give --no-quotes",
+                 "quotes and double the quotes in it, or give --no-quotes, or, if the separator is "
+                 "another one, give it with --sep",
                  source.name(), 1 + count_line_ends(text.substr(0, at)));
         at = end;
     }
@@ -63,21 +63,6 @@ void name_the_nameless(std::vector<std::string> &names) {
             names[i] = fmt::format("column{}", i + 1);
 }
 
-void refuse_equal_names(const source_text &source, const csv_header &header) {
-    std::unordered_map<std::string_view, std::size_t> first_places;
-    for (std::size_t i = 0; i < header.names.size(); ++i) {
-        const auto [first, is_new] = first_places.emplace(header.names[i], i);
-        if (is_new)
-            continue;
-        if (header.is_given())
-            fail("--names: names {} and {} are both '{}'; give different ones", first->second + 1,
-                 i + 1, header.names[i]);
-        fail("{}:1: columns {} and {} have the same name '{}'; rename one of them, or give all "
-             "names with --names and remove the header line",
-             source.name(), first->second + 1, i + 1, header.names[i]);
-    }
-}
-
 } // namespace
 
 csv_header read_header(const source_text &source, const csv_dialect &dialect,
@@ -96,7 +81,6 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
             refuse_data_as_header(source, header.names);
     }
     name_the_nameless(header.names);
-    refuse_equal_names(source, header);
     return header;
 }
 

@@ -25,8 +25,8 @@ struct header_rules {
     bool numeric_names = false;
 };
 
-//! Reads the header. A column without a name is called columnN by its place. Throws user_error for
-//! an empty file, for names that occur twice and for a first line that looks like data.
+//! Reads the header. A column without a name is called columnN by its place; several columns can
+//! have one name. Throws user_error for an empty file and for a first line that looks like data.
 csv_header read_header(const source_text &source, const csv_dialect &dialect,
                        const header_rules &rules);
 

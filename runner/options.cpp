@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "aggregate_table.h"
+#include "nearest_name.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -59,6 +60,13 @@ char separator_named(const std::string &text) {
     return text.front();
 }
 
+int thread_count_named(const std::string &text) {
+    int number = 0;
+    if (!read_cell(text, number) || number < 1 || number > most_threads)
+        fail("--threads: '{}' is no number of threads; give one from 1 to {}", text, most_threads);
+    return number;
+}
+
 output_format format_named(const std::string &name) {
     static const std::map<std::string, output_format> formats{{"table", output_format::table},
                                                               {"csv", output_format::csv},
@@ -88,6 +96,9 @@ std::vector<std::pair<std::string, column_type>> parse_types(const std::string &
             fail("--types: '{}' is no type; the types are bit, bte, sht, int, lng, flt, dbl, str "
                  "and timestamp",
                  type);
+        if (std::any_of(types.begin(), types.end(),
+                        [&](const auto &earlier) { return earlier.first == name; }))
+            fail("--types: the column '{}' is given two types; give one", name);
         types.emplace_back(std::move(name), *known);
     }
     return types;
@@ -110,7 +121,7 @@ other_column parse_other_column(const std::string &text) {
 struct raw_options {
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
-        format;
+        format, threads;
 };
 
 void declare_file(CLI::App &app, options &result) {
@@ -170,9 +181,8 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
 void declare_running(CLI::App &app, options &result, raw_options &raw) {
     app.add_option("--format", raw.format, "table, csv or json (default: table)")
         ->type_name("FORMAT");
-    app.add_option("--threads", result.threads, "Threads to use (default: one per core)")
-        ->type_name("N")
-        ->check(CLI::Range(1, most_threads).description(""));
+    app.add_option("--threads", raw.threads, "Threads to use (default: one per core)")
+        ->type_name("N");
     app.add_flag("--explain", result.explain,
                  "Tell on standard error what was loaded and called, with rows, partitions, time");
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
@@ -202,6 +212,61 @@ void read_further(const raw_options &raw, options &result) {
         result.separator = separator_named(*raw.separator);
     if (raw.format)
         result.format = format_named(*raw.format);
+    if (raw.threads)
+        result.threads = thread_count_named(*raw.threads);
+}
+
+// Without their dashes, of which a wrong name may have too few.
+std::vector<std::string> option_names(const CLI::App &app) {
+    std::vector<std::string> names;
+    for (const CLI::Option *const option : app.get_options())
+        for (const std::string &name : option->get_lnames())
+            names.push_back(name);
+    return names;
+}
+
+// What the command line has too much of, in its order. Other arguments are told only where there
+// is no unknown option: one before them may have been meant to take them.
+std::string describe_extras(const CLI::App &app, bool is_union) {
+    std::string told;
+    const std::vector<std::string> extras = app.remaining();
+    for (const std::string &extra : extras) {
+        const std::string option = extra.substr(0, extra.find('='));
+        const std::size_t dashes = option.find_first_not_of('-');
+        if (dashes == 0 || dashes == option.npos)
+            continue;
+        const auto nearest = nearest_name(option_names(app), option.substr(dashes));
+        told += fmt::format("{}there is no option {}{}", told.empty() ? "" : "; ", option,
+                            nearest ? fmt::format(" (did you mean --{}?)", *nearest) : "");
+    }
+    if (told.empty() && !extras.empty())
+        told =
+            fmt::format("'{}' is one argument too many; {}", extras.front(),
+                        is_union ? "a union is of two columns of one file"
+                                 : "one file is read, and a list with blanks in it wants quotes");
+    return told;
+}
+
+std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, bool is_union) {
+    if (std::string extras = describe_extras(app, is_union); !extras.empty())
+        return extras;
+    const std::string what = error.what();
+    switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
+        case CLI::ExitCodes::RequiredError:
+            return is_union ? "a file and two columns of it are wanted, as in vask union FILE X Y"
+                            : "no file is named; name one, or - for standard input";
+        case CLI::ExitCodes::ArgumentMismatch: {
+            const CLI::Option *const option = app.get_option(what.substr(0, what.find(':')));
+            return option->count() > 1
+                       ? fmt::format("{}: given {} times; give it once", option->get_name(),
+                                     option->count())
+                       : fmt::format("{}: nothing stands behind it; it is written {} {}",
+                                     option->get_name(), option->get_name(),
+                                     option->get_type_name());
+        }
+        default:
+            return what;
+    }
 }
 
 } // namespace
@@ -225,7 +290,8 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         app.parse(argc - (is_union ? 1 : 0), argv + (is_union ? 1 : 0));
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != 0)
-            fail("{}; vask{} --help tells more", error.what(), is_union ? " union" : "");
+            fail("{}; vask{} --help tells more", describe_refusal(app, error, is_union),
+                 is_union ? " union" : "");
         app.exit(error, std::cout, std::cerr);
         return std::nullopt;
     }

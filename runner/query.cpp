@@ -1,43 +1,22 @@
 #include "query.h"
 
 #include "load_fault.h"
+#include "nearest_name.h"
 #include "operands.h"
 #include "user_error.h"
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 namespace vask::runner {
 namespace {
-
-// Single-character edits that turn one name into the other.
-std::size_t edit_distance(std::string_view a, std::string_view b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < b.size(); ++j) {
-            const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
 
 // The names a user may have meant, or all of them.
 std::string suggestion(const std::vector<std::string> &names, std::string_view wanted) {
     constexpr std::size_t most_listed = 30;
     const bool unseparated = names.size() == 1 && names[0].find_first_of("\t;,|") != names[0].npos;
-    const auto closest =
-        std::min_element(names.begin(), names.end(), [&](const auto &a, const auto &b) {
-            return edit_distance(a, wanted) < edit_distance(b, wanted);
-        });
-    // About one letter in three may be wrong: any short name is close to any other.
-    const std::size_t tolerated = std::min<std::size_t>(wanted.size() / 3, 2);
-    if (!unseparated && edit_distance(*closest, wanted) <= tolerated)
-        return fmt::format("did you mean {}?", *closest);
+    if (const auto nearest = nearest_name(names, wanted); nearest && !unseparated)
+        return fmt::format("did you mean {}?", *nearest);
     std::string list = fmt::format(
         "the columns are {}",
         fmt::join(names.begin(),
@@ -171,11 +150,20 @@ std::vector<bool> query::needed_columns(std::size_t columns) const {
 
 std::size_t find_column(const csv_header &header, const source_text &source,
                         const std::string &name, std::string_view asked_by) {
-    const auto found = std::find(header.names.begin(), header.names.end(), name);
-    if (found == header.names.end())
+    std::vector<std::size_t> numbers;
+    for (std::size_t i = 0; i < header.names.size(); ++i)
+        if (header.names[i] == name)
+            numbers.push_back(i + 1);
+    if (numbers.empty())
         fail("{}:1: {}: there is no column '{}'; {}", source.name(), asked_by, name,
              suggestion(header.names, name));
-    return static_cast<std::size_t>(found - header.names.begin());
+    if (numbers.size() > 1)
+        fail("{}:1: {}: the columns {} are all called '{}'; {}", source.name(), asked_by,
+             fmt::join(numbers, ", "), name,
+             header.is_given() ? "give different names with --names"
+                               : "rename those that are not meant, or remove the header line and "
+                                 "name all columns with --names");
+    return numbers.front() - 1;
 }
 
 query bind_query(const options &request, const csv_header &header, const source_text &source) {

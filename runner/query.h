@@ -31,7 +31,8 @@ struct query {
     std::vector<bool> needed_columns(std::size_t columns) const;
 };
 
-//! The place of a column in the file; throws user_error, with what names there are, for none.
+//! The place of a column in the file. Throws user_error where there is none of that name, with the
+//! names there are, and where there are several, with their places.
 std::size_t find_column(const csv_header &header, const source_text &source,
                         const std::string &name, std::string_view asked_by);
 

@@ -33,6 +33,7 @@ TEST(Command, FormatsAndInputs) {
     EXPECT_EQ(vask({"-", "--na", "-99", "--types", "x:flt", "--agg", "sum(x)"}, "x\n.1\n-99\n").out,
               "sum(x)\n   0.1\n");
     EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "x\n").out, "sum(x)\n    NA\n");
+    EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "a,x,a\n1,2,3\n").out, "sum(x)\n     2\n");
 }
 
 TEST(Command, SumsOfAllTypesAndThreads) {
@@ -180,7 +181,7 @@ TEST(Command, UnionOfTwoColumns) {
               "row,column,value\n1,a,1\n4,a,4\n1,b,1.5\n4,b,5\n");
     EXPECT_EQ(vask({"union", "-", "a", "a"}, "a\n").out, "row  column  value\n");
     EXPECT_TRUE(holds(vask({"union", "-", "a", "c"}, csv).err, "column 3 (c) is str"));
-    EXPECT_TRUE(holds(vask({"union", "-", "a"}, csv).err, "Y is required"));
+    EXPECT_TRUE(holds(vask({"union", "-", "a"}, csv).err, "two columns"));
     EXPECT_TRUE(holds(vask({"union", "-", "a", "b", "--agg", "sum(a)"}, csv).err, "--agg"));
 }
 
@@ -225,7 +226,14 @@ TEST(Command, Mistakes) {
     };
     const std::string agg = "--agg";
     const std::vector<mistake> mistakes{
-        {{}, "", {"FILE", "--help"}},
+        {{}, "", {"no file is named", "--help"}},
+        {{"--no", "--formt=csv", "-"},
+         "",
+         {"no option --no; there is no option --formt (did you mean --format?)"}},
+        {{"-", "y.csv", agg, "sum(x)"}, "", {"'y.csv' is one argument too many"}},
+        {{"-", agg}, "", {"--agg: nothing stands behind it"}},
+        {{"-", "--na", "1", "--na", "2"}, "", {"--na: given 2 times"}},
+        {{"-", agg, "sum(x)", "--types", "x:int,x:dbl"}, "x\n1\n", {"'x' is given two types"}},
         {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format", "'xml'", "json"}},
         {{"-", agg, "sum(x)", "--group-by", ""}, "x\n1\n", {"--group-by: expected a name"}},
         {{"-", agg, "sum(x)", "--threads", "0"}, "x\n1\n", {"--threads"}},
@@ -256,10 +264,11 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum(x,y): it is written sum(x)", "double quotes"}},
         {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
         {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
+        {{"-", agg, "sum(Price)"}, "price,x\n1,1\n", {"did you mean price"}},
         {{"", agg, "sum(x)"}, "", {"name of the file is empty"}},
         {{"-", agg, "min(t)"}, "t\n2024-01-02\n", {"line 2", "--types 't:timestamp'"}},
         {{"-", agg, "sum(x)", "--types", "x:bte"}, "x\n-128\n", {"'-128' is reserved", "x:int"}},
-        {{"-", agg, "sum(x)", "--names", "x,y,x"}, "1,2,3\n", {"--names: names 1 and 3"}},
+        {{"-", agg, "sum(x)", "--names", "x,y,x"}, "1,2,3\n", {"columns 1, 3", "with --names"}},
         {{"-", agg, "sum(x)", "--names", "x,y"}, "1,2,3\n", {":1: 3 fields where --names has 2"}},
         {{"-", agg, "sum(b)"}, "a;b\n1;2\n", {"no column 'b'", "--sep"}},
         {{"-", agg, "sum(x)"}, "x\n1\nabc\n", {"column 1 (x) is str", "'abc'", "line 3", "--na"}},
@@ -270,7 +279,7 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)"}, "", {"standard input: the file is empty"}},
         {{"-", agg, "sum(x)"}, "\n\n", {"no header"}},
         {{"-", agg, "sum(x)"}, "1,2\n3,4\n", {"only numbers", "--names", "--header"}},
-        {{"-", agg, "sum(x)"}, "x,y,x\n1,2,3\n", {"columns 1 and 3", "'x'"}},
+        {{"-", agg, "sum(y)", "--group-by", "x"}, "x,y,x\n1,2,3\n", {"columns 1, 3", "'x'"}},
         {{"-", agg, "sum(x)"}, std::string("x\n\0\n", 4), {"NUL byte"}},
         {{"-", agg, "sum(x)"}, "x,\"y\n1,2\n", {"does not end"}},
         {{"-", agg, "count(*)", "--group-by", "count(*)"}, "count(*)\n1\n", {"column 1", "rename"}},
