@@ -213,7 +213,7 @@ export const cases = [
     {
         id: "distinct_id6_by_id4",
         title: "distinct id6 by id4",
-        bound: "hash misses in a set for each group",
+        bound: "cache misses: a bit per group and value, in more of them than the cache holds",
         keys: ["id4"],
         results: [call("AggrX3_countDistinct", ["id6"], "")],
         sql: distinct("id6", "id4"),
@@ -221,7 +221,7 @@ export const cases = [
     {
         id: "distinct_v3_by_id6",
         title: "distinct v3 by id6",
-        bound: "lists of 1e5 groups growing; hash sets",
+        bound: "pairs of group and value written to parts and back, then a set for each part",
         keys: ["id6"],
         results: [call("AggrX3_countDistinct", ["v3"], "")],
         sql: distinct("v3", "id6"),

@@ -1,11 +1,13 @@
-#include "distinct/value_lists.h"
+#include "distinct/pair_count.h"
+#include "distinct/window_count.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "kernel/open_addressing.h"
-#include "kernel/table_keys.h"
+#include "kernel/key_hash.h"
+#include "kernel/row_ranges.h"
 #include "vask_ops.h"
 
-#include <atomic>
+#include <concepts>
+#include <cstdint>
 #include <new>
 #include <type_traits>
 
@@ -15,14 +17,12 @@ namespace {
 
 enum class countd_strategy { parallel, serial, failed };
 
-// More groups than that have few rows each, and their lists would cost more than the refinement.
+// Of more groups than that the kernel's refinement takes care.
 constexpr BUN most_groups = 1'000'000;
 constexpr BUN sample_rows = 1024;
 // Fewer different values than that among the sampled rows, and the serial refinement has so few
 // groups that it is the faster way.
 constexpr BUN fewest_distinct = 300;
-// Values that make a task worth its start.
-constexpr std::uint64_t batch_values = 8192;
 
 //! The numbers of a histogram and a map that a kernel operator made, dropped at the end.
 class grouping_numbers {
@@ -105,70 +105,44 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
 
 // ---- parallel road ----------------------------------------------------------------------------
 
+//! Counts the values of b, which has rows, by bits where it holds integers that lie close together,
+//! else by pairs.
 template <class T>
-using vask_distinct_set = open_addressing_table<table_keys<T>>;
-
-//! The number of different values in a list. The set has room for all of them from the start; it
-//! comes empty and is left with whatever it has.
-template <class T>
-wrd vask_count_list(const vask_value_list<T> &list, vask_distinct_set<T> &set) {
-    set.clear();
-    if (list.size != 0)
-        set.grow_to(static_cast<std::uint32_t>(list.size));
-    wrd distinct = 0;
-    for (std::uint64_t i = 0; i < list.size; ++i)
-        distinct += set.insert(list.values[i]).is_new;
-    return distinct;
-}
-
-//! Counts every list into `counts`, in batches of groups that are worth a task. False when the heap
-//! has no memory for a set.
-template <class T>
-bool count_lists(const vask_value_list<T> *lists, BUN groups, wrd *counts) {
-    bte ok = 1;
-    task_set tasks;
-    for (BUN begin = 0; begin < groups;) {
-        BUN end = begin;
-        for (std::uint64_t values = 0; end < groups && values < batch_values; ++end)
-            values += lists[end].size;
-        tasks.spawn([=, &ok] {
-            try {
-                vask_distinct_set<T> set;
-                for (BUN j = begin; j < end; ++j)
-                    counts[j] = vask_count_list(lists[j], set);
-            } catch (const std::bad_alloc &) {
-                std::atomic_ref(ok).store(0, std::memory_order_relaxed);
-            }
-        });
-        begin = end;
-    }
-    tasks.wait();
-    return ok != 0;
+bool count_rows(const grouped_values &inputs, std::uint64_t nranges, wrd *counts) {
+    const BAT &b = *inputs.b;
+    const slot_table_owner table(*inputs.groups, b.info->count);
+    if constexpr (std::signed_integral<T>)
+        if (const auto window = window_for_bits<T>(b, inputs.groups->info->count, nranges))
+            return count_by_window<T>(inputs, table.get(), nranges, *window, counts);
+    return count_by_pairs<T>(inputs, table.get(), nranges, counts);
 }
 
 template <class T>
 bool count_in_parallel(const grouped_values &inputs, wrd *counts) {
-    const BUN groups = inputs.groups->info->count;
-    auto *lists = zeroed_array<vask_value_list<T>>(groups);
-    if (lists == nullptr)
+    if (inputs.groups->head->hash == nullptr && !BAThash(inputs.groups, 0))
         return false;
-    const bool counted = (inputs.groups->head->hash != nullptr || BAThash(inputs.groups, 0)) &&
-                         gather_value_lists<T>(inputs, lists) && count_lists(lists, groups, counts);
-    for (BUN j = 0; j < groups; ++j)
-        if (lists[j].values != nullptr)
-            GDKfree(lists[j].values);
-    GDKfree(lists);
+    if (GDKnr_threads == 0)
+        return false;
+    // One range per thread, whatever its size, and none of an empty column.
+    const std::uint64_t nranges = vask_range_count(*inputs.b);
+    BATaccess(inputs.b, 3, 0, 1);
+    bool counted = true;
+    try {
+        if (nranges != 0)
+            counted = count_rows<T>(inputs, nranges, counts);
+    } catch (const std::bad_alloc &) {
+        counted = false;
+    }
+    BATaccess(inputs.b, 3, 0, -1);
     return counted;
 }
 
-//! Values are told apart by their bits, so a class of elements is its width; texts by what they
-//! read.
 bool count_by_storage(const grouped_values &inputs, wrd *counts) {
     const int storage = storage_of(*inputs.b->tail);
     if (storage == TYPE_str)
-        return count_in_parallel<const char *>(inputs, counts);
+        return count_in_parallel<str>(inputs, counts);
     return visit_storage_class(storage, false, [&]<class T>(std::type_identity<T>) {
-        return count_in_parallel<decltype(key_bits(T()))>(inputs, counts);
+        return count_in_parallel<T>(inputs, counts);
     });
 }
 

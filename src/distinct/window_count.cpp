@@ -1,0 +1,127 @@
+#include "distinct/window_count.h"
+
+#include "grouping/column_keys.h"
+#include "grouping/custom_mask.h"
+#include "kernel/gdk_vector.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <limits>
+
+namespace vask {
+
+namespace {
+
+constexpr std::uint64_t word_bits = 64;
+// Bits of all tasks for each row: as much memory as pairs of a group and a value would take.
+constexpr std::uint64_t bits_per_row = 64;
+// Of one task. With twice as many the misses of the caches make it no faster than by pairs.
+constexpr std::uint64_t most_bits = std::uint64_t{1} << 26;
+
+std::uint64_t words_of_group(std::uint64_t places) noexcept {
+    return (places + word_bits - 1) / word_bits;
+}
+
+//! Whether tables for values that lie `distance` apart are worth their memory.
+bool is_worth_bits(std::uint64_t distance, BUN rows, BUN groups, std::uint64_t nranges) noexcept {
+    const std::uint64_t limit = std::min(most_bits, rows * bits_per_row / nranges);
+    return distance < limit && (words_of_group(distance + 2) * word_bits) * groups <= limit;
+}
+
+template <class T>
+std::uint64_t distance(T least, T most) noexcept {
+    return static_cast<std::uint64_t>(most) - static_cast<std::uint64_t>(least);
+}
+
+} // namespace
+
+template <std::signed_integral T>
+std::optional<key_window<std::make_unsigned_t<T>>> window_for_bits(const BAT &b, BUN groups,
+                                                                   std::uint64_t nranges) {
+    const T nil = nil_of<T>(b.tail->type);
+    const BUN rows = b.info->count;
+    // A few rows tell most columns of values that lie far apart without a look at the others.
+    constexpr BUN first_rows = 1024;
+    const T *values = rows_of<const T>(*b.tail) + b.info->first;
+    T least = std::numeric_limits<T>::max();
+    T most = nil;
+    for (BUN i = 0; i < std::min(rows, first_rows); ++i) {
+        most = std::max(most, values[i]);
+        if (values[i] != nil)
+            least = std::min(least, values[i]);
+    }
+    if (least <= most && !is_worth_bits(distance(least, most), rows, groups, nranges))
+        return std::nullopt;
+    const value_range<T> range = scan_values<T>(b);
+    const std::uint64_t span = distance(range.least, range.max);
+    if (!is_worth_bits(span, rows, groups, nranges))
+        return std::nullopt;
+    return key_window<std::make_unsigned_t<T>>{key_bits(range.least),
+                                               static_cast<std::uint32_t>(span)};
+}
+
+template <std::signed_integral T>
+bool count_by_window(const grouped_values &inputs, const slot_table *table, std::uint64_t nranges,
+                     key_window<std::make_unsigned_t<T>> window, wrd *counts) {
+    const BUN groups = inputs.groups->info->count;
+    const std::uint64_t stride = words_of_group(window.places());
+    const number_keys<T> keys(*inputs.b->tail);
+    const partition_plan plan(*inputs.b, nranges);
+    gdk_vector<gdk_block<std::uint64_t>> tables(nranges);
+    for (gdk_block<std::uint64_t> &t : tables) {
+        t.reset(zeroed_array<std::uint64_t>(groups * stride));
+        if (t == nullptr)
+            throw bad_allocation();
+    }
+    bte ok = 1;
+    run_partitions(plan, [=, &inputs, &tables, &ok](std::uint64_t part, row_range range) {
+        std::uint64_t *words = tables[part].get();
+        std::array<std::uint32_t, row_slots::block_rows> places;
+        const auto mark = [=, &places](BUN row, BUN n, const BUN *slots) {
+            window.number(keys, row, n, places.data());
+            for (BUN i = 0; i < n; ++i)
+                if (slots[i] != row_slots::no_slot)
+                    words[slots[i] * stride + places[i] / word_bits] |= std::uint64_t{1}
+                                                                        << places[i] % word_bits;
+        };
+        // Tasks may clear it at the same time: all of them store the same 0.
+        if (!for_each_slot_block(inputs, table, range, mark))
+            std::atomic_ref(ok).store(0, std::memory_order_relaxed);
+    });
+    if (ok == 0)
+        return false;
+    run_row_loop(groups, [=, &tables](row_range r) {
+        for (BUN j = r.begin; j < r.end; ++j) {
+            wrd count = 0;
+            for (std::uint64_t at = j * stride; at < (j + 1) * stride; ++at) {
+                std::uint64_t word = 0;
+                for (const gdk_block<std::uint64_t> &t : tables)
+                    word |= t[at];
+                count += std::popcount(word);
+            }
+            counts[j] = count;
+        }
+    });
+    return true;
+}
+
+template std::optional<key_window<std::uint8_t>> window_for_bits<bte>(const BAT &, BUN,
+                                                                      std::uint64_t);
+template std::optional<key_window<std::uint16_t>> window_for_bits<sht>(const BAT &, BUN,
+                                                                       std::uint64_t);
+template std::optional<key_window<std::uint32_t>> window_for_bits<std::int32_t>(const BAT &, BUN,
+                                                                                std::uint64_t);
+template std::optional<key_window<std::uint64_t>> window_for_bits<lng>(const BAT &, BUN,
+                                                                       std::uint64_t);
+template bool count_by_window<bte>(const grouped_values &, const slot_table *, std::uint64_t,
+                                   key_window<std::uint8_t>, wrd *);
+template bool count_by_window<sht>(const grouped_values &, const slot_table *, std::uint64_t,
+                                   key_window<std::uint16_t>, wrd *);
+template bool count_by_window<std::int32_t>(const grouped_values &, const slot_table *,
+                                            std::uint64_t, key_window<std::uint32_t>, wrd *);
+template bool count_by_window<lng>(const grouped_values &, const slot_table *, std::uint64_t,
+                                   key_window<std::uint64_t>, wrd *);
+
+} // namespace vask
