@@ -44,16 +44,20 @@ TEST(GroupedPairStatistics, AgreeBitForBitWithPlainLoops) {
                 continue;
             const std::uint32_t nils = std::array{0U, 2U, 30U, 100U}[random() % 4];
             const std::int32_t threads = std::array{1, 2, 3, 8, 300}[random() % 5];
-            const column_pair columns{any_column(type_x, shape.rows, shape.first, nils, random),
-                                      any_column(type_y, shape.rows, shape.first, nils, random),
-                                      *classes, plain_pair_statistics[i].is_line};
+            const bool specials = random() % 3 == 0; // NaNs and infinities
+            const BUN other_first = random() % 3 == 0 ? 4 : shape.first;
+            const column_pair columns{
+                any_column(type_x, shape.rows, shape.first, shape.first, nils, random, specials),
+                any_column(type_y, shape.rows, other_first, shape.first, nils, random, specials),
+                *classes, plain_pair_statistics[i].is_line};
             const auto rows = inputs.rows_by_group(plain_partitions(shape.rows, threads),
                                                    [&](BUN row) { return !columns.dropped(row); });
             const kernel_settings settings(threads);
             const watch kernel;
-            SCOPED_TRACE(testing::Message() << plain_pair_statistics[i].name << " of types "
-                                            << type_x << " and " << type_y << ", " << shape << ", "
-                                            << nils << "% nil, " << threads << " threads");
+            SCOPED_TRACE(testing::Message()
+                         << plain_pair_statistics[i].name << " of types " << type_x << " and "
+                         << type_y << ", " << shape << " and " << other_first << ", " << nils
+                         << "% nil, " << threads << " threads");
             const leak_guard leaks;
             const bat result = run(i, columns.x.view, columns.y.view, inputs.map, inputs.extents);
             expect_groups<double>(result, inputs.extents, TYPE_dbl, rows, [&](const auto &group) {
@@ -69,8 +73,8 @@ TEST(GroupedPairStatistics, OfRowsThatAreGroups) {
     std::mt19937 random(11);
     for (const int type_x : {TYPE_bit, TYPE_int, TYPE_dbl})
         for (const int type_y : {TYPE_int, TYPE_lng, TYPE_flt}) {
-            const any_column x(type_x, rows, 0, 20, random);
-            const any_column y(type_y, rows, 0, 20, random);
+            const any_column x(type_x, rows, 0, 0, 20, random);
+            const any_column y(type_y, rows, 0, 0, 20, random);
             const auto classes = *plain_classes(type_x, type_y);
             // Positions count from 0, not from the view's first, and the marks say no nil whatever
             // there is: both intended.

@@ -53,10 +53,11 @@ TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
                 const std::uint32_t nils = std::array{0U, 2U, 50U, 100U}[random() % 4];
                 const auto threads = static_cast<std::int32_t>(random() % 7 + 1);
                 const auto first = static_cast<BUN>(random() % 3);
+                const auto other_first = static_cast<BUN>(random() % 3);
                 const kernel_settings settings(threads);
                 const auto classes = plain_classes(type_x, type_y);
-                column_pair columns{any_column(type_x, rows, first, nils, random),
-                                    any_column(type_y, rows, first, nils, random),
+                column_pair columns{any_column(type_x, rows, first, first, nils, random),
+                                    any_column(type_y, rows, other_first, first, nils, random),
                                     classes.value_or(std::pair(0, 0)), false};
                 const instruction_set_of_turn instructions(seed);
                 const watch kernel;
@@ -65,8 +66,9 @@ TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
                     const plain_pair_statistic &plain = plain_pair_statistics[i];
                     SCOPED_TRACE(testing::Message()
                                  << plain.name << " of types " << type_x << " and " << type_y
-                                 << ", " << rows << " rows from " << first << ", " << nils
-                                 << "% nil, " << threads << " threads, seed " << seed);
+                                 << ", " << rows << " rows from " << first << " and " << other_first
+                                 << ", " << nils << "% nil, " << threads << " threads, seed "
+                                 << seed);
                     double result = 3;
                     const auto failure = call(i, &result, columns.x.view, columns.y.view);
                     if (!classes) {

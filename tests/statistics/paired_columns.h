@@ -3,6 +3,7 @@
 
 #include "statistics/plain_statistics.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <optional>
@@ -31,13 +32,16 @@ inline std::optional<std::pair<int, int>> plain_classes(int first, int second) {
     return std::pair{storage_of(first), odd(second) ? int{TYPE_bte} : storage_of(second)};
 }
 
-//! A view of generated rows of any type that begins above position 0, and its elements.
+//! A view of generated rows of any type from position `first` on, and the elements that are read of
+//! it: rows are paired by position, those of both columns from the first column's `first` on.
 class any_column {
 public:
-    any_column(int type, BUN rows, BUN first, std::uint32_t nils, std::mt19937 &random)
-        : type_(type), first_(first) {
+    any_column(int type, BUN rows, BUN first, BUN read_from, std::uint32_t nils,
+               std::mt19937 &random, bool with_specials = false)
+        : type_(type), read_from_(read_from) {
         with_element_of(type, [&]<class T>(T) {
-            const auto values = statistic_values<T>(rows + first, 1'000'000, nils, random);
+            const auto values = statistic_values<T>(rows + std::max(first, read_from), 1'000'000,
+                                                    nils, random, with_specials);
             const auto bytes = std::as_bytes(std::span(values));
             elements_.assign(bytes.begin(), bytes.end());
             whole_ = column_of(values, {.type = type});
@@ -69,11 +73,11 @@ public:
 private:
     [[nodiscard]] const std::byte *element(BUN row) const {
         return elements_.data() +
-               (first_ + row) * static_cast<std::size_t>(BATatoms[type_].atom_size);
+               (read_from_ + row) * static_cast<std::size_t>(BATatoms[type_].atom_size);
     }
 
     int type_;
-    BUN first_;
+    BUN read_from_;
     std::vector<std::byte> elements_;
     refkernel::bat whole_;
 };
