@@ -3,7 +3,6 @@
 #include "aggregates/grouped.h"
 
 #include "aggregates/grouped_check.h"
-#include "support/kernel_calls.h"
 #include "vask_ops.h"
 
 #include <numeric>
@@ -34,30 +33,6 @@ bat one_to_ten() {
 //! The odd ones are of group 5, the even ones of group 9.
 bat odd_and_even() {
     return make_column(std::vector<oid>{5, 9, 5, 9, 5, 9, 5, 9, 5, 9});
-}
-
-TEST(GroupedFrame, CallsTheKernelInTheAgreedOrder) {
-    const bat values = one_to_ten();
-    const bat map = odd_and_even();
-    const bat extents = make_extents({9, 5});
-    const kernel_settings settings(1);
-    watch kernel;
-    kernel.record(true);
-    const bat result = support::call_grouped(vask_grp_sum, values, map, extents);
-    kernel.record(false);
-    EXPECT_EQ(
-        support::calls_by_role(
-            kernel,
-            {{values.id(), "b"}, {map.id(), "g"}, {extents.id(), "e"}, {result.id(), "result"}}),
-        "BBPincref(b, 0) BBPincref(g, 0) BBPincref(e, 0) BATnew(7, 12, 2) BATsetcount(new, 2) "
-        "VIEWcreate(e, new) BBPreleaseref(new) ALIGNsetH(result, e) GDKzalloc(8)*2 "
-        "BATaccess(b, 2, 0, 1) BATaccess(g, 2, 0, 1) BATaccess(e, 2, 0, 1) "
-        "GDKzalloc(16) GDKzalloc(2) BAThash(e, 0) GDKfree()*4 "
-        "BATaccess(b, 2, 0, -1) BATaccess(g, 2, 0, -1) BATaccess(e, 2, 0, -1) "
-        "BBPkeepref(result) BBPreleaseref(b) BBPreleaseref(g) BBPreleaseref(e)");
-    EXPECT_EQ(result.values<std::int64_t>()[0], 30);
-    EXPECT_EQ(kernel.unpaired_accesses().size(), 0U);
-    EXPECT_EQ(kernel.bytes_outstanding(), 0U);
 }
 
 TEST(GroupedFrame, TheHashIsBuiltForTheFirstValueAndNotForADenseHead) {

@@ -9,7 +9,6 @@
 #include "support/leak_guard.h"
 
 #include <functional>
-#include <regex>
 
 #include <gtest/gtest.h>
 
@@ -315,27 +314,20 @@ TEST(Group, Traces) {
     const kernel_settings settings(2);
     const bat parallel = text_cycle(2000, 50);
     const bat serial = text_cycle(5, 2);
-    for (const bat *b : {&parallel, &serial}) {
+    for (const bat *b : {&parallel, &serial})
         for (const bool traced : {false, true}) {
             GDKdebug = traced ? std::uint32_t{DEBUG_GROUP_TIMING} : 0;
             const refkernel::output_capture output;
             const grouping made(b->id());
-            const std::string start = "# VASKgroup ( bid=" + std::to_string(b->id()) + " )";
-            const std::string results = " -> \\( rethisto=" + std::to_string(made.ext.id()) +
-                                        " , retbid=" + std::to_string(made.map.id()) +
-                                        " \\) \\{[0-9]+\\.[0-9]{6} s\\}\n";
-            if (!traced) {
-                EXPECT_EQ(output.text(), "");
-            } else if (b == &serial) {
-                EXPECT_EQ(output.text(), start + "\n");
-            } else {
-                const std::string line = std::regex_replace(start, std::regex("[()]"), "\\$&");
-                EXPECT_TRUE(
-                    std::regex_match(output.text(), std::regex(line + "\n" + line + results)))
-                    << output.text();
+            const std::string call = "# VASKgroup ( bid=" + std::to_string(b->id()) + " )";
+            std::string expected = traced ? call + "\n" : "";
+            if (traced && b == &parallel) {
+                expected += call + " -> ( rethisto=" + std::to_string(made.ext.id()) +
+                            " , retbid=" + std::to_string(made.map.id()) + " ) {0.";
+                expected += output.text().substr(expected.size(), 6) + " s}\n"; // microseconds
             }
+            EXPECT_EQ(output.text(), expected);
         }
-    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // What the operators of every family refuse, and how: the words, the place, an untouched slot, and
 // nothing left behind.
+#include "library/any_operator.h"
 #include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/leak_guard.h"
@@ -18,25 +19,6 @@ using namespace support;
 using refkernel::bat;
 using refkernel::exception;
 using refkernel::instrumentation::operation;
-
-using columns = std::vector<const bat *>;
-using any_operator = std::function<char *(void *, const columns &)>;
-
-//! An exported function as one that takes a list of inputs.
-template <class Slot, class... Ids>
-any_operator any(char *(*call)(Slot *, Ids...)) {
-    return [call](void *slot, const columns &inputs) {
-        return [&]<std::size_t... I>(std::index_sequence<I...>) {
-            return call(static_cast<Slot *>(slot), inputs[I]->slot()...);
-        }
-        (std::index_sequence_for<Ids...>());
-    };
-}
-
-template <class... Functions>
-std::vector<any_operator> all(Functions... functions) {
-    return {any(functions)...};
-}
 
 void expect_refused(const any_operator &call, const columns &inputs, const exception &wanted) {
     const leak_guard leaks;
@@ -97,106 +79,99 @@ TEST(Refusals, AreNamedAndTouchNothing) {
     const std::vector<std::size_t> both{0, 1};
     const family families[] = {
         {"vask_sum_wrapper",
-         all(vask_sum_bte, vask_sum_sht, vask_sum_int, vask_sum_wrd, vask_sum_lng, vask_sum_flt,
-             vask_sum_dbl),
+         {vask_sum_bte, vask_sum_sht, vask_sum_int, vask_sum_wrd, vask_sum_lng, vask_sum_flt,
+          vask_sum_dbl},
          {&three},
          {{failed,
            {0},
            {&dense, &no_dense, &oids, &no_oids, &times, &no_times, &texts, &no_texts, &truths,
             &no_truths, &bytes, &no_bytes}}}},
         {"vask_min_max_wrapper",
-         all(vask_min_bte, vask_min_sht, vask_min_int, vask_min_oid, vask_min_wrd, vask_min_lng,
-             vask_min_flt, vask_min_dbl, vask_min_timestamp, vask_max_bte, vask_max_sht,
-             vask_max_int, vask_max_oid, vask_max_wrd, vask_max_lng, vask_max_flt, vask_max_dbl,
-             vask_max_timestamp),
+         {vask_min_bte, vask_min_sht, vask_min_int, vask_min_oid, vask_min_wrd, vask_min_lng,
+          vask_min_flt, vask_min_dbl, vask_min_timestamp, vask_max_bte, vask_max_sht, vask_max_int,
+          vask_max_oid, vask_max_wrd, vask_max_lng, vask_max_flt, vask_max_dbl, vask_max_timestamp},
          {&three},
          {{failed, {0}, {&texts, &no_texts, &truths}}}},
-        {"vask_count_wrapper", all(vask_count), {&three}, {{failed, {0}, {&truths}}}},
-        {"vask_count_asterisk", all(vask_count_asterisk), {&three}, {}, ""},
+        {"vask_count_wrapper", {vask_count}, {&three}, {{failed, {0}, {&truths}}}},
+        {"vask_count_asterisk", {vask_count_asterisk}, {&three}, {}, ""},
         {"vask_1_arg_statistical_func",
-         all(vask_stdev, vask_stdevp, vask_variance, vask_variancep, vask_skews, vask_skewp),
+         {vask_stdev, vask_stdevp, vask_variance, vask_variancep, vask_skews, vask_skewp},
          {&three},
          {{failed, {0}, {&dense}}, {unsupported, {0}, {&no_nils, &texts, &times}}}},
         {"vask_2_args_statistical_func",
-         all(vask_covars, vask_covarp, vask_correl, vask_slope, vask_intercept),
+         {vask_covars, vask_covarp, vask_correl, vask_slope, vask_intercept},
          {&three, &three},
          {{unsupported, both, {&no_nils, &texts, &times}},
           {"BAT parameters should be of equal length", both, {&two, &none}},
           {failed, both, {&dense}}}},
         {"vask_2_args_statistical_func",
-         all(vask_covars, vask_covarp, vask_correl, vask_slope, vask_intercept),
+         {vask_covars, vask_covarp, vask_correl, vask_slope, vask_intercept},
          {&truths, &dense},
          {{failed, {1}, {&dense}}}},
         {order,
-         all(vask_median),
+         {vask_median},
          {&three},
          {{failed, {0}, {&dense, &no_dense, &unmarked}},
           {unsupported, {0}, {&no_nils, &texts, &times}}}},
+        {order, {vask_mode}, {&three}, {{failed, {0}, {&unmarked}}, {unsupported, {0}, {&times}}}},
         {order,
-         all(vask_mode),
-         {&three},
-         {{failed, {0}, {&unmarked}}, {unsupported, {0}, {&times}}}},
-        {order,
-         all(vask_quartile),
+         {vask_quartile},
          {&three, &quartile},
          {{unsupported, {0}, {&texts}}, {quartile_text, {1}, {&nobody, &no_quartile}}}},
         {order,
-         all(vask_percentile),
+         {vask_percentile},
          {&three, &share},
          {{unsupported, {0}, {&texts}}, {percentile_text, {1}, {&nobody, &no_share}}}},
         {order,
-         all(vask_largest),
+         {vask_largest},
          {&three, &rank},
          {{unsupported, {0}, {&times}}, {largest_text, {1}, {&nobody, &no_rank}}}},
         {"vask_ops.coSNNandUnion",
-         all(vask_coSNNandUnion),
+         {vask_coSNNandUnion},
          {&two, &two},
          {{unsupported, both, {&texts, &oids, &dense, &times}},
           {"Unsupported head type", both, {&odd_head}},
           {"Size of BATs is unequal", both, {&three}}}},
         {"vask_grp_sum_wrapper",
-         all(vask_grp_sum),
+         {vask_grp_sum},
          {&three, &g, &e},
          {{failed, {0}, {&texts, &oids}}}},
         {"vask_grp_min_max_wrapper",
-         all(vask_grp_min, vask_grp_max),
+         {vask_grp_min, vask_grp_max},
          {&three, &g, &e},
          {{failed, {0}, {&texts, &dense}}}},
-        {"vask_grp_count_wrapper",
-         all(vask_grp_count, vask_grp_count_asterisk),
-         {&three, &g, &e},
-         {}},
-        {"aggr.countd", all(AggrX3_countDistinct), {&three, &g, &few}, {}, failed},
+        {"vask_grp_count_wrapper", {vask_grp_count, vask_grp_count_asterisk}, {&three, &g, &e}, {}},
+        {"aggr.countd", {AggrX3_countDistinct}, {&three, &g, &few}, {}, failed},
         {"vask_grp_1_arg_statistical_func",
-         all(vask_grp_stdev, vask_grp_stdevp, vask_grp_variance, vask_grp_variancep, vask_grp_skews,
-             vask_grp_skewp),
+         {vask_grp_stdev, vask_grp_stdevp, vask_grp_variance, vask_grp_variancep, vask_grp_skews,
+          vask_grp_skewp},
          {&three, &g, &e},
          {{unsupported, {0}, {&texts}}, {failed, {0}, {&dense}}}},
         {"vask_grp_2_args_statistical_func",
-         all(vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept),
+         {vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept},
          {&three, &three, &g, &e},
          {{unsupported, both, {&texts}},
           {"BAT parameters should be of equal length", both, {&two}},
           {failed, both, {&dense}}}},
         {"vask_grp_2_args_statistical_func",
-         all(vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept),
+         {vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept},
          {&none, &none, &g, &e},
          {{failed, both, {&no_dense}}}},
         {order,
-         all(vask_grp_median),
+         {vask_grp_median},
          {&three, &g, &e},
          {{unsupported, {0}, {&texts}}, {failed, {0}, {&dense}}}},
-        {order, all(vask_grp_mode), {&three, &g, &e}, {}},
+        {order, {vask_grp_mode}, {&three, &g, &e}, {}},
         {order,
-         all(vask_grp_quartile),
+         {vask_grp_quartile},
          {&three, &quartile, &g, &e},
          {{quartile_text, {1}, {&nobody, &no_quartile}}}},
         {order,
-         all(vask_grp_percentile),
+         {vask_grp_percentile},
          {&three, &share, &g, &e},
          {{percentile_text, {1}, {&nobody, &no_share}}}},
         {order,
-         all(vask_grp_largest),
+         {vask_grp_largest},
          {&three, &rank, &g, &e},
          {{largest_text, {1}, {&nobody, &no_rank}}}},
     };

@@ -2,7 +2,6 @@
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
 #include "sets/absence_filter.h"
-#include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "vask_ops.h"
@@ -149,21 +148,6 @@ TEST(Containment, OfBatsIsAMaskUnderTheLeftHead) {
         EXPECT_EQ(std::vector<bit>(got.begin(), got.end()),
                   plain_containment(values(memory, memory + left.size()), right));
     }
-}
-
-TEST(Containment, CallsTheKernelInOrder) {
-    const refkernel::bat l =
-        refkernel::make_column(std::vector<oid>{1, 2}, {.stored_head = true, .seqbase = 7});
-    const refkernel::bat r = refkernel::make_column(std::vector<oid>{2, 4, 6});
-    refkernel::instrumentation::watch kernel;
-    kernel.record(true);
-    std::int32_t id = 0;
-    vaskops_are_bat_indexes_contained(&id, l.slot(), r.slot());
-    EXPECT_EQ(support::calls_by_role(kernel, {{l.id(), "l"}, {r.id(), "r"}, {id, "result"}}),
-              "BBPincref(l, 0) BBPincref(r, 0) BATnew(0, 1, 2) BATseqbase(new, 7) "
-              "BATsetcount(new, 2) BATkey(-new, 0) BATsetaccess(new, 1) VIEWcreate(l, new) "
-              "BBPreleaseref(new) BBPkeepref(result) BBPreleaseref(l) BBPreleaseref(r)");
-    refkernel::bat::adopt(id).reset();
 }
 
 TEST(ContainmentDeathTest, EmptyRightSideTraps) {

@@ -1,7 +1,6 @@
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
 #include "support/element_types.h"
-#include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/replaced_comparison.h"
@@ -243,26 +242,6 @@ TEST(FilteredUnion, ColumnThatChangesBetweenThePassesFails) {
     std::int32_t id = 0;
     EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
     EXPECT_EQ(bat::adopt(id).count(), 12U);
-}
-
-TEST(FilteredUnion, CallsTheKernelInOrder) {
-    const kernel_settings settings(2);
-    const bat left = refkernel::make_column(std::vector<std::int32_t>{1, 2, 3});
-    const bat right = refkernel::make_column(std::vector<std::int32_t>{4, 5, 6});
-    refkernel::instrumentation::watch kernel;
-    kernel.record(true);
-    std::int32_t id = 0;
-    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
-    EXPECT_EQ(support::calls_by_role(kernel, {{left.id(), "l"}, {right.id(), "r"}, {id, "result"}},
-                                     support::memory_calls::left_out),
-              "BBPincref(l, 0) BBPincref(r, 0) "
-              "BATaccess(l, 2, 0, 1) BATaccess(r, 2, 0, 1) "
-              "BATaccess(l, 2, 0, -1) BATaccess(r, 2, 0, -1) "
-              "BATnew(0, 6, 6) BATsetcount(result, 6) ALIGNsetH(result, l) "
-              "BATmaterializeh(result) BATaccess(l, 3, 0, 1) BATaccess(r, 3, 0, 1) "
-              "BATaccess(l, 3, 0, -1) BATaccess(r, 3, 0, -1) "
-              "BATsetaccess(result, 1) BBPkeepref(result) BBPreleaseref(l) BBPreleaseref(r)");
-    bat::adopt(id).reset();
 }
 
 } // namespace

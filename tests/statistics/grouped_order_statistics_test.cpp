@@ -1,7 +1,6 @@
 #include "aggregates/grouped_check.h"
 #include "statistics/plain_statistics.h"
 #include "support/failing_calls.h"
-#include "support/kernel_calls.h"
 #include "support/leak_guard.h"
 #include "vask_ops.h"
 
@@ -227,24 +226,6 @@ TEST(GroupedOrderStatistics, FailingAllocations) {
                     EXPECT_EQ(kernel.bytes_outstanding(), held);
                 });
         }
-}
-
-TEST(GroupedOrderStatistics, WhatTheKernelSees) {
-    const kernel_settings settings(1);
-    const bat b = nonil_column(std::vector<double>{1, 2});
-    const bat g = column_of(std::vector<oid>{0, 0});
-    const bat e = refkernel::make_void_column(1);
-    watch kernel;
-    kernel.record(true);
-    const bat result = call_grouped(vask_grp_median, b, g, e);
-    kernel.record(false);
-    EXPECT_EQ(calls_by_role(kernel,
-                            {{b.id(), "b"}, {g.id(), "g"}, {e.id(), "e"}, {result.id(), "result"}},
-                            memory_calls::left_out),
-              "BBPincref(b, 0) BBPincref(e, 0) BBPincref(g, 0) ALIGNsynced(g, b) BATnew(0, 11, 1) "
-              "BATsetcount(new, 1) VIEWcreate(e, new) BBPreleaseref(new) ALIGNsetH(result, e) "
-              "BATaccess(result, 2, 0, 1) BATaccess(result, 2, 0, -1) BATsetaccess(result, 1) "
-              "BBPkeepref(result) BBPreleaseref(b) BBPreleaseref(e) BBPreleaseref(g)");
 }
 
 TEST(GroupedOrderStatistics, AnswerInTheColumnsType) {

@@ -1,6 +1,5 @@
 #include "aggregates/grouped_check.h"
 #include "statistics/paired_columns.h"
-#include "support/kernel_calls.h"
 #include "support/leak_guard.h"
 #include "support/replaced_comparison.h"
 #include "vask_ops.h"
@@ -137,39 +136,6 @@ TEST(GroupedPairStatistics, OfNoRowsAreNilAndOfNoGroupsNothing) {
             EXPECT_EQ(v, nil_of<double>());
         expect_grouped_shape(nils, extents, TYPE_dbl, true);
         expect_grouped_shape(run(i, three, three, map, no_extents), no_extents, TYPE_dbl, false);
-    }
-}
-
-TEST(GroupedPairStatistics, WhatTheKernelSees) {
-    const kernel_settings settings(1);
-    const bat x = column_of(std::vector<double>{1, 2});
-    const bat y = column_of(std::vector<double>{3, 5});
-    const bat map = column_of(std::vector<oid>{0, 0});
-    const bat extents = refkernel::make_void_column(1, 0);
-    for (std::size_t i = 0; i < std::size(statistics); ++i) {
-        const std::string sums = std::to_string(std::array{4, 4, 6, 5, 5}[i]);
-        const std::string all_sums = std::to_string(2 * std::array{4, 4, 6, 5, 5}[i]);
-        watch kernel;
-        kernel.record(true);
-        const bat result = run(i, x, y, map, extents);
-        kernel.record(false);
-        EXPECT_EQ(
-            calls_by_role(kernel, {{x.id(), "x"},
-                                   {y.id(), "y"},
-                                   {map.id(), "g"},
-                                   {extents.id(), "e"},
-                                   {result.id(), "result"}}),
-            "BBPincref(x, 0) BBPincref(y, 0) BBPincref(g, 0) BBPincref(e, 0) BATnew(0, 11, 1) "
-            "BATsetcount(new, 1) VIEWcreate(e, new) BBPreleaseref(new) ALIGNsetH(result, e) "
-            "GDKzalloc(8)*" +
-                sums +
-                " BATaccess(x, 2, 0, 1) BATaccess(y, 2, 0, 1) "
-                "BATaccess(g, 2, 0, 1) BATaccess(e, 2, 0, 1) GDKzalloc(8)*" +
-                sums + " GDKfree()*" + all_sums +
-                " BATaccess(x, 2, 0, -1) BATaccess(y, 2, 0, -1) "
-                "BATaccess(g, 2, 0, -1) BATaccess(e, 2, 0, -1) BBPkeepref(result) "
-                "BBPreleaseref(x) BBPreleaseref(y) BBPreleaseref(g) BBPreleaseref(e)")
-            << plain_pair_statistics[i].name << ", sealed, or in another order";
     }
 }
 

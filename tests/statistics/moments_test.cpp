@@ -1,10 +1,10 @@
 #include "statistics/moments.h"
 
 #include "refkernel/embed.h"
+#include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/grouped_reference.h"
 #include "support/instruction_sets.h"
-#include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "vask_ops.h"
@@ -70,33 +70,6 @@ TEST(Moments, AgreeBitForBitWithAPlainLoop) {
     });
 }
 
-TEST(Moments, AreWhatTheTextbookSays) {
-    std::mt19937 random(5);
-    std::vector<std::int16_t> values(999);
-    long double mean = 0;
-    for (auto &v : values)
-        mean += v = static_cast<std::int16_t>(random() % 100 * (random() % 10));
-    mean /= 999;
-    long double m2 = 0;
-    long double m3 = 0;
-    for (const auto v : values) {
-        m2 += (v - mean) * (v - mean);
-        m3 += (v - mean) * (v - mean) * (v - mean);
-    }
-    const long double n = 999;
-    const long double g1 = (m3 / n) / std::pow(m2 / n, 1.5L);
-    const long double expected[] = {std::sqrt(m2 / (n - 1)),
-                                    std::sqrt(m2 / n),
-                                    m2 / (n - 1),
-                                    m2 / n,
-                                    g1 * std::sqrt(n * (n - 1)) / (n - 2),
-                                    g1};
-    for (std::size_t i = 0; i < std::size(statistics); ++i)
-        EXPECT_NEAR(run(statistics[i], values), static_cast<double>(expected[i]),
-                    1e-9 * std::fabs(static_cast<double>(expected[i])))
-            << plain_moments[i].name;
-}
-
 TEST(Moments, KnownValues) {
     const double nil = nil_of<double>();
     EXPECT_EQ(run(vask_variance, std::vector{1, nil_of<std::int32_t>(), 3}), 2);
@@ -122,17 +95,6 @@ TEST(Moments, OfNoRowsAreNil) {
     for (const column_statistic statistic : statistics)
         for (const bat *b : {&empty, &no_oids})
             EXPECT_EQ(run(statistic, *b), nil_of<double>());
-}
-
-TEST(Moments, WhatTheKernelSees) {
-    const kernel_settings settings(3);
-    const bat b = refkernel::make_column(std::vector<double>{1, 2, 3});
-    watch kernel;
-    kernel.record(true);
-    run(vask_skews, b);
-    EXPECT_EQ(calls_by_role(kernel, {{b.id(), "b"}}),
-              "BBPincref(b, 0) GDKzalloc(24)*4 BATaccess(b, 2, 0, 1) GDKfree()*4 "
-              "BATaccess(b, 2, 0, -1) BBPreleaseref(b)");
 }
 
 } // namespace

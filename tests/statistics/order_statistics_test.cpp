@@ -1,7 +1,6 @@
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
-#include "support/kernel_calls.h"
 #include "support/leak_guard.h"
 #include "vask_ops.h"
 
@@ -145,21 +144,6 @@ TEST(OrderStatistics, OutOfMemoryLeavesTheCall) {
     double d = 0;
     EXPECT_THROW(vask_median(&d, column.slot()), std::bad_alloc);
     EXPECT_EQ(kernel.bytes_outstanding(), 0U);
-}
-
-TEST(OrderStatistics, WhatTheKernelSees) {
-    const bat column = nonil_column(std::vector<double>(10, 1.5));
-    const bat k = parameter<std::int16_t>(2);
-    watch kernel;
-    kernel.record(true);
-    double d = 0;
-    EXPECT_EQ(call(vask_largest(&d, column.slot(), k.slot())), success);
-    EXPECT_EQ(
-        calls_by_role(kernel, {{column.id(), "b"}, {k.id(), "k"}}),
-        "BBPincref(b, 0) BBPreleaseref(b) "                                          // the type
-        "BBPincref(k, 0) doALGfetch(k, 0) BBPreleaseref(k) VALconvert(12) VALget() " // the rank
-        "BBPincref(b, 0) GDKmalloc(80) BATaccess(b, 2, 0, 1) BATaccess(b, 2, 0, -1) "
-        "GDKfree() BBPreleaseref(b)");
 }
 
 } // namespace

@@ -1,9 +1,9 @@
 #include "statistics/pair_statistics.h"
 
+#include "refkernel/instrumentation.h"
 #include "statistics/paired_columns.h"
 #include "support/grouped_reference.h"
 #include "support/instruction_sets.h"
-#include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/replaced_comparison.h"
@@ -87,38 +87,6 @@ TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
                         << result << " and not " << plain.of(total);
                 }
             }
-}
-
-TEST(PairStatistics, AreWhatTheTextbookSays) {
-    std::mt19937 random(5);
-    constexpr std::size_t n = 999;
-    std::vector<std::int16_t> a(n);
-    std::vector<float> b(n);
-    long double mean_a = 0;
-    long double mean_b = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        b[i] = static_cast<float>(random() % 1000) / 8;
-        a[i] = static_cast<std::int16_t>(static_cast<int>(random() % 50) - static_cast<int>(b[i]));
-        mean_a += a[i] / static_cast<long double>(n);
-        mean_b += b[i] / static_cast<long double>(n);
-    }
-    long double ab = 0;
-    long double aa = 0;
-    long double bb = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        ab += (a[i] - mean_a) * (b[i] - mean_b);
-        aa += (a[i] - mean_a) * (a[i] - mean_a);
-        bb += (b[i] - mean_b) * (b[i] - mean_b);
-    }
-    const long double expected[] = {ab / (n - 1), ab / n, ab / std::sqrt(aa * bb), ab / bb,
-                                    mean_a - ab / bb * mean_b};
-    for (std::size_t i = 0; i < std::size(statistics); ++i) {
-        double result = 0;
-        EXPECT_EQ(take_exception(statistics[i](&result, column_of(a).slot(), column_of(b).slot())),
-                  success);
-        EXPECT_NEAR(result, static_cast<double>(expected[i]), 1e-9)
-            << plain_pair_statistics[i].name;
-    }
 }
 
 TEST(PairStatistics, KnownValues) {
@@ -211,25 +179,6 @@ TEST(PairStatistics, OfNoRowsAreNil) {
             EXPECT_EQ(call(i, &result, *empty, none), success);
             EXPECT_EQ(result, nil_of<double>());
         }
-}
-
-TEST(PairStatistics, WhatTheKernelSees) {
-    const kernel_settings settings(3);
-    const bat x = column_of(std::vector<double>{1, 2, 3});
-    const bat y = column_of(std::vector<double>{1, 2, 4});
-    for (std::size_t i = 0; i < std::size(statistics); ++i) {
-        const std::string sums = std::to_string(std::array{4, 4, 6, 5, 5}[i]);
-        watch kernel;
-        kernel.record(true);
-        double result = 0;
-        EXPECT_EQ(call(i, &result, x, y), success);
-        EXPECT_EQ(calls_by_role(kernel, {{x.id(), "x"}, {y.id(), "y"}}),
-                  "BBPincref(x, 0) BBPincref(y, 0) GDKzalloc(24)*" + sums +
-                      " BATaccess(x, 2, 0, 1) BATaccess(y, 2, 0, 1) GDKfree()*" + sums +
-                      " BATaccess(x, 2, 0, -1) BATaccess(y, 2, 0, -1)"
-                      " BBPreleaseref(x) BBPreleaseref(y)")
-            << plain_pair_statistics[i].name;
-    }
 }
 
 } // namespace
