@@ -30,6 +30,7 @@ struct column_rows {
 
     VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept { return rows[p] == nil; }
     VASK_ALWAYS_INLINE T operator[](BUN p) const noexcept { return rows[p]; }
+    VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept { prefetch_ahead(rows, p, n); }
 };
 
 template <class Aggregate>
