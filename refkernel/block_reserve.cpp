@@ -16,6 +16,8 @@ constexpr std::size_t reserve_bytes = std::size_t{256} << 20;
 constexpr std::size_t reserve_blocks = 16;
 // Of a block that is taken, at most a fifth goes unused.
 constexpr std::size_t slack_divisor = 4;
+// A column that grows row by row copies itself into every block on its way.
+constexpr std::size_t growth_factor = 4;
 
 // A block that is kept would hide from the address sanitizer that it was given back.
 #if defined(__has_feature)
@@ -55,9 +57,7 @@ bool is_worth_keeping(std::size_t bytes) noexcept {
     return keeps_blocks && bytes >= huge_page_threshold && bytes <= reserve_bytes;
 }
 
-} // namespace
-
-spare_block take_spare_block(std::size_t bytes) noexcept {
+spare_block take(std::size_t bytes, std::size_t most_bytes) noexcept {
     if (!is_worth_keeping(bytes))
         return {};
     block_reserve &reserve = the_reserve();
@@ -65,11 +65,21 @@ spare_block take_spare_block(std::size_t bytes) noexcept {
     std::size_t best = reserve.count;
     for (std::size_t i = 0; i < reserve.count; ++i) {
         const std::size_t size = reserve.blocks[i].bytes;
-        if (size >= bytes && size - bytes <= bytes / slack_divisor &&
+        if (size >= bytes && size <= most_bytes &&
             (best == reserve.count || size < reserve.blocks[best].bytes))
             best = i;
     }
     return best == reserve.count ? spare_block{} : reserve.remove(best);
+}
+
+} // namespace
+
+spare_block take_spare_block(std::size_t bytes) noexcept {
+    return take(bytes, bytes + bytes / slack_divisor);
+}
+
+spare_block take_spare_block_to_grow_in(std::size_t bytes) noexcept {
+    return take(bytes, growth_factor * bytes);
 }
 
 void give_spare_block(spare_block given) noexcept {

@@ -24,6 +24,9 @@ struct spare_block {
 //! Its content is arbitrary.
 spare_block take_spare_block(std::size_t bytes) noexcept;
 
+//! The same for a column that grows, and is likely to grow on: several times the size will do.
+spare_block take_spare_block_to_grow_in(std::size_t bytes) noexcept;
+
 //! Keeps a block, or frees it if it is too small or too large to be worth it.
 void give_spare_block(spare_block given) noexcept;
 

@@ -20,12 +20,21 @@ namespace {
 
 constexpr std::size_t cache_line = 64;
 constexpr std::size_t huge_page = std::size_t{2} << 20;
-// glibc serves a block this large by its own mapping and grows it by remapping,
-// without a copy and without holding both sizes at once.
-constexpr std::size_t remap_threshold = std::size_t{1} << 20;
+// glibc serves a block this large by its own mapping, whatever it has been through, and grows it by
+// remapping, without a copy and without holding both sizes at once. A smaller one it may copy, and
+// then into small pages, each with a fault of its own.
+constexpr std::size_t remap_threshold = std::size_t{32} << 20;
 
 constexpr std::size_t whole_lines(std::size_t bytes) {
     return (bytes + cache_line - 1) / cache_line * cache_line;
+}
+
+//! From the system; base is null when memory runs out.
+spare_block fresh_block(std::size_t bytes) noexcept {
+    const std::size_t rounded = whole_lines(std::max<std::size_t>(bytes, 1));
+    void *base = std::aligned_alloc(cache_line, rounded);
+    advise_huge_pages(base, rounded);
+    return {base, rounded};
 }
 
 struct allocated_block final : block {
@@ -38,25 +47,29 @@ struct allocated_block final : block {
             bytes = std::max(bytes, new_bytes);
             return true;
         }
-        void *grown = nullptr;
         if (bytes >= remap_threshold) {
-            grown = std::realloc(base, new_bytes);
-            if (grown == nullptr) {
+            void *grown = std::realloc(base, new_bytes);
+            if (grown == nullptr)
                 return false;
-            }
-        } else {
-            grown = std::aligned_alloc(cache_line, whole_lines(new_bytes));
-            if (grown == nullptr) {
-                return false;
-            }
-            std::memcpy(grown, base, bytes);
-            std::free(base);
+            advise_huge_pages(grown, new_bytes);
+            hold({grown, new_bytes}, new_bytes);
+            return true;
         }
-        advise_huge_pages(grown, new_bytes);
-        base = grown;
-        bytes = new_bytes;
-        capacity = new_bytes;
+        spare_block larger = take_spare_block_to_grow_in(new_bytes);
+        if (larger.base == nullptr)
+            larger = fresh_block(new_bytes);
+        if (larger.base == nullptr)
+            return false;
+        std::memcpy(larger.base, base, bytes);
+        give_spare_block({base, capacity});
+        hold(larger, new_bytes);
         return true;
+    }
+
+    void hold(spare_block memory, std::size_t used) noexcept {
+        base = memory.base;
+        bytes = used;
+        capacity = memory.bytes;
     }
 };
 
@@ -69,9 +82,7 @@ std::shared_ptr<block> new_block(std::size_t bytes, Allocate allocate) noexcept 
         if (memory.base == nullptr) {
             return nullptr;
         }
-        made->base = memory.base;
-        made->bytes = bytes;
-        made->capacity = memory.bytes;
+        made->hold(memory, bytes);
         return made;
     } catch (const std::bad_alloc &) {
         return nullptr;
@@ -163,13 +174,8 @@ std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept {
         return nullptr;
     }
     return new_block(bytes, [bytes]() -> spare_block {
-        if (const spare_block spare = take_spare_block(bytes); spare.base != nullptr) {
-            return spare;
-        }
-        const std::size_t rounded = whole_lines(std::max<std::size_t>(bytes, 1));
-        void *fresh = std::aligned_alloc(cache_line, rounded);
-        advise_huge_pages(fresh, rounded);
-        return {fresh, rounded};
+        const spare_block spare = take_spare_block(bytes);
+        return spare.base != nullptr ? spare : fresh_block(bytes);
     });
 }
 

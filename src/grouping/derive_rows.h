@@ -18,7 +18,9 @@ class map_rows {
 public:
     //! `synced`: row i of b is known to belong to row i of the map.
     map_rows(const BAT &b, BAT &map, bool synced)
-        : heads_(*b.head, b), distance_(map.info->first - b.info->first) {
+        : heads_(*b.head, b),
+          ids_(rows_of<const oid>(*map.tail)),
+          distance_(map.info->first - b.info->first) {
         if (!synced)
             places_.emplace(map);
     }
@@ -28,14 +30,36 @@ public:
         return places_ ? places_->find(heads_[row]) : row + distance_;
     }
 
+    //! The map's rows of the rows from a position of b on, where both belong together one by one.
+    const oid *aligned_ids(BUN row) const noexcept {
+        return places_ ? nullptr : ids_ + row + distance_;
+    }
+
+    oid id_at(BUN place) const noexcept { return ids_[place]; }
+
 private:
     oid_reader heads_;
+    const oid *ids_;
     BUN distance_;
     std::optional<oid_lookup> places_;
 };
 
 VASK_ALWAYS_INLINE BUN vask_find_map_row(const map_rows &map, BUN row) noexcept {
     return map.find(row);
+}
+
+//! The old groups of the rows row .. row + n - 1 of b: in the map itself, or found and put into
+//! `room`; null when one of the rows has no place in the map.
+inline const oid *find_parents(const map_rows &map, BUN row, BUN n, oid *room) noexcept {
+    if (const oid *aligned = map.aligned_ids(row))
+        return aligned;
+    for (BUN i = 0; i < n; ++i) {
+        const BUN place = vask_find_map_row(map, row + i);
+        if (place == NO_BUN)
+            return nullptr;
+        room[i] = map.id_at(place);
+    }
+    return room;
 }
 
 //! The position of an old group in the old extents, or NO_BUN.

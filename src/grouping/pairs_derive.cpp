@@ -6,6 +6,7 @@
 #include "grouping/key_memo.h"
 #include "grouping/pair_table.h"
 #include "grouping/range_tasks.h"
+#include "grouping/row_blocks.h"
 #include "grouping/value_column.h"
 
 #include <algorithm>
@@ -28,25 +29,11 @@ VASK_ALWAYS_INLINE bool is_nan(const T &value) noexcept {
         return false;
 }
 
-//! The old groups of the rows row .. row + n - 1 of b; false when one of them has no place in the
-//! map.
-bool find_parents(const map_rows &places, const oid *map, BUN row, BUN n, oid *parents) {
-    for (BUN i = 0; i < n; ++i) {
-        const BUN place = vask_find_map_row(places, row + i);
-        if (place == NO_BUN)
-            return false;
-        parents[i] = map[place];
-    }
-    return true;
-}
-
 //! Fills a table with the pairs of a range's rows. Each row's cell of the new map receives the
 //! number of the row's entry, so that writing the map need not look for it a second time.
 template <class T>
 class pairs_builder {
 public:
-    static constexpr BUN block_rows = 1024;
-
     pairs_builder(const BAT &b, std::uint32_t mask, std::size_t capacity)
         : heads_(*b.head, b), values_(*b.tail), table_(mask, capacity) {}
 
@@ -133,17 +120,15 @@ vask_pair_table<T> vask_pairs_build(const BAT &b, BAT &map, vask_row_range range
                                     bte &failed) {
     pairs_builder<T> builder(b, mask, capacity);
     const map_rows places(b, map, synced);
-    std::array<oid, pairs_builder<T>::block_rows> parents;
-    for (BUN done = 0; done < range.size();) {
-        const BUN row = range.low + done;
-        const BUN n = std::min(range.size() - done, pairs_builder<T>::block_rows);
-        if (!find_parents(places, rows_of<const oid>(*map.tail), row, n, parents.data())) {
-            std::atomic_ref(failed).store(1, std::memory_order_relaxed);
-            break;
-        }
-        builder.add(row, n, parents.data(), cells + row);
-        done += n;
-    }
+    const bool complete = all_blocks(range, [&](BUN row, BUN n) {
+        std::array<oid, block_rows> room{};
+        const oid *parents = find_parents(places, row, n, room.data());
+        if (parents != nullptr)
+            builder.add(row, n, parents, cells + row);
+        return parents != nullptr;
+    });
+    if (!complete)
+        std::atomic_ref(failed).store(1, std::memory_order_relaxed);
     return builder.take();
 }
 

@@ -17,6 +17,12 @@ public:
           lanes_(numbers <= lane_numbers ? max_lanes : 1),
           counts_(lanes_ * numbers) {}
 
+    //! As many or more numbers than those of another, whose counts it takes over.
+    row_counts(std::size_t numbers, const row_counts &other) : row_counts(numbers) {
+        for (std::size_t number = 0; number < other.numbers(); ++number)
+            counts_[number] = static_cast<std::uint32_t>(other[number]);
+    }
+
     std::size_t numbers() const noexcept { return numbers_; }
 
     //! Counts n rows. Calls `on_first(number, i)` for the first row i of a number, in row order; it

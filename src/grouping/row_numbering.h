@@ -20,6 +20,7 @@
 #include "grouping/group_table.h"
 #include "grouping/key_memo.h"
 #include "grouping/key_window.h"
+#include "grouping/row_blocks.h"
 #include "grouping/row_counts.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
@@ -29,16 +30,6 @@
 #include <utility>
 
 namespace vask {
-
-//! Rows that are numbered at one go; their numbers stay in the first-level cache.
-inline constexpr BUN block_rows = 1024;
-
-//! Calls `body(row, n)` for each block row .. row + n - 1 of the rows.
-template <class Body>
-void for_each_block(row_range rows, Body body) {
-    for (BUN row = rows.begin; row < rows.end; row += std::min(block_rows, rows.end - row))
-        body(row, std::min(block_rows, rows.end - row));
-}
 
 //! The entry of a new key's value; a new one, with the row's head value, if the table has none.
 //! `is_new`: no row before had the value, and the table need not be asked.

@@ -7,7 +7,6 @@
 #include <concepts>
 #include <cstdint>
 #include <cstring>
-#include <type_traits>
 
 namespace vask {
 
@@ -46,20 +45,5 @@ struct text_keys {
         return a == b || (*a == *b && std::strcmp(a, b) == 0);
     }
 };
-
-namespace detail {
-template <class T>
-struct table_keys {
-    using type = spread_bit_pattern_keys<decltype(key_bits(T()))>;
-};
-template <>
-struct table_keys<str> {
-    using type = text_keys;
-};
-} // namespace detail
-
-//! The keys of a column's values.
-template <class T>
-using table_keys = typename detail::table_keys<T>::type;
 
 } // namespace vask

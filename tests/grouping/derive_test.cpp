@@ -58,8 +58,11 @@ struct old_grouping {
 
     explicit old_grouping(const layout &l) : heads(head_oids(l.head, l.rows, 40, l.seed)) {
         std::mt19937_64 random(l.seed);
-        const std::vector<oid> ids = head_oids(
+        std::vector<oid> ids = head_oids(
             l.dense_histo ? support::heads::dense : support::heads::shuffled, l.groups, 7, l.seed);
+        if (!l.dense_histo && l.seed % 4 == 1) // too far apart for a table of them
+            for (oid &id : ids)
+                id *= 100'003;
         for (BUN row = 0; row < l.rows; ++row)
             parents.push_back(ids[random() % l.groups]);
 
@@ -193,6 +196,19 @@ TEST(Derive, NearlyEveryRowAGroup) {
                           random_values<lng>(40000, ~0ULL, 0, groups));
 }
 
+// Pairs are counted while they are few, which in each range of rows shows only as they come.
+TEST(Derive, ValuesThatComeLate) {
+    for (const heads head : {heads::void_head, heads::shuffled})
+        for (const BUN rows_per_value : {2U, 7U, 60U, 9000U}) {
+            const layout l{.rows = 20000, .groups = 3, .head = head};
+            std::vector<lng> values;
+            for (BUN row = 0; row < l.rows; ++row)
+                values.push_back(static_cast<lng>(row / rows_per_value) << 40);
+            check_numbers(l, values);
+            check_numbers(l, std::vector<double>(values.begin(), values.end()));
+        }
+}
+
 TEST(Derive, SignedZerosAndNans) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (const heads head : {heads::void_head, heads::shuffled}) {
@@ -252,7 +268,7 @@ TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
 
 TEST(Derive, TextsByPlaceAndByContent) {
     for (const layout &l : layouts()) {
-        if (l.rows > 999)
+        if (l.rows > 999 && l.groups == 700 && l.head != heads::void_head)
             continue;
         for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew})
             for (const int width : {1, 2, 4}) {
@@ -436,7 +452,7 @@ TEST(VaskDerive, FailingKernelCalls) {
         {operation::bat_extend, {"operation failed"}},
         {operation::gdk_malloc, {"operation failed"}},
     };
-    for (const BUN groups : {1U, 500U}) // by pairs, by buckets
+    for (const BUN groups : {1U, 20U, 500U}) // by pairs, by counting, by buckets
         for (const auto &[op, expected] : texts) {
             std::set<std::string> seen;
             for (std::uint64_t nth = 1;; nth += 1 + nth / 8) {
