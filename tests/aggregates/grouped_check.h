@@ -62,10 +62,14 @@ void expect_groups(const refkernel::bat &result, const refkernel::bat &extents, 
 
 //! Aggregate<T> is the reference for columns of T; `result_type` gives the type code of the result
 //! for that of the column; a group without a value has `empty` or, if that is missing, the nil.
+//! Of the shapes, every `turns`th from `turn` on is taken.
 template <template <class> class Aggregate, class ResultType>
 void check_grouped(grouped_function call, ResultType result_type,
-                   std::optional<std::int64_t> empty = std::nullopt) {
-    for (const grouped_shape &shape : grouped_shapes()) {
+                   std::optional<std::int64_t> empty = std::nullopt, std::size_t turn = 0,
+                   std::size_t turns = 1) {
+    const std::vector<grouped_shape> shapes = grouped_shapes();
+    for (std::size_t i = turn; i < shapes.size(); i += turns) {
+        const grouped_shape &shape = shapes[i];
         grouped_inputs inputs(shape);
         const int nil_percent = static_cast<int>(std::array{0, 0, 3, 50, 95, 100}[shape.seed % 6]);
         const auto values_spread = static_cast<spread>(shape.seed % 3);

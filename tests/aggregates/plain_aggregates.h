@@ -1,5 +1,5 @@
-// The aggregates as one would write them down: over the values of a partition in row order, then
-// over the results of the partitions that had a value.
+// The aggregates as one would write them down: `of` the values of a partition in row order, which
+// gives a `partial` result, then the `total` of those of the partitions that had a value.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@ namespace plain {
 template <class T>
 struct sum {
     using result = std::conditional_t<std::is_integral_v<T>, std::int64_t, T>;
+    using partial = result;
     template <class V>
     static result of(const std::vector<V> &values) {
         result total = 0;
@@ -31,6 +32,7 @@ struct sum {
 template <class T, bool largest>
 struct extreme {
     using result = T;
+    using partial = T;
     static T of(const std::vector<T> &values) {
         T best = values.front();
         for (const T v : values)
@@ -48,6 +50,7 @@ using max = extreme<T, true>;
 template <class T>
 struct count {
     using result = std::int64_t;
+    using partial = result;
     static result of(const std::vector<T> &values) { return static_cast<result>(values.size()); }
     static result total(const std::vector<result> &partitions) {
         return std::accumulate(partitions.begin(), partitions.end(), result{0});
@@ -59,7 +62,7 @@ template <class Aggregate, class T>
 std::optional<typename Aggregate::result>
 result_of(const std::vector<std::vector<std::uint32_t>> &rows_of_partitions,
           const std::vector<T> &values) {
-    std::vector<typename Aggregate::result> partitions;
+    std::vector<typename Aggregate::partial> partitions;
     for (const auto &rows : rows_of_partitions) {
         std::vector<T> of_rows;
         for (const std::uint32_t row : rows)

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -117,6 +118,29 @@ inline constexpr plain_moment plain_moments[] = {
     {"stdev", false, false, true},     {"stdevp", false, true, true},
     {"variance", false, false, false}, {"variancep", false, true, false},
     {"skews", true, false, false},     {"skewp", true, true, false},
+};
+
+//! The moment at a place of plain_moments as an aggregate of columns of T.
+template <std::size_t place>
+struct moment_at {
+    template <class T>
+    struct aggregate {
+        using result = double;
+        using partial = plain_sums;
+        static partial of(const std::vector<T> &values) {
+            partial sums;
+            for (const T v : values)
+                sums.add(static_cast<double>(v));
+            return sums;
+        }
+        static std::optional<double> total(const std::vector<partial> &partitions) {
+            partial sums;
+            for (const partial &each : partitions)
+                sums.add(each);
+            const double moment = plain_moments[place].of(sums);
+            return moment == refkernel::nil_of<double>() ? std::nullopt : std::optional(moment);
+        }
+    };
 };
 
 //! Sums over pairs of values; `y` is the dependent column.

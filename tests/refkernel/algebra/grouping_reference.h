@@ -1,12 +1,14 @@
 // Grouping and refinement as one would write them down, and a look at whether marks tell the truth.
 #pragma once
 
+#include "grouping/plain_groups.h"
 #include "refkernel/embed.h"
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace refkernel::reference {
@@ -27,51 +29,35 @@ inline std::string value_bytes(const BATcol &c, const BATinfo &info, BUN row) {
     return c.vheap->vbase + 8 * std::size_t{offset + (c.width < 4 ? 256U : 0U)};
 }
 
-struct grouping {
-    std::vector<oid> map;    // the group of each row, or the nil
-    std::vector<oid> ids;    // of the groups
-    std::vector<wrd> counts; // of their rows
-    bool operator==(const grouping &) const = default;
-};
-
 //! Groups rows by the pair of their old group and their value. Rows with the nil as old group are
 //! in no group.
-inline grouping group(const bat &b, const std::vector<oid> &old_groups) {
-    grouping made;
-    std::unordered_map<std::string, std::size_t> groups;
-    for (BUN row = 0; row < b.count(); ++row) {
-        const oid old = old_groups[row];
-        if (old == oid_nil) {
-            made.map.push_back(oid_nil);
-            continue;
+inline support::plain_groups group(const bat &b, const std::vector<oid> &old_groups) {
+    std::vector<std::pair<oid, std::string>> keys;
+    std::vector<oid> heads;
+    for (BUN row = 0; row < b.count(); ++row)
+        if (old_groups[row] != oid_nil) {
+            keys.emplace_back(old_groups[row], value_bytes(*b->tail, *b->info, row));
+            heads.push_back(b.head_oid(row));
         }
-        const auto [found, is_new] =
-            groups.try_emplace(value_bytes(*b->tail, *b->info, row)
-                                   .append(reinterpret_cast<const char *>(&old), sizeof old),
-                               made.ids.size());
-        if (is_new) {
-            made.ids.push_back(b.head_oid(row));
-            made.counts.push_back(0);
-        }
-        ++made.counts[found->second];
-        made.map.push_back(made.ids[found->second]);
-    }
+    support::plain_groups made = support::group_rows(keys, heads);
+    std::vector<oid> map;
+    for (auto next = made.map.begin(); const oid old : old_groups)
+        map.push_back(old == oid_nil ? oid_nil : *next++);
+    made.map = std::move(map);
     return made;
 }
 
-inline grouping group(const bat &b) {
+inline support::plain_groups group(const bat &b) {
     return group(b, std::vector<oid>(b.count(), 0));
 }
 
 //! The result of an operator.
-inline grouping read(const bat &histogram, const bat &map) {
-    grouping found;
+inline support::plain_groups read(const bat &histogram, const bat &map) {
+    support::plain_groups found;
     for (BUN row = 0; row < map.count(); ++row)
         found.map.push_back(map.tail_oid(row));
-    for (BUN row = 0; row < histogram.count(); ++row) {
-        found.ids.push_back(histogram.head_oid(row));
-        found.counts.push_back(histogram.values<wrd>()[row]);
-    }
+    for (BUN row = 0; row < histogram.count(); ++row)
+        found.extents.emplace_back(histogram.head_oid(row), histogram.values<wrd>()[row]);
     return found;
 }
 

@@ -18,7 +18,10 @@
 namespace {
 
 using namespace refkernel;
-using reference::grouping;
+using support::head_oids;
+using support::head_options;
+using support::heads;
+using support::plain_groups;
 
 constexpr unsigned seed = 20240611;
 
@@ -45,9 +48,9 @@ result run_derive(const bat &extents, const bat &group_map, const bat &b) {
     return {bat::adopt(histogram), bat::adopt(map), failure};
 }
 
-void expect_grouping(const result &found, const bat &b, const grouping &expected) {
+void expect_grouping(const result &found, const bat &b, const plain_groups &expected) {
     ASSERT_EQ(found.failure, exception{});
-    ASSERT_TRUE(reference::read(found.histogram, found.map) == expected);
+    ASSERT_EQ(difference(reference::read(found.histogram, found.map), expected), "");
     EXPECT_EQ(reference::false_mark(found.histogram), "");
     EXPECT_EQ(reference::false_mark(found.map), "");
     EXPECT_EQ(found.map->head->type, b->head->type);
@@ -71,28 +74,6 @@ struct spread {
     std::uint64_t distance;
     int nils_of_ten;
 };
-
-enum class head_kind { counted, counted_from_above, nils, ascending, shuffled };
-
-column_options options_for(head_kind kind, std::size_t rows, BUN first, std::mt19937_64 &random,
-                           std::vector<oid> &heads) {
-    column_options options{.seqbase = kind == head_kind::counted ? 0
-                                      : kind == head_kind::nils  ? oid_nil
-                                                                 : 70000,
-                           .first = first};
-    if (kind == head_kind::ascending || kind == head_kind::shuffled) {
-        heads.resize(rows);
-        for (std::size_t i = 0; i < rows; ++i)
-            heads[i] = static_cast<oid>(5 + 3 * i + random() % 3);
-        if (kind == head_kind::shuffled)
-            std::ranges::shuffle(heads, random);
-        options.stored_head = true;
-        options.head_oids = heads;
-        options.head.sorted = kind == head_kind::ascending;
-        options.writable = random() % 2 == 0;
-    }
-    return options;
-}
 
 template <class T>
 bat numbers(std::size_t rows, const spread &s, column_options options, std::mt19937_64 &random,
@@ -143,15 +124,14 @@ TEST_F(Grouping, IsThatOfTheReferenceForEveryTypeSpreadAndHead) {
                                 {3000, 0x9e3779b97f4a7c15, 1},
                                 {~0ULL, 1, 0},
                                 {10, 1, 10}}) {
-            for (const head_kind kind :
-                 {head_kind::counted, head_kind::counted_from_above, head_kind::nils,
-                  head_kind::ascending, head_kind::shuffled}) {
+            for (const heads kind : support::all_heads) {
                 SCOPED_TRACE(testing::Message()
                              << "seed " << seed << " rows " << rows << " values " << s.values
                              << " nils " << s.nils_of_ten << " head " << static_cast<int>(kind));
-                std::vector<oid> heads;
-                column_options options =
-                    options_for(kind, rows, rows % 2 == 0 ? 0 : 5, random, heads);
+                const std::vector<oid> oids = head_oids(kind, rows, rows % 2 * 70000, rows);
+                column_options options = head_options(kind, oids, rows % 2 == 0 ? 0 : 5);
+                if (kind == heads::void_head && s.nils_of_ten != 0)
+                    options.seqbase = oid_nil;
                 options.type = TYPE_bit;
                 expect_grouped(numbers<bte>(rows, s, options, random));
                 options.type = TYPE_void;
@@ -191,11 +171,10 @@ TEST_F(Grouping, KnowsVoidTailsAndBelievesKeyMarks) {
 // More groups than the hash table takes before it turns to partitions, in columns whose commonest
 // value fills most of one partition as well.
 TEST_F(Grouping, TurnsToPartitionsForManyGroups) {
-    std::vector<oid> heads;
-    expect_grouped(numbers<lng>(300000, {~0ULL, 1, 0},
-                                options_for(head_kind::counted, 300000, 3, random, heads), random));
-    expect_grouped(numbers<dbl>(
-        600000, {~0ULL, 1, 5}, options_for(head_kind::shuffled, 600000, 0, random, heads), random));
+    expect_grouped(numbers<lng>(300000, {~0ULL, 1, 0}, {.first = 3}, random));
+    const std::vector<oid> oids = head_oids(heads::shuffled, 600000, 0, seed);
+    expect_grouped(
+        numbers<dbl>(600000, {~0ULL, 1, 5}, head_options(heads::shuffled, oids), random));
     // Texts of which the heap holds many copies: far more places than groups.
     expect_grouped(texts(20000, {300, 1, 0}, {}, {TYPE_str, text_sharing::anew, 1}, random));
 }
@@ -237,20 +216,19 @@ TEST_F(Grouping, FailsWithoutTouchingTheOutputs) {
 
 TEST_F(Grouping, RunsOnManyThreadsAtOnce) {
     const bat shared = numbers<lng>(20000, {500, 0x9e3779b97f4a7c15, 1}, {}, random);
-    const grouping expected = reference::group(shared);
+    const plain_groups expected = reference::group(shared);
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 10; ++round) {
                 const result found = run_group(shared);
-                EXPECT_TRUE(reference::read(found.histogram, found.map) == expected);
+                EXPECT_EQ(difference(reference::read(found.histogram, found.map), expected), "");
             }
         });
     threads.clear(); // joins
 }
 
-// ---- refinement
-// ------------------------------------------------------------------------------
+// ---- refinement ------------------------------------------------------------------------------
 
 // The map under another head: the rows in another order, and without some of them.
 bat reordered_map(const result &old, double kept, bool ascending, std::mt19937_64 &random) {
@@ -309,13 +287,11 @@ protected:
 TEST_F(Refinement, IsThatOfTheReferenceForAlignedAndLookedUpRows) {
     for (const std::size_t rows : {0U, 1U, 900U, 5000U}) {
         for (const std::uint64_t groups : {1ULL, 50ULL, 2000ULL}) {
-            for (const head_kind kind : {head_kind::counted, head_kind::counted_from_above,
-                                         head_kind::ascending, head_kind::shuffled}) {
+            for (const heads kind : support::all_heads) {
                 SCOPED_TRACE(testing::Message() << "seed " << seed << " rows " << rows << " groups "
                                                 << groups << " head " << static_cast<int>(kind));
-                std::vector<oid> heads;
-                const column_options options =
-                    options_for(kind, rows, rows % 2 == 0 ? 4 : 0, random, heads);
+                const std::vector<oid> oids = head_oids(kind, rows, static_cast<oid>(groups), rows);
+                const column_options options = head_options(kind, oids, rows % 2 == 0 ? 4 : 0);
                 const bat first = numbers<sht>(rows, {groups, 1, 1}, options, random);
                 const result old = run_group(first);
                 const spread few{60, 1, 2};
@@ -380,8 +356,7 @@ TEST_F(Refinement, FailsForInputsThatDoNotBelongTogether) {
     EXPECT_EQ(outputs[1], int_nil);
 }
 
-// ---- counting refined groups
-// -----------------------------------------------------------------
+// ---- counting refined groups -----------------------------------------------------------------
 
 // How plans count the different values of each group: one joined row for each refined group.
 bat count_distinct(const bat &extents, const bat &map, const bat &b) {
@@ -398,12 +373,11 @@ bat count_distinct(const bat &extents, const bat &map, const bat &b) {
 }
 
 TEST_F(Grouping, CountOfRefinedGroupsIsTheNumberOfDifferentValues) {
-    for (const head_kind kind : {head_kind::counted, head_kind::counted_from_above,
-                                 head_kind::ascending, head_kind::shuffled}) {
+    for (const heads kind : support::all_heads) {
         for (const int nils_of_ten : {0, 3, 10}) {
             const std::size_t rows = 3000;
-            std::vector<oid> heads;
-            const column_options options = options_for(kind, rows, 0, random, heads);
+            const std::vector<oid> oids = head_oids(kind, rows, 70000, seed);
+            const column_options options = head_options(kind, oids);
             const result old = run_group(numbers<bte>(rows, {20, 1, 0}, options, random));
             const bat partial = reordered_map(old, 0.8, false, random);
             const bat b = numbers<lng>(rows, {90, 1, nils_of_ten}, options, random);
