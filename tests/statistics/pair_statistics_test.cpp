@@ -1,11 +1,8 @@
 #include "statistics/pair_statistics.h"
 
-#include "refkernel/instrumentation.h"
+#include "aggregates/grouped_check.h"
 #include "statistics/paired_columns.h"
-#include "support/grouped_reference.h"
 #include "support/instruction_sets.h"
-#include "support/kernel_settings.h"
-#include "support/leak_guard.h"
 #include "support/replaced_comparison.h"
 #include "vask_ops.h"
 
@@ -24,6 +21,12 @@ using pair_statistic = char *(*)(double *, const std::int32_t *, const std::int3
 // In the order of plain_pair_statistics.
 constexpr pair_statistic statistics[] = {vask_covars, vask_covarp, vask_correl, vask_slope,
                                          vask_intercept};
+
+using grouped_pair_statistic = char *(*)(std::int32_t *, const std::int32_t *, const std::int32_t *,
+                                         const std::int32_t *, const std::int32_t *);
+
+constexpr grouped_pair_statistic grouped_statistics[] = {
+    vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept};
 
 refkernel::exception refused(const char *text) {
     return {"vask_2_args_statistical_func", text};
@@ -44,49 +47,74 @@ double run(std::size_t i, const std::vector<T> &x, const std::vector<U> &y) {
     return result;
 }
 
-TEST(PairStatistics, AgreeBitForBitWithAPlainLoopOnAllPairsOfTypes) {
-    std::uint32_t seed = 0;
-    for (const int type_x : statistic_types)
-        for (const int type_y : statistic_types)
-            for (const BUN rows : {1U, 2U, 100U, 5003U}) {
-                std::mt19937 random(++seed);
-                const std::uint32_t nils = std::array{0U, 2U, 50U, 100U}[random() % 4];
-                const auto threads = static_cast<std::int32_t>(random() % 7 + 1);
-                const auto first = static_cast<BUN>(random() % 3);
-                const auto other_first = static_cast<BUN>(random() % 3);
-                const kernel_settings settings(threads);
-                const auto classes = plain_classes(type_x, type_y);
-                column_pair columns{any_column(type_x, rows, first, first, nils, random),
-                                    any_column(type_y, rows, other_first, first, nils, random),
-                                    classes.value_or(std::pair(0, 0)), false};
-                const instruction_set_of_turn instructions(seed);
+bat run_grouped(std::size_t i, const bat &x, const bat &y, const bat &g, const bat &e) {
+    const bool is_line = plain_pair_statistics[i].is_line;
+    const bat &a = is_line ? y : x;
+    const bat &b = is_line ? x : y;
+    std::int32_t id = 0;
+    EXPECT_EQ(take_exception(grouped_statistics[i](&id, a.slot(), b.slot(), g.slot(), e.slot())),
+              success);
+    return bat::adopt(id);
+}
+
+// Every pair of types, each statistic whole and one of them by group.
+TEST(PairStatistics, AgreeBitForBitWithPlainLoopsWholeAndByGroup) {
+    constexpr std::size_t types = std::size(statistic_types);
+    std::size_t turn = 0;
+    for (const grouped_shape &shape : grouped_shapes()) {
+        grouped_inputs inputs(shape);
+        std::mt19937 &random = inputs.random();
+        for (const std::size_t draw : {0U, 1U, 2U, 3U, 4U}) {
+            const int type_x = statistic_types[turn % types];
+            const int type_y = statistic_types[turn / types % types];
+            const std::size_t grouped = (draw + turn / (types * types)) % std::size(statistics);
+            const instruction_set_of_turn instructions(turn++);
+            const std::uint32_t nils = std::array{0U, 2U, 30U, 100U}[random() % 4];
+            const std::int32_t threads = std::array{1, 2, 3, 8, 300}[random() % 5];
+            const BUN partitions = plain_partitions(shape.rows, threads);
+            const bool specials = random() % 3 == 0; // NaNs and infinities
+            const BUN other_first = random() % 3 == 0 ? 4 : shape.first;
+            const auto classes = plain_classes(type_x, type_y);
+            column_pair columns{
+                any_column(type_x, shape.rows, shape.first, shape.first, nils, random, specials),
+                any_column(type_y, shape.rows, other_first, shape.first, nils, random, specials),
+                classes.value_or(std::pair(0, 0)), false};
+            const bat &x = columns.x.view;
+            const bat &y = columns.y.view;
+            const auto counts = [&](BUN row) { return !columns.dropped(row); };
+            const auto add = [&](BUN row, plain_pair_sums &sums) { columns.add(row, sums); };
+            const kernel_settings settings(threads);
+            for (std::size_t i = 0; i < std::size(statistics); ++i) {
+                const plain_pair_statistic &plain = plain_pair_statistics[i];
+                SCOPED_TRACE(testing::Message()
+                             << plain.name << " of types " << type_x << " and " << type_y << ", "
+                             << shape << " and " << other_first << ", " << nils << "% nil, "
+                             << threads << " threads");
+                columns.is_line = plain.is_line;
                 const watch kernel;
                 const leak_guard leaks;
-                for (std::size_t i = 0; i < std::size(statistics); ++i) {
-                    const plain_pair_statistic &plain = plain_pair_statistics[i];
-                    SCOPED_TRACE(testing::Message()
-                                 << plain.name << " of types " << type_x << " and " << type_y
-                                 << ", " << rows << " rows from " << first << " and " << other_first
-                                 << ", " << nils << "% nil, " << threads << " threads, seed "
-                                 << seed);
-                    double result = 3;
-                    const auto failure = call(i, &result, columns.x.view, columns.y.view);
-                    if (!classes) {
-                        ASSERT_EQ(failure, refused("operation failed"));
-                        ASSERT_EQ(result, 3);
-                        continue;
-                    }
-                    columns.is_line = plain.is_line;
-                    const auto parts =
-                        rows_by_partition(rows, plain_partitions(rows, threads),
-                                          [&](BUN row) { return !columns.dropped(row); });
-                    const auto total = sums_of<plain_pair_sums>(
-                        parts, [&](BUN row, plain_pair_sums &sums) { columns.add(row, sums); });
-                    ASSERT_EQ(failure, success);
-                    ASSERT_TRUE(same_bits(result, plain.of(total)))
-                        << result << " and not " << plain.of(total);
+                double result = 3;
+                const auto failure = call(i, &result, x, y);
+                if (!classes) { // of no rows nobody asks
+                    ASSERT_EQ(failure, shape.rows == 0 ? success : refused("operation failed"));
+                    ASSERT_EQ(result, shape.rows == 0 ? nil_of<double>() : 3);
+                    continue;
                 }
+                ASSERT_EQ(failure, success);
+                const double expected = plain.of(sums_of<plain_pair_sums>(
+                    rows_by_partition(shape.rows, partitions, counts), add));
+                ASSERT_TRUE(same_value(result, expected)) << result << " and not " << expected;
+                if (i != grouped)
+                    continue;
+                const bat by_group = run_grouped(i, x, y, inputs.map, inputs.extents);
+                expect_groups<double>(
+                    by_group, inputs.extents, TYPE_dbl, inputs.rows_by_group(partitions, counts),
+                    [&](const auto &group) {
+                        return unless_nil(plain.of(sums_of<plain_pair_sums>(group, add)));
+                    });
             }
+        }
+    }
 }
 
 TEST(PairStatistics, KnownValues) {
@@ -179,6 +207,72 @@ TEST(PairStatistics, OfNoRowsAreNil) {
             EXPECT_EQ(call(i, &result, *empty, none), success);
             EXPECT_EQ(result, nil_of<double>());
         }
+}
+
+TEST(GroupedPairStatistics, OfRowsThatAreGroups) {
+    constexpr BUN rows = 5000;
+    std::mt19937 random(11);
+    for (const int type_x : {TYPE_bit, TYPE_int, TYPE_dbl})
+        for (const int type_y : {TYPE_int, TYPE_lng, TYPE_flt}) {
+            const any_column x(type_x, rows, 0, 0, 20, random);
+            const any_column y(type_y, rows, 0, 0, 20, random);
+            const auto classes = *plain_classes(type_x, type_y);
+            // Positions count from 0, not from the view's first, and the marks say no nil whatever
+            // there is: both intended.
+            const bat view = refkernel::slice(x.view, 2, rows - 2);
+            const bat map = refkernel::make_void_column(rows - 2, 7);
+            const bat other = refkernel::slice(y.view, 0, rows - 2);
+            for (std::size_t i = 0; i < std::size(grouped_statistics); ++i) {
+                const watch kernel;
+                const leak_guard leaks;
+                const bat result = run_grouped(i, view, other, map, map);
+                for (BUN j = 0; j < rows - 2; ++j) {
+                    const bool zero = i == 1 && !x.equals_nil(j, classes.first) &&
+                                      !y.equals_nil(j, classes.second);
+                    ASSERT_EQ(result.values<double>()[j], zero ? 0 : nil_of<double>())
+                        << plain_pair_statistics[i].name << ", types " << type_x << " and "
+                        << type_y << ", row " << j;
+                }
+                expect_grouped_shape(result, map, TYPE_dbl, false);
+            }
+        }
+}
+
+TEST(GroupedPairStatistics, TheTypesOwnComparisonSeesNoMoreThanItMust) {
+    const int nil = nil_of<int>();
+    const bat x = column_of(std::vector{nil, 1, 2, 3, nil, 5});
+    const bat y = column_of(std::vector{1, nil, 4, 9, 1, 25});
+    const bat map = column_of(std::vector<oid>{77, 77, 1, 0, 77, 77}); // 77 is no group
+    const bat extents = refkernel::make_void_column(2, 0);
+    const kernel_settings settings(1);
+    const replaced_comparison noting(TYPE_int, noting_comparison);
+    for (std::size_t i = 0; i < 3; ++i) {
+        compared.clear();
+        run_grouped(i, x, y, map, extents);
+        EXPECT_EQ(compared.size(), 1U + 2 + 2 + 2 + 1 + 2) << plain_pair_statistics[i].name;
+        const bat first_unknown = column_of(std::vector<oid>{1, 1, 77, 0, 0, 0});
+        compared.clear();
+        run_grouped(i, x, y, first_unknown, extents);
+        EXPECT_EQ(compared.size(), 1U + 2 + 2) << plain_pair_statistics[i].name;
+    }
+}
+
+TEST(GroupedPairStatistics, OfNoRowsAreNilAndOfNoGroupsNothing) {
+    const bat three = column_of(std::vector<float>{1, 2, 3});
+    const bat none = column_of(std::vector<std::int16_t>());
+    const bat map = column_of(std::vector<oid>{0, 1, 0});
+    const bat extents = refkernel::make_void_column(2, 0);
+    const bat no_extents = refkernel::make_void_column(0, 0);
+    for (std::size_t i = 0; i < std::size(grouped_statistics); ++i) {
+        const watch kernel;
+        const leak_guard leaks;
+        const bat nils = run_grouped(i, none, none, map, extents);
+        for (const double v : nils.values<double>())
+            EXPECT_EQ(v, nil_of<double>());
+        expect_grouped_shape(nils, extents, TYPE_dbl, true);
+        expect_grouped_shape(run_grouped(i, three, three, map, no_extents), no_extents, TYPE_dbl,
+                             false);
+    }
 }
 
 } // namespace
