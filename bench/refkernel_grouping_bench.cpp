@@ -55,7 +55,7 @@ double thread_seconds() {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-void time_grouping(benchmark::State &state, const reference::grouping &expected,
+void time_grouping(benchmark::State &state, const support::plain_groups &expected,
                    const std::function<char *(int32_t *histogram, int32_t *map)> &group) {
     int32_t histogram = int_nil;
     int32_t map = int_nil;
@@ -74,7 +74,7 @@ void time_grouping(benchmark::State &state, const reference::grouping &expected,
                 return "the grouping failed";
             return reference::read(made_histogram, made_map) == expected ? "" : "wrong groups";
         });
-    state.counters["groups"] = static_cast<double>(expected.ids.size());
+    state.counters["groups"] = static_cast<double>(expected.extents.size());
     state.counters["ns_per_row"] = bench::median(calls) * 1e9 / static_cast<double>(rows);
 }
 

@@ -1,6 +1,6 @@
 #include "grouping/hash_group.h"
 
-#include "grouping/plain_groups.h"
+#include "grouping/road_check.h"
 #include "kernel/column.h"
 #include "kernel/key_hash.h"
 #include "refkernel/instrumentation.h"

@@ -1,6 +1,6 @@
 #include "grouping/sort_group.h"
 
-#include "grouping/plain_groups.h"
+#include "grouping/road_check.h"
 #include "grouping/sorted_runs.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
