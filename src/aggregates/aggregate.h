@@ -30,6 +30,8 @@ struct column_rows {
 
     VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept { return rows[p] == nil; }
     VASK_ALWAYS_INLINE T operator[](BUN p) const noexcept { return rows[p]; }
+
+    //! While n rows from p on are in use, asks for rows to come.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept { prefetch_ahead(rows, p, n); }
 };
 

@@ -26,6 +26,12 @@ concept loads_blocks = requires(Rows rows, row_range block) {
 template <class Rows>
 concept asks_kernel = Rows::asks_kernel;
 
+//! A row source that can ask for the memory of rows to come while the n from p on are in use.
+template <class Rows>
+concept prefetches = requires(const Rows rows, BUN p, BUN n) {
+    rows.prefetch(p, n);
+};
+
 //! An aggregate whose states seldom change, and which says beforehand whether a value changes one.
 template <class Aggregate, class Value>
 concept tells_change = requires(typename Aggregate::partial state, Value value) {
@@ -137,7 +143,7 @@ private:
     //! Asks for rows that come after the n from p on.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept {
         prefetch_ahead(gids_, p, n);
-        if constexpr (requires { rows_.prefetch(p, n); })
+        if constexpr (prefetches<Rows>)
             rows_.prefetch(p, n);
     }
 

@@ -51,17 +51,22 @@ T *rows_of(const BATcol &column) noexcept {
     return static_cast<T *>(column.base);
 }
 
+//! Asks for the cache lines of some memory, which need not exist.
+VASK_ALWAYS_INLINE void prefetch_bytes(const void *base, std::size_t offset,
+                                       std::size_t bytes) noexcept {
+    constexpr std::uintptr_t line = 64;
+    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(base) + offset;
+    for (std::uintptr_t i = 0; i < bytes; i += line)
+        __builtin_prefetch(reinterpret_cast<const void *>(from + i));
+}
+
 //! Asks for the cache lines of the n elements that come 128 after position p, for a row loop that
 //! reads a column in order and other memory at random between: those accesses keep the processor
 //! from seeing the order (grouped sum of 1e7 int in 100,000 groups: 13 ms, against 28). The
 //! elements need not exist.
 template <class T>
 VASK_ALWAYS_INLINE void prefetch_ahead(const T *rows, BUN p, BUN n) noexcept {
-    constexpr std::uintptr_t line = 64;
-    const std::uintptr_t from =
-        reinterpret_cast<std::uintptr_t>(rows) + (std::size_t{p} + 128) * sizeof(T);
-    for (std::uintptr_t offset = 0; offset < n * sizeof(T); offset += line)
-        __builtin_prefetch(reinterpret_cast<const void *>(from + offset));
+    prefetch_bytes(rows, (std::size_t{p} + 128) * sizeof(T), n * sizeof(T));
 }
 
 //! The oids of a column by position, stored or void: a copy of all that reading one needs.

@@ -51,6 +51,12 @@ public:
 
     VASK_ALWAYS_INLINE dbl operator[](BUN p) const noexcept { return rows_[p - first_]; }
 
+    //! Asks for the column's own elements.
+    VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept {
+        prefetch_bytes(column_->base, std::size_t{p} << column_->shift,
+                       std::size_t{n} << column_->shift);
+    }
+
 private:
     using nil_marker = bool (*)(const BATcol &column, row_range block, std::uint8_t *flags);
 
@@ -79,6 +85,12 @@ public:
     }
 
     VASK_ALWAYS_INLINE value_pair operator[](BUN p) const noexcept { return {x_[p], y_[p]}; }
+
+    //! While n rows from p on are in use, asks for those that the next block has in their place.
+    VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept {
+        x_.prefetch(p + scan_block_rows, n);
+        y_.prefetch(p + scan_block_rows, n);
+    }
 
 protected:
     //! Room for a block.
