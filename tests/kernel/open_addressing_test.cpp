@@ -14,7 +14,7 @@ namespace {
 
 using namespace vask;
 
-//! Every key leads to its value over a probe sequence without a gap, and nothing else is held.
+//! Every key leads to its value, and nothing else is held.
 template <class Keys>
 void check_table(const open_addressing_table<Keys, int> &table,
                  const std::unordered_map<typename Keys::key_type, int> &expected) {
@@ -23,17 +23,11 @@ void check_table(const open_addressing_table<Keys, int> &table,
     for (std::uint32_t bucket = 0; bucket < table.bucket_count(); ++bucket)
         used += table.in_use(bucket);
     ASSERT_EQ(used, expected.size());
-    const std::uint32_t mask = table.bucket_count() - 1;
     for (const auto &[key, value] : expected) {
         const std::uint32_t bucket = table.find(key);
         ASSERT_LT(bucket, table.bucket_count()) << key;
         ASSERT_EQ(table.key(bucket), key);
         ASSERT_EQ(table.value(bucket), value);
-        const std::uint32_t hash = Keys::hash(key);
-        const std::uint32_t step = ((hash / 8) ^ (hash * 8)) | 1;
-        std::uint32_t at = hash & mask;
-        for (; at != bucket; at = (at + step) & mask)
-            ASSERT_TRUE(table.in_use(at)) << key;
     }
 }
 

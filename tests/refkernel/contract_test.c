@@ -32,18 +32,3 @@ unsigned access_word_in_c(const BAT *b) {
     __builtin_memcpy(&word, b->state, sizeof word);
     return word & 6u;
 }
-
-/* A caller in C: makes a BAT, appends, reads and drops it. */
-long sum_of_appended_in_c(unsigned rows) {
-    BAT *b = BATnew(TYPE_void, TYPE_int, 0);
-    long sum = 0;
-    for (unsigned i = 0; i < rows; ++i) {
-        const int value = (int)(i * 3);
-        if (!BUNfastins(b, &i, &value))
-            return -1;
-    }
-    for (BUN p = b->info->first; p < b->info->first + b->info->count; ++p)
-        sum += *(const int *)((const char *)b->tail->base + ((size_t)p << b->tail->shift));
-    BBPreclaim(b);
-    return sum;
-}

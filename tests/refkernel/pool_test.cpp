@@ -13,7 +13,6 @@ extern "C" {
 unsigned flags_byte_in_c(unsigned varsized, unsigned key, unsigned dense, unsigned nonil,
                          unsigned nil);
 unsigned access_word_in_c(const BAT *b);
-long sum_of_appended_in_c(unsigned rows);
 }
 
 namespace {
@@ -144,7 +143,6 @@ TEST_F(Pool, RecordsLieWhereOperatorsInCLookForThem) {
     EXPECT_EQ(access_word_in_c(b), 0U);
     EXPECT_EQ(access_word_in_c(BATsetaccess(b, ACCESS_READ)), 2U);
     BBPreclaim(b);
-    EXPECT_EQ(sum_of_appended_in_c(1000), 3 * 999 * 1000 / 2);
 }
 
 TEST_F(Pool, ABatThatIsNotInMemoryIsLoadedByItsDescriptor) {

@@ -156,22 +156,18 @@ TEST(Command, ContainedInAColumnOfAnotherFile) {
                    "id\n3\n4\n")
                   .out,
               "sum(contained),count(contained)\n0,2\n");
-    const struct {
-        std::vector<std::string> arguments;
-        std::string told;
-    } mistakes[] = {
-        {{"--contained-in", known.path()}, "FILE:COLUMN"},
-        {{"--contained-in", other}, "--column names it): there is no column 'id'"},
-        {{"--contained-in", known.path() + ":nme", "--column", "customer"}, "did you mean name"},
-        {{"--contained-in", known.path() + ":name", "--column", "customer"}, "name is str"},
-        {{"--column", "customer", "--agg", "sum(amount)"}, "--contained-in"},
+    const std::vector<std::pair<std::vector<std::string>, std::string>> mistakes{
+        {{"-", "--contained-in", known.path()}, "FILE:COLUMN"},
+        {{"-", "--contained-in", other}, "--column names it): there is no column 'id'"},
+        {{"-", "--contained-in", known.path() + ":nme", "--column", "customer"},
+         "did you mean name"},
+        {{"-", "--contained-in", known.path() + ":name", "--column", "customer"}, "name is str"},
+        {{"-", "--column", "customer", "--agg", "sum(amount)"}, "--contained-in"},
     };
-    for (const auto &each : mistakes) {
-        std::vector<std::string> arguments{"-"};
-        arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
+    for (const auto &[arguments, told] : mistakes) {
         const outcome result = vask(arguments, orders);
         EXPECT_EQ(result.status, 2);
-        EXPECT_TRUE(holds(result.err, each.told)) << result.err;
+        EXPECT_TRUE(holds(result.err, told)) << result.err;
     }
 }
 
