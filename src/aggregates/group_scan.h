@@ -195,13 +195,9 @@ private:
             // An unknown group goes the way row by row: nil rows before it must not end the scan.
             if (one_group<run_rows>(p) && add_run<run_rows>(p, nils))
                 continue;
-            const bool known = [&]<std::size_t... i>(std::index_sequence<i...>)
-                __attribute__((always_inline)) {
-                return (add_unless_nil(p + static_cast<BUN>(i), nils) && ...);
-            }
-            (std::make_index_sequence<run_rows>{});
-            if (!known) [[unlikely]]
-                return false;
+            for (BUN i = 0; i < run_rows; ++i)
+                if (!add_unless_nil(p + i, nils)) [[unlikely]]
+                    return false;
         }
         for (; p < block.end; ++p)
             if (!add_unless_nil(p, nils))
