@@ -97,7 +97,7 @@ std::vector<std::pair<std::string, column_type>> parse_types(const std::string &
                  "and timestamp",
                  type);
         if (std::any_of(types.begin(), types.end(),
-                        [&](const auto &earlier) { return earlier.first == name; }))
+                        [&name = name](const auto &earlier) { return earlier.first == name; }))
             fail("--types: the column '{}' is given two types; give one", name);
         types.emplace_back(std::move(name), *known);
     }
@@ -250,7 +250,7 @@ std::string describe_extras(const CLI::App &app, bool is_union) {
 std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, bool is_union) {
     if (std::string extras = describe_extras(app, is_union); !extras.empty())
         return extras;
-    const std::string what = error.what();
+    std::string what = error.what();
     switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
         case CLI::ExitCodes::RequiredError:
             return is_union ? "a file and two columns of it are wanted, as in vask union FILE X Y"
