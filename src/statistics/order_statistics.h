@@ -4,6 +4,7 @@
 
 #include "kernel/bat.h"
 #include "statistics/counted_mode.h"
+#include "statistics/hashed_mode.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
 #include "statistics/selection.h"
@@ -82,6 +83,13 @@ int vask_mode_functor(T *result, stat_flag *flag, std::span<T> values, bte type,
     *result = nil_of<T>(type);
     if constexpr (std::integral<T>) {
         if (const auto mode = count_mode<T>(values)) {
+            if (mode->count > 1)
+                *result = mode->value;
+            return 1;
+        }
+    }
+    if (n >= fewest_hashed) {
+        if (const auto mode = hash_mode<T>(values)) {
             if (mode->count > 1)
                 *result = mode->value;
             return 1;

@@ -1,10 +1,12 @@
-// The k-th largest of an array without sorting it: quick-select with pivots that aim at the rank.
+// The k-th largest of an array without sorting it: quick-select with pivots that aim at the rank,
+// down to what buckets finish.
 #pragma once
 
 #include "kernel/column.h"
 #include "kernel/isa.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
+#include "statistics/rank_buckets.h"
 
 #include <algorithm>
 #include <array>
@@ -59,6 +61,19 @@ struct ranked_pair {
     T next_lower;
 };
 
+//! The largest value from `below` up to `end`; `otherwise` if there is none.
+template <class T>
+T largest_below(const T *below, const T *end, T otherwise) {
+    if (below == end)
+        return otherwise;
+    return from_order_key<T>(with_best_instruction_set([=]() __attribute__((always_inline)) {
+        order_key_t<T> largest = order_key(*below);
+        for (const T *p = below; p != end; ++p)
+            largest = std::max(largest, order_key(*p));
+        return largest;
+    }));
+}
+
 //! The k-th largest of values[0 .. n - 1], 1 <= k <= n, and the next lower one; reorders the array.
 //! The expected time is linear in n; it allocates nothing. `want_next` off leaves next_lower equal
 //! to the value.
@@ -67,7 +82,18 @@ ranked_pair<T> select_ranked(T *values, std::size_t n, std::size_t k, bool want_
     T *base = values;
     T *below = base; // where the part that was cut off last, all of it lower, begins
     bool all_equal = false;
+    std::size_t most_to_bucket = most_in_buckets;
     while (n > 1 && !all_equal) {
+        if (n >= fewest_in_buckets && n <= most_to_bucket) {
+            if (const auto found = rank_by_buckets(base, n, k)) {
+                const T value = from_order_key<T>(found->key);
+                if (!want_next)
+                    return {value, value};
+                return {value, found->next_lower ? from_order_key<T>(*found->next_lower)
+                                                 : largest_below(below, base, value)};
+            }
+            most_to_bucket = n / 8; // not again before pivots have cut much away
+        }
         const order_key_t<T> pivot = choose_pivot(base, n, k);
         std::size_t lo = 0;
         while (lo < n && order_key(base[lo]) == pivot)
@@ -99,14 +125,8 @@ ranked_pair<T> select_ranked(T *values, std::size_t n, std::size_t k, bool want_
         }
     }
     ranked_pair<T> result{base[0], base[0]};
-    if (want_next && !(all_equal && n != k) && below != base)
-        result.next_lower =
-            from_order_key<T>(with_best_instruction_set([=]() __attribute__((always_inline)) {
-                order_key_t<T> largest = order_key(below[0]);
-                for (const T *p = below; p != base; ++p)
-                    largest = std::max(largest, order_key(*p));
-                return largest;
-            }));
+    if (want_next && !(all_equal && n != k))
+        result.next_lower = largest_below(below, base, result.value);
     return result;
 }
 

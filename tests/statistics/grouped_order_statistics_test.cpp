@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
+#include <limits>
 #include <numeric>
 
 namespace {
@@ -124,7 +126,10 @@ TEST(GroupedOrderStatistics, MapsThatAreAlignedOrLookedUp) {
 // extents are a view that starts behind other rows.
 TEST(GroupedOrderStatistics, RunsOfGroups) {
     std::mt19937 random(99);
+    std::vector<std::size_t> one_giant(600, 5);
+    one_giant[300] = 20000;
     const std::vector<std::vector<std::size_t>> cases = {
+        one_giant,
         {0, 8191, 1, 0, 0, 8192, 0, 8193, 4096, 4095, 1, 20000, 0},
         {8192},
         {0, 0, 1},
@@ -197,6 +202,50 @@ TEST(GroupedOrderStatistics, RowsThatTheMapLacksAndEmptyInputs) {
     const kernel_settings settings(0);
     expect_all<float>({empty, no_rows, e, none}, random);
     expect_all<float>({b, g, e, {}, false}, random);
+}
+
+// Few ranks are kept while the rows go by and more are not; nor where a value has the lowest key of
+// all, which stands for a missing one. Ties, NaNs and infinities; groups smaller than the rank.
+TEST(GroupedOrderStatistics, LargestOnBothSidesOfWhatIsKept) {
+    std::mt19937 random(21);
+    for_each_number_type([&]<class T>(T) {
+        for (int round = 0; round < 24; ++round) {
+            constexpr std::size_t groups = 40;
+            auto values = statistic_values<T>(2000, round % 2 == 0 ? 9 : 5000, 0, random, true);
+            const bool with_lowest = round % 3 == 0;
+            if (with_lowest) {
+                T lowest = std::numeric_limits<T>::min();
+                if constexpr (std::is_floating_point_v<T>)
+                    std::memset(&lowest, 0xff, sizeof lowest); // the last NaN of the negative ones
+                values[random() % values.size()] = lowest;
+            }
+            std::vector<oid> gids(values.size());
+            std::vector<std::vector<T>> members(groups);
+            for (std::size_t row = 0; row < values.size(); ++row) {
+                // The first groups have a row or two, or none.
+                gids[row] = static_cast<oid>(row < 12 ? row % 8 : 10 + random() % (groups - 10));
+                members[gids[row]].push_back(values[row]);
+            }
+            const bat b = nonil_column(values, round % 4);
+            const bat g = column_of(gids);
+            const bat e = refkernel::make_void_column(groups);
+            const kernel_settings settings(round % 2 == 0 ? 1 : 5);
+            for (const lng k : {1, 2, 3, 8, 9, 50, 60, 100}) {
+                SCOPED_TRACE(testing::Message() << "round " << round << ", rank " << k << ", "
+                                                << sizeof(T) << " bytes");
+                const bat rank = parameter(k);
+                std::int32_t id = 0;
+                ASSERT_EQ(call(vask_grp_largest(&id, b.slot(), rank.slot(), g.slot(), e.slot())),
+                          success);
+                const bat result = bat::adopt(id);
+                for (std::size_t j = 0; j < groups; ++j)
+                    ASSERT_TRUE(same_bits(result.values<T>()[j],
+                                          plain_largest(members[j], k, refkernel::nil_of<T>())))
+                        << "group " << j;
+                EXPECT_EQ(result->tail->nil, 1);
+            }
+        }
+    });
 }
 
 // Exceptions of the tasks and of the calling thread are caught, whichever allocation it is.

@@ -15,8 +15,9 @@ using refkernel::bat;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
 
-// Both sides of the sizes at which the pivot, the sort and the sample change.
-constexpr std::size_t sizes[] = {1, 2, 3, 10, 499, 500, 501, 999, 1000, 1001, 5000, 40000};
+// Both sides of the sizes at which buckets, hashing, the pivot, the sort and the sample change.
+constexpr std::size_t sizes[] = {1,   2,   3,   10,  15,   16,   63,   64,
+                                 499, 500, 501, 999, 1000, 1001, 5000, 40000};
 
 template <class T>
 T largest(const bat &b, lng k) {
@@ -86,6 +87,45 @@ TEST(OrderStatistics, AreThoseOfTheSortedValues) {
             EXPECT_TRUE(same_bits(d, plain_percentile(values, q / 4.0))) << "quartile " << +q;
         }
     });
+}
+
+// So many that tasks share the counting: nearly all different, or few.
+TEST(OrderStatistics, ModeOfManyValues) {
+    for (const std::uint32_t distinct : {10U, 50'000U, 4'000'000'000U}) {
+        std::mt19937 random(distinct);
+        const auto check = [&]<class T>(std::vector<T> values) {
+            SCOPED_TRACE(testing::Message() << distinct << " of " << sizeof(T) << " bytes");
+            const bat b = nonil_column(values);
+            EXPECT_TRUE(same_bits(mode<T>(b), plain_mode(values, refkernel::nil_of<T>())));
+        };
+        check(statistic_values<double>(400'000, distinct, 0, random, true));
+        check(statistic_values<std::int64_t>(400'000, distinct, 0, random));
+        // Zeros of both signs outnumber all others.
+        std::vector<float> zeros(300'000);
+        for (std::size_t i = 0; i < zeros.size(); ++i)
+            zeros[i] = i % 3 == 0 ? 0.0F : i % 3 == 1 ? static_cast<float>(i) : -0.0F;
+        check(zeros);
+        std::replace_if(
+            zeros.begin(), zeros.end(), [](float v) { return v == 0; }, 0.0F);
+        check(zeros);
+    }
+}
+
+// Keys so unevenly spread that buckets of equal width do not part them.
+TEST(OrderStatistics, UnevenlySpreadValues) {
+    std::mt19937 random(12);
+    std::vector<double> values(20'000);
+    for (double &v : values)
+        v = 1 + std::ldexp(static_cast<double>(random() % 900), -40);
+    values[7] = 1e300;
+    values[8] = -1e300;
+    const bat b = nonil_column(values);
+    for (const lng k : {1, 2, 3, 700, 10'000, 19'998, 19'999, 20'000})
+        EXPECT_EQ(largest<double>(b, k), plain_largest(values, k, 0.0)) << "rank " << k;
+    for (int i = 0; i < 50; ++i) {
+        const double p = random_share(random);
+        EXPECT_EQ(percentile(b, p), plain_percentile(values, p)) << p;
+    }
 }
 
 TEST(OrderStatistics, ACappedColumnTakesNoLongerThanOthers) {
