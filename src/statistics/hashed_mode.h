@@ -7,7 +7,6 @@
 #include "statistics/order_key.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <concepts>
@@ -18,6 +17,7 @@
 #include <new>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
@@ -86,7 +86,7 @@ public:
         used_ = 0;
         used_bits_ = used_bits;
         for (const T given : values) {
-            if (used_ >= limit_ && !grow()) [[unlikely]]
+            if (used_ >= limit_ && !grow(values.size())) [[unlikely]]
                 return false;
             const T value = one_zero(given);
             slot &at = slots_[place(value)];
@@ -108,8 +108,10 @@ private:
         return i;
     }
 
-    bool grow() noexcept {
-        const std::size_t size = slots_ ? 2 * (mask_ + 1) : 2 * values_per_table;
+    //! Makes the table twice as large, or the first one as large as some values may need.
+    bool grow(std::size_t values) noexcept {
+        const std::size_t size =
+            slots_ ? 2 * (mask_ + 1) : 2 * std::bit_ceil(std::min(values, values_per_table));
         std::unique_ptr<slot[]> smaller(new (std::nothrow) slot[size]());
         if (smaller == nullptr)
             return false;
