@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <type_traits>
 
@@ -23,7 +24,7 @@ class largest_per_group {
     using constant = std::integral_constant<std::size_t, k>;
 
 public:
-    //! Beyond, shifting the kept ones costs more than bringing the values together.
+    //! As many of the widest keys as a cache line holds.
     static constexpr std::size_t most_kept = 8;
 
     //! Whether there are ranges of rows, and k of every group and range are no more than the values
