@@ -6,6 +6,7 @@
 #include "grouping/group_table.h"
 #include "grouping/range_tasks.h"
 #include "grouping/row_numbering.h"
+#include "grouping/window_grouping.h"
 #include "kernel/frame.h"
 #include "kernel/row_ranges.h"
 
@@ -13,6 +14,7 @@
 #include <array>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace vask {
 
@@ -32,13 +34,13 @@ oid *cells_of(const BAT &grp, vask_row_range range) noexcept {
     return rows_of<oid>(*grp.tail) + grp.info->first + range.low;
 }
 
-//! The table of a range's groups; `entries` becomes the entry of each number of its rows.
-template <class Numbering>
-auto vask_group_build(const Numbering &numbering, std::uint32_t mask, const BAT &b, const BAT &grp,
-                      vask_row_range range, gdk_vector<std::uint32_t> &entries) {
-    vask_group_table<typename Numbering::value_type> table(mask);
-    entries = numbering.build(table, oid_reader(*b.head, b), rows_of_range(b, range),
-                              cells_of(grp, range));
+//! The table of a range's groups, and in the map the number of each row's entry in it.
+template <class Keys>
+auto vask_group_build(const Keys &keys, std::uint32_t mask, const BAT &b, const BAT &grp,
+                      vask_row_range range) {
+    vask_group_table<typename Keys::value_type> table(mask);
+    numbering_by_memo<Keys>{keys}.build(table, oid_reader(*b.head, b), rows_of_range(b, range),
+                                        cells_of(grp, range));
     return table;
 }
 
@@ -63,66 +65,64 @@ void merge(vask_group_table<T> &global, vask_group_table<T> &local) {
     }
 }
 
-//! The group id of each number of a range's rows. `numbers` are the entries of the numbers; empty:
-//! the numbers are those of the entries.
+//! Writes the group ids of a range in place of the numbers.
 template <class T>
-gdk_vector<oid> ids_of(const vask_group_table<T> &table, const gdk_vector<std::uint32_t> &numbers) {
-    const gdk_vector<vask_group_entry<T>> &entries = table.entries();
-    gdk_vector<oid> ids(numbers.empty() ? entries.size() : numbers.size());
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        const std::size_t entry = numbers.empty() ? i : numbers[i];
-        if (entry != unknown_number)
-            ids[i] = entries[entry].first_oid;
-    }
-    return ids;
+void vask_group_write(const BAT &grp, vask_row_range range, const vask_group_table<T> &table) {
+    gdk_vector<oid> ids(table.entries().size());
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        ids[i] = table.entries()[i].first_oid;
+    const oid *id = ids.data();
+    oid *cells = cells_of(grp, range);
+    for (std::size_t i = 0; i < range.size(); ++i)
+        cells[i] = id[cells[i]];
 }
 
-//! Writes the map of a range: its rows' group ids, and their heads if those are stored.
-template <class Numbering, class T>
-void vask_group_write(const Numbering &numbering, const BAT &b, const BAT &grp,
-                      vask_row_range range, const vask_group_table<T> &table,
-                      const gdk_vector<std::uint32_t> &entries) {
-    const row_range rows = rows_of_range(b, range);
-    numbering.write(ids_of(table, entries), rows, cells_of(grp, range));
-    if (grp.head->type != TYPE_void)
+//! Writes the heads of the map where they are stored.
+void write_heads(const BAT &b, const BAT &grp, const gdk_vector<vask_row_range> &ranges) {
+    if (grp.head->type == TYPE_void)
+        return;
+    run_ranges(ranges, [&](std::size_t, vask_row_range range) {
+        const row_range rows = rows_of_range(b, range);
         std::memcpy(rows_of<oid>(*grp.head) + grp.info->first + range.low,
                     rows_of<const oid>(*b.head) + rows.begin, rows.size() * sizeof(oid));
+    });
 }
 
-//! The road, from the mask on. Ranges are merged in ascending order, so a value's first row in the
-//! whole column decides its group's id and place in the extents, whatever the number of ranges.
-template <class Numbering>
-int group_rows(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t global_mask,
-               const Numbering &numbering) {
-    using table = vask_group_table<typename Numbering::value_type>;
-    table global(global_mask);
-    const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, nranges);
-    const auto count = static_cast<std::uint32_t>(ranges.size());
-    const std::uint32_t local_mask =
-        std::max(covering_mask(global_mask / count), smallest_local_mask);
-    gdk_vector<table> locals(count);
-    gdk_vector<gdk_vector<std::uint32_t>> entries(count);
+//! Bucket mask of a range's table: about its share of the buckets of all.
+std::uint32_t local_mask(std::uint32_t global_mask, std::uint32_t nranges) noexcept {
+    return std::max(covering_mask(global_mask / nranges), smallest_local_mask);
+}
 
-    run_ranges(ranges, [=, &locals, &entries](std::size_t i, vask_row_range range) {
-        locals[i] = vask_group_build(numbering, local_mask, *b, *grp, range, entries[i]);
-    });
-    for (table &local : locals)
-        merge(global, local);
-    run_ranges(ranges, [=, &locals, &entries](std::size_t i, vask_row_range range) {
-        vask_group_write(numbering, *b, *grp, range, locals[i], entries[i]);
-    });
-
-    if (!append_groups(*ext, global))
+//! The end of the road: the groups go to the extents.
+template <class Table>
+int finish(BAT *ext, const BAT &b, const Table &groups) {
+    if (!append_groups(*ext, groups))
         return 0;
-    ext->head->sorted = sorted_mark(*b->head);
+    ext->head->sorted = sorted_mark(*b.head);
     ext->tail->sorted = 0;
     return 1;
 }
 
-//! Keys of any kind.
+//! Keys of any kind. Ranges are merged in ascending order, so a value's first row in the whole
+//! column decides its group's id and place in the extents, whatever the number of ranges.
 template <class Keys>
-int group_by_memo(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
-    return group_rows(ext, grp, b, nranges, mask, numbering_by_memo<Keys>{Keys(*b->tail)});
+int group_by_memo(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t global_mask) {
+    using table = vask_group_table<typename Keys::value_type>;
+    const Keys keys(*b->tail);
+    table global(global_mask);
+    const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, nranges);
+    gdk_vector<table> locals(ranges.size());
+    run_ranges(ranges, [=, &locals, mask = local_mask(global_mask, nranges)](std::size_t i,
+                                                                             vask_row_range range) {
+        locals[i] = vask_group_build(keys, mask, *b, *grp, range);
+    });
+    for (table &local : locals)
+        merge(global, local);
+    run_ranges(ranges, [=, &locals](std::size_t i, vask_row_range range) {
+        vask_group_write(*grp, range, locals[i]);
+    });
+    write_heads(*b, *grp, ranges);
+    return finish(ext, *b, global);
 }
 
 //! Keys that lie between `least` and `most`, one other aside; by a memo all the same where a range
@@ -133,9 +133,11 @@ int group_by_window(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint
     const auto span = static_cast<Key>(most - least);
     if (span >= b->info->count / nranges)
         return group_by_memo<Keys>(ext, grp, b, nranges, mask);
-    const key_window<Key> window{least, static_cast<std::uint32_t>(span)};
-    return group_rows(ext, grp, b, nranges, mask,
-                      numbering_by_window<Keys>{Keys(*b->tail), window});
+    vask_group_table<typename Keys::value_type> groups(mask);
+    window_grouping<Keys>(*b, *grp, {least, static_cast<std::uint32_t>(span)}, groups)
+        .run(nranges, local_mask(mask, nranges));
+    write_heads(*b, *grp, vask_row_ranges(*b, nranges));
+    return finish(ext, *b, groups);
 }
 
 template <class T>
@@ -155,6 +157,35 @@ int group_narrow_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::u
                                                 std::numeric_limits<Offset>::max());
 }
 
+//! The least and the greatest of the offsets of a range's rows.
+std::pair<std::uint32_t, std::uint32_t> scan_offsets(const std::uint32_t *offsets, std::size_t n) {
+    return with_best_instruction_set([=]() __attribute__((always_inline)) {
+        std::uint32_t least = offsets[0];
+        std::uint32_t most = offsets[0];
+        for (std::size_t i = 1; i < n; ++i) {
+            least = std::min(least, offsets[i]);
+            most = std::max(most, offsets[i]);
+        }
+        return std::pair(least, most);
+    });
+}
+
+//! Texts that are stored once lie close together: 1e7 rows of 1e5 texts take 25 to 28 ms by a
+//! window of their places in the heap, 33 to 38 by a memo.
+int group_wide_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
+    const auto *offsets = rows_of<const std::uint32_t>(*b->tail);
+    gdk_vector<std::pair<std::uint32_t, std::uint32_t>> bounds(nranges);
+    run_ranges(vask_row_ranges(*b, nranges), [=, &bounds](std::size_t i, vask_row_range range) {
+        bounds[i] = scan_offsets(offsets + rows_of_range(*b, range).begin, range.size());
+    });
+    auto [least, most] = bounds[0];
+    for (const auto &[low, high] : bounds) {
+        least = std::min(least, low);
+        most = std::max(most, high);
+    }
+    return group_by_window<offset_keys<std::uint32_t>>(ext, grp, b, nranges, mask, least, most);
+}
+
 int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t mask) {
     switch (b->tail->width) {
         case 1:
@@ -162,7 +193,7 @@ int group_texts(BAT *ext, BAT *grp, BAT *b, std::uint32_t nranges, std::uint32_t
         case 2:
             return group_narrow_texts<std::uint16_t>(ext, grp, b, nranges, mask);
         default:
-            return group_by_memo<offset_keys<std::uint32_t>>(ext, grp, b, nranges, mask);
+            return group_wide_texts(ext, grp, b, nranges, mask);
     }
 }
 

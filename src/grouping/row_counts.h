@@ -12,6 +12,9 @@ namespace vask {
 //! Counters of the numbers 0 .. numbers - 1, for fewer than 2^32 rows.
 class row_counts {
 public:
+    //! Counts nothing.
+    row_counts() : row_counts(0) {}
+
     explicit row_counts(std::size_t numbers)
         : numbers_(numbers),
           lanes_(numbers <= lane_numbers ? max_lanes : 1),

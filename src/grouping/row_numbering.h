@@ -1,25 +1,12 @@
-// Numbering the rows of a range so that rows of one number belong to one group.
+// Numbering the rows of a range by their groups' entries in a table.
 //
-// Walking a chain of the group table for every row costs 5 ns. A number comes from the row's key at
-// a fraction of that, and the table is asked only about keys that are new. Two ways:
-//
-//   window   by the key's distance from the least one, for keys that lie close together. Rows are
-//            numbered for counting and once more for writing their ids, 0.2 ns each.
-//   memo     by the group's entry in the table, which a memo of the keys seen tells in 1 to 3 ns.
-//            The numbers wait in the cells that the ids go to.
-//
-// A way is a plain struct with
-//   value_type                         of the table's entries
-//   build(table, heads, rows, cells)   adds the groups of the rows to an empty table and counts
-//                                      them; gives the entry of each number, nothing where numbers
-//                                      are entries
-//   write(ids, rows, cells)            turns numbers into ids
-// `cells` are the rows' places in the map. Both are called from tasks, build before write.
+// Walking a chain of the table for every row costs 5 ns. A memo of the keys seen tells an entry in
+// 1 to 3 ns, and the table is asked only about keys that are new. The numbers wait in the cells
+// that the ids go to.
 #pragma once
 
 #include "grouping/group_table.h"
 #include "grouping/key_memo.h"
-#include "grouping/key_window.h"
 #include "grouping/row_blocks.h"
 #include "grouping/row_counts.h"
 #include "kernel/column.h"
@@ -44,56 +31,15 @@ std::uint32_t entry_of(vask_group_table<T> &table, const T &value, std::uint32_t
 }
 
 template <class Keys>
-struct numbering_by_window {
-    using value_type = typename Keys::value_type;
-
-    Keys keys;
-    key_window<typename Keys::key_type> window;
-
-    gdk_vector<std::uint32_t> build(vask_group_table<value_type> &table, const oid_reader &heads,
-                                    row_range rows, const oid *) const {
-        gdk_vector<std::uint32_t> entries(window.places());
-        std::fill(entries.begin(), entries.end(), unknown_number);
-        row_counts counts(window.places());
-        std::array<std::uint32_t, block_rows> places;
-        for_each_block(rows, [&](BUN row, BUN n) {
-            window.number(keys, row, n, places.data());
-            counts.add(places.data(), n, [&](std::uint32_t place, std::size_t i) {
-                if (entries[place] != unknown_number)
-                    return;
-                const BUN first = row + static_cast<BUN>(i);
-                const value_type value = keys.value(first);
-                const std::uint32_t hash = vask_group_entry<value_type>::hash(value);
-                entries[place] =
-                    entry_of(table, value, hash, heads, first, Keys::one_key_per_value);
-            });
-        });
-        for (std::size_t place = 0; place < entries.size(); ++place)
-            if (entries[place] != unknown_number)
-                table.entries()[entries[place]].count += counts[place];
-        return entries;
-    }
-
-    void write(const gdk_vector<oid> &ids, row_range rows, oid *cells) const {
-        std::array<std::uint32_t, block_rows> places;
-        for_each_block(rows, [&](BUN row, BUN n) {
-            window.number(keys, row, n, places.data());
-            oid *block = cells + (row - rows.begin);
-            const oid *id = ids.data();
-            for (std::size_t i = 0; i < n; ++i)
-                block[i] = id[places[i]];
-        });
-    }
-};
-
-template <class Keys>
 struct numbering_by_memo {
     using value_type = typename Keys::value_type;
 
     Keys keys;
 
-    gdk_vector<std::uint32_t> build(vask_group_table<value_type> &table, const oid_reader &heads,
-                                    row_range rows, oid *cells) const {
+    //! Adds the groups of the rows to an empty table and counts them. `cells`, the rows' places in
+    //! the map, become the numbers of the rows' entries.
+    void build(vask_group_table<value_type> &table, const oid_reader &heads, row_range rows,
+               oid *cells) const {
         state now{table, heads, memo_limit(rows.size())};
         row_counts counts(first_groups);
         for_each_block(rows, [&](BUN row, BUN n) {
@@ -108,13 +54,6 @@ struct numbering_by_memo {
             counts.add(numbers, n, [](std::uint32_t, std::size_t) {});
         });
         add_counts(table, counts);
-        return {};
-    }
-
-    void write(const gdk_vector<oid> &ids, row_range rows, oid *cells) const {
-        const oid *id = ids.data();
-        for (std::size_t i = 0; i < rows.size(); ++i)
-            cells[i] = id[cells[i]];
     }
 
 private:

@@ -163,6 +163,37 @@ TEST(HashGroup, TextsStoredOnceAndAnew) {
                     }
 }
 
+// Values that the first rows do not have: of some rows in a row, of all later rows, of the end.
+TEST(HashGroup, GroupsThatTurnUpLate) {
+    constexpr std::size_t rows = 90000;
+    std::mt19937_64 random(8);
+    std::vector<std::int32_t> values(rows);
+    for (std::size_t row = 0; row < rows; ++row) {
+        const auto some = static_cast<std::int32_t>(random() % 40);
+        const bool late = row > 30000 && random() % 3 == 0;
+        values[row] = !late ? some : some < 20 ? 40 + some : 60 + static_cast<int>(row / 3000);
+    }
+    values[rows - 2] = values[rows - 1] = 100;
+    for (const bool sorted : {false, true}) {
+        if (sorted)
+            std::sort(values.begin(), values.end());
+        for (const int threads : thread_counts) {
+            check_numbers(values, heads::void_head, threads);
+            check_numbers(values, heads::shuffled, threads);
+            for (const auto sharing :
+                 {refkernel::text_sharing::once, refkernel::text_sharing::anew}) {
+                refkernel::text_builder builder({.sharing = sharing, .offset_width = 1});
+                std::vector<std::string> keys;
+                for (const std::int32_t value : values)
+                    builder.append(keys.emplace_back(std::to_string(value)));
+                const std::vector<oid> oids = head_oids(heads::void_head, rows, 100, rows);
+                check_road<str>(builder.finish(head_options(heads::void_head, oids)), keys, oids,
+                                threads);
+            }
+        }
+    }
+}
+
 TEST(HashGroup, NoThreadsFailAtOnce) {
     const kernel_settings settings(0);
     const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
