@@ -1,4 +1,5 @@
 #include "refkernel/algebra/column_keys.h"
+#include "refkernel/algebra/derive_lone_rows.h"
 #include "refkernel/algebra/group_result.h"
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/old_groups.h"
@@ -174,7 +175,7 @@ void derive(std::int32_t *histogram, std::int32_t *map, const std::array<std::in
     const held_bat extents(inputs[0]);
     const held_bat group_map(inputs[1]);
     const held_bat b(inputs[2]);
-    const old_groups groups(*extents, *group_map, *b);
+    const row_parents parents(*extents, *group_map, *b);
     require_groupable_tail(*b);
     group_result result(*b);
     const extents_maker make_extents = [&result](BUN count) { return result.make_extents(count); };
@@ -183,10 +184,12 @@ void derive(std::int32_t *histogram, std::int32_t *map, const std::array<std::in
     const bool unique =
         b->tail->key != 0 || (group_map->tail->key != 0 && heads_are_aligned(*group_map, *b));
     std::optional<BUN> first_outside;
-    if (unique && !has_nil(groups.ids(), task.rows))
+    if (unique && !has_nil(parents.ids(), task.rows)) {
         group_unique_rows(task);
-    else
+    } else if (!derive_lone_rows(parents.ids(), *extents, *b, task)) {
+        const old_groups groups(parents, *extents, task.rows);
         first_outside = group_pairs(groups, *b, task, result);
+    }
     name_groups(result, *b, first_outside);
     result.hand_over(false, histogram, map);
 }

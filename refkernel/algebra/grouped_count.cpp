@@ -16,7 +16,8 @@ std::int32_t count(const std::array<std::int32_t, 3> &inputs) {
     const held_bat values(inputs[0]);
     const held_bat group_map(inputs[1]);
     const held_bat extents(inputs[2]);
-    old_groups groups(*extents, *group_map, *values);
+    const row_parents parents(*extents, *group_map, *values);
+    const old_groups groups(parents, *extents, values->info->count);
     // One more for the rows that are in no group.
     std::vector<wrd> counts(std::size_t{groups.count()} + 1);
     std::array<std::uint32_t, block_rows> numbers;

@@ -15,18 +15,16 @@ constexpr std::uint32_t no_number = std::numeric_limits<std::uint32_t>::max();
 
 } // namespace
 
-old_groups::old_groups(BAT &extents, BAT &map, BAT &b)
-    : count_(extents.info->count), first_of_extents_(extents.info->first) {
+row_parents::row_parents(BAT &extents, BAT &map, BAT &b) {
     require_row_head(b);
     require_row_head(map);
     require_row_head(extents);
     if (map.tail->type != TYPE_oid && !is_void(*map.tail))
         throw failure("group map of oids required");
     collect_ids(map, b);
-    number_ids(extents, b.info->count);
 }
 
-void old_groups::collect_ids(BAT &map, const BAT &b) {
+void row_parents::collect_ids(BAT &map, const BAT &b) {
     const BUN rows = b.info->count;
     const row_ids map_ids = ids_of(*map.tail, *map.info);
     const bool aligned = heads_are_aligned(map, b);
@@ -47,6 +45,11 @@ void old_groups::collect_ids(BAT &map, const BAT &b) {
         const BUN found = lookup.find(heads[row]);
         collected_ids_[row] = found == NO_BUN ? oid_nil : map_ids[found - map.info->first];
     }
+}
+
+old_groups::old_groups(const row_parents &parents, BAT &extents, BUN rows)
+    : count_(extents.info->count), ids_(parents.ids()), first_of_extents_(extents.info->first) {
+    number_ids(extents, rows);
 }
 
 void old_groups::number_ids(BAT &extents, BUN rows) {
