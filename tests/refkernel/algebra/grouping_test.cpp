@@ -311,6 +311,24 @@ TEST_F(Refinement, IsThatOfTheReferenceForAlignedAndLookedUpRows) {
     }
 }
 
+// Rows that are alone in their groups are not looked at.
+TEST_F(Refinement, OfGroupsThatHardlyShareRows) {
+    const std::size_t rows = 3000;
+    for (const heads kind : support::all_heads) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed << " head " << static_cast<int>(kind));
+        const std::vector<oid> oids = head_oids(kind, rows, 70, rows);
+        const column_options options = head_options(kind, oids, 4);
+        const result old = run_group(numbers<std::int32_t>(rows, {20000, 1, 0}, options, random));
+        for (const spread &s : {spread{2, 1, 2}, spread{60, 1, 2}, spread{~0ULL, 1, 0}}) {
+            expect_derived_by_all_types(old.histogram, old.map, rows, s, options);
+            expect_derived_by_all_types(old.histogram, reordered_map(old, 1, false, random), rows,
+                                        s, options);
+            expect_derived_by_all_types(old.histogram, reordered_map(old, 0.95, true, random), rows,
+                                        s, options);
+        }
+    }
+}
+
 TEST_F(Refinement, GoesOnFromItsOwnResultsAndFromSamples) {
     const std::size_t rows = 20000;
     result old = run_group(numbers<sht>(rows, {7, 1, 1}, {}, random));
