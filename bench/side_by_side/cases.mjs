@@ -63,7 +63,7 @@ export const cases = [
     {
         id: "sum_by_id1_id2",
         title: "sum v1 by id1, id2",
-        bound: "refinement: rows written to buckets and back, pages of new memory",
+        bound: "one pass that numbers and counts the pairs, then the map written",
         keys: ["id1", "id2"],
         results: [sum("v1")],
     },
@@ -91,7 +91,7 @@ export const cases = [
     {
         id: "median_sd_by_id4_id5",
         title: "median, sd v3 by id4, id5",
-        bound: "refinement; scattering rows to groups; selection",
+        bound: "moving values to their groups; selection",
         keys: ["id4", "id5"],
         results: [
             call("vask_grp_median", ["v3"], interpolatedMedian),
@@ -112,7 +112,7 @@ export const cases = [
     {
         id: "largest_by_id6",
         title: "largest v3 by id6",
-        bound: "scattering rows to groups for a selection; no scan for the largest",
+        bound: "cache misses: a group's place and its largest so far, of 1e5 groups",
         keys: ["id6"],
         results: [call("vask_grp_largest", ["v3"], "max(v3)", { parameter: 1 })],
         noMissing: true,
@@ -120,7 +120,7 @@ export const cases = [
     {
         id: "second_largest_by_id6",
         title: "second largest v3 by id6",
-        bound: "scattering rows to groups; selection",
+        bound: "cache misses: as the largest",
         keys: ["id6"],
         results: [call("vask_grp_largest", ["v3"], secondLargest, { parameter: 2 })],
         noMissing: true,
@@ -128,7 +128,7 @@ export const cases = [
     {
         id: "r2_by_id2_id4",
         title: "r² of v1, v2 by id2, id4",
-        bound: "refinement",
+        bound: "a nil test by the kernel's comparison for each row; six sums of 1e4 groups",
         keys: ["id2", "id4"],
         results: [
             call("vask_grp_correl", ["v1", "v2"], "power(corr(v1, v2), 2)", { squared: true }),
@@ -137,14 +137,14 @@ export const cases = [
     {
         id: "sum_count_by_six",
         title: "sum v3, count by all six ids",
-        bound: "hash misses: refinement by id3 makes 1e7 groups",
+        bound: "1e7 groups appended by one thread; pages of new memory",
         keys: ["id1", "id2", "id3", "id4", "id5", "id6"],
         results: [sum("v3"), call("rows", [], "count(*)")],
     },
     {
         id: "sum",
         title: "sum v3",
-        bound: "bandwidth",
+        bound: "latency of additions in row order",
         results: [call("vask_sum_dbl", ["v3"], "sum(v3)", scalar("dbl"))],
     },
     {
@@ -180,7 +180,7 @@ export const cases = [
     {
         id: "sd_skewness",
         title: "sd, skewness v3",
-        bound: "bandwidth, two passes",
+        bound: "latency of additions in row order, two passes",
         results: [
             call("vask_stdev", ["v3"], { duckdb: "stddev_samp(v3)", clickhouse: "stddevSamp(v3)" }, scalar("dbl")),
             call("vask_skews", ["v3"], sampleSkewness, scalar("dbl")),
@@ -204,7 +204,7 @@ export const cases = [
     {
         id: "mode_by_id4",
         title: "mode v3 by id4",
-        bound: "sort of each group",
+        bound: "values dealt out by hash, then counted",
         keys: ["id4"],
         results: [call("vask_grp_mode", ["v3"], "")],
         sql: mode("v3", "id4"),
