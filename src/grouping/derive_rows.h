@@ -18,9 +18,7 @@ class map_rows {
 public:
     //! `synced`: row i of b is known to belong to row i of the map.
     map_rows(const BAT &b, BAT &map, bool synced)
-        : heads_(*b.head, b),
-          ids_(rows_of<const oid>(*map.tail)),
-          distance_(map.info->first - b.info->first) {
+        : heads_(*b.head, b), ids_(*map.tail, map), distance_(map.info->first - b.info->first) {
         if (!synced)
             places_.emplace(map);
     }
@@ -30,16 +28,17 @@ public:
         return places_ ? places_->find(heads_[row]) : row + distance_;
     }
 
-    //! The map's rows of the rows from a position of b on, where both belong together one by one.
+    //! The map's rows of the rows from a position of b on, where both belong together one by one;
+    //! null where they do not, or where a void map stores none.
     const oid *aligned_ids(BUN row) const noexcept {
-        return places_ ? nullptr : ids_ + row + distance_;
+        return places_ || ids_.stored == nullptr ? nullptr : ids_.stored + row + distance_;
     }
 
     oid id_at(BUN place) const noexcept { return ids_[place]; }
 
 private:
     oid_reader heads_;
-    const oid *ids_;
+    oid_reader ids_;
     BUN distance_;
     std::optional<oid_lookup> places_;
 };

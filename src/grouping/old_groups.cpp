@@ -17,7 +17,9 @@ constexpr BUN no_group = std::numeric_limits<BUN>::max();
 bool pays(std::uint64_t places, BUN groups) noexcept {
     constexpr std::uint64_t places_per_group = 64;
     constexpr std::uint64_t small_table = 1 << 16;
-    return places <= small_table + places_per_group * groups;
+    // Ids of all 32 bits have more places than can be numbered.
+    return places <= std::min<std::uint64_t>(small_table + places_per_group * groups,
+                                             std::numeric_limits<BUN>::max());
 }
 
 //! Without vector instructions: their gathers take twice as long as loads one by one. All by value:

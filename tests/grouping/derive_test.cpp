@@ -340,6 +340,20 @@ TEST(Derive, RowsAndGroupsThatAreNotThere) {
     }
 }
 
+TEST(Derive, VoidMapsHoldTheOidsThatTheyCount) {
+    for (const map_kind map : {map_kind::aligned, map_kind::dense}) {
+        const layout l{.rows = 3000, .groups = 3000, .map = map, .dense_histo = true};
+        old_grouping old(l);
+        std::iota(old.parents.begin(), old.parents.end(), oid{7});
+        old.map = refkernel::make_void_column(l.rows, 7, head_options(l.head, old.heads, 2));
+        const auto values = random_values<std::int32_t>(l.rows, 2, 0, 1);
+        const bat b = refkernel::make_column<std::int32_t>(values, head_options(l.head, old.heads));
+        const plain_groups expected = refine_plainly(old, keys_by_bits(values));
+        check_road(vask_pairs_derive<std::int32_t>, false, l, b, old, expected);
+        check_road(vask_buckets_derive<std::int32_t>, true, l, b, old, expected);
+    }
+}
+
 // ---- the exported function ----------------------------------------------------------------------
 
 struct derived {
