@@ -5,9 +5,9 @@
 
 #include "kernel/frame.h"
 #include "kernel/oid_lookup.h"
+#include "kernel/row_ranges.h"
 #include "kernel/slot_table.h"
 
-#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <optional>
@@ -35,9 +35,9 @@ struct grouped_rows {
 };
 
 //! Where the row of the group map stands that belongs to a row of the values.
-class map_rows {
+class row_finder {
 public:
-    explicit map_rows(const grouped_rows &in)
+    explicit row_finder(const grouped_rows &in)
         : heads_(*in.b->head, *in.b), offset_(in.g->info->first - in.b->info->first) {
         if (!in.synced)
             lookup_.emplace(*in.g);
@@ -56,7 +56,7 @@ private:
 //! Finds the groups of rows. Extents is what finds an oid in the extents.
 template <class Extents>
 struct group_finder {
-    map_rows rows;
+    row_finder rows;
     oid_reader gids;
     Extents extents;
     BUN first;
@@ -78,7 +78,7 @@ struct group_finder {
 //! row is in the map, and whether or not `table` then spares its use: the kernel sees the builds.
 template <class Visit>
 bool with_group_finder(const grouped_rows &in, const slot_table *table, row_range r, Visit visit) {
-    const map_rows rows(in);
+    const row_finder rows(in);
     if (rows.find(r.begin) == NO_BUN)
         return false;
     const oid_lookup lookup(*in.e);
@@ -90,13 +90,6 @@ bool with_group_finder(const grouped_rows &in, const slot_table *table, row_rang
     if (table != nullptr)
         return visit(group_finder<slot_table>{rows, gids, *table, first, end});
     return visit(group_finder<oid_lookup>{rows, gids, lookup, first, end});
-}
-
-//! How many ranges the rows are cut into: one per thread, however few rows there are; the kernel's
-//! partition settings are for work whose results are the smaller part of it. 0 without rows or
-//! threads.
-inline BUN row_range_count(const BAT &b) {
-    return std::min(b.info->count, static_cast<BUN>(GDKnr_threads));
 }
 
 //! Calls `visit(i, range, finder)` in a task for every range of a plan of one range or more. False

@@ -94,7 +94,7 @@ public:
     bool gather(const grouped_rows &in) {
         if constexpr (std::same_as<S, T>) {
             using outcome = typename largest_per_group<T>::outcome;
-            const BUN nranges = row_range_count(*in.b);
+            const BUN nranges = vask_range_count(*in.b);
             if (largest_per_group<T>::is_worthwhile(k_, in.e->info->count, nranges,
                                                     in.b->info->count)) {
                 const outcome found =

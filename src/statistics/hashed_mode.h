@@ -1,6 +1,7 @@
 // The most frequent of many values by hashing, where a sort would do more than is asked.
 #pragma once
 
+#include "kernel/gdk_vector.h"
 #include "kernel/huge_pages.h"
 #include "kernel/isa.h"
 #include "kernel/key_hash.h"
@@ -12,7 +13,6 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <optional>
@@ -134,10 +134,6 @@ private:
     int used_bits_ = 0;
 };
 
-struct free_block {
-    void operator()(void *block) const noexcept { std::free(block); }
-};
-
 //! Calls `f(i)` for 0 .. n - 1, in tasks if there are several.
 template <class F>
 void for_each_chunk(std::size_t n, F f) {
@@ -161,8 +157,7 @@ std::optional<frequent_value<T>> hash_mode(std::span<const T> values) {
     const int share_bits =
         std::clamp(static_cast<int>(std::bit_width(n / values_per_table)), 0, most_share_bits);
     const std::size_t shares = std::size_t{1} << share_bits;
-    const std::unique_ptr<T[], free_block> dealt(
-        static_cast<T *>(shares == 1 ? nullptr : std::malloc(n * sizeof(T))));
+    const gdk_block<T> dealt(static_cast<T *>(shares == 1 ? nullptr : GDKmalloc(n * sizeof(T))));
     const std::size_t chunks = std::clamp<std::size_t>(n / values_per_task, 1, most_chunks);
     const std::unique_ptr<std::uint32_t[]> next(new (std::nothrow)
                                                     std::uint32_t[chunks * shares + 1]());

@@ -39,7 +39,7 @@ public:
             cut_into_runs(0);
             return true;
         }
-        const BUN nranges = row_range_count(*in.b);
+        const BUN nranges = vask_range_count(*in.b);
         if (nranges == 0)
             return false;
         const BUN first = in.b->info->first;
