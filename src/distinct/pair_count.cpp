@@ -31,7 +31,7 @@ private:
     // The set of so many pairs stays in the second-level cache. Between a quarter of it and four
     // times as many there is no difference.
     static constexpr std::uint64_t part_rows = 8192;
-    // Each task has a line of 3 KB in the cache for each four parts.
+    // Each task keeps a line of up to 192 bytes of each part in the cache.
     static constexpr std::uint64_t most_parts = std::uint64_t{1} << 14;
 
     std::size_t parts_;
@@ -78,17 +78,17 @@ void count_parts(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pa
 template <class Kind>
 void count_dealt(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pair>> &dealt,
                  part_plan plan, std::uint64_t ntasks, BUN groups, wrd *counts) {
-    gdk_vector<gdk_vector<std::uint32_t>> found(ntasks);
+    gdk_vector<gdk_block<std::uint32_t>> found(ntasks);
     task_set tasks;
     for (std::uint64_t i = 0; i < ntasks; ++i)
         tasks.spawn([=, &dealt, &found] {
-            found[i] = gdk_vector<std::uint32_t>(groups);
+            found[i].reset(gdk_allocate_zeroed<std::uint32_t>(groups));
             count_parts(kind, dealt, plan.parts() * i / ntasks, plan.parts() * (i + 1) / ntasks,
-                        found[i].data());
+                        found[i].get());
         });
     tasks.wait();
     run_row_loop(groups, [=, &found](row_range r) {
-        for (const gdk_vector<std::uint32_t> &part : found)
+        for (const gdk_block<std::uint32_t> &part : found)
             for (BUN j = r.begin; j < r.end; ++j)
                 counts[j] += part[j];
     });

@@ -70,11 +70,8 @@ bool count_by_window(const grouped_values &inputs, const slot_table *table, std:
     const number_keys<T> keys(*inputs.b->tail);
     const partition_plan plan(*inputs.b, nranges);
     gdk_vector<gdk_block<std::uint64_t>> tables(nranges);
-    for (gdk_block<std::uint64_t> &t : tables) {
-        t.reset(zeroed_array<std::uint64_t>(groups * stride));
-        if (t == nullptr)
-            throw bad_allocation();
-    }
+    for (gdk_block<std::uint64_t> &t : tables)
+        t.reset(gdk_allocate_zeroed<std::uint64_t>(groups * stride));
     bte ok = 1;
     run_partitions(plan, [=, &inputs, &tables, &ok](std::uint64_t part, row_range range) {
         std::uint64_t *words = tables[part].get();

@@ -23,13 +23,19 @@ public:
 //! Uninitialised room for n elements from GDKmalloc. Throws std::length_error ("vector<T> too
 //! long") when the size cannot be expressed and bad_allocation when GDKmalloc gives null.
 template <class T>
-T *gdk_allocate(std::size_t n) {
+T *gdk_allocate(std::size_t n, void *(*allocate)(std::size_t) = GDKmalloc) {
     if (n > std::numeric_limits<std::size_t>::max() / sizeof(T))
         throw std::length_error("vector<T> too long");
-    void *block = GDKmalloc(n * sizeof(T));
+    void *block = allocate(n * sizeof(T));
     if (block == nullptr)
         throw bad_allocation();
     return static_cast<T *>(block);
+}
+
+//! The same from GDKzalloc, zeroed.
+template <class T>
+T *gdk_allocate_zeroed(std::size_t n) {
+    return gdk_allocate<T>(n, GDKzalloc);
 }
 
 struct gdk_release {

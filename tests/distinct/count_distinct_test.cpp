@@ -296,7 +296,8 @@ TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
     };
     for (const auto op : {bat_new, bat_sample, grp_group, gdk_zalloc, gdk_malloc, view_combine})
         fail_each(column, op);
-    fail_each(far, gdk_malloc);
+    for (const auto op : {gdk_zalloc, gdk_malloc})
+        fail_each(far, op);
     grouping unknown(s, random); // has a group that the extents do not hold
     unknown.map.mutable_values<oid>()[s.rows - 1] = 9999;
     const bat no_storage = refkernel::make_void_column(s.rows, 0, g.value_options(s, TYPE_void));
