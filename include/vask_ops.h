@@ -345,8 +345,9 @@ VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *
  * Which way: the kernel's GRPderive and AX3aggrX3_count3Nils (whose result is the
  * result) with more than 1,000,000 groups, when the head of the values or of the
  * map is not ascending, or with fewer than 300 different values in a sample of
- * 1024 rows; otherwise lists of each group's values, made and counted in
- * parallel. That road takes tails stored as bit, 2, bte, sht, int, lng, flt, dbl and str.
+ * 1024 rows; otherwise the pairs of a group and a value, or for integers that lie
+ * close together a bit for each pair there can be, are counted in parallel. That
+ * road takes tails stored as bit, 2, bte, sht, int, lng, flt, dbl and str.
  * Errors, place "aggr.countd": "operation failed" for everything, such as a BAT
  * that is not there, a type without a road, a group that is not in the extents,
  * and memory that runs out. The kernel operators' exceptions are passed on.
@@ -506,7 +507,8 @@ VASK_EXPORT char *vask_percentile(double *result, const int32_t *bid, const int3
  * parameter. Input parameter should be a positive integer.". A column of a type
  * without a storage class, such as void or str, is answered with the bare text
  * "statistics.func": this is no exception string and not to be freed.
- * Memory: as the median, at the column's width.
+ * Memory: as the median, at the column's width; the mode as much again, if it can
+ * be had.
  */
 VASK_EXPORT char *vask_largest(void *result, const int32_t *bid, const int32_t *k);
 VASK_EXPORT char *vask_mode(void *result, const int32_t *bid);
@@ -523,7 +525,8 @@ VASK_EXPORT char *vask_mode(void *result, const int32_t *bid);
  * Result: read-only; median, quartile and percentile of type dbl, largest and
  * mode of b's. A group without rows has the nil; then the tail is marked nil.
  * Errors: as the whole-column forms.
- * Memory: two copies of the values, and three pointers per group and thread.
+ * Memory: a copy of the values, 8 bytes per row and 4 per group and thread; in
+ * each task a copy of the values of the groups that it works on.
  */
 VASK_EXPORT char *vask_grp_median(int32_t *result, const int32_t *b, const int32_t *g,
                                   const int32_t *e);
