@@ -39,7 +39,11 @@ struct min_max {
     };
 
     VASK_ALWAYS_INLINE static void add(partial &p, T value) noexcept {
-        p.value = !p.seen || better<which>(value, p.value) ? value : p.value;
+        // In two steps, of which the first is one instruction for floats, too, and the second a
+        // branch that is hardly ever taken; in one it is a branch on the comparison (minimum of
+        // 1e7 dbl in 100,000 groups: 19 ms, against 25).
+        const T best = better<which>(value, p.value) ? value : p.value;
+        p.value = p.seen ? best : value;
         p.seen = true;
     }
 
