@@ -1,5 +1,5 @@
-// Rows cut by the number of threads alone, as grouping, distinct count, grouped order statistics and
-// union do it: contiguous ranges, one per kernel thread.
+// Rows cut by the number of threads alone, as grouping, distinct count, grouped order statistics
+// and the union do it: contiguous ranges, one per kernel thread.
 #pragma once
 
 #include "kernel/bat.h"
