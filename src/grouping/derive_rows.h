@@ -31,7 +31,9 @@ public:
     //! The map's rows of the rows from a position of b on, where both belong together one by one;
     //! null where they do not, or where a void map stores none.
     const oid *aligned_ids(BUN row) const noexcept {
-        return places_ || ids_.stored == nullptr ? nullptr : ids_.stored + row + distance_;
+        // As a position, which wraps where the map begins before b does.
+        const BUN place = row + distance_;
+        return places_ || ids_.stored == nullptr ? nullptr : ids_.stored + place;
     }
 
     oid id_at(BUN place) const noexcept { return ids_[place]; }

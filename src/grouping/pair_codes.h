@@ -96,7 +96,7 @@ struct memo_codes {
 
     class resolver {
     public:
-        explicit resolver(const memo_codes &) noexcept {}
+        explicit resolver(const memo_codes &) {}
 
         std::uint32_t find(const memo_codes &codes, std::uint32_t code, std::uint32_t next) {
             const key_type key = codes.met[code];

@@ -37,7 +37,7 @@ struct layout {
     heads head = heads::void_head;
     map_kind map = map_kind::aligned;
     bool dense_histo = false;
-    BUN first = 0; // of the column; the others begin one later
+    BUN first = 0; // of the column
     int threads = 2;
     std::uint64_t seed = 1;
 
@@ -57,6 +57,8 @@ struct old_grouping {
     bat histo;
 
     explicit old_grouping(const layout &l) : heads(head_oids(l.head, l.rows, 40, l.seed)) {
+        // Before where the column does, at the same place, or behind.
+        const auto first = static_cast<BUN>(l.seed / 2 % 3 * 4);
         std::mt19937_64 random(l.seed);
         std::vector<oid> ids = head_oids(
             l.dense_histo ? support::heads::dense : support::heads::shuffled, l.groups, 7, l.seed);
@@ -92,14 +94,14 @@ struct old_grouping {
             map_parents.push_back(parent);
         }
         map = refkernel::make_column<oid>(std::span<const oid>(map_parents),
-                                          head_options(kind, map_heads, l.first + 1));
+                                          head_options(kind, map_heads, first));
         std::vector<wrd> sizes;
         for (const oid id : ids)
             sizes.push_back(std::count(parents.begin(), parents.end(), id));
         histo = refkernel::make_column<wrd>(
             std::span<const wrd>(sizes),
             head_options(l.dense_histo ? support::heads::dense : support::heads::shuffled, ids,
-                         l.first + 1));
+                         first));
     }
 };
 
@@ -466,16 +468,22 @@ TEST(VaskDerive, FailingKernelCalls) {
         {operation::bat_extend, {"operation failed"}},
         {operation::gdk_malloc, {"operation failed"}},
     };
-    for (const BUN groups : {1U, 20U, 500U}) // by pairs, by counting, by buckets
+    // By pairs, by counting and by buckets; doubles are counted by numbers of their own.
+    for (const auto &[groups, doubles] :
+         {std::pair(1U, false), {20U, false}, {20U, true}, {500U, false}})
         for (const auto &[op, expected] : texts) {
             std::set<std::string> seen;
-            for (std::uint64_t nth = 1;; nth += 1 + nth / 8) {
+            for (std::uint64_t nth = 1;; nth += 1 + nth / 64) {
                 SCOPED_TRACE(::testing::Message()
                              << operation_name(op) << ' ' << nth << ", " << groups << " groups");
                 const layout l{.rows = 20000, .groups = groups};
                 const old_grouping old(l);
-                const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
-                                                     head_options(l.head, old.heads));
+                const auto options = head_options(l.head, old.heads);
+                const bat b =
+                    doubles
+                        ? refkernel::make_column(random_values<double>(l.rows, 6, 0, 1), options)
+                        : refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
+                                                 options);
                 const checkpoint before;
                 derived result;
                 std::uint64_t failures = 0;
