@@ -1,6 +1,6 @@
 #include "bench/read_unit.h"
 
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <cstdint>
 #include <numeric>

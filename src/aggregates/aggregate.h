@@ -14,7 +14,7 @@
 
 #include "kernel/bat.h"
 #include "kernel/column.h"
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 namespace vask {
 

@@ -4,8 +4,8 @@
 #include "aggregates/aggregate.h"
 #include "aggregates/state_blocks.h"
 #include "kernel/frame.h"
-#include "kernel/oid_lookup.h"
-#include "kernel/slot_table.h"
+#include "rows/oid_lookup.h"
+#include "rows/slot_table.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,8 +2,8 @@
 #include "distinct/window_count.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "kernel/key_hash.h"
-#include "kernel/row_ranges.h"
+#include "rows/key_hash.h"
+#include "rows/row_ranges.h"
 #include "vask_ops.h"
 
 #include <concepts>

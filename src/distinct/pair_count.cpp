@@ -2,7 +2,7 @@
 
 #include "distinct/pair_parts.h"
 #include "distinct/pairs.h"
-#include "kernel/open_addressing.h"
+#include "rows/open_addressing.h"
 
 #include <algorithm>
 #include <atomic>

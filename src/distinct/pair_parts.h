@@ -1,10 +1,10 @@
 // Pairs of a group and a value, dealt out to parts.
 #pragma once
 
-#include "kernel/gdk_vector.h"
-#include "kernel/huge_pages.h"
-#include "kernel/isa.h"
-#include "kernel/streaming.h"
+#include "rows/gdk_vector.h"
+#include "rows/huge_pages.h"
+#include "rows/isa.h"
+#include "rows/streaming.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kernel/column.h"
-#include "kernel/key_hash.h"
+#include "rows/key_hash.h"
 
 #include <array>
 #include <bit>

@@ -5,9 +5,9 @@
 #include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
-#include "kernel/isa.h"
-#include "kernel/oid_lookup.h"
-#include "kernel/slot_table.h"
+#include "rows/isa.h"
+#include "rows/oid_lookup.h"
+#include "rows/slot_table.h"
 
 #include <algorithm>
 #include <array>

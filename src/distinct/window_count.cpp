@@ -1,8 +1,8 @@
 #include "distinct/window_count.h"
 
-#include "grouping/column_keys.h"
-#include "grouping/custom_mask.h"
-#include "kernel/gdk_vector.h"
+#include "grouping/table/custom_mask.h"
+#include "rows/column_keys.h"
+#include "rows/gdk_vector.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "distinct/row_slots.h"
-#include "grouping/key_window.h"
+#include "rows/key_window.h"
 
 #include <concepts>
 #include <cstdint>

@@ -3,7 +3,7 @@
 
 #include "grouping/bunfastins.h"
 #include "kernel/column.h"
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <algorithm>
 

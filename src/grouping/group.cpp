@@ -1,11 +1,11 @@
 #include "grouping/group_finish.h"
 #include "grouping/group_select.h"
-#include "grouping/hash_group.h"
-#include "grouping/sort_group.h"
+#include "grouping/hash/hash_group.h"
+#include "grouping/sort/sort_group.h"
 #include "kernel/column.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "kernel/key_hash.h"
+#include "rows/key_hash.h"
 #include "vask_ops.h"
 
 namespace vask {

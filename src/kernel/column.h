@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kernel/bat.h"
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,8 +1,8 @@
-#include "kernel/atom_nil_test.h"
 #include "kernel/frame.h"
-#include "kernel/gdk_vector.h"
-#include "kernel/row_conversion.h"
-#include "kernel/row_ranges.h"
+#include "rows/atom_nil_test.h"
+#include "rows/gdk_vector.h"
+#include "rows/row_conversion.h"
+#include "rows/row_ranges.h"
 #include "vask_ops.h"
 
 #include <algorithm>

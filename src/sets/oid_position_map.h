@@ -2,8 +2,8 @@
 #pragma once
 
 #include "kernel/bat.h"
-#include "kernel/open_addressing.h"
-#include "kernel/table_keys.h"
+#include "rows/open_addressing.h"
+#include "rows/table_keys.h"
 
 namespace vask {
 

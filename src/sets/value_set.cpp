@@ -1,6 +1,6 @@
 #include "sets/value_set.h"
 
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 
 #include "statistics/order_statistics_frame.h"
 
-#include "kernel/gdk_vector.h"
+#include "rows/gdk_vector.h"
 #include "vask_ops.h"
 
 namespace vask {

@@ -1,7 +1,7 @@
 // The most frequent of integers that lie close together, by counting and not by sorting.
 #pragma once
 
-#include "kernel/isa.h"
+#include "rows/isa.h"
 #include "statistics/hashed_mode.h"
 
 #include <algorithm>

@@ -4,9 +4,9 @@
 #pragma once
 
 #include "kernel/frame.h"
-#include "kernel/oid_lookup.h"
-#include "kernel/row_ranges.h"
-#include "kernel/slot_table.h"
+#include "rows/oid_lookup.h"
+#include "rows/row_ranges.h"
+#include "rows/slot_table.h"
 
 #include <atomic>
 #include <exception>

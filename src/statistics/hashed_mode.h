@@ -1,10 +1,10 @@
 // The most frequent of many values by hashing, where a sort would do more than is asked.
 #pragma once
 
-#include "kernel/gdk_vector.h"
-#include "kernel/huge_pages.h"
-#include "kernel/isa.h"
-#include "kernel/key_hash.h"
+#include "rows/gdk_vector.h"
+#include "rows/huge_pages.h"
+#include "rows/isa.h"
+#include "rows/key_hash.h"
 #include "statistics/order_key.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 // that the values need not be brought together.
 #pragma once
 
-#include "kernel/gdk_vector.h"
-#include "kernel/huge_pages.h"
+#include "rows/gdk_vector.h"
+#include "rows/huge_pages.h"
 #include "statistics/group_rows.h"
 #include "statistics/order_key.h"
 

@@ -2,7 +2,7 @@
 
 #include "kernel/column.h"
 #include "kernel/element_types.h"
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <algorithm>
 

@@ -4,9 +4,9 @@
 #pragma once
 
 #include "aggregates/group_scan.h"
-#include "kernel/atom_nil_test.h"
 #include "kernel/frame.h"
-#include "kernel/row_conversion.h"
+#include "rows/atom_nil_test.h"
+#include "rows/row_conversion.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,7 @@
 // The value at a rank of an array that lies in a cache, by counting how its keys are spread.
 #pragma once
 
-#include "kernel/isa.h"
+#include "rows/isa.h"
 #include "statistics/order_key.h"
 
 #include <algorithm>

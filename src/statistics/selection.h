@@ -3,7 +3,7 @@
 #pragma once
 
 #include "kernel/column.h"
-#include "kernel/isa.h"
+#include "rows/isa.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
 #include "statistics/rank_buckets.h"

@@ -5,8 +5,8 @@
 // 1e7 doubles in 10,000 groups on two cores: 76 ms, against 64 ms).
 #pragma once
 
-#include "kernel/gdk_vector.h"
-#include "kernel/huge_pages.h"
+#include "rows/gdk_vector.h"
+#include "rows/huge_pages.h"
 #include "statistics/group_rows.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "aggregates/plain_aggregates.h"
-#include "kernel/isa.h"
 #include "refkernel/instrumentation.h"
+#include "rows/isa.h"
 #include "support/grouped_reference.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"

@@ -1,7 +1,7 @@
 // The instruction sets that row loops are compiled for, by turns.
 #pragma once
 
-#include "kernel/isa.h"
+#include "rows/isa.h"
 
 #include <cstdint>
 

@@ -1,0 +1,40 @@
+// The nil test of the kernel's own making: a call of the type's comparison per element.
+#pragma once
+
+#include "kernel/bat.h"
+#include "kernel/column.h"
+#include "rows/isa.h"
+
+namespace vask {
+
+//! Whether the element at a position is nil, as the column's type itself compares: the comparison
+//! sees every element that is asked for, once, so callers ask for no more than they need. A plain
+//! value for row loops. The column must store its elements.
+struct atom_nil_test {
+    const char *base;
+    const void *nil;
+    int (*compare)(const void *, const void *);
+    std::uint8_t shift;
+
+    explicit atom_nil_test(const BATcol &column) noexcept
+        : base(static_cast<const char *>(column.base)),
+          nil(BATatoms[column.type].atom_null),
+          compare(BATatoms[column.type].atom_cmp),
+          shift(column.shift) {}
+
+    VASK_ALWAYS_INLINE bool operator()(BUN p) const {
+        return compare(nil, base + (std::size_t{p} << shift)) == 0;
+    }
+};
+
+//! The rows of two columns at which neither is nil; the second is not looked at where the first is.
+struct paired_atom_nil_test {
+    atom_nil_test first;
+    atom_nil_test second;
+
+    paired_atom_nil_test(const BATcol &a, const BATcol &b) noexcept : first(a), second(b) {}
+
+    VASK_ALWAYS_INLINE bool both_values(BUN p) const { return !first(p) && !second(p); }
+};
+
+} // namespace vask

@@ -1,0 +1,42 @@
+#include "rows/oid_lookup.h"
+
+#include "kernel/frame.h"
+
+#include <atomic>
+
+namespace vask {
+
+namespace {
+
+//! The hash of b's head, built if there is none; null when it cannot be.
+const BAThashtable *head_hash(BAT &b) {
+    // Another task may be building it: its store of the pointer publishes the table.
+    const std::atomic_ref<BAThashtable *> hash(b.head->hash);
+    if (hash.load(std::memory_order_acquire) == nullptr && BAThash(&b, 0) == nullptr) {
+        GDKfatal("HASHfnd_oid: hash build failed on %s.\n", vask_bat_name(b.bat_id));
+        return nullptr;
+    }
+    return hash.load(std::memory_order_acquire);
+}
+
+constexpr BUN empty_bucket = NO_BUN;
+
+} // namespace
+
+oid_lookup::oid_lookup(BAT &b)
+    : head_(*b.head, b),
+      nil_(oid_nil),
+      count_(b.info->count),
+      dense_(is_dense(*b.head) && b.head->seqbase != oid_nil) {
+    if (dense_)
+        return;
+    if (const BAThashtable *hash = head_hash(b)) {
+        mask_ = hash->mask;
+        buckets_ = hash->buckets;
+        links_ = hash->links;
+    } else {
+        buckets_ = &empty_bucket;
+    }
+}
+
+} // namespace vask

@@ -1,0 +1,543 @@
+// Refinement: both parallel roads against the plain way, and the exported function around them.
+#include "grouping/buckets/buckets_derive.h"
+#include "grouping/pairs/pairs_derive.h"
+#include "kernel/column.h"
+#include "rows/key_hash.h"
+
+#include "grouping/plain_groups.h"
+#include "refkernel/instrumentation.h"
+#include "support/kernel_settings.h"
+#include "support/leak_guard.h"
+#include "vask_ops.h"
+
+#include <chrono>
+#include <functional>
+#include <set>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace vask;
+using namespace support;
+using refkernel::bat;
+using refkernel::checkpoint;
+using refkernel::exception;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+
+//! Whether the rows of the map are those of the column one by one, or found by oid: by arithmetic,
+//! or by hash.
+enum class map_kind { aligned, dense, hashed };
+
+//! How a case's column and old grouping are laid out.
+struct layout {
+    BUN rows = 1000;
+    BUN groups = 10;
+    heads head = heads::void_head;
+    map_kind map = map_kind::aligned;
+    bool dense_histo = false;
+    BUN first = 0; // of the column
+    int threads = 2;
+    std::uint64_t seed = 1;
+
+    friend std::ostream &operator<<(std::ostream &out, const layout &l) {
+        return out << l.rows << " rows, " << l.groups << " groups, head "
+                   << static_cast<int>(l.head) << ", map " << static_cast<int>(l.map)
+                   << (l.dense_histo ? ", dense histogram, first " : ", first ") << l.first << ", "
+                   << l.threads << " threads, seed " << l.seed;
+    }
+};
+
+//! An old grouping of the rows with the given head oids.
+struct old_grouping {
+    std::vector<oid> heads;   // of the column
+    std::vector<oid> parents; // old group of each of its rows
+    bat map;
+    bat histo;
+
+    explicit old_grouping(const layout &l) : heads(head_oids(l.head, l.rows, 40, l.seed)) {
+        // Before where the column does, at the same place, or behind.
+        const auto first = static_cast<BUN>(l.seed / 2 % 3 * 4);
+        std::mt19937_64 random(l.seed);
+        std::vector<oid> ids = head_oids(
+            l.dense_histo ? support::heads::dense : support::heads::shuffled, l.groups, 7, l.seed);
+        if (!l.dense_histo && l.seed % 4 == 1) // too far apart for a table of them
+            for (oid &id : ids)
+                id *= 100'003;
+        for (BUN row = 0; row < l.rows; ++row)
+            parents.push_back(ids[random() % l.groups]);
+
+        // The map's rows in an order of their own, with rows that the column does not have.
+        std::vector<std::pair<oid, oid>> rows;
+        for (BUN row = 0; row < l.rows; ++row)
+            rows.emplace_back(heads[row], parents[row]);
+        support::heads kind = l.head;
+        if (l.map == map_kind::dense) {
+            const oid last = *std::max_element(heads.begin(), heads.end());
+            std::vector<oid> by_oid(last + 3, oid_nil);
+            for (const auto &[head, parent] : rows)
+                by_oid[head] = parent;
+            rows.clear();
+            for (oid head = 20; head < by_oid.size(); ++head)
+                rows.emplace_back(head, by_oid[head]);
+            kind = l.seed % 2 == 0 ? support::heads::dense : support::heads::void_head;
+        } else if (l.map == map_kind::hashed) {
+            rows.emplace_back(3, ids[0]);
+            std::shuffle(rows.begin(), rows.end(), random);
+            kind = support::heads::shuffled;
+        }
+        std::vector<oid> map_heads;
+        std::vector<oid> map_parents;
+        for (const auto &[head, parent] : rows) {
+            map_heads.push_back(head);
+            map_parents.push_back(parent);
+        }
+        map = refkernel::make_column<oid>(std::span<const oid>(map_parents),
+                                          head_options(kind, map_heads, first));
+        std::vector<wrd> sizes;
+        for (const oid id : ids)
+            sizes.push_back(std::count(parents.begin(), parents.end(), id));
+        histo = refkernel::make_column<wrd>(
+            std::span<const wrd>(sizes),
+            head_options(l.dense_histo ? support::heads::dense : support::heads::shuffled, ids,
+                         first));
+    }
+};
+
+template <class Key>
+plain_groups refine_plainly(const old_grouping &old, const std::vector<Key> &keys) {
+    std::vector<std::pair<oid, Key>> pairs;
+    for (std::size_t row = 0; row < keys.size(); ++row)
+        pairs.emplace_back(old.parents[row], keys[row]);
+    return group_rows(pairs, old.heads);
+}
+
+using body = int (*)(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
+
+struct outcome {
+    int result;
+    plain_groups groups;
+    std::uint8_t ids_sorted;
+    std::uint8_t counts_sorted;
+};
+
+//! Runs a road's body.
+outcome run(body derive, const layout &l, const bat &b, const old_grouping &old) {
+    const kernel_settings settings(l.threads);
+    const bat grp = bat::adopt(BATnew(b->head->type, TYPE_oid, l.rows));
+    const bat ext = bat::adopt(BATnew(TYPE_oid, TYPE_wrd, 1));
+    if (BAThash(old.histo.record(), 0) == nullptr)
+        throw std::bad_alloc();
+    const int result = derive(grp.record(), ext.record(), b.record(), old.map.record(),
+                              old.histo.record(), l.map == map_kind::aligned);
+    if (l.head != heads::void_head && result == 1) {
+        const auto *map_heads = static_cast<const oid *>(grp->head->base);
+        EXPECT_TRUE(std::equal(old.heads.begin(), old.heads.end(), map_heads));
+    }
+    return {result, read_groups(*grp.record(), *ext.record(), l.rows), ext->head->sorted,
+            ext->tail->sorted};
+}
+
+//! The road's groups, in order of first rows and under the mark of the column's head, or by id.
+void check_road(body derive, bool by_id, const layout &l, const bat &b, const old_grouping &old,
+                const plain_groups &expected) {
+    const outcome made = run(derive, l, b, old);
+    ASSERT_EQ(made.result, 1);
+    EXPECT_EQ(difference(made.groups, by_id ? in_order_of_id(expected) : expected), "");
+    EXPECT_EQ(made.ids_sorted, by_id ? std::uint8_t{SORTED_ASCENDING} : sorted_mark(*b->head));
+    EXPECT_EQ(made.counts_sorted, 0);
+}
+
+template <class T>
+void check_numbers(const layout &l, const std::vector<T> &values) {
+    SCOPED_TRACE(::testing::Message() << l << ", " << sizeof(T) << " bytes");
+    const old_grouping old(l);
+    const bat b = refkernel::make_column<T>(std::span<const T>(values),
+                                            head_options(l.head, old.heads, l.first));
+    const leak_guard leaks;
+    check_road(vask_pairs_derive<T>, false, l, b, old, refine_plainly(old, keys_by_number(values)));
+    check_road(vask_buckets_derive<T>, true, l, b, old, refine_plainly(old, keys_by_bits(values)));
+}
+
+std::vector<layout> layouts() {
+    std::vector<layout> all;
+    std::uint64_t seed = 0;
+    for (const heads head : all_heads)
+        for (const map_kind map : {map_kind::aligned, map_kind::dense, map_kind::hashed})
+            for (const bool dense_histo : {false, true})
+                for (const BUN groups : {1U, 3U, 700U}) {
+                    const int threads[] = {2, 3, 1, 9};
+                    ++seed;
+                    all.push_back({seed % 3 == 0 ? 20000U : 999U, groups, head, map, dense_histo,
+                                   static_cast<BUN>(seed % 2 * 4), threads[seed % 4], seed});
+                }
+    return all;
+}
+
+TEST(Derive, NumbersOnBothRoads) {
+    for (const layout &l : layouts())
+        for_each_number_type([&]<class T>(T) {
+            const std::uint64_t distinct = l.seed % 2 == 0 ? 13 : 1000000;
+            check_numbers(l, random_values<T>(l.rows, distinct, l.seed % 5 == 0 ? 40 : 2, l.seed));
+        });
+}
+
+TEST(Derive, FewRowsAndManyThreads) {
+    for (const BUN rows : {1U, 2U, 9U})
+        for (const int threads : {1, 2, 8, 100})
+            check_numbers({.rows = rows, .groups = 2, .threads = threads},
+                          random_values<lng>(rows, 2, 0, rows));
+}
+
+// Extents of so many groups are put in order by way of the map where the head is dense.
+TEST(Derive, NearlyEveryRowAGroup) {
+    for (const heads head : all_heads)
+        for (const BUN groups : {1U, 30000U})
+            check_numbers({.rows = 40000, .groups = groups, .head = head, .threads = 3},
+                          random_values<lng>(40000, ~0ULL, 0, groups));
+}
+
+// Pairs are counted while they are few, which in each range of rows shows only as they come.
+TEST(Derive, ValuesThatComeLate) {
+    for (const heads head : {heads::void_head, heads::shuffled})
+        for (const BUN rows_per_value : {2U, 7U, 60U, 9000U}) {
+            const layout l{.rows = 20000, .groups = 3, .head = head};
+            std::vector<lng> values;
+            for (BUN row = 0; row < l.rows; ++row)
+                values.push_back(static_cast<lng>(row / rows_per_value) << 40);
+            check_numbers(l, values);
+            check_numbers(l, std::vector<double>(values.begin(), values.end()));
+        }
+}
+
+TEST(Derive, SignedZerosAndNans) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    for (const heads head : {heads::void_head, heads::shuffled}) {
+        const layout l{.rows = 6000, .groups = 4, .head = head, .threads = 3};
+        std::vector<double> values;
+        for (BUN row = 0; row < l.rows; ++row)
+            values.push_back(std::array{0.0, -0.0, nan, -nan, 1.0}[row % 5]);
+        check_numbers(l, values);
+        check_numbers(l, std::vector<float>(values.begin(), values.end()));
+    }
+}
+
+TEST(Derive, ManyNansTakeNoLongerThanOtherValues) {
+    // Looking for each among those before would take hours.
+    const layout l{.rows = 2'000'000, .groups = 1};
+    const old_grouping old(l);
+    const bat b =
+        refkernel::make_column(std::vector<float>(l.rows, std::numeric_limits<float>::quiet_NaN()),
+                               head_options(l.head, old.heads));
+    const outcome pairs = run(vask_pairs_derive<float>, l, b, old);
+    EXPECT_EQ(pairs.groups.extents.size(), l.rows);
+    EXPECT_EQ(pairs.groups.map, old.heads);
+    const outcome buckets = run(vask_buckets_derive<float>, l, b, old);
+    EXPECT_EQ(buckets.groups.extents, (std::vector<std::pair<oid, lng>>{{40, l.rows}}));
+}
+
+TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
+    // One chain, or one bucket, for all of them would take some ten times the limit.
+    constexpr double limit_seconds = 2;
+    const layout l{.rows = 400'000, .groups = 1};
+    const old_grouping old(l);
+    const auto expect_fast = [&](body derive, const bat &b, std::size_t groups) {
+        const auto start = std::chrono::steady_clock::now();
+        const outcome made = run(derive, l, b, old);
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(made.groups.extents.size(), groups);
+        EXPECT_LT(taken.count(), limit_seconds);
+    };
+    std::vector<std::int32_t> high_bits;
+    std::vector<double> whole;
+    refkernel::text_builder texts(
+        refkernel::text_options{.sharing = refkernel::text_sharing::anew});
+    for (BUN row = 0; row < l.rows; ++row) {
+        high_bits.push_back(static_cast<std::int32_t>(row % 30'000) << 16);
+        whole.push_back(row % 30'000);
+        texts.append(row % 2 == 0 ? "yes" : "no");
+    }
+    const auto options = head_options(l.head, old.heads);
+    const bat integers = refkernel::make_column(std::move(high_bits), options);
+    expect_fast(vask_pairs_derive<std::int32_t>, integers, 30'000);
+    expect_fast(vask_buckets_derive<std::int32_t>, integers, 30'000);
+    const bat numbers = refkernel::make_column(std::move(whole), options);
+    expect_fast(vask_pairs_derive<double>, numbers, 30'000);
+    expect_fast(vask_buckets_derive<double>, numbers, 30'000);
+    expect_fast(vask_pairs_derive<str>, texts.finish(options), l.rows);
+}
+
+TEST(Derive, TextsByPlaceAndByContent) {
+    for (const layout &l : layouts()) {
+        if (l.rows > 999 && l.groups == 700 && l.head != heads::void_head)
+            continue;
+        for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew})
+            for (const int width : {1, 2, 4}) {
+                SCOPED_TRACE(::testing::Message() << l << ", width " << width);
+                const old_grouping old(l);
+                std::mt19937_64 random(l.seed);
+                refkernel::text_builder builder(
+                    refkernel::text_options{.sharing = sharing, .offset_width = width});
+                std::vector<std::string> texts;
+                for (BUN row = 0; row < l.rows; ++row) {
+                    // Some texts share their hash: 31 times a byte up, one times a byte down.
+                    const std::uint64_t pick = random() % 40;
+                    texts.push_back(pick < 2 ? (pick == 0 ? "Aa" : "BB")
+                                             : std::string(pick % 7, '\xe9') + "x");
+                    if (pick == 39)
+                        builder.append_nil();
+                    else
+                        builder.append(texts.back());
+                }
+                const bat b = builder.finish(head_options(l.head, old.heads, l.first));
+                const text_reader reader(*b->tail);
+                std::vector<std::uint32_t> by_place;
+                std::vector<std::string> by_content;
+                for (BUN row = 0; row < l.rows; ++row) {
+                    by_place.push_back(reader.offset(l.first + row));
+                    by_content.emplace_back(reader[l.first + row]);
+                }
+                check_road(vask_pairs_derive<str>, false, l, b, old, refine_plainly(old, by_place));
+                check_road(vask_buckets_derive<str>, true, l, b, old,
+                           refine_plainly(old, by_content));
+            }
+    }
+}
+
+TEST(Derive, TheResultIsTheSameForAnyThreadsAndEachTime) {
+    const layout l{.rows = 60000, .groups = 300, .head = heads::shuffled, .map = map_kind::hashed};
+    const old_grouping old(l);
+    const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 50, 3, 8),
+                                         head_options(l.head, old.heads));
+    for (const body derive : {vask_pairs_derive<std::int32_t>, vask_buckets_derive<std::int32_t>}) {
+        const outcome first = run(derive, l, b, old);
+        for (const int threads : {1, 2, 3, 7, 64})
+            for (int time = 0; time < 3; ++time) {
+                layout other = l;
+                other.threads = threads;
+                EXPECT_EQ(difference(run(derive, other, b, old).groups, first.groups), "");
+            }
+    }
+}
+
+TEST(Derive, RowsAndGroupsThatAreNotThere) {
+    for (const map_kind map : {map_kind::dense, map_kind::hashed}) {
+        const layout l{.rows = 9000, .groups = 50, .map = map, .threads = 4};
+        const old_grouping old(l);
+        const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 9, 0, 1),
+                                             head_options(l.head, old.heads));
+        const auto both = [&] {
+            return std::pair(run(vask_pairs_derive<std::int32_t>, l, b, old).result,
+                             run(vask_buckets_derive<std::int32_t>, l, b, old).result);
+        };
+        EXPECT_EQ(both(), std::pair(1, 1));
+        // The pairs of an unknown group are pairs like others: only the buckets look groups up.
+        oid &parent = old.map.mutable_values<oid>()[l.rows / 2];
+        const oid known = std::exchange(parent, 5000);
+        EXPECT_EQ(both(), std::pair(1, 0));
+        parent = known;
+        b->head->seqbase += 7; // the last rows are past the map's
+        EXPECT_EQ(both(), std::pair(0, 0));
+    }
+}
+
+TEST(Derive, VoidMapsHoldTheOidsThatTheyCount) {
+    for (const map_kind map : {map_kind::aligned, map_kind::dense}) {
+        const layout l{.rows = 3000, .groups = 3000, .map = map, .dense_histo = true};
+        old_grouping old(l);
+        std::iota(old.parents.begin(), old.parents.end(), oid{7});
+        old.map = refkernel::make_void_column(l.rows, 7, head_options(l.head, old.heads, 2));
+        const auto values = random_values<std::int32_t>(l.rows, 2, 0, 1);
+        const bat b = refkernel::make_column<std::int32_t>(values, head_options(l.head, old.heads));
+        const plain_groups expected = refine_plainly(old, keys_by_bits(values));
+        check_road(vask_pairs_derive<std::int32_t>, false, l, b, old, expected);
+        check_road(vask_buckets_derive<std::int32_t>, true, l, b, old, expected);
+    }
+}
+
+// ---- the exported function ----------------------------------------------------------------------
+
+struct derived {
+    exception failure;
+    bat histo;
+    bat map;
+};
+
+derived call(const bat &histo, const bat &map, const bat &b) {
+    std::int32_t histo_id = int_nil;
+    std::int32_t map_id = int_nil;
+    derived result;
+    result.failure = refkernel::take_exception(
+        VASKderive(&histo_id, &map_id, histo.slot(), map.slot(), b.slot()));
+    result.histo = bat::adopt(histo_id);
+    result.map = bat::adopt(map_id);
+    return result;
+}
+
+enum class road { serial, pairs, buckets };
+
+//! The road that a watched call took, by what it asked of the kernel.
+road road_of(const watch &kernel) {
+    if (kernel.calls(operation::align_synced) == 0)
+        return road::serial;
+    return kernel.calls(operation::bun_fastins) == 0 ? road::pairs : road::buckets;
+}
+
+TEST(VaskDerive, SizesAndTheSampleChooseTheRoad) {
+    const struct {
+        BUN rows, groups;
+        std::uint64_t distinct;
+        int threads;
+        road expected;
+    } cases[] = {
+        {8191, 1, 4, 2, road::serial},     {8192, 1, 4, 2, road::pairs},
+        {8192, 1, 4, 1, road::serial},     {8193, 1, 4, 2, road::pairs},
+        {8192, 1, 5, 2, road::buckets}, // 5 / 8192 is above 0.0005
+        {10000, 3000, 1, 2, road::serial}, {10000, 2999, 1, 2, road::buckets},
+        {20000, 10, 1, 2, road::pairs},    {20000, 11, 1, 2, road::buckets},
+    };
+    for (const auto &c : cases) {
+        const layout l{.rows = c.rows, .groups = c.groups, .threads = c.threads};
+        SCOPED_TRACE(::testing::Message() << l);
+        const kernel_settings settings(c.threads);
+        const old_grouping old(l);
+        const auto values = random_values<std::int32_t>(l.rows, c.distinct, 0, 3);
+        const bat b = refkernel::make_column<std::int32_t>(values, head_options(l.head, old.heads));
+        watch kernel;
+        const derived result = call(old.histo, old.map, b);
+        EXPECT_EQ(result.failure, exception());
+        EXPECT_EQ(road_of(kernel), c.expected);
+        EXPECT_EQ(kernel.unpaired_accesses().size(), c.expected == road::serial ? 3U : 0U);
+        EXPECT_EQ(difference(in_order_of_id(
+                                 read_groups(*result.map.record(), *result.histo.record(), l.rows)),
+                             in_order_of_id(refine_plainly(old, keys_by_bits(values)))),
+                  "");
+    }
+}
+
+TEST(VaskDerive, AnEmptyGroupingGoesToTheKernel) {
+    const kernel_settings settings(2);
+    const layout l{.rows = 9000, .groups = 2};
+    const old_grouping old(l);
+    const bat b = refkernel::make_column(std::vector<std::int32_t>(l.rows, 1),
+                                         head_options(l.head, old.heads));
+    const bat no_rows = refkernel::make_column(std::vector<oid>());
+    const bat no_groups = refkernel::make_column(std::vector<wrd>());
+    for (const auto &[histo, map] : {std::pair(&old.histo, &no_rows), {&no_groups, &old.map}}) {
+        watch kernel;
+        call(*histo, *map, b);
+        EXPECT_EQ(kernel.calls(operation::bat_sample), 0U);
+        EXPECT_EQ(kernel.calls(operation::grp_derive), 1U);
+    }
+}
+
+TEST(VaskDerive, WhatIsMissingOrWrongIsNamed) {
+    const kernel_settings settings(2);
+    const layout l{.rows = 9000, .groups = 2};
+    const old_grouping old(l);
+    const bat b = refkernel::make_column(std::vector<std::int32_t>(l.rows, 1),
+                                         head_options(l.head, old.heads));
+    const bat oid_tail =
+        refkernel::make_column(std::vector<oid>(l.rows, 1), head_options(l.head, old.heads));
+    const bat wrong_head = bat::share(-b.id());
+    const bat no_storage = refkernel::make_void_column(l.rows, 0, head_options(l.head, old.heads));
+    const bat none;
+    const char *place = "group.vask_derive";
+    const leak_guard leaks;
+    EXPECT_EQ(call(old.histo, old.map, none).failure, (exception{place, "Object not found"}));
+    EXPECT_EQ(call(old.histo, none, b).failure, (exception{place, "Object not found"}));
+    EXPECT_EQ(call(none, old.map, b).failure, (exception{place, "Object not found"}));
+    EXPECT_EQ(call(none, none, wrong_head).failure,
+              (exception{place, "Explicit type required(v)oid head required\n"}));
+    EXPECT_EQ(call(old.histo, old.map, no_storage).failure, (exception{place, "operation failed"}));
+    EXPECT_EQ(call(old.histo, old.map, oid_tail).failure, exception()); // stored as int
+}
+
+// The n-th call of an operation fails, for all n there are.
+TEST(VaskDerive, FailingKernelCalls) {
+    const kernel_settings settings(3);
+    const std::map<operation, std::set<std::string>> texts{
+        {operation::bat_sample, {"dispatcher failed", ""}},
+        {operation::grp_group, {"dispatcher failed"}},
+        {operation::grp_derive, {""}},
+        {operation::bat_hash, {"operation failed preparing hash"}},
+        {operation::bat_new,
+         {"could not allocate space for grp BAT", "could not allocate space for ext BAT"}},
+        {operation::bun_fastins, {"operation failed"}},
+        {operation::bat_extend, {"operation failed"}},
+        {operation::gdk_malloc, {"operation failed"}},
+    };
+    // By pairs, by counting and by buckets; doubles are counted by numbers of their own.
+    for (const auto &[groups, doubles] :
+         {std::pair(1U, false), {20U, false}, {20U, true}, {500U, false}})
+        for (const auto &[op, expected] : texts) {
+            std::set<std::string> seen;
+            for (std::uint64_t nth = 1;; nth += 1 + nth / 64) {
+                SCOPED_TRACE(::testing::Message()
+                             << operation_name(op) << ' ' << nth << ", " << groups << " groups");
+                const layout l{.rows = 20000, .groups = groups};
+                const old_grouping old(l);
+                const auto options = head_options(l.head, old.heads);
+                const bat b =
+                    doubles
+                        ? refkernel::make_column(random_values<double>(l.rows, 6, 0, 1), options)
+                        : refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
+                                                 options);
+                const checkpoint before;
+                derived result;
+                std::uint64_t failures = 0;
+                bool threw = false;
+                {
+                    watch kernel;
+                    kernel.fail_at(op, nth);
+                    try {
+                        result = call(old.histo, old.map, b);
+                    } catch (const std::bad_alloc &) {
+                        threw = true;
+                    }
+                    failures = kernel.failures();
+                    if (!threw) {
+                        EXPECT_EQ(kernel.unpaired_accesses().size(),
+                                  result.failure.text.empty() ? 0U : 3U);
+                    }
+                }
+                // Only the pairs let an exception pass, and lose with it what they hold.
+                EXPECT_TRUE(!threw || (op == operation::gdk_malloc && groups == 1));
+                if (!result.failure.text.empty()) {
+                    EXPECT_EQ(result.failure.place, "group.vask_derive");
+                    EXPECT_TRUE(expected.contains(result.failure.text)) << result.failure.text;
+                    EXPECT_EQ(before.leaks(), "");
+                }
+                if (failures == 0)
+                    break;
+                if (!threw)
+                    seen.insert(result.failure.text);
+            }
+            // Every text the operation's failures should have was met, on the roads that call it.
+            if (!seen.empty() && op != operation::bat_sample) {
+                EXPECT_EQ(seen, expected) << operation_name(op);
+            }
+        }
+}
+
+TEST(VaskDerive, TracesOnRequest) {
+    const kernel_settings settings(2);
+    GDKdebug = DEBUG_GROUP_TIMING;
+    const layout l{.rows = 9000, .groups = 50};
+    const old_grouping old(l);
+    const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
+                                         head_options(l.head, old.heads));
+    const refkernel::output_capture output;
+    const derived result = call(old.histo, old.map, b);
+    const auto n = [](const bat &handle) { return std::to_string(handle.id()); };
+    const std::string call_text = "# VASKderive ( ct_histoid=" + n(old.histo) +
+                                  ", ct_mapid=" + n(old.map) + ", bid=" + n(b) + " )";
+    const std::string expected = call_text + "\n" + call_text +
+                                 " -> ( rethisto=" + n(result.histo) +
+                                 " , retbid=" + n(result.map) + " ) {0.";
+    ASSERT_EQ(output.text().substr(0, expected.size()), expected);
+    EXPECT_EQ(output.text().substr(expected.size() + 6), " s}\n");
+}
+
+} // namespace
