@@ -175,10 +175,14 @@ const aggregate_rule *find_aggregate(std::string_view name, bool all_rows) {
     return found == rules.end() ? nullptr : &*found;
 }
 
+column_type operand_type(const aggregate_rule &rule, column_type column) {
+    return rule.family == family::sum && column == flt ? dbl : column;
+}
+
 column_type result_type(const aggregate_rule &rule, column_type column) {
     switch (rule.result) {
         case result_rule::sum:
-            return column == flt || column == dbl ? column : lng;
+            return operand_type(rule, column) == dbl ? dbl : lng;
         case result_rule::same:
             return column;
         case result_rule::count:
@@ -195,7 +199,8 @@ column_type result_type(const aggregate_rule &rule, column_type column) {
 
 std::string whole_operator(const aggregate_rule &rule, column_type column) {
     return fmt::format("{}{}", rule.whole,
-                       rule.naming == operator_naming::by_type ? name_of(column) : "");
+                       rule.naming == operator_naming::by_type ? name_of(operand_type(rule, column))
+                                                               : "");
 }
 
 std::string aggregate_overview() {

@@ -43,7 +43,7 @@ enum class aggregate_family {
 
 //! How the type of a result follows from the type of the column.
 enum class result_rule {
-    sum,      //!< integers give lng, flt and dbl their own type
+    sum,      //!< integers give lng, flt and dbl give dbl
     same,     //!< that of the column
     count,    //!< lng
     number,   //!< dbl
@@ -100,6 +100,10 @@ std::span<const aggregate_alias> aggregate_aliases();
 
 //! The rule of that name, no alias, for columns or, if `all_rows`, for rows; null without one.
 const aggregate_rule *find_aggregate(std::string_view name, bool all_rows = false);
+
+//! The type in which a column's values go to the rule's operators: their own, but dbl where flt is
+//! added up. (Moments take distances instead of values.)
+column_type operand_type(const aggregate_rule &rule, column_type column);
 
 //! The type in which the rule's result on a column of an accepted type is shown.
 column_type result_type(const aggregate_rule &rule, column_type column);

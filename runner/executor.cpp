@@ -291,6 +291,10 @@ private:
                 result.push_back(bat::share(centred_in(column).distances.id()));
             } else if (rule.family == aggregate_family::distinct) {
                 result.push_back(distinct_values(loaded));
+            } else if (operand_type(rule, loaded.type) != loaded.type) {
+                explain_.note(fmt::format("{}: {} is added up as {}", aggregate.title,
+                                          name_of(loaded.type), name_of(column_type::dbl)));
+                result.push_back(as_doubles(loaded));
             } else {
                 result.push_back(bat::share(loaded.values.id()));
             }

@@ -76,6 +76,17 @@ bat distinct_values(const table_column &column) {
     }
 }
 
+bat as_doubles(const table_column &column) {
+    return visit_numbers(column, []<class T>(std::span<const T> values, T nil) {
+        std::vector<dbl> doubles;
+        doubles.reserve(values.size());
+        std::transform(values.begin(), values.end(), std::back_inserter(doubles), [nil](T value) {
+            return value == nil ? refkernel::nil_of<dbl>() : static_cast<dbl>(value);
+        });
+        return refkernel::make_column(std::move(doubles));
+    });
+}
+
 std::uint64_t count_nan(const table_column &column) {
     const auto count = []<class T>(std::span<const T> values) {
         return static_cast<std::uint64_t>(

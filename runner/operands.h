@@ -15,6 +15,10 @@ namespace vask::runner {
 //! it stands. Grouping would take each NaN for a value of its own, or never end with it.
 refkernel::bat distinct_values(const table_column &column);
 
+//! The column's values as dbl, the missing ones as its nil. An operator adds up flt in flt, which
+//! holds 24 bits: one by one, 2e7 ones come to 16,777,216.
+refkernel::bat as_doubles(const table_column &column);
+
 //! How many values of a flt or dbl column are NaN; 0 for another type.
 std::uint64_t count_nan(const table_column &column);
 

@@ -30,8 +30,8 @@ TEST(Command, FormatsAndInputs) {
               "sum(q)\n     6\n");
     EXPECT_EQ(vask({"-", "--header", "--agg", "sum(2020)"}, "2019,2020\n3,4\n").out,
               "sum(2020)\n        4\n");
-    EXPECT_EQ(vask({"-", "--na", "-99", "--types", "x:flt", "--agg", "sum(x)"}, "x\n.1\n-99\n").out,
-              "sum(x)\n   0.1\n");
+    EXPECT_EQ(vask({"-", "--na", "-99", "--types", "x:flt", "--agg", "min(x)"}, "x\n.1\n-99\n").out,
+              "min(x)\n   0.1\n");
     EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "x\n").out, "sum(x)\n    NA\n");
     EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "a,x,a\n1,2,3\n").out, "sum(x)\n     2\n");
 }
@@ -47,6 +47,31 @@ TEST(Command, SumsOfAllTypesAndThreads) {
                                      csv);
             EXPECT_EQ(sum.out, "sum(x)\n5400000\n") << type << ", " << threads << " threads";
         }
+}
+
+// From 2^24 on the next flt is two away: added up in flt, the ones behind it are lost. The
+// sum of two large ones is beyond flt, too.
+TEST(Command, FltIsAddedUpAsDbl) {
+    std::string values = "a,16777216\nb,NA\nc,nan\nd,2.5521177519070385e38\n";
+    for (int i = 0; i < 1023; ++i)
+        values += "a,1\n";
+    values += "d,2.5521177519070385e38\nd,NA\n";
+    const auto answer = [](std::vector<std::string> more, const std::string &rows) {
+        more.insert(more.end(), {"-", "--names", "g,x", "--types", "x:flt", "--na", "NA"});
+        more.insert(more.end(), {"--format", "csv", "--agg", "mean(x),sum(x),max(x)"});
+        const outcome told = vask(more, rows);
+        EXPECT_EQ(told.err, "");
+        return told.out.substr(told.out.find('\n') + 1);
+    };
+    for (const char *threads : {"1", "3"}) {
+        EXPECT_EQ(answer({"--threads", threads, "--group-by", "g"}, values),
+                  "a,16384.9990234375,16778239,16777216\nb,,,\nc,nan,nan,nan\n"
+                  "d,2.5521177519070385e+38,5.104235503814077e+38,2.5521178e+38\n");
+        EXPECT_EQ(answer({"--threads", threads}, values.substr(0, values.find('b')) +
+                                                     values.substr(values.find("a,1\n"), 4 * 1023)),
+                  "16384.9990234375,16778239,16777216\n");
+    }
+    EXPECT_EQ(answer({}, "a,.1\n"), "0.10000000149011612,0.10000000149011612,0.1\n");
 }
 
 // Values, missing ones, and what the formats of types make of them.
