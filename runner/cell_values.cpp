@@ -240,6 +240,10 @@ column_type narrowest_type(std::string_view cell) {
     return column_type::str;
 }
 
+column_type inferred_type(std::string_view cell, bool keep_zeros) {
+    return keep_zeros && has_leading_zero(cell) ? column_type::str : narrowest_type(cell);
+}
+
 missing_words::missing_words(std::vector<std::string> words) : words_(std::move(words)) {
     for (const std::string &word : words_) {
         if (word.empty())

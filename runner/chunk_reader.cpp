@@ -69,7 +69,7 @@ private:
         if (missing_.contains(cell)) {
             std::memcpy(&value, BATatoms[type_code(targets_[i].type)].atom_null, sizeof value);
             ++outcome_.columns[i].missing;
-        } else if (!read_cell(cell, value)) {
+        } else if (!read_cell(cell, value) || (targets_[i].keep_zeros && has_leading_zero(cell))) {
             misfit(cell, i);
             return;
         }
@@ -98,7 +98,8 @@ private:
             outcome_.fault = load_fault{load_fault::kind::bad_cell, outcome_.records, 0, i,
                                         std::string(cell),          target.type,      0};
         else
-            outcome_.columns[i].needed = std::max(outcome_.columns[i].needed, narrowest_type(cell));
+            outcome_.columns[i].needed =
+                std::max(outcome_.columns[i].needed, inferred_type(cell, target.keep_zeros));
     }
 
     const missing_words &missing_;

@@ -18,7 +18,8 @@ namespace vask::runner {
 struct column_target {
     bool wanted = false; //!< false: its cells are passed over
     column_type type = column_type::int_;
-    bool forced = false; //!< by the user: a cell of another type is a fault
+    bool forced = false;     //!< by the user: a cell of another type is a fault
+    bool keep_zeros = false; //!< a number with a leading zero needs the type str
     //! Row 0 of the whole column, elements of the type's width. Not used for text.
     void *values = nullptr;
 };

@@ -16,12 +16,17 @@ namespace {
 
 using refkernel::bat;
 
-void require_whole_numbers(const named_column &asked) {
+void require_whole_numbers(const named_column &asked, const std::string &looked_up) {
     constexpr std::array whole{column_type::bte, column_type::sht, column_type::int_,
                                column_type::lng};
     if (std::find(whole.begin(), whole.end(), asked.column.type) == whole.end())
-        fail("--contained-in: {} is {}; only columns of whole numbers can be looked up", asked.name,
-             name_of(asked.column.type));
+        fail("--contained-in: {} is {}; only columns of whole numbers can be looked up{}",
+             asked.name, name_of(asked.column.type),
+             asked.column.type == column_type::str
+                 ? fmt::format(". Numbers with leading zeros count as text: if they are numbers, "
+                               "give --types '{}:int', which goes for them in both files",
+                               looked_up)
+                 : "");
 }
 
 // Values that 32 bits do not hold become missing: they occur in no column of 32 bits either.
@@ -45,9 +50,10 @@ bat as_int(const table_column &column) {
 } // namespace
 
 table_column contained_in(const named_column &left, const named_column &right,
-                          const operator_library &operators, const explain_log &explain) {
-    require_whole_numbers(left);
-    require_whole_numbers(right);
+                          const std::string &looked_up, const operator_library &operators,
+                          const explain_log &explain) {
+    require_whole_numbers(left, looked_up);
+    require_whole_numbers(right, looked_up);
     if (left.column.type == column_type::lng && right.column.type == column_type::lng)
         fail(
             "--contained-in: {} and {} both hold numbers beyond 32 bits, which cannot be looked up",

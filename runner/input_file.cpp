@@ -31,8 +31,9 @@ input_file::input_file(const std::string &path, const options &request, const he
 
 table input_file::load(const std::vector<bool> &wanted,
                        const std::vector<std::pair<std::string, column_type>> &types,
-                       const explain_log &explain) {
+                       const explain_log &explain, bool keep_zeros) {
     loading_.wanted = wanted;
+    loading_.keep_zeros = keep_zeros;
     for (const auto &[name, type] : types)
         loading_.forced.emplace_back(find_column(header_, source_, name, "--types"), type);
     const auto begin = std::chrono::steady_clock::now();

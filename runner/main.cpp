@@ -51,12 +51,18 @@ table_column look_up(const options &request, const input_file &file, std::size_t
     const std::size_t place = find_column(other.header(), other.source(), name, "--contained-in");
     std::vector<bool> wanted(other.header().names.size(), false);
     wanted[place] = true;
-    const table known = other.load(wanted, {}, explain);
+    // No type can be given for the other file's column. Who gives a type of numbers for the one
+    // that is looked up means numbers there, too.
+    const bool typed =
+        std::any_of(request.types.begin(), request.types.end(),
+                    [&](const auto &given) { return given.first == request.looked_up; });
+    const table known = other.load(wanted, {}, explain, !typed);
     const auto called = [](const input_file &of, const std::string &its) {
         return fmt::format("{}: column {}", of.source().name(), its);
     };
     return contained_in({data.columns[column], called(file, request.looked_up)},
-                        {known.columns[place], called(other, name)}, operators, explain);
+                        {known.columns[place], called(other, name)}, request.looked_up, operators,
+                        explain);
 }
 
 result_table rows_of(const table &data, const csv_header &header,

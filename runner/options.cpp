@@ -38,8 +38,9 @@ Examples:
   vask orders.csv --contained-in customers.csv:id --column customer --agg 'mean(contained)'
   vask union penguins.csv bill_length_mm bill_depth_mm      (vask union --help tells more)
 
-The file's first line names the columns. Types are inferred: int, lng, dbl or str. Spaces around
-a field that is not in quotes do not belong to it; blank lines are passed over.
+The file's first line names the columns. Types are inferred: int, lng, dbl or str; a column with
+numbers that have leading zeros is str. Spaces around a field that is not in quotes do not belong
+to it; blank lines are passed over.
 Exit status: 0; 2 when the request or the data are at fault (the message says where); 1 for any
 other failure.)";
 

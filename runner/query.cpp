@@ -211,6 +211,13 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
         reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
                               "stands for a missing value, add it to the list of --na",
                               shown(text->cell), text->line);
+    else if (const auto code =
+                 first_leading_zero(loaded.source, loaded.header, loaded.request, column))
+        reason += fmt::format(
+            ". Its cell '{}' on line {} has a leading zero, so the column was read as text: if it "
+            "holds numbers, give --types '{}:{}'",
+            shown(code->cell), code->line, loaded.header.names[column],
+            name_of(type_without_zeros(loaded.source, loaded.header, loaded.request, column)));
     throw user_error(reason);
 }
 

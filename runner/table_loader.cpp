@@ -63,13 +63,17 @@ private:
     }
 
     void plan_columns() {
-        const std::vector<column_type> types = guess_types(
-            source_.text(), chunks_, request_.dialect, request_.missing, header_.names.size());
+        const std::vector<column_type> types =
+            guess_types(source_.text(), chunks_, request_.dialect, request_.missing,
+                        request_.keep_zeros, header_.names.size());
         for (std::size_t i = 0; i < types.size(); ++i)
-            plan_.push_back({request_.wanted[i], types[i], false, nullptr});
+            plan_.push_back({.wanted = request_.wanted[i],
+                             .type = types[i],
+                             .keep_zeros = request_.keep_zeros});
         for (const auto &[column, type] : request_.forced) {
             plan_[column].type = type;
             plan_[column].forced = true;
+            plan_[column].keep_zeros = false;
         }
         table_.columns.resize(plan_.size());
     }
@@ -248,6 +252,19 @@ table load_table(const source_text &source, const csv_header &header, const load
 std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
                                     const load_request &request, std::size_t column) {
     return first_cell(is_text, source, header, request, column);
+}
+
+std::optional<text_cell> first_leading_zero(const source_text &source, const csv_header &header,
+                                            const load_request &request, std::size_t column) {
+    return first_cell(has_leading_zero, source, header, request, column);
+}
+
+column_type type_without_zeros(const source_text &source, const csv_header &header,
+                               load_request request, std::size_t column) {
+    request.wanted.assign(request.wanted.size(), false);
+    request.wanted[column] = true;
+    request.keep_zeros = false;
+    return load_table(source, header, request).columns[column].type;
 }
 
 std::optional<text_cell> first_wide_integer(const source_text &source, const csv_header &header,

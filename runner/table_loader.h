@@ -24,6 +24,8 @@ struct load_request {
     //! Types asked for, by place; the others are inferred.
     std::vector<std::pair<std::size_t, column_type>> forced;
     missing_words missing{{"", "NA", "NaN"}};
+    //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
+    bool keep_zeros = true;
     unsigned threads = 1;
     //! Text that one thread parses at a time: small enough that what lies between parsing and the
     //! kernel stays in the cache, large enough that starting a piece costs nothing.
@@ -68,5 +70,13 @@ std::optional<text_cell> first_wide_integer(const source_text &source, const csv
 //! for a column whose type was asked for, or that has no such cell. Parses the file from its start.
 std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
                                     const load_request &request, std::size_t column);
+
+//! The same for the first cell with a leading zero.
+std::optional<text_cell> first_leading_zero(const source_text &source, const csv_header &header,
+                                            const load_request &request, std::size_t column);
+
+//! The type that would be inferred for a column if leading zeros meant nothing. Loads it once more.
+column_type type_without_zeros(const source_text &source, const csv_header &header,
+                               load_request request, std::size_t column);
 
 } // namespace vask::runner

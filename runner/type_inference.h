@@ -10,11 +10,11 @@
 
 namespace vask::runner {
 
-//! For each column the narrowest type that holds the cells of a few records from the start of
-//! several chunks. A guess to start from: cells that were not looked at can need a wider type. A
-//! column with no value among them counts as int. Faults of the text are passed over here.
+//! For each column the type inferred from the cells of a few records from the start of several
+//! chunks. A guess to start from: cells that were not looked at can need a wider type. A column
+//! with no value among them counts as int. Faults of the text are passed over here.
 std::vector<column_type> guess_types(std::string_view text, const std::vector<record_chunk> &chunks,
                                      const csv_dialect &dialect, const missing_words &missing,
-                                     std::size_t columns);
+                                     bool keep_zeros, std::size_t columns);
 
 } // namespace vask::runner

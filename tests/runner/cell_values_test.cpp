@@ -85,6 +85,20 @@ TEST(CellValues, NarrowestType) {
     EXPECT_EQ(narrowest_type("1.0"), column_type::dbl);
     EXPECT_EQ(narrowest_type("1.0.0"), column_type::str);
     EXPECT_EQ(narrowest_type(""), column_type::str);
+    EXPECT_EQ(narrowest_type("007"), column_type::int_);
+}
+
+// A number would merge 01234 with 1234 and 042.0 with 42.
+TEST(CellValues, LeadingZerosAreKept) {
+    for (const char *code :
+         {"00", "01234", "-01", "+01", "007.5", "-00.5", "00.", "01e5", "0009223372036854775808"}) {
+        EXPECT_EQ(inferred_type(code, true), column_type::str) << code;
+        EXPECT_EQ(inferred_type(code, false), narrowest_type(code)) << code;
+        EXPECT_NE(narrowest_type(code), column_type::str) << code;
+    }
+    for (const char *number : {"0", "-0", "+0", "0.5", "-0.5", "0.", ".05", "0e5", "1e05", "1e-05",
+                               "-0.0e00", "100", "1.00", "nan", "-inf", "0x10", "0-1", "-", ""})
+        EXPECT_EQ(inferred_type(number, true), narrowest_type(number)) << number;
 }
 
 } // namespace

@@ -32,6 +32,7 @@ public:
             {"int", column_type::int_, {}},       {"late lng", column_type::lng, {}},
             {"late dbl", column_type::dbl, {}},   {"dbl", column_type::dbl, {}},
             {"late \"str", column_type::str, {}}, {"str, long", column_type::str, {}},
+            {"late code", column_type::str, {}},  {"late code, dbl", column_type::str, {}},
             {"none", column_type::int_, {}}};
         const std::size_t odd = rows == 0 ? 0 : rows - 1 - upto(std::min<std::size_t>(rows - 1, 9));
         for (std::size_t row = 0; row < rows; ++row) {
@@ -43,7 +44,9 @@ public:
             add(made[3], small + ".5e1", row == 0);
             add(made[4], last ? "12 34" : small, last);
             add(made[5], text(), row == 0);
-            made[6].cells.emplace_back();
+            add(made[6], last ? "-01" : small, last);
+            add(made[7], last ? "001.0" : small + ".0", last);
+            made[8].cells.emplace_back();
         }
         return made;
     }
@@ -191,6 +194,19 @@ TEST(TableLoader, TypesAndColumnsThatWereAskedFor) {
     EXPECT_FALSE(loaded.columns[2].values);
     EXPECT_EQ(loaded.columns[3].values.values<lng>()[0], 1577836800'000'000);
     EXPECT_TRUE(loaded.columns[3].values.is_nil(1));
+    // Leading zeros mean nothing where a type is given, or when asked to mean nothing.
+    load_request plain;
+    plain.forced = {{0, column_type::int_}};
+    const std::string codes = "a,b,c\n007,001.50,1\n7,1.5,-02\n";
+    const table typed = load(codes, plain);
+    EXPECT_EQ(typed.columns[0].values.values<std::int32_t>()[0], 7);
+    EXPECT_EQ(typed.columns[1].values.text(0), "001.50");
+    EXPECT_EQ(typed.columns[2].values.text(0), "1");
+    EXPECT_EQ(typed.columns[2].values.text(1), "-02");
+    plain.keep_zeros = false;
+    const table numbers = load(codes, plain);
+    EXPECT_EQ(numbers.columns[1].values.values<dbl>()[0], 1.5);
+    EXPECT_EQ(numbers.columns[2].values.values<std::int32_t>()[1], -2);
     const table unquoted = load("a\tb\n5\" pipe\t\"x\n", {}, {'\t', false});
     EXPECT_EQ(unquoted.columns[0].values.text(0), "5\" pipe");
     EXPECT_EQ(unquoted.columns[1].values.text(0), "\"x");
