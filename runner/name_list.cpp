@@ -42,17 +42,22 @@ public:
             complain(fmt::format("expected '{}' {}", c, where));
     }
 
-    //! Text in quotes, or all up to one of `ends`.
-    argument take_argument(std::string_view ends) {
+    //! Text in quotes, or all up to one of `ends`, which may be nothing.
+    argument take_text(std::string_view ends) {
         skip_spaces();
         if (at_ < text_.size() && text_[at_] == '"')
             return {take_quoted(), true};
         const std::size_t end = std::min(text_.find_first_of(ends, at_), text_.size());
         const std::string_view found = trimmed(text_.substr(at_, end - at_));
-        if (found.empty())
-            complain("expected a name");
         at_ = end;
         return {std::string(found), false};
+    }
+
+    argument take_argument(std::string_view ends) {
+        argument found = take_text(ends);
+        if (found.text.empty() && !found.quoted)
+            complain("expected a name");
+        return found;
     }
 
     [[noreturn]] void complain(const std::string &what) {
@@ -66,6 +71,7 @@ private:
     void skip_spaces() { at_ = std::min(text_.find_first_not_of(spaces, at_), text_.size()); }
 
     std::string take_quoted() {
+        const std::size_t begin = at_;
         std::string name;
         for (++at_; at_ < text_.size(); ++at_) {
             if (text_[at_] != '"') {
@@ -78,7 +84,7 @@ private:
                 return name;
             }
         }
-        complain("a name in quotes does not end");
+        fail("{}: the quotes that open in '{}' are not closed", option_, text_.substr(begin));
     }
 
     std::string_view text_;
@@ -129,6 +135,13 @@ std::vector<std::string> parse_names(std::string_view text, std::string_view opt
     std::vector<std::string> names;
     scan_list(scan, [&] { names.push_back(scan.take_argument(",").text); });
     return names;
+}
+
+std::vector<std::string> parse_words(std::string_view text, std::string_view option) {
+    scanner scan(text, option);
+    std::vector<std::string> words;
+    scan_list(scan, [&] { words.push_back(scan.take_text(",").text); });
+    return words;
 }
 
 std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,

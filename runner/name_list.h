@@ -31,6 +31,10 @@ std::vector<aggregate_call> parse_aggregates(std::string_view text);
 //! Parses `a,"b, c",d`. `option` names the option in messages.
 std::vector<std::string> parse_names(std::string_view text, std::string_view option);
 
+//! Parses `N/A, " ", -99,` into texts of any kind: those in quotes as they stand there, the others
+//! without the spaces around them, and an empty text where there is nothing between two commas.
+std::vector<std::string> parse_words(std::string_view text, std::string_view option);
+
 //! Parses `a:int,"b, c":str` into names and what stands behind their last colon.
 std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,
                                                                    std::string_view option);

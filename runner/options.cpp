@@ -78,17 +78,6 @@ output_format format_named(const std::string &name) {
     return found->second;
 }
 
-std::vector<std::string> split_at_commas(const std::string &text) {
-    std::vector<std::string> parts(1);
-    for (const char c : text) {
-        if (c == ',')
-            parts.emplace_back();
-        else
-            parts.back() += c;
-    }
-    return parts;
-}
-
 std::vector<std::pair<std::string, column_type>> parse_types(const std::string &text) {
     std::vector<std::pair<std::string, column_type>> types;
     for (auto &[name, type] : parse_assignments(text, "--types")) {
@@ -168,8 +157,9 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
                    "dbl, str, timestamp")
         ->type_name("NAME:TYPE,...");
     app.add_option("--na", raw.missing,
-                   "What stands for a missing value, with commas between; an empty item stands for "
-                   "an empty field (default: ',NA,NaN')")
+                   "What stands for a missing value, with commas between; an item with a comma or "
+                   "blanks around it in double quotes; an empty item stands for an empty field "
+                   "(default: ',NA,NaN')")
         ->type_name("LIST");
     app.add_option("--names", raw.names, "Names of the columns of a file without a header line")
         ->type_name("COLUMNS");
@@ -208,7 +198,7 @@ void read_further(const raw_options &raw, options &result) {
     if (raw.types)
         result.types = parse_types(*raw.types);
     if (raw.missing)
-        result.missing = split_at_commas(*raw.missing);
+        result.missing = parse_words(*raw.missing, "--na");
     if (raw.separator)
         result.separator = separator_named(*raw.separator);
     if (raw.format)

@@ -49,6 +49,17 @@ TEST(Command, SumsOfAllTypesAndThreads) {
         }
 }
 
+TEST(Command, MissingWords) {
+    const std::string csv = "x\n1\nnull\n N/A\n\" \"\n\"a,b\"\n\"\"\n";
+    const auto missing = [&](const std::string &list) {
+        return vask({"-", "--na", list, "--format", "csv", "--agg", "count(x),count(*)"}, csv).out;
+    };
+    EXPECT_EQ(missing("null, N/A"), "count(x),count(*)\n4,6\n");
+    EXPECT_EQ(missing(" "), "count(x),count(*)\n5,6\n");
+    EXPECT_EQ(missing(R"(" ", "a,b", null ,N/A)"), "count(x),count(*)\n2,6\n");
+    EXPECT_EQ(missing(R"(" ","a,b",null,N/A,)"), "count(x),count(*)\n1,6\n");
+}
+
 // From 2^24 on the next flt is two away: added up in flt, the ones behind it are lost. The
 // sum of two large ones is beyond flt, too.
 TEST(Command, FltIsAddedUpAsDbl) {
@@ -294,6 +305,10 @@ TEST(Command, Mistakes) {
         {{"-", "y.csv", agg, "sum(x)"}, "", {"'y.csv' is one argument too many"}},
         {{"-", agg}, "", {"--agg: nothing stands behind it"}},
         {{"-", "--na", "1", "--na", "2"}, "", {"--na: given 2 times"}},
+        {{"-", agg, "sum(x)", "--na", "NA, \"a,b"},
+         "x\n1\n",
+         {"--na: the quotes", "'\"a,b' are not"}},
+        {{"-", agg, "sum(x)", "--na", "\"a\"b"}, "x\n1\n", {"--na: expected a comma before 'b'"}},
         {{"-", agg, "sum(x)", "--types", "x:int,x:dbl"}, "x\n1\n", {"'x' is given two types"}},
         {{"-", agg, "sum(x)", "--format", "xml"}, "x\n1\n", {"--format", "'xml'", "json"}},
         {{"-", agg, "sum(x)", "--group-by", ""}, "x\n1\n", {"--group-by: expected a name"}},

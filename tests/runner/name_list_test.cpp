@@ -32,6 +32,25 @@ TEST(NameList, NamesAndAssignments) {
               (pairs{{"a", "int"}, {"x:y", "str"}, {"b, c", "dbl"}}));
 }
 
+TEST(NameList, WordsOfAnyKind) {
+    using words = std::vector<std::string>;
+    const std::vector<std::pair<std::string, words>> cases{
+        {"", {""}},
+        {"  ", {""}},
+        {"NA", {"NA"}},
+        {"null, N/A", {"null", "N/A"}},
+        {"\tn. a. ,-99,", {"n. a.", "-99", ""}},
+        {",NA", {"", "NA"}},
+        {",", {"", ""}},
+        {R"(" ", "a,b", N/A)", {" ", "a,b", "N/A"}},
+        {R"( "" ,"say ""no""", 5")", {"", "say \"no\"", "5\""}},
+    };
+    for (const auto &[text, expected] : cases)
+        EXPECT_EQ(parse_words(text, "--na"), expected) << text;
+    for (const char *bad : {"\"", "a,\"b", "\"a\"\"", "\"a\"b", "\"a\" \"b\""})
+        EXPECT_THROW(parse_words(bad, "--na"), user_error) << bad;
+}
+
 TEST(NameList, MistakesAreTold) {
     for (const char *bad : {"", "sum", "sum(", "sum()", "sum(a", "sum(a)b", "sum(a),", ",sum(a)",
                             "(a)", "sum(a,)", "sum(\"a)", "sum(\"a\"b)"})
