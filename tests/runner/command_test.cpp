@@ -202,7 +202,9 @@ TEST(Command, WhatIsAskedForTwiceIsPrintedOnce) {
 }
 
 TEST(Command, ReadsItsOwnOutputBack) {
-    const std::string csv = "g,count(*)\n\"\tx\",1\n\"x\t\",1\n\" x\",1\nx,1\n\"x \",1\n";
+    const std::string csv =
+        "g,count(*)\n\"\tx\",1\n\"x\t\",1\n\" x\",1\nx,1\n\"x \",1\n"
+        "\"x\ry\",1\n\"x\ny\",1\n\"x\r\ny\",1\n\"x\r\",1\n\"x,y\",1\n\"x\"\"y\",1\n";
     EXPECT_EQ(vask({"-", "--format", "csv", "--agg", "count(*)", "--group-by", "g"}, csv).out, csv);
 }
 

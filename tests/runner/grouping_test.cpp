@@ -22,6 +22,28 @@ TEST(Grouping, PenguinsBySpeciesAndBySexWithItsMissingValues) {
             .out.ends_with("Adelie,152\nChinstrap,68\nGentoo,124\n"));
 }
 
+TEST(Grouping, SortedGroupsHaveMissingValuesLast) {
+    const std::string csv = "text,whole,real,time\n"
+                            "NA,NA,NA,NA\n"
+                            "b,10,nan,2024-01-02\n"
+                            "a,NA,7,2023-12-31\n"
+                            "NA,9,-0.5,NA\n"
+                            "a,-1,7,2024-01-01\n";
+    const auto sorted = [&](const std::string &columns) {
+        const outcome told = vask({"-", "--sort", "--group-by", columns, "--agg", "count(*)",
+                                   "--na", "NA", "--types", "time:timestamp", "--format", "csv"},
+                                  csv);
+        return told.err + told.out.substr(told.out.find('\n') + 1);
+    };
+    EXPECT_EQ(sorted("text"), "a,2\nb,1\n,2\n");
+    EXPECT_EQ(sorted("whole"), "-1,1\n9,1\n10,1\n,2\n");
+    EXPECT_EQ(sorted("real"), "-0.5,1\n7,2\nnan,1\n,1\n");
+    EXPECT_EQ(sorted("time"),
+              "2023-12-31 00:00:00,1\n2024-01-01 00:00:00,1\n2024-01-02 00:00:00,1\n,2\n");
+    EXPECT_EQ(sorted("text,whole"), "a,-1,1\na,,1\nb,10,1\n,9,1\n,,1\n");
+    EXPECT_EQ(sorted("real,text"), "-0.5,,1\n7,a,2\nnan,b,1\n,,1\n");
+}
+
 //! Rows enough to leave the serial road.
 constexpr int rows = 70'000;
 
