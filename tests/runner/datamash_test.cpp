@@ -5,6 +5,7 @@
 #include <cmath>
 #include <iomanip>
 #include <map>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -110,14 +111,26 @@ std::map<std::string, std::vector<std::string>> rows_of(const std::string &lines
     return rows;
 }
 
-// A missing value: vask prints nothing, datamash one of its names for no number.
-double number_of(const std::string &cell) {
-    return cell.empty() || cell == "N/A" ? std::nan("") : std::strtod(cell.c_str(), nullptr);
+// What a cell says: a number, or NaN for a missing value, for which vask prints nothing and
+// datamash one of its names for no number. Nothing for any other text.
+std::optional<double> number_of(const std::string &cell) {
+    if (cell.empty() || cell == "N/A")
+        return std::nan("");
+    char *end = nullptr;
+    const double value = std::strtod(cell.c_str(), &end);
+    return *end == '\0' ? std::optional(value) : std::nullopt;
 }
 
-bool close(double a, double b) {
-    return (std::isnan(a) && std::isnan(b)) ||
-           std::abs(a - b) <= tolerance * std::max({1.0, std::abs(a), std::abs(b)});
+// A text that is no number agrees with nothing: every aggregate here is a number.
+bool agree(const std::string &got, const std::string &expected) {
+    const auto a = number_of(got);
+    const auto b = number_of(expected);
+    if (!a || !b)
+        return false;
+    // An infinite number is within any share of itself from every number.
+    if (!std::isfinite(*a) || !std::isfinite(*b))
+        return *a == *b || (std::isnan(*a) && std::isnan(*b));
+    return std::abs(*a - *b) <= tolerance * std::max({1.0, std::abs(*a), std::abs(*b)});
 }
 
 // Then vask gives no mode, datamash the smallest value.
@@ -161,13 +174,24 @@ void compare(const data_file &data, const std::vector<operation> &operations, co
             ASSERT_TRUE(got.contains(key)) << key;
             ASSERT_EQ(cells.size(), operations.size()) << theirs.out;
             for (std::size_t i = 0; i < cells.size(); ++i)
-                EXPECT_TRUE(close(number_of(got.at(key).at(i)), number_of(cells[i])) ||
+                EXPECT_TRUE(agree(got.at(key).at(i), cells[i]) ||
                             (operations[i].datamash == "mode {v}" && got.at(key)[i].empty() &&
                              all_different(operations, cells)))
                     << with_columns(operations[i].vask, v, w) << " by (" << grouping << ") at "
                     << key << ": " << got.at(key)[i] << ", datamash says " << cells[i];
         }
     }
+}
+
+TEST(Datamash, TextsAreNoNumbersToTheComparison) {
+    EXPECT_TRUE(agree("2.5", "2.5000000001"));
+    EXPECT_TRUE(agree("inf", "inf"));
+    EXPECT_TRUE(agree("", "nan"));
+    EXPECT_TRUE(agree("nan", "N/A"));
+    for (const char *wrong : {"0.1", "", "inf", "-2.5", "2.5x", "2,5", "male", "1 2", " "})
+        EXPECT_FALSE(agree(wrong, "2.5")) << wrong;
+    for (const char *text : {"male", "2.5x", "0x", "NA"})
+        EXPECT_FALSE(agree(text, text)) << text;
 }
 
 TEST(Datamash, AgreesOnTheSameFiles) {
