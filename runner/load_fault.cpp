@@ -1,5 +1,7 @@
 #include "load_fault.h"
 
+#include "name_list.h"
+
 #include <limits>
 
 #include <fmt/format.h>
@@ -57,8 +59,9 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                            fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
                            name_of(fitting));
     return fmt::format("column {} ({}): '{}' is no {}; correct it, add it to the list of missing "
-                       "values with --na, or give --types '{}:{}'",
-                       fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
+                       "values with --na{}, or give --types '{}:{}'",
+                       fault.column + 1, name, shown(fault.cell), name_of(fault.type),
+                       as_missing_item(fault.cell), name,
                        name_of(fitting == fault.type ? column_type::str : fitting));
 }
 
@@ -117,6 +120,11 @@ std::string shown(std::string_view text) {
     if (text.size() > most)
         result += "...";
     return result;
+}
+
+std::string as_missing_item(std::string_view cell) {
+    const std::string item = as_word(cell);
+    return item == cell ? "" : fmt::format(" (there it is written {})", shown(item));
 }
 
 std::string describe(const load_fault &fault, const source_text &source, const csv_header &header,

@@ -37,6 +37,10 @@ std::string describe(const load_fault &fault, const source_text &source, const c
 //! A file's text as it can be shown within a message: shortened, control characters replaced.
 std::string shown(std::string_view text);
 
+//! How a cell is written in the list of --na, within a message; nothing if it stands there as it
+//! is.
+std::string as_missing_item(std::string_view cell);
+
 //! The number of the line, from 1 on, that holds the given place.
 std::uint64_t line_at(std::string_view text, std::size_t position);
 

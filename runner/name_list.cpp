@@ -144,6 +144,16 @@ std::vector<std::string> parse_words(std::string_view text, std::string_view opt
     return words;
 }
 
+std::string as_word(std::string_view text) {
+    if (!text.empty() && trimmed(text) == text && !text.starts_with('"') &&
+        text.find(',') == std::string_view::npos)
+        return std::string(text);
+    std::string word = "\"";
+    for (const char c : text)
+        word.append(c == '"' ? 2 : 1, c);
+    return word + '"';
+}
+
 std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,
                                                                    std::string_view option) {
     scanner scan(text, option);

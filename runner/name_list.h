@@ -35,6 +35,9 @@ std::vector<std::string> parse_names(std::string_view text, std::string_view opt
 //! without the spaces around them, and an empty text where there is nothing between two commas.
 std::vector<std::string> parse_words(std::string_view text, std::string_view option);
 
+//! The text as an item from which parse_words reads it back.
+std::string as_word(std::string_view text);
+
 //! Parses `a:int,"b, c":str` into names and what stands behind their last colon.
 std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,
                                                                    std::string_view option);

@@ -209,8 +209,8 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
                               shown(text->cell), text->line);
     else if (text)
         reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
-                              "stands for a missing value, add it to the list of --na",
-                              shown(text->cell), text->line);
+                              "stands for a missing value, add it to the list of --na{}",
+                              shown(text->cell), text->line, as_missing_item(text->cell));
     else if (const auto code =
                  first_leading_zero(loaded.source, loaded.header, loaded.request, column))
         reason += fmt::format(

@@ -47,6 +47,11 @@ TEST(NameList, WordsOfAnyKind) {
     };
     for (const auto &[text, expected] : cases)
         EXPECT_EQ(parse_words(text, "--na"), expected) << text;
+    for (const char *word :
+         {"NA", "a b", "5\"", "", " ", "\ta", "a ", "a,b", ",", "\"", "\"a\"", "a\""})
+        EXPECT_EQ(parse_words(as_word(word) + " , " + as_word(word), "--na"), words(2, word))
+            << word;
+    EXPECT_EQ(as_word("n. a."), "n. a.");
     for (const char *bad : {"\"", "a,\"b", "\"a\"\"", "\"a\"b", "\"a\" \"b\""})
         EXPECT_THROW(parse_words(bad, "--na"), user_error) << bad;
 }
