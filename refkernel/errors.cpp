@@ -71,9 +71,11 @@ exception take_exception(char *message) {
         return {};
     }
     const std::string_view whole(message);
-    const std::size_t colon = std::min(whole.find(':'), whole.size());
-    exception read{std::string(whole.substr(0, colon)),
-                   std::string(whole.substr(std::min(colon + 1, whole.size())))};
+    const std::size_t colon = whole.find(':');
+    if (colon == std::string_view::npos) {
+        return {std::string(whole), std::string(whole)};
+    }
+    exception read{std::string(whole.substr(0, colon)), std::string(whole.substr(colon + 1))};
     memory::release(message);
     return read;
 }

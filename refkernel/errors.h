@@ -27,6 +27,8 @@ struct exception {
  * Reads an exception string, "place:text" with no colon in the place, and frees
  * it. Every exception string comes from GDKmalloc's memory: whoever receives one
  * owns it and gives it back through this or GDKfree. Null reads as two empty texts.
+ * A text without a colon is no exception string but a place that an operator names
+ * in its stead: it reads as both and is not freed.
  */
 REFKERNEL_API exception take_exception(char *message);
 

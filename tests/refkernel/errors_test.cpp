@@ -21,6 +21,8 @@ TEST(Errors, ExceptionsReadBackAsTheyWereMade) {
     EXPECT_EQ(take_exception(createException(0, "group.new", "a: %d %s\n", 7, "b")),
               (exception{"group.new", "a: 7 b\n"}));
     EXPECT_EQ(take_exception(nullptr), exception{});
+    char place_alone[] = "statistics.func"; // nobody's to free
+    EXPECT_EQ(take_exception(place_alone), (exception{"statistics.func", "statistics.func"}));
     char *kept = createException(0, "p", "t");
     EXPECT_STREQ(kept, "p:t");
     EXPECT_EQ(kernel.bytes_outstanding(), 4U);
