@@ -11,7 +11,8 @@
  *
  * Result: null on success, otherwise an exception string made by the kernel's
  * createException, which the caller owns. A failed call leaves the result slot
- * as it was.
+ * as it was. A result that the kernel cannot make (BATnew, VIEWcreate or
+ * BATsetaccess gives null) is "operation failed", with nothing left behind.
  *
  * Nil: a value is nil when it equals the reserved nil value of the column's
  * type. Floats compare by ordinary equality, so a NaN is a value.
@@ -233,8 +234,8 @@ VASK_EXPORT void vaskops_are_indexes_contained(const uint32_t *left, uint64_t le
  * a void head with the same seqbase, any other a view with the head of `left`.
  * The caller owns the reference.
  * Nil, duplicates, empty input: as above; `right` must not be empty.
- * Errors: always null. A number that names no BAT, and a result that cannot be
- * made, fault.
+ * Errors: "Object not found"; "operation failed" when the result cannot be made.
+ * Place: "vaskops_are_bat_indexes_contained".
  */
 VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32_t *left,
                                                     const int32_t *right);

@@ -85,6 +85,16 @@ BAT *seal(BAT *b) {
     return (b->state->access & upper_bit) ? b : BATsetaccess(b, ACCESS_READ);
 }
 
+bool hand_over_sealed(std::int32_t *result, BAT *b) {
+    BAT *sealed = seal(b);
+    if (sealed == nullptr) {
+        BBPreclaim(b);
+        return false;
+    }
+    hand_over(result, *sealed);
+    return true;
+}
+
 void mark_nonil_unsorted(BATcol &column) noexcept {
     column.nonil = 1;
     column.nil = 0;

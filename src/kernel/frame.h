@@ -199,8 +199,12 @@ void store_result(void *slot, T value) noexcept {
 void freeze(BAT &b) noexcept;
 
 //! Makes a BAT read-only through the kernel unless its access word already forbids writing; the
-//! result is the BAT to go on with.
+//! result is the BAT to go on with. Null if the kernel fails: b then is still the caller's.
 BAT *seal(BAT *b);
+
+//! Seals a result and puts its number into the result slot. False, and the BAT is given up, if it
+//! cannot be sealed.
+bool hand_over_sealed(std::int32_t *result, BAT *b);
 
 //! Marks a column as one without nils and in no order, as every result starts out.
 void mark_nonil_unsorted(BATcol &column) noexcept;

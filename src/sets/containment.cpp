@@ -123,6 +123,32 @@ void mark_contained(oid_position_map &map, const absence_filter &filter,
     }
 }
 
+//! The answers for the rows of `left`, under its head; null if the kernel fails.
+BAT *containment_mask(BAT &left, const BAT &right) {
+    const BUN rows = left.info->count;
+    BAT *mask = BATnew(TYPE_void, TYPE_bit, rows);
+    if (mask == nullptr)
+        return nullptr;
+    BATseqbase(mask, left.head->seqbase);
+    // Neither argument's first row is added in: the rows of both are expected at position 0.
+    vaskops_are_indexes_contained(rows_of<const oid>(*left.tail), rows,
+                                  rows_of<const oid>(*right.tail), right.info->count,
+                                  rows_of<bit>(*mask->tail));
+    BATsetcount(mask, rows);
+    mask->tail->sorted = 0;
+    BATkey(mirror_of(*mask), 0);
+    BAT *sealed = seal(mask);
+    if (sealed == nullptr) {
+        BBPreclaim(mask);
+        return nullptr;
+    }
+    if (left.head->type == sealed->head->type)
+        return sealed;
+    BAT *view = VIEWcreate(&left, sealed);
+    BBPreleaseref(sealed->bat_id);
+    return view;
+}
+
 } // namespace
 
 } // namespace vask
@@ -163,25 +189,12 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
 char *vaskops_are_bat_indexes_contained(int32_t *result, const int32_t *left,
                                         const int32_t *right) {
     using namespace vask;
-    BAT *l = vask_descriptor(*left);
-    BAT *r = vask_descriptor(*right);
-    const BUN rows = l->info->count;
-    BAT *mask = BATnew(TYPE_void, TYPE_bit, rows);
-    BATseqbase(mask, l->head->seqbase);
-    // Neither argument's first row is added in: the rows of both are expected at position 0.
-    vaskops_are_indexes_contained(rows_of<const oid>(*l->tail), rows, rows_of<const oid>(*r->tail),
-                                  r->info->count, rows_of<bit>(*mask->tail));
-    BATsetcount(mask, rows);
-    mask->tail->sorted = 0;
-    BATkey(mirror_of(*mask), 0);
-    mask = seal(mask);
-    if (l->head->type != mask->head->type) {
-        BAT *view = VIEWcreate(l, mask);
-        BBPreleaseref(mask->bat_id);
-        mask = view;
-    }
-    hand_over(result, *mask);
-    BBPreleaseref(l->bat_id);
-    BBPreleaseref(r->bat_id);
-    return nullptr;
+    return run_wrapper("vaskops_are_bat_indexes_contained", input_bats(left, right),
+                       [=](const auto &inputs) -> const char * {
+                           BAT *mask = containment_mask(*inputs[0], *inputs[1]);
+                           if (mask == nullptr)
+                               return failure::operation_failed;
+                           hand_over(result, *mask);
+                           return nullptr;
+                       });
 }

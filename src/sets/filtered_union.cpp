@@ -222,9 +222,7 @@ const char *make_union(union_plan &plan, std::int32_t *result) {
     // leaves behind belongs to nobody, and the kernel's accounting expects it so.
     if (!fill_result(plan, *both))
         return failure::operation_failed;
-    both = seal(both);
-    hand_over(result, *both);
-    return nullptr;
+    return hand_over_sealed(result, both) ? nullptr : failure::operation_failed;
 }
 
 } // namespace

@@ -176,11 +176,8 @@ char *vask_stat_grouped(std::int32_t *result, const std::int32_t *bid, const std
         const char *text = with_gathered_class<R>(*b->tail, [&]<class S>(std::type_identity<S>) {
             return vask_stat_grouped_body<S>(&view, b, g, e, type, statistic);
         });
-        if (text == nullptr) {
-            view = seal(view);
-            *result = view->bat_id;
-            BBPkeepref(view->bat_id);
-        }
+        if (text == nullptr && !hand_over_sealed(result, view))
+            text = failure::operation_failed;
         return text;
     });
 }

@@ -174,6 +174,10 @@ TEST(Refusals, AreNamedAndTouchNothing) {
          {vask_grp_largest},
          {&three, &rank, &g, &e},
          {{largest_text, {1}, {&nobody, &no_rank}}}},
+        {"vaskops_are_bat_indexes_contained",
+         {vaskops_are_bat_indexes_contained},
+         {&oids, &oids},
+         {}},
     };
     for (const family &f : families)
         for (std::size_t i = 0; i < f.operators.size(); ++i) {
@@ -191,12 +195,59 @@ TEST(Refusals, AreNamedAndTouchNothing) {
                         inputs[place] = refused;
                         expect_refused(f.operators[i], inputs, {f.place, each.text});
                     }
-            if (f.good.back() != &e)
-                continue;
-            refkernel::instrumentation::watch kernel;
-            kernel.fail_at(operation::bat_new, 1);
-            expect_refused(f.operators[i], f.good, {f.place, failed});
         }
+}
+
+// Whichever call it is that cannot make the result.
+TEST(Refusals, OfAResultThatTheKernelCannotMakeLoseNothing) {
+    using enum operation;
+    const bat b = nonil_column(std::vector<double>{1, 2, 3});
+    const bat g = column_of(std::vector<oid>{0, 1, 0}, {.stored_head = true});
+    const bat e = refkernel::make_void_column(2);
+    const bat quartile = parameter<bte>(2);
+    const bat share = parameter(0.5);
+    const bat rank = parameter<lng>(1);
+    const std::vector<operation> view{bat_new, view_create};
+    const std::vector<operation> sealed{bat_new, bat_setaccess};
+    const std::vector<operation> sealed_view{bat_new, view_create, bat_setaccess};
+    const char *const order = "statistics.func";
+    const struct {
+        const char *place;
+        std::vector<any_operator> operators;
+        columns inputs;
+        std::vector<operation> calls;
+    } families[] = {
+        {"vask_grp_sum_wrapper", {vask_grp_sum}, {&b, &g, &e}, view},
+        {"vask_grp_min_max_wrapper", {vask_grp_min, vask_grp_max}, {&b, &g, &e}, view},
+        {"vask_grp_count_wrapper", {vask_grp_count, vask_grp_count_asterisk}, {&b, &g, &e}, view},
+        {"vask_grp_1_arg_statistical_func",
+         {vask_grp_stdev, vask_grp_stdevp, vask_grp_variance, vask_grp_variancep, vask_grp_skews,
+          vask_grp_skewp},
+         {&b, &g, &e},
+         view},
+        {"vask_grp_2_args_statistical_func",
+         {vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept},
+         {&b, &b, &g, &e},
+         view},
+        {order, {vask_grp_median, vask_grp_mode}, {&b, &g, &e}, sealed_view},
+        {order, {vask_grp_quartile}, {&b, &quartile, &g, &e}, sealed_view},
+        {order, {vask_grp_percentile}, {&b, &share, &g, &e}, sealed_view},
+        {order, {vask_grp_largest}, {&b, &rank, &g, &e}, sealed_view},
+        {"vask_ops.coSNNandUnion", {vask_coSNNandUnion}, {&b, &b}, sealed},
+        {"vaskops_are_bat_indexes_contained",
+         {vaskops_are_bat_indexes_contained},
+         {&g, &g},
+         sealed_view},
+    };
+    for (const auto &f : families)
+        for (const any_operator &call : f.operators)
+            for (const operation op : f.calls) {
+                SCOPED_TRACE(std::string(f.place) + ", " + operation_name(op));
+                refkernel::instrumentation::watch kernel;
+                kernel.fail_at(op, 1);
+                expect_refused(call, f.inputs, {f.place, "operation failed"});
+                EXPECT_EQ(kernel.failures(), 1U);
+            }
 }
 
 // No exception string but the place's own text, not to be freed.
