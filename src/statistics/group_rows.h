@@ -38,18 +38,29 @@ struct grouped_rows {
 class row_finder {
 public:
     explicit row_finder(const grouped_rows &in)
-        : heads_(*in.b->head, *in.b), offset_(in.g->info->first - in.b->info->first) {
+        : heads_(*in.b->head, *in.b),
+          offset_(in.g->info->first - in.b->info->first),
+          end_(end_position(*in.g)) {
         if (!in.synced)
             lookup_.emplace(*in.g);
     }
 
+    //! NO_BUN if the map does not hold the row. Rows in step are not looked for: it is the caller
+    //! who stays in the map.
     VASK_ALWAYS_INLINE BUN find(BUN p) const noexcept {
         return lookup_ ? lookup_->find(heads_[p]) : p + offset_;
+    }
+
+    //! Whether the map holds the row; one in step may lie beyond its end.
+    bool holds(BUN p) const noexcept {
+        const BUN row = find(p);
+        return lookup_ ? row != NO_BUN : row < end_;
     }
 
 private:
     oid_reader heads_;
     BUN offset_;
+    BUN end_;
     std::optional<oid_lookup> lookup_;
 };
 
@@ -79,10 +90,11 @@ struct group_finder {
 template <class Visit>
 bool with_group_finder(const grouped_rows &in, const slot_table *table, row_range r, Visit visit) {
     const row_finder rows(in);
-    if (rows.find(r.begin) == NO_BUN)
+    if (!rows.holds(r.begin))
         return false;
     const oid_lookup lookup(*in.e);
-    if (!lookup.built())
+    // The map can be shorter than the values, whatever the kernel says of their heads.
+    if (!lookup.built() || !rows.holds(r.end - 1))
         return false;
     const oid_reader gids(*in.g->tail, *in.g);
     const BUN first = in.e->info->first;

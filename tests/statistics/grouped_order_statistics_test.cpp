@@ -2,6 +2,7 @@
 #include "statistics/plain_statistics.h"
 #include "support/failing_calls.h"
 #include "support/leak_guard.h"
+#include "support/other_host.h"
 #include "vask_ops.h"
 
 #include <gtest/gtest.h>
@@ -202,6 +203,28 @@ TEST(GroupedOrderStatistics, RowsThatTheMapLacksAndEmptyInputs) {
     const kernel_settings settings(0);
     expect_all<float>({empty, no_rows, e, none}, random);
     expect_all<float>({b, g, e, {}, false}, random);
+}
+
+// What lies behind a view's rows would pass for groups. Rows without a group are none that may be
+// left out, whatever their range.
+TEST(GroupedOrderStatistics, RowsBeyondAMapThatIsCalledAligned) {
+    std::mt19937 random(9);
+    const bat b = nonil_column(std::vector<std::int32_t>(1000, 4), 3);
+    const bat e = refkernel::make_void_column(2);
+    const bat stored = column_of(std::vector<oid>(1000, 1));
+    const bat counted = refkernel::make_void_column(1000);
+    const bat all_groups = refkernel::make_void_column(1000);
+    const everything_aligned claim;
+    for (const std::int32_t threads : {1, 3, 300}) {
+        const kernel_settings settings(threads);
+        for (const BUN mapped : {999U, 500U, 0U}) {
+            SCOPED_TRACE(testing::Message() << mapped << " rows, " << threads << " threads");
+            const bat short_map = refkernel::slice(stored, 0, mapped);
+            expect_all<std::int32_t>({b, short_map, e, {}, false}, random);
+            const bat short_count = refkernel::slice(counted, 0, mapped);
+            expect_all<std::int32_t>({b, short_count, all_groups, {}, false}, random);
+        }
+    }
 }
 
 // Few ranks are kept while the rows go by and more are not; nor where a value has the lowest key of
