@@ -29,10 +29,11 @@ char *run_grouped_wrapper(const char *name, std::int32_t *result, const std::int
 
 //! A new BAT under the head of the extents, to be filled with one element per group; null when
 //! BATnew fails.
-inline BAT *make_grouped_result(int head_type, int tail_type, BAT *e) {
+inline BAT *make_grouped_result(int head_type, int tail_type, BAT *e,
+                                marked place = marked::in_view) {
     BAT *result = BATnew(head_type, tail_type, e->info->count);
     if (result != nullptr)
-        vask_grp_result_view(&result, e);
+        vask_grp_result_view(&result, e, place);
     return result;
 }
 

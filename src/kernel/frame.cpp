@@ -106,17 +106,20 @@ void mark_nil(BATcol &column) noexcept {
     column.nil = 1;
 }
 
-void vask_grp_result_view(BAT **result, BAT *e) {
+void vask_grp_result_view(BAT **result, BAT *e, marked place) {
     BAT *fresh = *result;
     BATsetcount(fresh, e->info->count);
     freeze(*fresh);
+    if (place == marked::before_view)
+        mark_nonil_unsorted(*fresh->tail);
     BAT *view = VIEWcreate(e, fresh);
     BBPreleaseref(fresh->bat_id);
     *result = view;
     if (view == nullptr)
         return;
     ALIGNsetH(view, e);
-    mark_nonil_unsorted(*view->tail);
+    if (place == marked::in_view)
+        mark_nonil_unsorted(*view->tail);
 }
 
 } // namespace vask

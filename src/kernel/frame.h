@@ -212,9 +212,13 @@ void mark_nonil_unsorted(BATcol &column) noexcept;
 //! Marks a column as one with nils.
 void mark_nil(BATcol &column) noexcept;
 
+//! Where a grouped result is marked free of nils and in no order: in the view, once it is aligned,
+//! or in the new BAT, from which the view takes the marks over. The kernel can tell which.
+enum class marked { in_view, before_view };
+
 //! Turns a new BAT of one tail element per group into the result: its tail under the head of the
-//! extents `e`, marked free of nils. `*result` becomes the view; the new BAT's reference goes to
-//! it. Null when the view cannot be made.
-void vask_grp_result_view(BAT **result, BAT *e);
+//! extents `e`. `*result` becomes the view; the new BAT's reference goes to it. Null when the view
+//! cannot be made.
+void vask_grp_result_view(BAT **result, BAT *e, marked place = marked::in_view);
 
 } // namespace vask

@@ -20,7 +20,9 @@ namespace vask {
 template <class Aggregate, class Rows, std::size_t N, class Close, class FillRowGroups>
 int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
                            Close close, FillRowGroups fill_row_groups) {
-    BAT *r = make_grouped_result(TYPE_void, TYPE_dbl, inputs.extents);
+    // Statistics of two columns bring their marks into the view.
+    BAT *r = make_grouped_result(TYPE_void, TYPE_dbl, inputs.extents,
+                                 N == 2 ? marked::before_view : marked::in_view);
     if (r == nullptr)
         return 0;
     if (inputs.map->tail->type == TYPE_void)

@@ -5,8 +5,10 @@
 #include "statistics/plain_statistics.h"
 #include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
+#include "support/other_host.h"
 #include "vask_ops.h"
 
+#include <array>
 #include <map>
 #include <string>
 #include <vector>
@@ -130,6 +132,30 @@ TEST(KernelCalls, AreTheAgreedOnesInOrder) {
             EXPECT_TRUE(kernel.unpaired_accesses().empty());
             EXPECT_EQ(kernel.bytes_outstanding(), 0U);
             bat::adopt(call.gives_column() ? id : int_nil);
+        }
+}
+
+//! The marks that a tail has when a view takes it over: nonil, nil, sorted.
+using tail_marks = std::array<int, 3>;
+
+// Other than those of one column, which are marked when they are a view already.
+TEST(KernelCalls, GroupedStatisticsOfTwoColumnsBringTheirMarksIntoTheView) {
+    const bat x = nonil_column(std::vector<double>{1, 2, 3});
+    const bat g = column_of(std::vector<oid>{0, 1, 0});
+    const bat counted = refkernel::make_void_column(3);
+    const bat e = refkernel::make_void_column(3);
+    for (const any_operator &call : {any_operator(vask_grp_covars), any_operator(vask_grp_covarp),
+                                     any_operator(vask_grp_correl), any_operator(vask_grp_slope),
+                                     any_operator(vask_grp_intercept)})
+        for (const bat *map : {&g, &counted}) {
+            std::vector<tail_marks> seen;
+            const view_look_out look_out([&seen](const BAT &, const BAT &made) {
+                seen.push_back({made.tail->nonil, made.tail->nil, made.tail->sorted});
+            });
+            std::int32_t id = 0;
+            EXPECT_EQ(refkernel::take_exception(call(&id, {&x, &x, map, &e})), success);
+            bat::adopt(id).reset();
+            EXPECT_EQ(seen, (std::vector<tail_marks>{{1, 0, 0}}));
         }
 }
 
