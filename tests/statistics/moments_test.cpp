@@ -59,6 +59,51 @@ TEST(GroupedMoments, AgreeBitForBitWithPlainLoops) {
     check_grouped_moments(all_places);
 }
 
+// Nil exactly where the definition divides by 0.
+TEST(Moments, AgreeWithTheTextbookWholeAndByGroup) {
+    constexpr BUN groups = 4; // the last one is empty
+    const auto expect_near = [](double found, const textbook_moment &textbook) {
+        EXPECT_EQ(found == nil_of<double>(), !textbook.value) << found;
+        if (textbook.value) {
+            EXPECT_NEAR(found, *textbook.value, textbook.accuracy);
+        }
+    };
+    std::uint32_t seed = 0;
+    for (const BUN rows : {1U, 2U, 3U, 4U, 7U, 20U, 3000U})
+        for (const std::uint32_t distinct : {1U, 2U, 9U, 1'000'000U})
+            for_each_number_type([&]<class T>(T) {
+                std::mt19937 random(++seed);
+                auto values = statistic_values<T>(rows, distinct, seed % 2 * 20, random);
+                // Numbers all on one side of 0 as well.
+                for (T &v : values)
+                    if (seed % 3 == 0 && v != nil_of<T>())
+                        v = static_cast<T>(v / 2 + std::numeric_limits<std::int8_t>::max() / 2);
+                std::vector<oid> ids;
+                std::vector<T> all;
+                std::vector<std::vector<T>> members(groups);
+                for (const T v : values) {
+                    ids.push_back(static_cast<oid>(random() % (groups - 1)));
+                    if (v != nil_of<T>()) {
+                        all.push_back(v);
+                        members[ids.back()].push_back(v);
+                    }
+                }
+                const kernel_settings settings(static_cast<std::int32_t>(seed % 3 + 1));
+                const bat column = column_of(values);
+                const bat map = column_of(ids);
+                const bat extents = refkernel::make_void_column(groups);
+                for (std::size_t i = 0; i < std::size(statistics); ++i) {
+                    const plain_moment &moment = plain_moments[i];
+                    SCOPED_TRACE(testing::Message() << moment.name << " of " << rows << " rows of "
+                                                    << sizeof(T) << " bytes, seed " << seed);
+                    expect_near(run(statistics[i], column), {moment, all});
+                    const bat by_group = call_grouped(grouped_statistics[i], column, map, extents);
+                    for (BUN j = 0; j < groups; ++j)
+                        expect_near(by_group.values<double>()[j], {moment, members[j]});
+                }
+            });
+}
+
 TEST(Moments, KnownValues) {
     const double nil = nil_of<double>();
     EXPECT_EQ(run(vask_variance, std::vector{1, nil_of<std::int32_t>(), 3}), 2);

@@ -1,4 +1,6 @@
-// Statistics in the plainest way: sort, count, or add up in a loop, then the formula.
+// Statistics in the plainest way: sort, count, or add up in a loop, then the formula. What the
+// operators promise to the last bit can only be had by their own formula; whether that formula is
+// right, another one judges: a textbook's definition in more digits than the operators have.
 #pragma once
 
 #include "refkernel/embed.h"
@@ -70,6 +72,31 @@ double plain_percentile(const std::vector<T> &values, double p) {
     return ((p - lo) / (hi - lo)) * (upper - lower) + lower;
 }
 
+//! The textbook's percentile: on the line between the values at the whole positions around
+//! p·(n − 1). `accuracy` is what doubles lose on the way there at most.
+struct textbook_percentile {
+    double value;
+    double accuracy;
+
+    template <class T>
+    textbook_percentile(const std::vector<T> &values, double p) {
+        const std::vector<T> ascending = sorted(values);
+        const std::size_t last = ascending.size() - 1;
+        const auto at = [&](std::size_t position) {
+            return static_cast<long double>(ascending[std::min(position, last)]);
+        };
+        const long double place = static_cast<long double>(p) * static_cast<long double>(last);
+        const auto below = static_cast<std::size_t>(place);
+        const long double share = place - static_cast<long double>(below);
+        const long double found = at(below) + share * (at(below + 1) - at(below));
+        // A place next to a whole position can fall to either side of it.
+        const long double gap = at(below + 2) - at(below == 0 ? 0 : below - 1);
+        const long double scale = static_cast<long double>(last) * gap + std::fabs(found);
+        value = static_cast<double>(found);
+        accuracy = static_cast<double>(scale) * 8 * std::numeric_limits<double>::epsilon();
+    }
+};
+
 struct plain_sums {
     double s1 = 0, s2 = 0, s3 = 0, n = 0;
 
@@ -118,6 +145,52 @@ inline constexpr plain_moment plain_moments[] = {
     {"stdev", false, false, true},     {"stdevp", false, true, true},
     {"variance", false, false, false}, {"variancep", false, true, false},
     {"skews", true, false, false},     {"skewp", true, true, false},
+};
+
+//! A moment as textbooks define it, by the deviations from the mean; nothing where the definition
+//! divides by 0. `accuracy` is what sums of powers in doubles lose at most for some thousand
+//! values.
+struct textbook_moment {
+    std::optional<double> value;
+    double accuracy = 0;
+
+    template <class T>
+    textbook_moment(const plain_moment &moment, const std::vector<T> &values) {
+        constexpr long double lost = 1e-12L;
+        const auto n = static_cast<long double>(values.size());
+        const auto sum_of = [&values](auto term) {
+            long double sum = 0;
+            for (const T v : values)
+                sum += term(static_cast<long double>(v));
+            return sum;
+        };
+        const long double mean = sum_of([](long double v) { return v; }) / n;
+        const long double variance =
+            sum_of([&](long double v) { return (v - mean) * (v - mean); }) / n;
+        if (moment.skewness ? n < (moment.population ? 1 : 3) || variance == 0
+                            : n < (moment.population ? 1 : 2))
+            return;
+        const long double uncertain = (variance + mean * mean) * lost; // of the variance
+        long double found = 0;
+        long double off = 0;
+        if (moment.skewness) {
+            const long double third =
+                sum_of([&](long double v) { return (v - mean) * (v - mean) * (v - mean); }) / n;
+            found = third / (variance * std::sqrt(variance));
+            if (!moment.population)
+                found *= std::sqrt(n * (n - 1)) / (n - 2);
+            off = (1 + std::fabs(found)) * std::pow(uncertain / variance / lost, 1.5L) * lost;
+        } else {
+            found = moment.population ? variance : variance * n / (n - 1);
+            off = 2 * uncertain;
+            if (moment.root) {
+                found = std::sqrt(found);
+                off = found == 0 ? std::sqrt(off) : off / found;
+            }
+        }
+        value = static_cast<double>(found);
+        accuracy = static_cast<double>(off);
+    }
 };
 
 //! The moment at a place of plain_moments as an aggregate of columns of T.
