@@ -10,6 +10,7 @@
 #include "support/values.h"
 
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -109,8 +110,11 @@ template <class Result, class T, class Expected>
 void check_row_groups(grouped_function call, int type, int result_type, Expected expected) {
     std::mt19937 random(static_cast<std::uint32_t>(type));
     for (const BUN rows : {0U, 1U, 5U, 70'000U}) {
-        for (const int nil_percent : {0, 30}) {
+        for (const auto &[nil_percent, nil_first] :
+             {std::pair(0, false), std::pair(0, true), std::pair(30, false)}) {
             auto values = draw_values<T>(random, rows + 3, nil_percent, spread::any);
+            if (nil_first) // of no row that the last tasks see
+                values.front() = refkernel::nil_of<T>();
             const refkernel::bat source =
                 refkernel::make_column(std::span<const T>(values), {.type = type});
             const refkernel::bat column = refkernel::slice(source, 3, rows);

@@ -82,6 +82,20 @@ TEST(GroupedFrame, AHashThatCannotBeBuiltIsFatalUnderTheNumbersOwnName) {
     refkernel::set_fatal_handler(before);
 }
 
+// What lies behind the map's rows would pass for groups.
+TEST(GroupedFrame, RowsBeyondTheMapHaveNoGroup) {
+    const bat values = make_column(std::vector<std::int32_t>(1000, 1));
+    const bat memory = make_column(std::vector<oid>(1000, 5));
+    for (const BUN mapped : {0U, 1U, 400U, 999U})
+        for (const std::int32_t threads : {1, 3}) {
+            const kernel_settings settings(threads);
+            const bat map = refkernel::slice(memory, 0, mapped);
+            const bat sums = support::call_grouped(vask_grp_sum, values, map, make_extents({5}));
+            EXPECT_EQ(support::unless_nil(sums.values<lng>()[0]).value_or(0), mapped)
+                << threads << " threads";
+        }
+}
+
 TEST(GroupedFrame, WithoutGroupsTheResultIsEmptyAndNothingIsRead) {
     const bat values = one_to_ten();
     const bat map = odd_and_even();

@@ -38,6 +38,16 @@ TEST(Sum, CancellingValuesGiveZeroAndWrappingMayGiveTheNil) {
         call_on_column<double>(vask_sum_dbl, make_column(std::vector<double>{-0.0, -0.0}))));
 }
 
+// More rows of the largest value than 32 bits can sum up.
+TEST(Sum, OfManyNarrowIntegersIsWide) {
+    constexpr std::int64_t rows = 70'000;
+    const support::kernel_settings settings(1);
+    for (const std::int16_t v : {std::int16_t{32767}, std::int16_t{-32767}})
+        EXPECT_EQ(call_on_column<std::int64_t>(vask_sum_sht,
+                                               make_column(std::vector<std::int16_t>(rows, v))),
+                  rows * v);
+}
+
 TEST(GroupedSum, AgreesWithThePlainSumOnAllShapes) {
     support::check_grouped<plain::sum>(vask_grp_sum, sum_type);
 }

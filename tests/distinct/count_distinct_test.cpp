@@ -1,3 +1,4 @@
+#include "kernel/key_hash.h"
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
@@ -214,6 +215,41 @@ TEST(CountDistinct, OfTextsByWhatTheyRead) {
     }
 }
 
+// As many values as there are bits in five words, and a nil beside them. Only one of two groups has
+// the nil, and only that one has the least value.
+TEST(CountDistinct, OfNeighboursThatFillTheirWords) {
+    const kernel_settings settings(2);
+    std::mt19937 random(36);
+    const shape s{.rows = 640, .groups = 2};
+    grouping g(s, random);
+    std::vector<std::int32_t> values(s.rows);
+    for (BUN row = 0; row < s.rows; ++row) {
+        values[row] = static_cast<std::int32_t>(row % 320);
+        g.gids[row] = row < 320 ? 500 : 501;
+    }
+    values[320] = 1; // the second group's 0
+    values[1] = refkernel::nil_of<std::int32_t>();
+    std::copy(g.gids.begin(), g.gids.end(), g.map.mutable_values<oid>().begin());
+    const outcome out =
+        count_distinct(refkernel::make_column(std::move(values), g.value_options(s, TYPE_int)), g);
+    EXPECT_FALSE(out.serial);
+    EXPECT_EQ(out.counts, (std::vector<wrd>{320, 319, 0}));
+}
+
+TEST(CountDistinct, OfTextsWithEqualHashes) {
+    ASSERT_EQ(vask::vask_str_hash("Aa"), vask::vask_str_hash("BB"));
+    const kernel_settings settings(2);
+    std::mt19937 random(37);
+    const shape s{.rows = 400, .groups = 1};
+    const grouping g(s, random);
+    refkernel::text_builder builder;
+    for (BUN row = 0; row < s.rows; ++row)
+        builder.append(row == 7 ? "Aa" : row == 300 ? "BB" : "text " + std::to_string(row));
+    const outcome out = count_distinct(builder.finish(g.value_options(s, TYPE_str)), g);
+    EXPECT_FALSE(out.serial);
+    EXPECT_EQ(out.counts, (std::vector<wrd>{400, 0}));
+}
+
 TEST(CountDistinct, ZerosNilsAndNansAreValuesOnBothRoads) {
     const kernel_settings settings(2);
     const double nan = std::numeric_limits<double>::quiet_NaN();
@@ -242,7 +278,7 @@ TEST(CountDistinct, SampleAndHeadsChooseTheRoad) {
     const kernel_settings settings(2);
     std::mt19937 random(34);
     const shape s{.rows = 1024, .groups = 4};
-    const grouping g(s, random);
+    grouping g(s, random);
     // All rows are sampled, so the number of values is exact.
     for (const std::int32_t distinct : {299, 300}) {
         std::vector<std::int32_t> values(s.rows);
@@ -255,7 +291,7 @@ TEST(CountDistinct, SampleAndHeadsChooseTheRoad) {
                            g);
         EXPECT_EQ(out.serial, distinct == 299);
         EXPECT_EQ(out.counts, expected);
-        // A head whose mark says nothing of order.
+        // A head whose mark says nothing of order, be it that of the values or that of the map.
         refkernel::column_options unordered = g.value_options(s, TYPE_int);
         unordered.stored_head = true;
         unordered.head_oids = g.heads;
@@ -264,6 +300,17 @@ TEST(CountDistinct, SampleAndHeadsChooseTheRoad) {
             refkernel::make_column(std::span<const std::int32_t>(values), unordered), g);
         EXPECT_TRUE(serial.serial);
         EXPECT_EQ(serial.counts, expected);
+        const std::vector<oid> last_first(g.heads.rbegin(), g.heads.rend());
+        bat turned = refkernel::make_column(std::vector<oid>(g.gids.rbegin(), g.gids.rend()),
+                                            {.stored_head = true, .head_oids = last_first});
+        std::swap(g.map, turned);
+        const outcome by_map =
+            count_distinct(refkernel::make_column(std::span<const std::int32_t>(values),
+                                                  g.value_options(s, TYPE_int)),
+                           g);
+        std::swap(g.map, turned);
+        EXPECT_TRUE(by_map.serial);
+        EXPECT_EQ(by_map.counts, expected);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "kernel/frame.h"
 
 #include "refkernel/embed.h"
+#include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 
@@ -84,6 +85,37 @@ TEST(Descriptor, BadNumbersFetchNothingAndAreTracedOnRequest) {
     ASSERT_NE(mirror, nullptr);
     EXPECT_EQ(mirror->head, column->tail);
     BBPreleaseref(mirror->bat_id);
+}
+
+TEST(Descriptor, ABatThatIsNotInMemoryIsLoaded) {
+    using enum refkernel::instrumentation::operation;
+    const refkernel::bat column = refkernel::make_column(std::vector<std::int32_t>{1, 2});
+    BAT *const record = column.record();
+    const support::leak_guard leaks;
+    refkernel::instrumentation::watch kernel;
+    for (const std::int32_t id : {column.id(), -column.id()}) {
+        kernel.clear();
+        ASSERT_TRUE(refkernel::instrumentation::unload(column.id()));
+        BAT *const loaded = vask_descriptor(id);
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_EQ(loaded->bat_id, id);
+        EXPECT_EQ(id > 0 ? loaded : mirror_of(*loaded), record);
+        EXPECT_EQ(kernel.calls(bbp_descriptor), 1U);
+        EXPECT_EQ(vask_descriptor(id), loaded);
+        EXPECT_EQ(kernel.calls(bbp_descriptor), 1U) << "it is in memory";
+        BBPreleaseref(id);
+        BBPreleaseref(id);
+
+        // One that is not valid is not loaded, and of one that cannot be loaded there is no record.
+        ASSERT_TRUE(refkernel::instrumentation::unload(column.id()));
+        kernel.fail_at(bbp_incref, 1);
+        EXPECT_EQ(vask_descriptor(id), nullptr);
+        EXPECT_EQ(kernel.calls(bbp_descriptor), 1U);
+        kernel.fail_at(bbp_descriptor, 1);
+        EXPECT_EQ(vask_descriptor(id), nullptr);
+        BBPreleaseref(id);
+        BBPdescriptor(id);
+    }
 }
 
 TEST(Tasks, AnExceptionReachesTheCallerAndIsTheOneThatWasThrown) {

@@ -271,6 +271,26 @@ TEST(GroupedOrderStatistics, LargestOnBothSidesOfWhatIsKept) {
     });
 }
 
+// What stands for a missing value is one of the NaNs, and may be all that a group has.
+TEST(GroupedOrderStatistics, LargestOfValuesThatLookMissing) {
+    const auto check = [](auto lowest) {
+        std::memset(&lowest, 0xff, sizeof lowest);
+        const std::vector values{lowest, decltype(lowest){1}, decltype(lowest){2}, lowest};
+        const bat b = nonil_column(values);
+        const bat g = column_of(std::vector<oid>{0, 1, 1, 2});
+        const bat e = refkernel::make_void_column(3);
+        const bat rank = parameter<lng>(1);
+        const kernel_settings settings(1);
+        std::int32_t id = 0;
+        ASSERT_EQ(call(vask_grp_largest(&id, b.slot(), rank.slot(), g.slot(), e.slot())), success);
+        const bat result = bat::adopt(id);
+        for (const std::size_t group : {0U, 2U})
+            EXPECT_TRUE(same_bits(result.values<decltype(lowest)>()[group], lowest)) << group;
+    };
+    check(float());
+    check(double());
+}
+
 // Exceptions of the tasks and of the calling thread are caught, whichever allocation it is.
 TEST(GroupedOrderStatistics, FailingAllocations) {
     struct inputs {

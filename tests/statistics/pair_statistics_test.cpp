@@ -164,6 +164,21 @@ TEST(PairStatistics, KnownValues) {
         cut += std::fabs(r) == 1;
     }
     EXPECT_GT(cut, 20);
+    // Where all x are equal, rounding makes n·Sxx − Sx² anything; if it is far from 0, on either
+    // side, there is a line.
+    int negative = 0;
+    for (std::uint32_t seed = 0; seed < 200; ++seed) {
+        std::mt19937 random(seed);
+        const doubles x(random() % 20 + 3, 1e8 + random_share(random));
+        const doubles y(x.size(), 2.5);
+        plain_pair_sums sums;
+        for (std::size_t row = 0; row < x.size(); ++row)
+            sums.add(x[row], y[row]);
+        negative += sums.n * sums.xx - sums.x * sums.x < -1;
+        EXPECT_EQ(run(slope, x, y), sums.line(true)) << "seed " << seed;
+        EXPECT_EQ(run(intercept, x, y), sums.line(false)) << "seed " << seed;
+    }
+    EXPECT_GT(negative, 20);
     // As doubles these are one number, yet only one of them is the nil.
     constexpr lng least = std::numeric_limits<lng>::min();
     const std::vector<lng> far{least, least + 1, 0, 0};
