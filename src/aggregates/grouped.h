@@ -67,7 +67,7 @@ void aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Fin
     inputs.access(1);
 
     const BAT &first = *inputs.values[0];
-    const slot_table_owner table(*e, first.info->count);
+    const slot_table_owner table(*e, first.info->count, nparts);
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
     run_partitions(partition_plan(first, nparts),
                    [=, map = inputs.map, slots = table.get()](std::uint64_t part, row_range r) {

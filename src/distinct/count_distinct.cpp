@@ -110,7 +110,7 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
 template <class T>
 bool count_rows(const grouped_values &inputs, std::uint64_t nranges, wrd *counts) {
     const BAT &b = *inputs.b;
-    const slot_table_owner table(*inputs.groups, b.info->count);
+    const slot_table_owner table(*inputs.groups, b.info->count, nranges);
     if constexpr (std::signed_integral<T>)
         if (const auto window = window_for_bits<T>(b, inputs.groups->info->count, nranges))
             return count_by_window<T>(inputs, table.get(), nranges, *window, counts);

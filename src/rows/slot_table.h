@@ -28,11 +28,11 @@ struct slot_table {
 //! what the operators hold, and this is no part of an operator's result or state.
 class slot_table_owner {
 public:
-    //! Fills the table from the head of the extents, unless it would not pay for `rows` lookups or
-    //! could give another answer than the kernel's hash: a head that is dense needs none, one whose
-    //! ids lie too far apart would take too much memory, and one that holds an id twice leaves it
-    //! to the order of a chain which row is found.
-    slot_table_owner(const BAT &extents, BUN rows);
+    //! Fills the table from the head of the extents, unless it would not pay for the lookups of
+    //! `rows` rows by so many tasks or could give another answer than the kernel's hash: a head
+    //! that is dense needs none, one whose ids lie too far apart would take too much memory, and
+    //! one that holds an id twice leaves it to the order of a chain which row is found.
+    slot_table_owner(const BAT &extents, BUN rows, std::uint64_t tasks);
 
     //! Null if there is no table.
     const slot_table *get() const noexcept {

@@ -108,7 +108,7 @@ bool with_group_finder(const grouped_rows &in, const slot_table *table, row_rang
 //! when a call gives false or throws.
 template <class Visit>
 bool visit_grouped_rows(const grouped_rows &in, const partition_plan &plan, const Visit &visit) {
-    const slot_table_owner table(*in.e, in.b->info->count);
+    const slot_table_owner table(*in.e, in.b->info->count, plan.nparts);
     shared_mark failed;
     run_partitions(plan, [&in, &visit, &failed, slots = table.get()](std::uint64_t i, row_range r) {
         try {
