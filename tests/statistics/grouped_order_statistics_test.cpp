@@ -249,7 +249,7 @@ TEST(GroupedOrderStatistics, LargestOnBothSidesOfWhatIsKept) {
                 gids[row] = static_cast<oid>(row < 12 ? row % 8 : 10 + random() % (groups - 10));
                 members[gids[row]].push_back(values[row]);
             }
-            const bat b = nonil_column(values, round % 4);
+            const bat b = nonil_column(values, static_cast<BUN>(round % 4));
             const bat g = column_of(gids);
             const bat e = refkernel::make_void_column(groups);
             const kernel_settings settings(round % 2 == 0 ? 1 : 5);
