@@ -1,6 +1,6 @@
-#include "kernel/key_hash.h"
 #include "refkernel/embed.h"
 #include "refkernel/instrumentation.h"
+#include "rows/key_hash.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
