@@ -87,7 +87,7 @@ private:
     //! Ids and counts by number. Apart, so that the ids alone fill the caches while the map is
     //! written.
     struct pair_table {
-        gdk_vector<oid> ids;
+        gdk_vector<oid> ids; // first rows until all ranges are merged
         gdk_vector<BUN> counts;
 
         pair_table() = default;
@@ -183,8 +183,9 @@ private:
             return local.all_codes[code];
     }
 
-    //! Merges the ranges' counts, in ascending order, so that a pair's first row in the whole
-    //! column decides its id.
+    //! Merges the ranges' counts, in ascending order, so that the first range that has a pair
+    //! begins its group. There its rows can have several codes, in any order, so that the least of
+    //! their first rows decides the id.
     void merge() {
         codes_ = number_codes();
         pairs_ = pair_table(number_of(codes_, 0));
@@ -202,14 +203,22 @@ private:
                         if (count == 0)
                             continue;
                         BUN &total = pairs_.counts[into + group];
+                        BUN &first = pairs_.ids[into + group];
                         if (total == 0) {
-                            pairs_.ids[into + group] = heads[local.firsts[number]];
+                            first = local.firsts[number];
                             ++begun[group];
+                        } else {
+                            first = std::min(first, local.firsts[number]);
                         }
                         total += count;
                     }
                 }
             }
+            for (std::size_t code = 0; code < codes_; ++code)
+                for (BUN group = groups.begin; group < groups.end; ++group)
+                    if (const std::size_t number = number_of(code, group);
+                        pairs_.counts[number] != 0)
+                        pairs_.ids[number] = heads[pairs_.ids[number]];
         });
     }
 

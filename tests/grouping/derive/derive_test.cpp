@@ -11,6 +11,7 @@
 #include "vask_ops.h"
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <set>
 
@@ -268,29 +269,46 @@ TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
     expect_fast(vask_pairs_derive<str>, texts.finish(options), l.rows);
 }
 
+//! How many places in the heap the texts of a column have.
+enum class places { one_per_text, one_per_row, few };
+
+//! Makes the column what a join leaves: rows of a small one, whose equal texts lie at several
+//! places, in an order that does not follow the places.
+void pick_from_first_rows(const BAT &b, BUN picked, BUN rows, std::mt19937_64 &random) {
+    const auto width = static_cast<std::size_t>(b.tail->width);
+    char *offsets = static_cast<char *>(b.tail->base) + b.info->first * width;
+    for (BUN row = picked; row < rows; ++row)
+        std::memcpy(offsets + row * width, offsets + random() % picked * width, width);
+}
+
 TEST(Derive, TextsByPlaceAndByContent) {
     for (const layout &l : layouts()) {
         if (l.rows > 999 && l.groups == 700 && l.head != heads::void_head)
             continue;
-        for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew})
+        for (const places kind : {places::one_per_text, places::one_per_row, places::few})
             for (const int width : {1, 2, 4}) {
-                SCOPED_TRACE(::testing::Message() << l << ", width " << width);
+                SCOPED_TRACE(::testing::Message()
+                             << l << ", width " << width << ", places " << static_cast<int>(kind));
                 const old_grouping old(l);
                 std::mt19937_64 random(l.seed);
-                refkernel::text_builder builder(
-                    refkernel::text_options{.sharing = sharing, .offset_width = width});
+                refkernel::text_builder builder(refkernel::text_options{
+                    .sharing = kind == places::one_per_text ? refkernel::text_sharing::once
+                                                            : refkernel::text_sharing::anew,
+                    .offset_width = width});
                 std::vector<std::string> texts;
                 for (BUN row = 0; row < l.rows; ++row) {
                     // Some texts share their hash: 31 times a byte up, one times a byte down.
                     const std::uint64_t pick = random() % 40;
                     texts.push_back(pick < 2 ? (pick == 0 ? "Aa" : "BB")
                                              : std::string(pick % 7, '\xe9') + "x");
-                    if (pick == 39)
+                    if (pick == 39 && kind != places::few)
                         builder.append_nil();
                     else
                         builder.append(texts.back());
                 }
                 const bat b = builder.finish(head_options(l.head, old.heads, l.first));
+                if (kind == places::few)
+                    pick_from_first_rows(*b.record(), 16, l.rows, random);
                 const text_reader reader(*b->tail);
                 std::vector<std::uint32_t> by_place;
                 std::vector<std::string> by_content;
