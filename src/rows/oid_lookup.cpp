@@ -2,6 +2,7 @@
 
 #include "kernel/frame.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace vask {
@@ -21,12 +22,18 @@ const BAThashtable *head_hash(BAT &b) {
 
 constexpr BUN empty_bucket = NO_BUN;
 
+//! How many oids there are from one on: a head that counts on behind the last holds none of those
+//! that it would begin anew with.
+std::uint64_t oids_from(oid v) noexcept {
+    return (std::uint64_t{1} << 32) - v;
+}
+
 } // namespace
 
 oid_lookup::oid_lookup(BAT &b)
     : head_(*b.head, b),
       nil_(oid_nil),
-      count_(b.info->count),
+      count_(static_cast<BUN>(std::min<std::uint64_t>(b.info->count, oids_from(head_.seqbase)))),
       dense_(is_dense(*b.head) && b.head->seqbase != oid_nil) {
     if (dense_)
         return;

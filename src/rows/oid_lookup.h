@@ -45,7 +45,7 @@ public:
 private:
     oid_reader head_;
     oid nil_;
-    BUN count_;
+    BUN count_; // of a dense head, no more than there are oids from its seqbase on
     bool dense_;
     std::uint32_t mask_ = 0;
     const BUN *buckets_ = nullptr;

@@ -130,6 +130,16 @@ TEST(OidLookup, FindsTheFirstOfEqualOidsByArithmeticAndByHash) {
     // All nil: the arithmetic would answer, the rows do not.
     const bat nils = refkernel::make_void_column(4, 0, {.seqbase = oid_nil});
     EXPECT_EQ(vask::oid_lookup(*nils.record()).find(oid_nil + 1), NO_BUN);
+    // Up to the greatest oid, and on: what lies behind it is not the first oids again.
+    constexpr oid last = 0xffffffff;
+    for (const BUN rows : {16U, 100U}) {
+        const bat end = refkernel::make_void_column(rows, 0, {.seqbase = last - 15});
+        const vask::oid_lookup lookup(*end.record());
+        EXPECT_EQ(lookup.find(last), 15U);
+        EXPECT_EQ(lookup.find(last - 16), NO_BUN);
+        for (const oid v : {oid{0}, oid{83}, oid{84}})
+            EXPECT_EQ(lookup.find(v), NO_BUN) << rows << " rows, oid " << v;
+    }
 }
 
 } // namespace
