@@ -52,13 +52,12 @@ char *group_in_parallel(vask_group_strategy road, std::int32_t *rethisto, std::i
     if (head_type != TYPE_oid && head_type != TYPE_void)
         return make_exception("group.VASKgroup", "Explicit type required(v)oid head required\n");
 
-    if (run_body(road, ext, grp, b) == 0) {
+    if (run_body(road, ext, grp, b) == 0 || !vask_group_finish(grp, ext, b)) {
         BBPreleaseref(b->bat_id);
         BBPreclaim(grp);
         BBPreclaim(ext);
         return make_exception(place, failure::operation_failed);
     }
-    vask_group_finish(grp, ext, b);
     *rethisto = ext->bat_id;
     *retbid = grp->bat_id;
     BBPreleaseref(b->bat_id);

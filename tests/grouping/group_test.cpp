@@ -214,6 +214,9 @@ TEST(Group, GoesOnWithWhatTheSealGives) {
         EXPECT_EQ(made.map.count(), 2000U);
         EXPECT_EQ(made.ext.count(), 50U);
         EXPECT_EQ(made.ext->state->access, ACCESS_READ);
+        watch kernel;
+        kernel.fail_at(operation::bat_setaccess, 2); // of the extents, behind a map in its place
+        EXPECT_EQ(grouping(b.id()).failure, (exception{"group.vask_new", "operation failed"}));
     }
     EXPECT_EQ(before.leaks(), "");
     refkernel::instrumentation::replace_on_setaccess(false);
@@ -240,6 +243,8 @@ TEST(Group, FailuresReleaseWhatTheyHold) {
         {texts.id(), operation::bat_new, 1, place("could not allocate space for grp BAT")},
         {texts.id(), operation::bat_new, 2, place("could not allocate space for ext BAT")},
         {texts.id(), operation::bat_extend, 1, place("operation failed")},
+        {texts.id(), operation::bat_setaccess, 1, place("operation failed")},
+        {numbers.id(), operation::bat_setaccess, 2, place("operation failed")},
         {tags.id(), operation::gdk_free, 0, place("operation failed")},
         {nils.id(), operation::gdk_free, 0, place("operation failed")},
     };

@@ -122,14 +122,18 @@ char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *ct_histoid,
 
     BAT *grp = nullptr;
     BAT *ext = nullptr;
-    if (const char *text = refine(road, in, grp, ext)) {
+    const char *text = refine(road, in, grp, ext);
+    if (text == nullptr) {
+        in.access(-1);
+        if (!vask_group_finish(grp, ext, in.b))
+            text = failure::operation_failed;
+    }
+    if (text != nullptr) {
         in.release();
         give_back(grp);
         give_back(ext);
         return make_exception(place, text);
     }
-    in.access(-1);
-    vask_group_finish(grp, ext, in.b);
     *rethisto = ext->bat_id;
     *retbid = grp->bat_id;
     in.release();
