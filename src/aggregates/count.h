@@ -53,7 +53,7 @@ struct count {
     }
 
     template <class T>
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, vask_row_range r) noexcept {
         // Blocks that a counter as wide as an element can count, so that a vector holds as many
         // counters as elements.
         using counter = std::conditional_t<
@@ -74,7 +74,7 @@ struct count {
         return result;
     }
 
-    VASK_ALWAYS_INLINE static partial scan(text_rows column, row_range r) noexcept {
+    VASK_ALWAYS_INLINE static partial scan(text_rows column, vask_row_range r) noexcept {
         wrd values = 0;
         for (BUN p = r.begin; p < r.end; ++p)
             values += !column.is_nil(p);

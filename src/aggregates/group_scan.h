@@ -17,7 +17,7 @@ namespace vask {
 //! A row source that wants to see each block of rows before it is asked for them, say to convert
 //! it. Blocks have at most scan_block_rows rows and come in order.
 template <class Rows>
-concept loads_blocks = requires(Rows rows, row_range block) {
+concept loads_blocks = requires(Rows rows, vask_row_range block) {
     rows.load(block);
 };
 
@@ -45,9 +45,9 @@ inline constexpr BUN scan_block_rows = 2048;
 //! Calls `f(rows, block)` for the blocks of a range in order, each loaded if the row source wants
 //! it.
 template <class Rows, class F>
-VASK_ALWAYS_INLINE void for_each_block(Rows rows, row_range r, F f) {
+VASK_ALWAYS_INLINE void for_each_block(Rows rows, vask_row_range r, F f) {
     for (BUN p = r.begin; p < r.end;) {
-        const row_range block{p, p + std::min(scan_block_rows, r.end - p)};
+        const vask_row_range block{p, p + std::min(scan_block_rows, r.end - p)};
         if constexpr (loads_blocks<Rows>)
             rows.load(block);
         f(std::as_const(rows), block);
@@ -70,10 +70,10 @@ public:
 
     //! Adds the rows in order. A row with a value whose group the extents do not hold ends the
     //! scan: the rest of the partition is left out, which is how the operators are defined.
-    VASK_ALWAYS_INLINE void run(row_range partition) {
+    VASK_ALWAYS_INLINE void run(vask_row_range partition) {
         BUN nils = 0;
         for (BUN p = partition.begin; p < partition.end;) {
-            const row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
+            const vask_row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
             if constexpr (loads_blocks<Rows>)
                 rows_.load(block);
             const bool many_nils = nils > block.size() / branch_nil_share;
@@ -86,9 +86,9 @@ public:
 
     //! The same from a row that is known to have a value on, for a row source that asks the kernel:
     //! no row is asked for twice, and none after the scan has ended.
-    VASK_ALWAYS_INLINE void run_from_value(row_range partition) {
+    VASK_ALWAYS_INLINE void run_from_value(vask_row_range partition) {
         for (BUN p = partition.begin; p < partition.end;) {
-            const row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
+            const vask_row_range block{p, p + std::min(scan_block_rows, partition.end - p)};
             if constexpr (loads_blocks<Rows>)
                 rows_.load(block);
             while (p < block.end) {
@@ -188,7 +188,7 @@ private:
     }
 
     //! False at the end of the scan.
-    VASK_ALWAYS_INLINE bool add_rows(row_range block, BUN &nils) const noexcept {
+    VASK_ALWAYS_INLINE bool add_rows(vask_row_range block, BUN &nils) const noexcept {
         BUN p = block.begin;
         for (; block.end - p >= run_rows; p += run_rows) {
             prefetch(p, run_rows);
@@ -228,7 +228,7 @@ private:
     }
 
     //! add_rows() without a branch on nil per row.
-    VASK_ALWAYS_INLINE bool add_live_rows(row_range block, BUN &nils) const noexcept {
+    VASK_ALWAYS_INLINE bool add_live_rows(vask_row_range block, BUN &nils) const noexcept {
         for (BUN p = block.begin; p < block.end; p += mask_rows) {
             const BUN n = std::min(mask_rows, block.end - p);
             prefetch(p, n);
@@ -259,7 +259,7 @@ private:
 
 //! The position of the first row with a value, or the end of the range.
 template <class Rows>
-BUN first_value(Rows rows, row_range r) {
+BUN first_value(Rows rows, vask_row_range r) {
     for (BUN p = r.begin; p < r.end; ++p) {
         if constexpr (loads_blocks<Rows> && !asks_kernel<Rows>) {
             if ((p - r.begin) % scan_block_rows == 0)
@@ -276,7 +276,7 @@ BUN first_value(Rows rows, row_range r) {
 //! kernel sees the build.
 template <class Aggregate, class Rows>
 void scan_partition(const Rows &rows, const BAT &map, BAT &extents, const slot_table *table,
-                    state_columns<typename Aggregate::partial> states, row_range partition) {
+                    state_columns<typename Aggregate::partial> states, vask_row_range partition) {
     // Rows beyond the map have no group, and the first with a value would end the scan.
     partition.end = std::min(partition.end, end_position(map));
     partition.begin = first_value(rows, partition);

@@ -69,11 +69,11 @@ void aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Fin
     const BAT &first = *inputs.values[0];
     const slot_table_owner table(*e, first.info->count, nparts);
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
-    run_partitions(partition_plan(first, nparts),
-                   [=, map = inputs.map, slots = table.get()](std::uint64_t part, row_range r) {
-                       const state_columns<partial> states = blocks.allocate(part, groups);
-                       scan_partition<Aggregate>(rows, *map, *e, slots, states, r);
-                   });
+    run_partitions(partition_plan(first, nparts), [=, map = inputs.map, slots = table.get()](
+                                                      std::uint64_t part, vask_row_range r) {
+        const state_columns<partial> states = blocks.allocate(part, groups);
+        scan_partition<Aggregate>(rows, *map, *e, slots, states, r);
+    });
 
     for (BUN j = 0; j < groups; ++j) {
         partial total{};
@@ -97,7 +97,7 @@ void for_each_row_group(BAT *b, BAT *result, MakeRow make_row) {
     BATaccess(result, 2, 0, 1);
     std::uint8_t has_nil = 0;
     run_row_loop(std::min(b->info->count, result->info->count),
-                 [&has_nil, row = make_row()](row_range r) {
+                 [&has_nil, row = make_row()](vask_row_range r) {
                      bool any = false;
                      for (BUN i = r.begin; i < r.end; ++i)
                          any |= row(i);

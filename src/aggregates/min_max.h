@@ -60,7 +60,7 @@ struct min_max {
     //! NaN, the result is the first of the values that compare equal to the best one, and only
     //! zeros compare equal without being the same. The lanes are written out, as the compiler makes
     //! a branch of the nil test of a plain loop (1e8 int: 12 ms, against 42 ms).
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, vask_row_range r) noexcept {
         const T *rows = column.rows;
         const T nil = column.nil;
         BUN p = r.begin;

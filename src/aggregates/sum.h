@@ -52,7 +52,7 @@ struct sum {
         add(total, part.value);
     }
 
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, row_range r) noexcept {
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, vask_row_range r) noexcept {
         const T *rows = column.rows + r.begin;
         const T nil = column.nil;
         const std::size_t n = r.size();

@@ -25,7 +25,7 @@ void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, St
 
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs);
     run_partitions(partition_plan(*inputs[0], nparts),
-                   [partials, rows](std::uint64_t part, row_range r) {
+                   [partials, rows](std::uint64_t part, vask_row_range r) {
                        // The partial stays in registers during the loop: neighbouring slots belong
                        // to other tasks.
                        const partial result = with_best_instruction_set([=

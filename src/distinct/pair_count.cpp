@@ -39,7 +39,7 @@ private:
 
 //! Deals out the pairs of a range's rows. False when the rows' groups cannot be found.
 template <class Source, class Pair>
-bool deal_rows(const grouped_values &inputs, const slot_table *table, row_range range,
+bool deal_rows(const grouped_values &inputs, const slot_table *table, vask_row_range range,
                const Source &source, part_plan plan, pair_parts<Pair> &dealt) {
     const bool found =
         for_each_slot_block(inputs, table, range, [=, &dealt](BUN row, BUN n, const BUN *slots) {
@@ -87,7 +87,7 @@ void count_dealt(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pa
                         found[i].get());
         });
     tasks.wait();
-    run_row_loop(groups, [=, &found](row_range r) {
+    run_row_loop(groups, [=, &found](vask_row_range r) {
         for (const gdk_block<std::uint32_t> &part : found)
             for (BUN j = r.begin; j < r.end; ++j)
                 counts[j] += part[j];
@@ -112,7 +112,7 @@ bool count_by_pairs(const grouped_values &inputs, const slot_table *table, std::
     bte ok = 1;
     task_set tasks;
     for (std::uint64_t i = 0; i < nranges; ++i) {
-        const row_range range = ranges.partition(i);
+        const vask_row_range range = ranges.partition(i);
         dealt[i] = pair_parts<typename kind::pair>(plan.parts(), range.size());
         tasks.spawn([=, &inputs, &ok, &own = dealt[i]] {
             // Tasks may clear it at the same time: all of them store the same 0.

@@ -81,8 +81,8 @@ private:
 //! Calls `body(row, n, slots)` for each block of a range's rows. False, without the remaining
 //! blocks, where rows cannot be found or the extents lack a group.
 template <class Body>
-bool for_each_slot_block(const grouped_values &inputs, const slot_table *table, row_range range,
-                         Body body) {
+bool for_each_slot_block(const grouped_values &inputs, const slot_table *table,
+                         vask_row_range range, Body body) {
     if (!row_slots::can_find(inputs))
         return false;
     row_slots finder(inputs, table);

@@ -73,7 +73,7 @@ bool count_by_window(const grouped_values &inputs, const slot_table *table, std:
     for (gdk_block<std::uint64_t> &t : tables)
         t.reset(gdk_allocate_zeroed<std::uint64_t>(groups * stride));
     bte ok = 1;
-    run_partitions(plan, [=, &inputs, &tables, &ok](std::uint64_t part, row_range range) {
+    run_partitions(plan, [=, &inputs, &tables, &ok](std::uint64_t part, vask_row_range range) {
         std::uint64_t *words = tables[part].get();
         std::array<std::uint32_t, row_slots::block_rows> places;
         const auto mark = [=, &places](BUN row, BUN n, const BUN *slots) {
@@ -89,7 +89,7 @@ bool count_by_window(const grouped_values &inputs, const slot_table *table, std:
     });
     if (ok == 0)
         return false;
-    run_row_loop(groups, [=, &tables](row_range r) {
+    run_row_loop(groups, [=, &tables](vask_row_range r) {
         for (BUN j = r.begin; j < r.end; ++j) {
             wrd count = 0;
             for (std::uint64_t at = j * stride; at < (j + 1) * stride; ++at) {

@@ -8,9 +8,6 @@ namespace vask {
 
 namespace {
 
-// One less than "no position", which must never become one.
-constexpr BUN last_position = NO_BUN - 1;
-
 char *element_place(const BATcol &column, BUN position) noexcept {
     return static_cast<char *>(column.base) + (static_cast<std::size_t>(position) << column.shift);
 }
@@ -58,14 +55,19 @@ void record_bat_too_large() {
     GDKerror("bunfastins: bat too large\n");
 }
 
-bool vask_bunfastins(BAT &b, const void *head_value, const void *tail_value) {
-    const BUN position = b.info->first + b.info->count;
+bool vask_make_room(BAT &b) {
+    const BUN position = end_position(b);
     if (position == last_position || b.info->count == last_position) {
         record_bat_too_large();
         return false;
     }
-    if (position + 1 > b.info->capacity && BATextend(&b, BATgrows(&b)) == nullptr)
+    return position < b.info->capacity || BATextend(&b, BATgrows(&b)) != nullptr;
+}
+
+bool vask_bunfastins(BAT &b, const void *head_value, const void *tail_value) {
+    if (!vask_make_room(b))
         return false;
+    const BUN position = end_position(b);
     if (!append_value(*b.head, position, head_value) ||
         !append_value(*b.tail, position, tail_value))
         return false;

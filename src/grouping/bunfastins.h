@@ -5,8 +5,14 @@
 
 namespace vask {
 
+//! One less than "no position", which must never become one.
+inline constexpr BUN last_position = NO_BUN - 1;
+
 //! Says in the calling thread's error buffer that a BAT cannot take the rows it was to get.
 void record_bat_too_large();
+
+//! Makes room for the row behind the last one. False as vask_bunfastins says.
+[[nodiscard]] bool vask_make_room(BAT &b);
 
 //! Appends the row (*head_value, *tail_value) to b, as the kernel's BUNfastins does: grows the BAT
 //! where needed, puts variable-sized values into their heap and widens the offsets when the next

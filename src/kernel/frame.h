@@ -4,6 +4,7 @@
 
 #include "kernel/bat.h"
 #include "kernel/column.h"
+#include "rows/row_ranges.h"
 
 #include <array>
 #include <cstddef>
@@ -97,14 +98,6 @@ char *run_wrapper(const char *name, const input_bats<N> &inputs, Body body) {
 
 // ---- partitions -------------------------------------------------------------------------------
 
-//! Positions begin .. end - 1.
-struct row_range {
-    BUN begin;
-    BUN end;
-
-    BUN size() const noexcept { return end > begin ? end - begin : 0; }
-};
-
 //! How many partitions a column of `rows` rows gets under the kernel's settings, which are read
 //! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads or
 //! GDKpart_size_div is 0, under which the kernel must not run an aggregate: the plan then divides
@@ -124,7 +117,7 @@ struct partition_plan {
           part_base(b.info->first),
           end(end_position(b)) {}
 
-    row_range partition(std::uint64_t part) const noexcept {
+    vask_row_range partition(std::uint64_t part) const noexcept {
         const auto i = static_cast<BUN>(part);
         return {part_base + i * part_size,
                 part + 1 == nparts ? end : part_base + (i + 1) * part_size};
@@ -167,15 +160,15 @@ void run_partitions(const partition_plan &plan, const Task &task) {
     tasks.wait();
 }
 
-//! Runs `body(row_range)` over the rows 0 .. rows - 1, cut as the scheduler sees fit. For loops
-//! without a merge, in which every row writes an element of its own.
+//! Runs `body(vask_row_range)` over the rows 0 .. rows - 1, cut as the scheduler sees fit. For
+//! loops without a merge, in which every row writes an element of its own.
 template <class Body>
 void run_row_loop(BUN rows, const Body &body) {
     tbb::task_group_context context(tbb::task_group_context::bound);
     tbb::parallel_for(
         tbb::blocked_range<BUN>(0, rows, 1),
         [&body](const tbb::blocked_range<BUN> &r) {
-            body(row_range{r.begin(), r.end()});
+            body(vask_row_range{r.begin(), r.end()});
         },
         tbb::auto_partitioner{}, context);
 }

@@ -2,9 +2,16 @@
 #pragma once
 
 #include "kernel/column.h"
+#include "rows/grouping_rows.h"
 #include "rows/key_hash.h"
+#include "rows/key_window.h"
+#include "rows/keys.h"
+#include "rows/range_tasks.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 
 namespace vask {
 
@@ -45,6 +52,109 @@ struct offset_keys {
         return (rows + row)[i];
     }
     str value(BUN row) const noexcept { return texts[row]; }
+
+    //! Where the text of the i-th row from a position on lies in the heap.
+    VASK_ALWAYS_INLINE std::uint32_t offset(BUN row, std::size_t i) const noexcept {
+        return key(row, i) + (sizeof(Offset) < 4 ? narrow_offset_bias : 0);
+    }
+    VASK_ALWAYS_INLINE str text(BUN row, std::size_t i) const noexcept {
+        return texts.at_offset(offset(row, i));
+    }
 };
+
+//! Indices of keys in a window.
+template <class Keys>
+index_loader load_indices(Keys keys, key_window<typename Keys::key_type> window) {
+    return [=](BUN row, BUN n, std::uint32_t *indices) {
+        window.number(keys, row, n, indices);
+        return true;
+    };
+}
+
+//! Keys as they are, in words of Key.
+template <class Key, class Keys>
+key_loader<Key> load_keys(Keys keys) {
+    return [=](BUN row, BUN n, std::uint32_t *, Key *out, bool) {
+        for (std::size_t i = 0; i < n; ++i)
+            out[i] = keys.key(row, i);
+        return true;
+    };
+}
+
+//! Hashes of the texts of a block, in which most of them lie far from each other: asked for ahead.
+template <class Offset>
+void hash_texts(const offset_keys<Offset> &keys, BUN row, BUN n, std::uint32_t *hashes) {
+    constexpr std::size_t ahead = 16;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + ahead < n)
+            __builtin_prefetch(keys.text(row, i + ahead));
+        hashes[i] = vask_str_hash(keys.text(row, i));
+    }
+}
+
+//! Texts with their hashes, beside nothing.
+template <class Offset>
+key_loader<std::uint64_t> load_texts(const offset_keys<Offset> &texts) {
+    return [=](BUN row, BUN n, std::uint32_t *hashes, std::uint64_t *out, bool again) {
+        if (!again)
+            hash_texts(texts, row, n, hashes);
+        for (std::size_t i = 0; i < n; ++i)
+            out[i] = text_bits(hashes[i], texts.offset(row, i));
+        return true;
+    };
+}
+
+//! The least key of some rows, and how far the greatest lies above it.
+template <class Key>
+struct key_span {
+    Key least;
+    Key span;
+};
+
+//! The span of the offsets of the ranges' rows. Narrow ones are so few that no row is read.
+template <class Offset>
+key_span<Offset> span_of_offsets(const offset_keys<Offset> &texts,
+                                 const gdk_vector<vask_row_range> &ranges) {
+    if constexpr (sizeof(Offset) < sizeof(std::uint32_t)) {
+        return {0, std::numeric_limits<Offset>::max()};
+    } else {
+        struct bounds {
+            Offset least = std::numeric_limits<Offset>::max();
+            Offset most = 0;
+        };
+        gdk_vector<bounds> found(ranges.size());
+        run_ranges(ranges, [rows = texts.rows, &found](std::size_t k, vask_row_range range) {
+            found[k] =
+                with_best_instruction_set([ offsets = rows + range.begin, n = range.size() ]()
+                                              __attribute__((always_inline)) {
+                                                  bounds b;
+                                                  for (std::size_t i = 0; i < n; ++i) {
+                                                      b.least = std::min(b.least, offsets[i]);
+                                                      b.most = std::max(b.most, offsets[i]);
+                                                  }
+                                                  return b;
+                                              });
+        });
+        bounds all;
+        for (const bounds &b : found) {
+            all.least = std::min(all.least, b.least);
+            all.most = std::max(all.most, b.most);
+        }
+        return {all.least, all.most - all.least};
+    }
+}
+
+//! Calls `body(keys)` with the offset_keys of a text column.
+template <class Body>
+auto visit_offset_keys(const BATcol &column, Body body) {
+    switch (column.width) {
+        case 1:
+            return body(offset_keys<std::uint8_t>(column));
+        case 2:
+            return body(offset_keys<std::uint16_t>(column));
+        default:
+            return body(offset_keys<std::uint32_t>(column));
+    }
+}
 
 } // namespace vask

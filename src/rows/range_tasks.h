@@ -1,4 +1,4 @@
-// Tasks over the row ranges of grouping and refinement.
+// Tasks by number and by range of rows.
 #pragma once
 
 #include "kernel/frame.h"
@@ -15,6 +15,15 @@ void run_ranges(const gdk_vector<vask_row_range> &ranges, const Task &task) {
     task_set tasks;
     for (std::size_t i = 0; i < ranges.size(); ++i)
         tasks.spawn([task, i, range = ranges[i]] { task(i, range); });
+    tasks.wait();
+}
+
+//! The same for the numbers 0 .. n - 1; `task(number)` stays where it is.
+template <class Task>
+void run_numbered(std::size_t n, const Task &task) {
+    task_set tasks;
+    for (std::size_t i = 0; i < n; ++i)
+        tasks.spawn([&task, i] { task(i); });
     tasks.wait();
 }
 

@@ -14,16 +14,16 @@ inline constexpr BUN block_rows = 1024;
 
 //! Calls `body(row, n)` for each block row .. row + n - 1 of the rows.
 template <class Body>
-void for_each_block(row_range rows, Body body) {
+void for_each_block(vask_row_range rows, Body body) {
     for (BUN row = rows.begin; row < rows.end; row += std::min(block_rows, rows.end - row))
         body(row, std::min(block_rows, rows.end - row));
 }
 
 //! The same while the body gives true. False when it has given false.
 template <class Body>
-bool all_blocks(vask_row_range range, Body body) {
-    for (BUN done = 0; done < range.size(); done += std::min(block_rows, range.size() - done))
-        if (!body(range.low + done, std::min(range.size() - done, block_rows)))
+bool all_blocks(vask_row_range rows, Body body) {
+    for (BUN row = rows.begin; row < rows.end; row += std::min(block_rows, rows.end - row))
+        if (!body(row, std::min(block_rows, rows.end - row)))
             return false;
     return true;
 }

@@ -15,9 +15,8 @@ gdk_vector<vask_row_range> vask_row_ranges(const BAT &b, std::uint32_t ranges) {
     result.reserve(ranges);
     const BUN chunk = b.info->count / ranges;
     for (std::uint32_t i = 0; i < ranges; ++i) {
-        const BUN low = b.info->first + i * chunk;
-        const BUN high = i + 1 == ranges ? b.info->first - 1 + b.info->count : low + chunk - 1;
-        result.push_back({low, high});
+        const BUN begin = b.info->first + i * chunk;
+        result.push_back({begin, i + 1 == ranges ? b.info->first + b.info->count : begin + chunk});
     }
     return result;
 }

@@ -1,5 +1,5 @@
-// Rows cut by the number of threads alone, as grouping, distinct count, grouped order statistics
-// and the union do it: contiguous ranges, one per kernel thread.
+// Ranges of rows, and the cut by the number of threads alone that grouping, distinct count, grouped
+// order statistics and the union use: contiguous ranges, one per kernel thread.
 #pragma once
 
 #include "kernel/bat.h"
@@ -7,12 +7,12 @@
 
 namespace vask {
 
-//! Rows low .. high, both inclusive: never empty, unlike the aggregates' half-open row_range.
+//! Positions begin .. end - 1.
 struct vask_row_range {
-    BUN low;
-    BUN high;
+    BUN begin;
+    BUN end;
 
-    BUN size() const noexcept { return high - low + 1; }
+    BUN size() const noexcept { return end > begin ? end - begin : 0; }
 };
 
 //! As many ranges as the kernel has threads, and no more than rows. 0 when either is 0: the roads
@@ -23,5 +23,12 @@ std::uint32_t vask_range_count(const BAT &b) noexcept;
 //! the remainder of the division. The bounds are positions, b's first row included. `ranges` is at
 //! most the number of rows; throws like gdk_vector.
 gdk_vector<vask_row_range> vask_row_ranges(const BAT &b, std::uint32_t ranges);
+
+//! The i-th of n ranges of about equal length.
+inline vask_row_range share_of(vask_row_range rows, std::uint64_t i, std::uint64_t n) noexcept {
+    const std::uint64_t size = rows.size();
+    return {rows.begin + static_cast<BUN>(size * i / n),
+            rows.begin + static_cast<BUN>(size * (i + 1) / n)};
+}
 
 } // namespace vask

@@ -164,8 +164,9 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
     // map of the rows, 6 ms by a set of the values.
     if (right_count <= left_count && left_count <= std::numeric_limits<BUN>::max()) {
         const value_set set({right, right_count}, std::max(left_count, smallest_bitmap));
-        run_row_loop(static_cast<BUN>(left_count),
-                     [&set, left, contained](row_range rows) { set.mark(left, rows, contained); });
+        run_row_loop(static_cast<BUN>(left_count), [&set, left, contained](vask_row_range rows) {
+            set.mark(left, rows, contained);
+        });
         return;
     }
     oid_position_map map;
@@ -178,7 +179,7 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
     if (absence_filter::pays(map, left_count, right, right_count))
         filter.enter(map, left, left_count);
 
-    run_row_loop(static_cast<BUN>(parts), [&](row_range r) {
+    run_row_loop(static_cast<BUN>(parts), [&](vask_row_range r) {
         for (std::uint64_t part = r.begin; part < r.end; ++part) {
             const std::uint64_t end = part + 1 == parts ? right_count : (part + 1) * part_length;
             mark_contained(map, filter, right + part * part_length, right + end, contained);

@@ -73,7 +73,7 @@ bool run_union_pass(const union_plan &plan, int columns, Task task) {
     std::uint8_t success = 1;
     BATaccess(plan.left, columns, 0, 1);
     BATaccess(plan.right, columns, 0, 1);
-    run_partitions(partition_plan(*plan.left, parts), [&](std::uint64_t part, row_range r) {
+    run_partitions(partition_plan(*plan.left, parts), [&](std::uint64_t part, vask_row_range r) {
         bool done = false;
         try {
             done = task(part, r);
@@ -87,7 +87,7 @@ bool run_union_pass(const union_plan &plan, int columns, Task task) {
     return success != 0;
 }
 
-std::uint32_t count_both_non_nil(const BAT &left, const BAT &right, row_range r) {
+std::uint32_t count_both_non_nil(const BAT &left, const BAT &right, vask_row_range r) {
     const paired_atom_nil_test test(*left.tail, *right.tail);
     std::uint32_t count = 0;
     for (BUN p = r.begin; p < r.end; ++p)
@@ -104,7 +104,7 @@ bool count_survivors(union_plan &plan) {
     } catch (const std::exception &) {
         return false;
     }
-    const bool counted = run_union_pass(plan, 2, [&plan](std::uint64_t part, row_range r) {
+    const bool counted = run_union_pass(plan, 2, [&plan](std::uint64_t part, vask_row_range r) {
         plan.counts[part] = count_both_non_nil(*plan.left, *plan.right, r);
         return true;
     });
@@ -158,7 +158,7 @@ struct union_half {
 //! there are more of them than were counted, that is, when a column has changed since: nothing is
 //! written beyond the partition's own ranges. Also false without a class for a column.
 template <class R>
-bool fill_union(const union_plan &plan, std::uint64_t part, const BAT &result, row_range r) {
+bool fill_union(const union_plan &plan, std::uint64_t part, const BAT &result, vask_row_range r) {
     union_half<R> left(*plan.left, result, plan.offsets[part]);
     union_half<R> right(*plan.right, result, plan.offsets[part] + plan.total);
     if (left.convert == nullptr || right.convert == nullptr)
@@ -188,7 +188,7 @@ bool fill_union(const union_plan &plan, std::uint64_t part, const BAT &result, r
 
 //! The types of the three columns are looked up once per partition.
 bool fill_result(const union_plan &plan, const BAT &result) {
-    return run_union_pass(plan, 3, [&](std::uint64_t part, row_range r) {
+    return run_union_pass(plan, 3, [&](std::uint64_t part, vask_row_range r) {
         return visit_storage_class(
             storage_of(*result.tail), false,
             [&]<class R>(std::type_identity<R>) { return fill_union<R>(plan, part, result, r); });

@@ -43,7 +43,7 @@ value_set::value_set(std::span<const std::uint32_t> values, std::uint64_t most_b
     }
 }
 
-void value_set::mark(const std::uint32_t *values, row_range rows, bit *contained) const {
+void value_set::mark(const std::uint32_t *values, vask_row_range rows, bit *contained) const {
     if (!words_.empty()) {
         with_best_instruction_set([ =, low = low_, span = span_,
                                     words = words_.data() ]() __attribute__((always_inline)) {

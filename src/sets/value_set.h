@@ -20,7 +20,7 @@ public:
     value_set(std::span<const std::uint32_t> values, std::uint64_t most_bits);
 
     //! contained[i] becomes 1 where values[i] is in the set, else 0, for the rows of the range.
-    void mark(const std::uint32_t *values, row_range rows, bit *contained) const;
+    void mark(const std::uint32_t *values, vask_row_range rows, bit *contained) const;
 
 private:
     std::uint32_t low_ = 0;

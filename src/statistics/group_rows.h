@@ -88,7 +88,8 @@ struct group_finder {
 //! without a group. Hashes are built when the first row needs them, that of the extents only if the
 //! row is in the map, and whether or not `table` then spares its use: the kernel sees the builds.
 template <class Visit>
-bool with_group_finder(const grouped_rows &in, const slot_table *table, row_range r, Visit visit) {
+bool with_group_finder(const grouped_rows &in, const slot_table *table, vask_row_range r,
+                       Visit visit) {
     const row_finder rows(in);
     if (!rows.holds(r.begin))
         return false;
@@ -110,16 +111,17 @@ template <class Visit>
 bool visit_grouped_rows(const grouped_rows &in, const partition_plan &plan, const Visit &visit) {
     const slot_table_owner table(*in.e, in.b->info->count, plan.nparts);
     shared_mark failed;
-    run_partitions(plan, [&in, &visit, &failed, slots = table.get()](std::uint64_t i, row_range r) {
-        try {
-            const bool good = with_group_finder(
-                in, slots, r, [&](const auto &finder) { return visit(i, r, finder); });
-            if (!good)
+    run_partitions(
+        plan, [&in, &visit, &failed, slots = table.get()](std::uint64_t i, vask_row_range r) {
+            try {
+                const bool good = with_group_finder(
+                    in, slots, r, [&](const auto &finder) { return visit(i, r, finder); });
+                if (!good)
+                    failed.set();
+            } catch (const std::exception &) {
                 failed.set();
-        } catch (const std::exception &) {
-            failed.set();
-        }
-    });
+            }
+        });
     return !failed.is_set();
 }
 

@@ -112,15 +112,16 @@ public:
             return among_all_.evaluate(r, type);
         const T nil = nil_of<T>(type);
         shared_mark has_nil;
-        run_row_loop(r->info->count, [&, nil, results = rows_of<T>(*r->tail)](row_range groups) {
-            bool any_nil = false;
-            for (BUN j = groups.begin; j < groups.end; ++j) {
-                results[j] = kept_->answer(j, nil);
-                any_nil |= results[j] == nil;
-            }
-            if (any_nil)
-                has_nil.set();
-        });
+        run_row_loop(r->info->count,
+                     [&, nil, results = rows_of<T>(*r->tail)](vask_row_range groups) {
+                         bool any_nil = false;
+                         for (BUN j = groups.begin; j < groups.end; ++j) {
+                             results[j] = kept_->answer(j, nil);
+                             any_nil |= results[j] == nil;
+                         }
+                         if (any_nil)
+                             has_nil.set();
+                     });
         mark_nils(*r, has_nil);
         return true;
     }

@@ -54,7 +54,7 @@ int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::ui
 //! Every row of r gets the value.
 inline void vask_fill_nil(BAT *r, dbl value) {
     BATaccess(r, 2, 0, 1);
-    run_row_loop(r->info->count, [value, results = rows_of<dbl>(*r->tail)](row_range rows) {
+    run_row_loop(r->info->count, [value, results = rows_of<dbl>(*r->tail)](vask_row_range rows) {
         std::fill(results + rows.begin, results + rows.end, value);
     });
     BATaccess(r, 2, 0, -1);
@@ -70,11 +70,12 @@ void vask_fill_zero_or_nil(BAT *r, const std::array<BAT *, N> &values) {
     BATaccess(r, 2, 0, 1);
     run_row_loop(std::min(values[0]->info->count, r->info->count),
                  [input = std::apply([](const auto *...b) { return Rows(*b...); }, values),
-                  nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](row_range rows) {
-                     for_each_block(input, rows, [=](const Rows &block_input, row_range block) {
-                         for (BUN i = block.begin; i < block.end; ++i)
-                             results[i] = block_input.is_nil(i) ? nil : 0.0;
-                     });
+                  nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](vask_row_range rows) {
+                     for_each_block(input, rows,
+                                    [=](const Rows &block_input, vask_row_range block) {
+                                        for (BUN i = block.begin; i < block.end; ++i)
+                                            results[i] = block_input.is_nil(i) ? nil : 0.0;
+                                    });
                  });
     for (BAT *b : values)
         BATaccess(b, 2, 0, -1);

@@ -46,7 +46,7 @@ public:
         const std::size_t size = k * in.e->info->count;
         shared_mark met_filler;
         const bool good = visit_grouped_rows(
-            in, plan, [&, values, k, size](std::uint64_t i, row_range r, const auto &finder) {
+            in, plan, [&, values, k, size](std::uint64_t i, vask_row_range r, const auto &finder) {
                 kept_[i] = gdk_block<key>(gdk_allocate<key>(size));
                 key *kept = kept_[i].get();
                 advise_huge_pages(kept, size * sizeof(key));
@@ -111,7 +111,7 @@ private:
 
     //! The row loop. Groups are found some rows ahead, so that many wait for memory together.
     template <class Finder, class K>
-    static bool keep(const Finder &finder, const T *values, row_range r, K k, key *kept,
+    static bool keep(const Finder &finder, const T *values, vask_row_range r, K k, key *kept,
                      shared_mark &met_filler) {
         constexpr BUN rows_ahead = 64;
         const Finder find = finder;

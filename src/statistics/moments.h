@@ -67,7 +67,7 @@ struct moment_sums {
     //! bound, so a nil costs a blend and never a mispredicted branch. A zero in its place changes
     //! no sum: none can be -0.0, as all begin with 0.0.
     template <class T>
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> rows, row_range r) noexcept {
+    VASK_ALWAYS_INLINE static partial scan(column_rows<T> rows, vask_row_range r) noexcept {
         partial sums{};
         lng nils = 0;
         for (BUN p = r.begin; p < r.end; ++p) {

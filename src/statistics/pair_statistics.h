@@ -80,9 +80,9 @@ struct pair_sums {
     //! the kernel they run in the shadow of those calls, 8 cycles each, though they have to be
     //! kept in memory meanwhile: summing a block after all its calls took a fifth more time.
     template <asks_kernel Rows>
-    VASK_ALWAYS_INLINE static Sums scan(Rows rows, row_range r) {
+    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r) {
         Sums sums{};
-        for_each_block(rows, r, [&](const Rows &loaded, row_range block) {
+        for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
             for (BUN p = block.begin; p < block.end; ++p)
                 if (!loaded.is_nil(p))
                     add(sums, loaded[p]);
@@ -94,10 +94,10 @@ struct pair_sums {
     //! the place of a dropped pair changes no sum, as none can be -0.0, all beginning with 0.0. The
     //! memory brings the next block meanwhile (slope of 1e7 rows: 5.6 ms, against 7.7).
     template <class Rows>
-    VASK_ALWAYS_INLINE static Sums scan(Rows rows, row_range r) {
+    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r) {
         constexpr BUN stretch = 16;
         Sums sums{};
-        for_each_block(rows, r, [&](const Rows &loaded, row_range block) {
+        for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
             const BUN nils = loaded.nils();
             for (BUN p = block.begin; p < block.end;) {
                 loaded.prefetch(p, stretch);

@@ -34,7 +34,7 @@ VASK_ALWAYS_INLINE bool mark_elements(const T *elements, T nil, std::size_t n,
 }
 
 template <class T>
-bool mark_nils_of(const BATcol &column, row_range block, std::uint8_t *flags) {
+bool mark_nils_of(const BATcol &column, vask_row_range block, std::uint8_t *flags) {
     const T nil = nil_of<T>(column.type);
     const std::size_t n = block.size();
     if (!is_array_of<T>(column)) {
@@ -73,7 +73,7 @@ double_rows::double_rows(const BATcol &column, int storage_class) noexcept
     }
 }
 
-void plainly_paired_rows::load(row_range block) {
+void plainly_paired_rows::load(vask_row_range block) {
     paired_rows::load(block);
     block_ = block;
     room &block_room = *scratch_;

@@ -35,7 +35,7 @@ public:
 
     //! Makes the rows of the block available. `scratch` has room for them and lives as long as they
     //! are read.
-    void load(row_range block, dbl *scratch) {
+    void load(vask_row_range block, dbl *scratch) {
         if (convert_ == nullptr)
             return;
         convert_(*column_, {block.begin, block.size(), nullptr}, scratch);
@@ -45,7 +45,7 @@ public:
 
     //! Sets flags[i] to 1 where row i of the block is nil by plain comparison in the column's
     //! class, and leaves the others. False if no row is.
-    bool mark_nils(row_range block, std::uint8_t *flags) const {
+    bool mark_nils(vask_row_range block, std::uint8_t *flags) const {
         return mark_(*column_, block, flags);
     }
 
@@ -58,7 +58,7 @@ public:
     }
 
 private:
-    using nil_marker = bool (*)(const BATcol &column, row_range block, std::uint8_t *flags);
+    using nil_marker = bool (*)(const BATcol &column, vask_row_range block, std::uint8_t *flags);
 
     const BATcol *column_;
     row_converter<dbl> convert_; // null: the elements are doubles
@@ -78,7 +78,7 @@ class paired_rows {
 public:
     paired_rows(const BAT &x, const BAT &y) noexcept : paired_rows(*x.tail, *y.tail) {}
 
-    void load(row_range block) {
+    void load(vask_row_range block) {
         room &block_room = scratch_.made();
         x_.load(block, block_room.x);
         y_.load(block, block_room.y);
@@ -140,7 +140,7 @@ public:
     using paired_rows::paired_rows;
 
     //! Finds the nils as well.
-    void load(row_range block);
+    void load(vask_row_range block);
 
     //! The number of nils in the loaded block.
     BUN nils() const noexcept;
@@ -150,7 +150,7 @@ public:
     }
 
 private:
-    row_range block_{};
+    vask_row_range block_{};
 };
 
 //! A nil is what the type's own comparison says.

@@ -47,7 +47,8 @@ public:
         const gdk_block<BUN> groups = large_block<BUN>(count);
         gdk_vector<gdk_vector<BUN>> counts(nranges);
         const bool good = visit_grouped_rows(
-            in, plan, [&, n = this->groups()](std::uint64_t i, row_range r, const auto &finder) {
+            in, plan,
+            [&, n = this->groups()](std::uint64_t i, vask_row_range r, const auto &finder) {
                 counts[i] = gdk_vector<BUN>(n);
                 return count_groups(finder, r, &groups[r.begin - first], counts[i].data());
             });
@@ -60,7 +61,7 @@ public:
         if (any_mixed_)
             members_ = large_block<BUN>(count);
         const S *values = rows_of<const S>(*in.b->tail);
-        run_partitions(plan, [&, values, first](std::uint64_t i, row_range r) {
+        run_partitions(plan, [&, values, first](std::uint64_t i, vask_row_range r) {
             move_values(values + r.begin, r.size(), &groups[r.begin - first], counts[i].data());
         });
         return true;
@@ -118,7 +119,7 @@ private:
     //! Stores the group of every row in r, behind `groups`, and counts the rows of each. False at a
     //! row without a group.
     template <class Finder>
-    static bool count_groups(const Finder &finder, row_range r, BUN *groups, BUN *counts) {
+    static bool count_groups(const Finder &finder, vask_row_range r, BUN *groups, BUN *counts) {
         for (BUN p = r.begin; p < r.end; ++p) {
             const BUN group = finder(p);
             if (group == NO_BUN)

@@ -52,7 +52,7 @@ TEST(PartitionPlan, CoversEveryRowOnceAndTheLastTakesTheRest) {
                 const partition_plan plan(*view.record(), nparts);
                 BUN next = first;
                 for (std::uint64_t part = 0; part < nparts; ++part) {
-                    const row_range r = plan.partition(part);
+                    const vask_row_range r = plan.partition(part);
                     EXPECT_EQ(r.begin, next);
                     next = r.end;
                     if (part + 1 < nparts) {
@@ -125,11 +125,12 @@ TEST(Tasks, AnExceptionReachesTheCallerAndIsTheOneThatWasThrown) {
     };
     std::atomic<int> ran = 0;
     try {
-        run_partitions(partition_plan(*column.record(), 4), [&ran](std::uint64_t part, row_range) {
-            ++ran;
-            if (part == 2)
-                throw particular{part};
-        });
+        run_partitions(partition_plan(*column.record(), 4),
+                       [&ran](std::uint64_t part, vask_row_range) {
+                           ++ran;
+                           if (part == 2)
+                               throw particular{part};
+                       });
         FAIL() << "nothing was thrown";
     } catch (const particular &e) {
         EXPECT_EQ(e.part, 2U);

@@ -4,9 +4,7 @@
 #include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/oid_lookup.h"
-#include "rows/row_ranges.h"
 
-#include <cstring>
 #include <optional>
 
 namespace vask {
@@ -49,35 +47,36 @@ VASK_ALWAYS_INLINE BUN vask_find_map_row(const map_rows &map, BUN row) noexcept 
     return map.find(row);
 }
 
-//! The old groups of the rows row .. row + n - 1 of b: in the map itself, or found and put into
-//! `room`; null when one of the rows has no place in the map.
-inline const oid *find_parents(const map_rows &map, BUN row, BUN n, oid *room) noexcept {
-    if (const oid *aligned = map.aligned_ids(row))
-        return aligned;
-    for (BUN i = 0; i < n; ++i) {
-        const BUN place = vask_find_map_row(map, row + i);
-        if (place == NO_BUN)
-            return nullptr;
-        room[i] = map.id_at(place);
-    }
-    return room;
-}
-
 //! The position of an old group in the old extents, or NO_BUN.
 VASK_ALWAYS_INLINE BUN vask_find_histo_row(const oid_lookup &histo, oid group) noexcept {
     return histo.find(group);
 }
 
-//! The cells of the new map, to be indexed by the positions of b's rows.
-inline oid *map_cells(const BAT &grp, const BAT &b) noexcept {
-    return rows_of<oid>(*grp.tail) + grp.info->first - b.info->first;
-}
+//! The old grouping as the rows of a column see it. Plain values, for any number of tasks.
+class old_grouping {
+public:
+    old_grouping(const BAT &b, BAT &map, bool synced) : b_(&b), map_(&map), synced_(synced) {}
 
-//! Gives the rows of a range the heads of b in the new map, unless those are void.
-inline void copy_heads(const BAT &b, const BAT &grp, vask_row_range range) noexcept {
-    if (grp.head->type != TYPE_void)
-        std::memcpy(rows_of<oid>(*grp.head) + grp.info->first + (range.low - b.info->first),
-                    rows_of<const oid>(*b.head) + range.low, range.size() * sizeof(oid));
-}
+    //! Ids of the old groups of the rows row .. row + n - 1 of b: in the map itself, or found and
+    //! put into `room`; null when one of the rows has no place in the map. Builds the map's hash if
+    //! it is needed and missing.
+    const oid *ids(BUN row, BUN n, oid *room) const {
+        const map_rows map(*b_, *map_, synced_);
+        if (const oid *aligned = map.aligned_ids(row))
+            return aligned;
+        for (BUN i = 0; i < n; ++i) {
+            const BUN place = vask_find_map_row(map, row + i);
+            if (place == NO_BUN)
+                return nullptr;
+            room[i] = map.id_at(place);
+        }
+        return room;
+    }
+
+private:
+    const BAT *b_;
+    BAT *map_;
+    bool synced_;
+};
 
 } // namespace vask

@@ -1,7 +1,7 @@
 // A sorted BAT as groups: each run of equal values is one.
 #pragma once
 
-#include "grouping/extents_appender.h"
+#include "grouping/bunfastins.h"
 #include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/gdk_vector.h"
@@ -19,14 +19,14 @@ gdk_vector<vask_row_range> vask_split_at_runs(const BAT &copy, std::uint32_t n) 
     if (copy.info->count == 0)
         return ranges;
     const T *values = rows_of<const T>(*copy.tail);
-    const BUN last = end_position(copy) - 1;
-    BUN low = copy.info->first;
-    for (std::uint32_t remaining = n; remaining != 0 && low <= last; --remaining) {
-        BUN end = low + (last - low) / remaining;
-        while (end < last && values[end] == values[end + 1])
-            ++end;
-        ranges.push_back({low, end});
-        low = end + 1;
+    const BUN end = end_position(copy);
+    BUN begin = copy.info->first;
+    for (std::uint32_t remaining = n; remaining != 0 && begin < end; --remaining) {
+        BUN to = begin + (end - 1 - begin) / remaining + 1;
+        while (to < end && values[to - 1] == values[to])
+            ++to;
+        ranges.push_back({begin, to});
+        begin = to;
     }
     return ranges;
 }
@@ -48,9 +48,6 @@ struct dense_places {
     }
 };
 
-//! Rows ahead of which a place in the map is asked for: the sort has left the places in no order.
-inline constexpr BUN rows_ahead = 32;
-
 //! Turns the runs of equal values in a range of the sorted copy into groups: appends a row for each
 //! to the BAT in `slot`, which is made if there is none, and writes the map's rows. The range holds
 //! no NaN. False when the kernel has no memory, when the slot's BAT is full, or when an oid lies
@@ -62,24 +59,21 @@ bool vask_group_runs(const BAT &copy, vask_row_range range, BAT *&slot, BAT &grp
         slot = BATnew(TYPE_oid, TYPE_wrd, range.size());
     if (slot == nullptr)
         return false;
-    extents_appender groups(*slot);
     const dense_places places(copy);
     const T *values = rows_of<const T>(*copy.tail);
     const oid *oids = rows_of<const oid>(*copy.head);
     oid *map_heads = grp.head->type == TYPE_void ? nullptr : rows_of<oid>(*grp.head);
     oid *map = rows_of<oid>(*grp.tail);
 
-    const BUN last_ahead = range.high - std::min(range.high - range.low, rows_ahead);
-    for (BUN row = range.low; row <= range.high;) {
-        if (row < last_ahead)
-            __builtin_prefetch(map + places.first + (oids[row + rows_ahead] - places.seqbase), 1);
+    for (BUN row = range.begin; row < range.end;) {
         const T value = values[row];
         oid id = oids[row];
         BUN end = row + 1;
         // Equal values come in any order out of the sort: the smallest oid is the same every time.
-        for (; end <= range.high && values[end] == value; ++end)
+        for (; end < range.end && values[end] == value; ++end)
             id = std::min(id, oids[end]);
-        if (!groups.append(id, end - row))
+        const wrd count = end - row;
+        if (!vask_bunfastins(*slot, &id, &count))
             return false;
         for (; row < end; ++row) {
             const BUN place = places.find(oids[row]);

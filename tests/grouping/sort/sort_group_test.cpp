@@ -141,17 +141,17 @@ TEST(SplitAtRuns, BalancesWithoutCuttingARun) {
         ASSERT_EQ(ranges.empty(), n == 0);
         BUN next = first;
         for (std::size_t i = 0; i < ranges.size(); ++i) {
-            ASSERT_EQ(ranges[i].low, next);
-            ASSERT_GE(ranges[i].high, next);
-            next = ranges[i].high + 1;
+            ASSERT_EQ(ranges[i].begin, next);
+            ASSERT_GT(ranges[i].end, next);
+            next = ranges[i].end;
             const BUN end = next - first;
             ASSERT_LE(end, rows);
             if (end == rows)
                 continue;
             ASSERT_NE(values[end - 1], values[end]);
             // The range ends with the run that its share of what was left ends in.
-            const std::size_t share = (rows - 1 - (ranges[i].low - first)) / (n - i);
-            ASSERT_EQ(values[ranges[i].low - first + share], values[end - 1]);
+            const std::size_t share = (rows - 1 - (ranges[i].begin - first)) / (n - i);
+            ASSERT_EQ(values[ranges[i].begin - first + share], values[end - 1]);
         }
         if (n != 0) {
             ASSERT_EQ(next, first + rows);
@@ -168,7 +168,7 @@ TEST(GroupRuns, AnOidOutsideTheNumberingFails) {
         group_results made(copy);
         BAT *slot = made.ext.record();
         EXPECT_FALSE(
-            vask_group_runs<std::int32_t>(*copy.record(), {0, 2}, slot, *made.grp.record()));
+            vask_group_runs<std::int32_t>(*copy.record(), {0, 3}, slot, *made.grp.record()));
     }
 }
 

@@ -1,0 +1,283 @@
+#include "rows/group_by_buckets.h"
+
+#include "kernel/frame.h"
+#include "rows/huge_pages.h"
+#include "rows/key_table.h"
+#include "rows/range_tasks.h"
+#include "rows/scatter.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <numeric>
+
+namespace vask {
+
+namespace {
+
+// A bucket of so many rows and its table stay in the second-level cache.
+constexpr BUN bucket_rows = 1 << 13;
+// More places to write to at once leave that cache, and the address cache with it.
+constexpr BUN most_buckets = 1 << 12;
+// Rows ahead of which the streams of the buckets are asked for: there are too many for the
+// processor to see them.
+constexpr std::size_t fetched_ahead = 16;
+
+unsigned bucket_bits(BUN rows) noexcept {
+    return static_cast<unsigned>(
+        std::countr_zero(std::bit_ceil(std::clamp(rows / bucket_rows, BUN{1}, most_buckets))));
+}
+
+template <class T>
+gdk_block<T> large_array(std::size_t n) {
+    gdk_block<T> block(gdk_allocate<T>(n));
+    advise_huge_pages(block.get(), n * sizeof(T));
+    return block;
+}
+
+template <class Kind>
+class bucket_grouping {
+public:
+    using key_type = typename Kind::key_type;
+
+    bucket_grouping(const grouping_rows &rows, const Kind &kind, const key_loader<key_type> &load,
+                    bucket_memory<key_type> memory)
+        : rows_(rows),
+          kind_(kind),
+          load_(load),
+          bits_(bucket_bits(rows.all().size())),
+          offsets_(rows.ranges.size(), std::size_t{1} << bits_),
+          by_bucket_(memory) {}
+
+    grouping_outcome run(const group_sink &sink) {
+        if (!vask_distribute_rows())
+            return grouping_outcome::failed;
+        const gdk_vector<BUN> begun = number_groups(sink);
+        extents_rows extents;
+        if (failed_ != 0 ||
+            !sink.make_room(std::accumulate(begun.begin(), begun.end(), BUN{0}), extents))
+            return grouping_outcome::failed;
+        write_back(extents, begun);
+        return grouping_outcome::done;
+    }
+
+private:
+    // A group's count takes the place of its first row's key.
+    static_assert(sizeof(key_type) >= sizeof(BUN));
+
+    VASK_ALWAYS_INLINE std::size_t bucket_of(const key_type &key) const noexcept {
+        return bits_ == 0 ? 0 : static_cast<std::size_t>(kind_.hash(key) >> (64 - bits_));
+    }
+
+    //! Brings the rows of each bucket together, in ascending order, with their keys, and leaves in
+    //! each row's cell its bucket. False at a row without a key.
+    bool vask_distribute_rows() {
+        run_ranges(rows_.ranges, [this](std::size_t i, vask_row_range range) {
+            BUN *counts = offsets_.of(i);
+            std::array<key_type, block_rows> keys;
+            const bool all = all_blocks(range, [&, this](BUN row, BUN n) {
+                if (!load_(row, n, rows_.cells + row, keys.data(), false))
+                    return false;
+                for (BUN k = 0; k < n; ++k)
+                    ++counts[bucket_of(keys[k])];
+                return true;
+            });
+            if (!all)
+                fail();
+        });
+        if (failed_ != 0)
+            return false;
+        offsets_.turn_counts_into_offsets();
+        run_ranges(rows_.ranges, [this](std::size_t i, vask_row_range range) {
+            BUN *next = offsets_.of(i);
+            const bucket_memory<key_type> to = by_bucket_;
+            std::array<key_type, block_rows> keys;
+            static_cast<void>(all_blocks(range, [&, this](BUN row, BUN n) {
+                std::uint32_t *cells = rows_.cells + row;
+                if (!load_(row, n, cells, keys.data(), true))
+                    return false;
+                for (BUN k = 0; k < n; ++k)
+                    cells[k] = static_cast<std::uint32_t>(bucket_of(keys[k]));
+                for (BUN k = 0; k < n; ++k) {
+                    const BUN at = next[cells[k]]++;
+                    to.rows[at] = row + k;
+                    to.keys[at] = keys[k];
+                }
+                return true;
+            }));
+        });
+        return true;
+    }
+
+    //! Numbers the groups of all buckets, in tasks over runs of buckets. How many groups begin in
+    //! each range of rows.
+    gdk_vector<BUN> number_groups(const group_sink &sink) {
+        // More tasks than ranges even out what buckets cost.
+        constexpr std::size_t tasks_per_range = 4;
+        const std::size_t ranges = rows_.ranges.size();
+        const std::size_t n = sink.begin ? ranges : tasks_per_range * ranges;
+        gdk_vector<BUN> begun(n * ranges);
+        run_numbered(n, [&, this](std::size_t i) {
+            bucket_table table(kind_, bits_);
+            const std::size_t begin = offsets_.cut(i, n);
+            const std::size_t end = offsets_.cut(i + 1, n);
+            if (sink.begin && begin != end &&
+                !sink.begin(i, offsets_.end_of(end - 1) - offsets_.begin_of(begin))) {
+                fail();
+                return;
+            }
+            for (std::size_t bucket = begin; bucket < end; ++bucket) {
+                vask_refine_group(bucket, table);
+                count_begun(table.groups, begun.data() + i * ranges);
+                if (sink.take && !take(sink, i, table)) {
+                    fail();
+                    return;
+                }
+            }
+        });
+        gdk_vector<BUN> all(ranges);
+        for (std::size_t i = 0; i < begun.size(); ++i)
+            all[i % ranges] += begun[i];
+        return all;
+    }
+
+    //! A group of a bucket.
+    struct bucket_group {
+        BUN row;   // its first one
+        BUN place; // of that row among those of all buckets
+        BUN count;
+    };
+
+    struct bucket_table {
+        key_table<Kind> keys;
+        gdk_vector<bucket_group> groups;
+        gdk_vector<new_group> taken;
+
+        bucket_table(const Kind &kind, unsigned bits) : keys(kind, bits) {}
+    };
+
+    //! Puts each row's first row of its group in the row's place, and each group's count in place
+    //! of its first row's key.
+    void vask_refine_group(std::size_t bucket, bucket_table &table) const {
+        const BUN begin = offsets_.begin_of(bucket);
+        const BUN n = offsets_.end_of(bucket) - begin;
+        BUN *rows = by_bucket_.rows + begin;
+        key_type *keys = by_bucket_.keys + begin;
+        std::array<std::uint32_t, block_rows> codes;
+        table.keys.clear();
+        table.groups.clear();
+        for (BUN done = 0; done < n; done += block_rows) {
+            const BUN size = std::min(block_rows, n - done);
+            table.keys.find_or_add(keys + done, size, codes.data());
+            for (BUN k = 0; k < size; ++k) {
+                const std::uint32_t code = codes[k];
+                BUN &row = rows[done + k];
+                if (code == table.groups.size())
+                    table.groups.push_back({row, done + k, 0});
+                bucket_group &group = table.groups[code];
+                ++group.count;
+                row = group.row;
+            }
+        }
+        for (const bucket_group &group : table.groups)
+            set_count(keys[group.place], group.count);
+    }
+
+    void count_begun(const gdk_vector<bucket_group> &groups, BUN *begun) const noexcept {
+        const std::size_t ranges = rows_.ranges.size();
+        // Groups of a bucket come in the order of their first rows.
+        const bucket_group *from = groups.begin();
+        for (std::size_t range = 0; range < ranges; ++range) {
+            const BUN end = rows_.ranges[range].end;
+            const bucket_group *to = std::partition_point(
+                from, groups.end(), [end](const bucket_group &group) { return group.row < end; });
+            begun[range] += static_cast<BUN>(to - from);
+            from = to;
+        }
+    }
+
+    bool take(const group_sink &sink, std::size_t task, bucket_table &table) const {
+        table.taken.clear();
+        for (const bucket_group &group : table.groups)
+            table.taken.push_back({rows_.heads[group.row], group.count});
+        return sink.take(task, table.taken.data(), table.taken.size());
+    }
+
+    //! Gives each row's cell its id, and writes the groups' rows of the extents in the order of
+    //! first rows.
+    void write_back(extents_rows extents, const gdk_vector<BUN> &begun) {
+        run_ranges(rows_.ranges, [&, this](std::size_t i, vask_row_range range) {
+            gdk_vector<BUN> next = offsets_.begins_of(i);
+            BUN *places = next.data();
+            const bucket_memory<key_type> from = by_bucket_;
+            const oid_reader heads = rows_.heads;
+            oid *cells = rows_.cells;
+            BUN group = std::accumulate(begun.begin(), begun.begin() + i, BUN{0});
+            for (BUN row = range.begin; row < range.end; ++row) {
+                const BUN place = places[cells[row]]++;
+                __builtin_prefetch(from.rows + place + fetched_ahead);
+                const BUN first = from.rows[place];
+                const oid id = heads[first];
+                if (first == row && extents.ids != nullptr) {
+                    extents.ids[group] = id;
+                    extents.counts[group] = count_of(from.keys[place]);
+                    ++group;
+                }
+                cells[row] = id;
+            }
+        });
+    }
+
+    static void set_count(key_type &key, BUN count) noexcept {
+        if constexpr (std::is_same_v<key_type, wide_key>)
+            key.words[0] = count;
+        else
+            key = count;
+    }
+    static BUN count_of(const key_type &key) noexcept {
+        if constexpr (std::is_same_v<key_type, wide_key>)
+            return key.words[0];
+        else
+            return static_cast<BUN>(key);
+    }
+
+    void fail() noexcept { std::atomic_ref(failed_).store(1, std::memory_order_relaxed); }
+
+    const grouping_rows &rows_;
+    const Kind &kind_;
+    const key_loader<key_type> &load_;
+    unsigned bits_;
+    scatter_offsets offsets_;
+    bucket_memory<key_type> by_bucket_;
+    bte failed_ = 0;
+};
+
+} // namespace
+
+template <class Kind>
+grouping_outcome group_by_buckets(const grouping_rows &rows, const Kind &kind,
+                                  const key_loader<typename Kind::key_type> &load,
+                                  const group_sink &sink,
+                                  const bucket_memory<typename Kind::key_type> *memory) {
+    using key_type = typename Kind::key_type;
+    if (memory != nullptr)
+        return bucket_grouping<Kind>(rows, kind, load, *memory).run(sink);
+    const std::size_t n = rows.all().size();
+    const gdk_block<BUN> places = large_array<BUN>(n);
+    const gdk_block<key_type> keys = large_array<key_type>(n);
+    return bucket_grouping<Kind>(rows, kind, load, {places.get(), keys.get()}).run(sink);
+}
+
+#define VASK_GROUP_BY_BUCKETS(Kind)                                                                \
+    template grouping_outcome group_by_buckets<Kind>(                                              \
+        const grouping_rows &, const Kind &, const key_loader<Kind::key_type> &,                   \
+        const group_sink &, const bucket_memory<Kind::key_type> *)
+VASK_GROUP_BY_BUCKETS(bit_keys<std::uint32_t>);
+VASK_GROUP_BY_BUCKETS(bit_keys<std::uint64_t>);
+VASK_GROUP_BY_BUCKETS(bit_keys<wide_key>);
+VASK_GROUP_BY_BUCKETS(text_content_keys<std::uint64_t>);
+VASK_GROUP_BY_BUCKETS(text_content_keys<wide_key>);
+#undef VASK_GROUP_BY_BUCKETS
+
+} // namespace vask

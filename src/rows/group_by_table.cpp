@@ -1,0 +1,130 @@
+#include "rows/group_by_table.h"
+
+#include "kernel/frame.h"
+#include "rows/key_table.h"
+#include "rows/range_tasks.h"
+#include "rows/row_counts.h"
+#include "rows/take_groups.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+
+namespace vask {
+
+namespace {
+
+// A range with more keys than that is left to buckets: its table would leave the second-level
+// cache, and bringing the ranges together is the calling thread's work alone.
+constexpr std::uint32_t most_keys = 1 << 17;
+// Where half of so many first rows have a key of their own, the rest is not waited for.
+constexpr BUN judged_rows = 1 << 15;
+
+//! A range's keys, by code: the first row and the rows of each, in the end its group's id.
+struct range_keys {
+    struct entry {
+        BUN row;
+        oid id;
+    };
+    gdk_vector<entry> entries;
+    row_counts counts{0};
+};
+
+//! Puts the codes of a range's rows into their cells and counts them. Says so, and ends early, when
+//! this or another range has too many keys. False at a row without a key.
+template <class Key>
+bool number_rows(const grouping_rows &rows, const key_loader<Key> &load, vask_row_range range,
+                 range_keys &found, bte &too_many) {
+    constexpr std::uint32_t first_codes = 256;
+    key_table<bit_keys<Key>> table;
+    std::array<Key, block_rows> keys;
+    found.counts = row_counts(first_codes);
+    bool loaded = true;
+    static_cast<void>(all_blocks(range, [&](BUN row, BUN n) {
+        std::uint32_t *codes = rows.cells + row;
+        loaded = load(row, n, codes, keys.data(), false);
+        if (!loaded)
+            return false;
+        const std::uint32_t known = table.size();
+        table.find_or_add(keys.data(), n, codes);
+        if (table.size() != known) {
+            std::uint32_t next = known;
+            for (BUN i = 0; next != table.size(); ++i)
+                if (codes[i] == next) {
+                    found.entries.push_back({row + i, 0});
+                    ++next;
+                }
+            const bool many = table.size() > most_keys ||
+                              (row - range.begin < judged_rows && table.size() > judged_rows / 2);
+            if (many)
+                std::atomic_ref(too_many).store(1, std::memory_order_relaxed);
+            if (table.size() > found.counts.numbers())
+                found.counts = row_counts(std::size_t{2} * table.size(), found.counts);
+        }
+        found.counts.add(codes, n, [](std::uint32_t, std::size_t) {});
+        return std::atomic_ref(too_many).load(std::memory_order_relaxed) == 0;
+    }));
+    return loaded;
+}
+
+//! Brings the ranges' keys together, in the order of ranges and rows.
+gdk_vector<new_group> merge(const grouping_rows &rows, const group_resolver &resolve,
+                            gdk_vector<range_keys> &found) {
+    gdk_vector<new_group> groups;
+    for (range_keys &range : found)
+        for (std::size_t code = 0; code < range.entries.size(); ++code) {
+            range_keys::entry &entry = range.entries[code];
+            const auto next = static_cast<std::uint32_t>(groups.size());
+            const std::uint32_t number = resolve(entry.row, next);
+            if (number == next)
+                groups.push_back({rows.heads[entry.row], 0});
+            entry.id = groups[number].id;
+            groups[number].count += static_cast<BUN>(range.counts[code]);
+        }
+    return groups;
+}
+
+//! Writes the ids in place of the codes.
+void write_ids(const grouping_rows &rows, vask_row_range range, const range_keys &found) {
+    gdk_vector<oid> ids(found.entries.size());
+    std::transform(found.entries.begin(), found.entries.end(), ids.begin(),
+                   [](const range_keys::entry &entry) { return entry.id; });
+    oid *cells = rows.cells + range.begin;
+    const oid *id = ids.data();
+    for (std::size_t i = 0; i < range.size(); ++i)
+        cells[i] = id[cells[i]];
+}
+
+} // namespace
+
+template <class Key>
+grouping_outcome group_by_table(const grouping_rows &rows, const key_loader<Key> &load,
+                                const group_resolver &resolve, const group_sink &sink) {
+    gdk_vector<range_keys> found(rows.ranges.size());
+    bte failed = 0;
+    bte too_many = 0;
+    run_ranges(rows.ranges, [&](std::size_t i, vask_row_range range) {
+        if (!number_rows(rows, load, range, found[i], too_many))
+            std::atomic_ref(failed).store(1, std::memory_order_relaxed);
+    });
+    if (failed != 0)
+        return grouping_outcome::failed;
+    if (too_many != 0)
+        return grouping_outcome::too_many_keys;
+    const gdk_vector<new_group> groups = merge(rows, resolve, found);
+    run_ranges(rows.ranges,
+               [&](std::size_t i, vask_row_range range) { write_ids(rows, range, found[i]); });
+    return take_groups(groups, sink);
+}
+
+template grouping_outcome group_by_table<std::uint32_t>(const grouping_rows &,
+                                                        const key_loader<std::uint32_t> &,
+                                                        const group_resolver &, const group_sink &);
+template grouping_outcome group_by_table<std::uint64_t>(const grouping_rows &,
+                                                        const key_loader<std::uint64_t> &,
+                                                        const group_resolver &, const group_sink &);
+template grouping_outcome group_by_table<wide_key>(const grouping_rows &,
+                                                   const key_loader<wide_key> &,
+                                                   const group_resolver &, const group_sink &);
+
+} // namespace vask

@@ -1,0 +1,127 @@
+// Keys to codes.
+#pragma once
+
+#include "kernel/bat.h"
+#include "rows/gdk_vector.h"
+#include "rows/huge_pages.h"
+#include "rows/isa.h"
+#include "rows/keys.h"
+#include "rows/row_blocks.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+namespace vask {
+
+//! Gives each different key a code: 0, 1, 2, ... in the order in which they come. Open addressing
+//! with linear probing. At most half of the slots are in use, and an eighth after growing: a second
+//! probe is a branch that the processor cannot foresee. Memory comes from the kernel; throws like
+//! gdk_vector. One thread at a time.
+template <class Kind>
+class key_table {
+public:
+    using key_type = typename Kind::key_type;
+
+    //! `used_bits`: leading bits of the hashes that are the same for all keys.
+    explicit key_table(Kind kind = {}, unsigned used_bits = 0)
+        : kind_(kind), used_bits_(used_bits) {
+        resize(first_slots);
+    }
+
+    //! Keys that it holds, which is one more than the greatest code.
+    std::uint32_t size() const noexcept { return size_; }
+
+    //! Forgets all keys, at once: slots of codes below the base are free.
+    void clear() {
+        base_ += size_;
+        size_ = 0;
+        if (base_ > most_base) {
+            std::fill_n(slots_.get(), slot_count_, slot{});
+            base_ = 1;
+        }
+    }
+
+    //! The code of a key, which is the size there was if the key is new.
+    VASK_ALWAYS_INLINE std::uint32_t find_or_add(const key_type &key) {
+        slot *at = find(key, kind_.hash(key));
+        if (at->code < base_) {
+            if (2 * (std::size_t{size_} + 1) > slot_count_) [[unlikely]] {
+                resize(growth * slot_count_);
+                at = find(key, kind_.hash(key));
+            }
+            *at = {key, base_ + size_++};
+        }
+        return at->code - base_;
+    }
+
+    //! The codes of the keys of a block.
+    void find_or_add(const key_type *keys, BUN n, std::uint32_t *codes) {
+        if (slot_count_ < cached_slots)
+            for (std::size_t i = 0; i < n; ++i)
+                codes[i] = find_or_add(keys[i]);
+        else
+            find_or_add_ahead(keys, n, codes);
+    }
+
+private:
+    struct slot {
+        key_type key{};
+        std::uint32_t code = 0; // plus the base
+    };
+
+    static constexpr std::size_t first_slots = 1024;
+    static constexpr std::size_t growth = 4;
+    // From this many on the slots leave the second-level cache and are fetched ahead of their use.
+    static constexpr std::size_t cached_slots = std::size_t{1} << 15;
+    static constexpr std::size_t fetched_ahead = 16;
+    // Codes stay below 2^32.
+    static constexpr std::uint32_t most_base = std::uint32_t{1} << 31;
+
+    VASK_ALWAYS_INLINE std::size_t slot_of(std::uint64_t hash) const noexcept {
+        return hash << used_bits_ >> shift_;
+    }
+
+    //! The slot that holds the key, or the free one where it belongs.
+    VASK_ALWAYS_INLINE slot *find(const key_type &key, std::uint64_t hash) const noexcept {
+        slot *slots = slots_.get();
+        std::size_t i = slot_of(hash);
+        while (slots[i].code >= base_ && !kind_.same(slots[i].key, key))
+            i = (i + 1) & (slot_count_ - 1);
+        return slots + i;
+    }
+
+    void find_or_add_ahead(const key_type *keys, BUN n, std::uint32_t *codes) {
+        for (std::size_t i = 0; i < std::min<std::size_t>(n, fetched_ahead); ++i)
+            __builtin_prefetch(slots_.get() + slot_of(kind_.hash(keys[i])));
+        for (std::size_t i = 0; i < n; ++i) {
+            if (i + fetched_ahead < n)
+                __builtin_prefetch(slots_.get() + slot_of(kind_.hash(keys[i + fetched_ahead])));
+            codes[i] = find_or_add(keys[i]);
+        }
+    }
+
+    void resize(std::size_t n) {
+        gdk_block<slot> old(gdk_allocate_zeroed<slot>(n));
+        advise_huge_pages(old.get(), n * sizeof(slot));
+        std::swap(old, slots_);
+        const std::size_t old_count = std::exchange(slot_count_, n);
+        shift_ = 64 - static_cast<unsigned>(std::bit_width(n - 1));
+        for (std::size_t i = 0; i < old_count; ++i)
+            if (old[i].code >= base_)
+                *find(old[i].key, kind_.hash(old[i].key)) = old[i];
+    }
+
+    Kind kind_;
+    unsigned used_bits_;
+    unsigned shift_ = 0;
+    std::uint32_t base_ = 1;
+    std::uint32_t size_ = 0;
+    std::size_t slot_count_ = 0;
+    gdk_block<slot> slots_;
+};
+
+} // namespace vask
