@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <random>
 #include <string>
 #include <type_traits>
@@ -51,9 +52,8 @@ struct grouping {
 };
 
 const grouping &grouping_of(std::size_t distinct) {
-    static const grouping few(100);
-    static const grouping many(100'000);
-    return distinct == 100 ? few : many;
+    static std::map<std::size_t, grouping> made;
+    return made.try_emplace(distinct, distinct).first->second;
 }
 
 //! Values small enough for every order of additions to give the same sum.
@@ -145,6 +145,7 @@ void shapes(benchmark::internal::Benchmark *b) {
     b->ArgNames({"groups", "nils", "bar"});
     b->Args({100, 0, 2})->Args({100'000, 0, 9});
     b->Args({100, 10, 0})->Args({100, 50, 0})->Args({100'000, 50, 0});
+    b->Args({1'000'000, 0, 18})->Args({4'300'000, 0, 30});
     b->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 }
 
@@ -152,6 +153,7 @@ void shapes(benchmark::internal::Benchmark *b) {
 void beside_sum(benchmark::internal::Benchmark *b) {
     b->ArgNames({"groups", "nils", "bar"});
     b->Args({100, 0, 0})->Args({100'000, 0, 0})->Args({100, 10, 0});
+    b->Args({1'000'000, 0, 18})->Args({4'300'000, 0, 30});
     b->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 }
 

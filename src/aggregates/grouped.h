@@ -2,11 +2,14 @@
 // in partition order, written under the head of the extents.
 #pragma once
 
+#include "aggregates/dealt_groups.h"
 #include "aggregates/group_scan.h"
 #include "kernel/frame.h"
 
 #include <array>
 #include <atomic>
+#include <new>
+#include <optional>
 #include <tuple>
 
 namespace vask {
@@ -54,36 +57,70 @@ struct grouped_inputs {
     }
 };
 
-//! Gathers the rows of the values, read as Rows, into one Aggregate::partial per group, and hands
-//! each group's to `finish(j, total)` on the calling thread, in the order of the extents. The
-//! partial can be any plain struct that starts at zero: every field of it gets a zeroed block of
-//! one element per group from each task. The map must have a stored tail.
-template <class Aggregate, class Rows, std::size_t N, class Finish>
-void aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
+//! Scans the rows where they lie, each partition with a block of states for all groups.
+template <class Aggregate, class Rows, class Finish>
+bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT &map, BAT &extents,
+                        const Finish &finish) {
     using partial = typename Aggregate::partial;
-    BAT *e = inputs.extents;
-    const BUN groups = e->info->count;
-    const state_blocks<partial> blocks(nparts);
-    inputs.access(1);
-
-    const BAT &first = *inputs.values[0];
-    const slot_table_owner table(*e, first.info->count, nparts);
-    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
-    run_partitions(partition_plan(first, nparts), [=, map = inputs.map, slots = table.get()](
-                                                      std::uint64_t part, vask_row_range r) {
-        const state_columns<partial> states = blocks.allocate(part, groups);
-        scan_partition<Aggregate>(rows, *map, *e, slots, states, r);
+    const BUN groups = extents.info->count;
+    const state_blocks<partial> blocks(plan.nparts);
+    const slot_table_owner table(extents, plan.end - plan.part_base, plan.nparts);
+    run_partitions(plan,
+                   [=, &map, &extents, slots = table.get()](std::uint64_t part, vask_row_range r) {
+                       const state_columns<partial> states = blocks.allocate(part, groups);
+                       scan_partition<Aggregate>(rows, map, extents, slots, states, r);
+                   });
+    bte any = 0;
+    run_row_loop(groups, [&, nparts = plan.nparts](vask_row_range r) {
+        bool mine = false;
+        for (BUN j = r.begin; j < r.end; ++j) {
+            partial total{};
+            for (std::uint64_t part = 0; part < nparts; ++part)
+                merge_partial<Aggregate>(total, blocks.of(part).load(j));
+            mine |= finish(j, total);
+        }
+        if (mine)
+            std::atomic_ref(any).store(1, std::memory_order_relaxed);
     });
-
-    for (BUN j = 0; j < groups; ++j) {
-        partial total{};
-        for (std::uint64_t part = 0; part < nparts; ++part)
-            merge_partial<Aggregate>(total, blocks.of(part).load(j));
-        finish(j, total);
-    }
-
     blocks.release();
+    return any != 0;
+}
+
+//! Deals the rows out to buckets of groups, where that pays and can be done.
+template <class Aggregate, class Rows, class Finish>
+std::optional<bool> aggregate_dealt(const Rows &rows, const partition_plan &plan, const BAT &map,
+                                    BAT &extents, const Finish &finish) {
+    // A source that asks the kernel about each row asks once.
+    if constexpr (!asks_kernel<Rows>) {
+        const BUN groups = extents.info->count;
+        if (extents.head->type != TYPE_void && extents.info->first == 0 &&
+            suits_dealing(plan.end - plan.part_base, groups)) {
+            try {
+                return dealt_groups<Aggregate, Rows>(rows, plan, map, extents).run(finish);
+            } catch (const std::bad_alloc &) {
+                // In place it takes less memory.
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+//! Gathers the rows of the values, read as Rows, into one Aggregate::partial per group, and hands
+//! each group's to `finish(j, total)`, from tasks, which may do so twice. Whether one of them gave
+//! true, which means a nil. The partial can be any plain struct that starts at zero: every field of
+//! it gets a zeroed block of one element per group from each task. The map must have a stored tail.
+template <class Aggregate, class Rows, std::size_t N, class Finish>
+bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
+    inputs.access(1);
+    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
+    const partition_plan plan(*inputs.values[0], nparts);
+    const std::optional<bool> dealt =
+        aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
+    const bool any =
+        dealt ? *dealt
+              : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
     inputs.access(-1);
+    return any;
 }
 
 //! Runs a row loop over the values, under a map in which every row is a group of its own:
@@ -155,14 +192,15 @@ int aggregate_into(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts, in
         return 1;
 
     BATcol &tail = *view->tail;
-    aggregate_groups<Aggregate, Rows>(
+    const bool has_nil = aggregate_groups<Aggregate, Rows>(
         grouped_inputs<1>{{b}, g, e}, nparts,
-        [&tail, nil, out = rows_of<result>(tail)](BUN j, const typename Aggregate::partial &total) {
+        [nil, out = rows_of<result>(tail)](BUN j, const typename Aggregate::partial &total) {
             const bool is_nil = has_no_value<Aggregate>(total);
             out[j] = is_nil ? nil : total.value;
-            if (is_nil)
-                mark_nil(tail);
+            return is_nil;
         });
+    if (has_nil)
+        mark_nil(tail);
     return 1;
 }
 

@@ -27,22 +27,23 @@ int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::ui
         return 0;
     if (inputs.map->tail->type == TYPE_void)
         fill_row_groups(r);
-    else if (inputs.extents->info->count != 0)
-        aggregate_groups<Aggregate, Rows>(
-            inputs, nparts,
-            [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group, const auto &total) {
-                const auto answer = close(total);
-                bool is_nil = false;
-                if constexpr (std::same_as<decltype(answer), const dbl>) {
-                    results[group] = answer;
-                    is_nil = answer == nil;
-                } else {
-                    results[group] = answer.value_or(nil);
-                    is_nil = !answer;
-                }
-                if (is_nil)
-                    mark_nil(*r->tail);
-            });
+    else if (inputs.extents->info->count != 0 &&
+             aggregate_groups<Aggregate, Rows>(
+                 inputs, nparts,
+                 [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group,
+                                                                        const auto &total) {
+                     const auto answer = close(total);
+                     bool is_nil = false;
+                     if constexpr (std::same_as<decltype(answer), const dbl>) {
+                         results[group] = answer;
+                         is_nil = answer == nil;
+                     } else {
+                         results[group] = answer.value_or(nil);
+                         is_nil = !answer;
+                     }
+                     return is_nil;
+                 }))
+        mark_nil(*r->tail);
     *place = r;
     return 1;
 }

@@ -119,7 +119,7 @@ key_loader<sort_key<T>> load_numbers(const T *values) {
 }
 
 //! Brings the rows of equal values together by buckets, in the copy's own memory where it has the
-//! width. 1e7 different rows take XX ms on two cores, YY by a sort. What each task finds is counted
+//! width. What each task finds is counted
 //! in its extents; the rows of all are written once they are joined, in ascending order of id.
 template <class T>
 bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
