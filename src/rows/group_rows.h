@@ -12,12 +12,10 @@
 
 namespace vask {
 
-//! Where keys that index an array, of so many indices, are grouped by it. With more the arrays of
-//! the ranges leave the caches, and with fewer rows than that clearing them costs more than the
-//! rows.
+//! Whether keys can index arrays of so many indices: with fewer rows in a range, clearing them
+//! costs more than the rows.
 inline bool suits_index(std::uint64_t bound, BUN rows, std::size_t ranges) noexcept {
-    constexpr std::uint64_t most_indices = std::uint64_t{1} << 19;
-    return bound <= std::min<std::uint64_t>(most_indices, rows / ranges + 2);
+    return bound <= rows / ranges + 2;
 }
 
 //! What a grouping offers the ways. Key tells values apart by its bits, though a value can have
@@ -35,18 +33,23 @@ struct grouping_keys {
     key_loader<typename Kind::key_type> load_for_buckets;
 };
 
-//! Groups rows: by index where there is one, else by tables, and by buckets where there are too
-//! many keys for those. Throws like gdk_vector.
+//! Groups rows: by an index that the caches hold; else by tables, if there are few keys; else by a
+//! larger index, or by buckets. Throws like gdk_vector.
 template <class Key, class Kind>
 grouping_outcome group_rows(const grouping_rows &rows, const grouping_keys<Key, Kind> &keys,
                             const group_sink &sink) {
-    if (keys.index)
-        return group_by_index(rows, *keys.index,
-                              keys.one_index_per_value ? group_resolver() : keys.resolve, sink);
+    constexpr std::uint32_t cached_indices = std::uint32_t{1} << 19;
+    const group_resolver resolve_indices =
+        keys.one_index_per_value ? group_resolver() : keys.resolve;
+    if (keys.index && keys.index->bound <= cached_indices)
+        return group_by_index(rows, *keys.index, resolve_indices, sink);
     const grouping_outcome outcome = group_by_table(rows, keys.load, keys.resolve, sink);
-    return outcome == grouping_outcome::too_many_keys
-               ? group_by_buckets(rows, keys.kind, keys.load_for_buckets, sink)
-               : outcome;
+    if (outcome != grouping_outcome::too_many_keys)
+        return outcome;
+    // Values of several indices are resolved one by one, on one thread.
+    return keys.index && keys.one_index_per_value
+               ? group_by_index(rows, *keys.index, resolve_indices, sink)
+               : group_by_buckets(rows, keys.kind, keys.load_for_buckets, sink);
 }
 
 } // namespace vask
