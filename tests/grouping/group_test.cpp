@@ -315,6 +315,18 @@ TEST(Group, AllocationFailuresLeaveAsExceptions) {
         });
 }
 
+TEST(Group, LeavesNoMemoryBehind) {
+    const kernel_settings settings(8);
+    const bat columns[] = {cycle(2000, 50), cycle<flt>(2000, 50), text_cycle(2000, 1500),
+                           cycle(2000, 2000)};
+    for (const bat &b : columns) {
+        const watch kernel;
+        for (int time = 0; time < 10; ++time)
+            EXPECT_EQ(grouping(b.id()).failure, none);
+        EXPECT_EQ(kernel.bytes_outstanding(), 0U) << "type " << b.type();
+    }
+}
+
 TEST(Group, Traces) {
     const kernel_settings settings(2);
     const bat parallel = text_cycle(2000, 50);

@@ -5,9 +5,6 @@ extern "C" const char *__lsan_default_suppressions();
 
 extern "C" const char *__lsan_default_suppressions() {
     return
-        // Moving a table into a default-constructed one leaves the target's own buckets allocated,
-        // which is how the grouping operators are defined.
-        "leak:allocate_buckets\n"
         // Where a road is chosen by a sample, the exception string of a failing kernel operator is
         // dropped as it stands.
         "leak:vask_group_select\n"

@@ -19,8 +19,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
-#include <memory>
-#include <new>
 #include <utility>
 
 namespace vask {
@@ -37,7 +35,7 @@ constexpr std::uint32_t covering_mask(std::uint64_t n) noexcept {
 //! entries call for. With a mask that comes from the number of rows, as texts and floats have it,
 //! the buckets of 1e7 rows take 64 MiB: filling them and missing the caches in them costs more
 //! than grouping the rows. Where there turn out to be many more entries than the mask was made for,
-//! as a sample can mislead, further buckets come from the process heap, or else chains grow.
+//! as a sample can mislead, more buckets are asked for, and where there are none chains grow.
 template <class Entry>
 class vask_chained_table {
 public:
@@ -52,35 +50,9 @@ public:
     explicit vask_chained_table(std::uint32_t mask, std::size_t capacity = default_capacity)
         : mask_(mask) {
         entries_.reserve(capacity);
-        heads_ = buckets_ = allocate_buckets(std::size_t{mask} + 1);
+        buckets_.reset(gdk_allocate<std::uint32_t>(std::size_t{mask} + 1));
         use_buckets(std::min(mask, default_mask));
     }
-
-    vask_chained_table(vask_chained_table &&other) noexcept
-        : entries_(std::move(other.entries_)),
-          buckets_(std::exchange(other.buckets_, nullptr)),
-          next_entry_(other.next_entry_),
-          mask_(other.mask_),
-          more_buckets_(std::move(other.more_buckets_)),
-          heads_(std::exchange(other.heads_, nullptr)),
-          used_mask_(other.used_mask_),
-          last_bucket_(other.last_bucket_) {}
-
-    //! Takes over another table's memory. The target's own buckets are not given back, and that is
-    //! intended: they stay allocated until the process ends.
-    vask_chained_table &operator=(vask_chained_table &&other) noexcept {
-        entries_ = std::move(other.entries_);
-        buckets_ = std::exchange(other.buckets_, nullptr);
-        next_entry_ = other.next_entry_;
-        mask_ = other.mask_;
-        more_buckets_ = std::move(other.more_buckets_);
-        heads_ = std::exchange(other.heads_, nullptr);
-        used_mask_ = other.used_mask_;
-        last_bucket_ = other.last_bucket_;
-        return *this;
-    }
-
-    ~vask_chained_table() { release_buckets(); }
 
     std::uint32_t mask() const noexcept { return mask_; }
     const gdk_vector<Entry> &entries() const noexcept { return entries_; }
@@ -94,7 +66,7 @@ public:
     //! The same with the key's hash at hand.
     VASK_ALWAYS_INLINE Entry *probe(const key_type &key, std::uint32_t hash) noexcept {
         last_bucket_ = bucket_of(hash);
-        for (std::uint32_t i = heads_[last_bucket_]; i != NO_BUN; i = entries_[i].chain)
+        for (std::uint32_t i = buckets_[last_bucket_]; i != NO_BUN; i = entries_[i].chain)
             if (is_entry_of(entries_[i], key, hash))
                 return &entries_[i];
         return nullptr;
@@ -102,7 +74,7 @@ public:
 
     //! Asks the processor for the bucket of a hash that will be probed soon.
     VASK_ALWAYS_INLINE void prefetch(std::uint32_t hash) const noexcept {
-        __builtin_prefetch(heads_ + bucket_of(hash));
+        __builtin_prefetch(buckets_.get() + bucket_of(hash));
     }
 
     //! Adds the entry of the key that the last probe did not find, in front of its chain, and gives
@@ -136,18 +108,9 @@ public:
     }
 
     //! Gives the buckets back early; the entries stay. No probe may follow.
-    void release_buckets() noexcept {
-        if (buckets_ != nullptr)
-            GDKfree(std::exchange(buckets_, nullptr));
-        more_buckets_.reset();
-    }
+    void release_buckets() noexcept { buckets_.reset(); }
 
 private:
-    //! Never inlined, so that a leak checker can tell the buckets that are left behind on purpose.
-    __attribute__((noinline)) static std::uint32_t *allocate_buckets(std::size_t n) {
-        return gdk_allocate<std::uint32_t>(n);
-    }
-
     // Each widening links all entries again, which with this factor is about once per entry.
     static constexpr unsigned widening = 8;
     // Entries per bucket beyond which the mask was plainly made for fewer: chains of a few cost
@@ -189,11 +152,10 @@ private:
         if (next_entry_ / longest_chains <= used_mask_ || wider > most_buckets)
             return false;
         const std::uint32_t mask = covering_mask(wider);
-        decltype(more_buckets_) more(new (std::nothrow) std::uint32_t[std::size_t{mask} + 1]);
+        void *more = GDKmalloc((std::size_t{mask} + 1) * sizeof(std::uint32_t));
         if (more == nullptr)
             return false;
-        more_buckets_ = std::move(more);
-        heads_ = more_buckets_.get();
+        buckets_.reset(static_cast<std::uint32_t *>(more));
         use_buckets(mask);
         return true;
     }
@@ -201,24 +163,22 @@ private:
     //! Spreads the entries over the buckets 0 .. mask.
     void use_buckets(std::uint64_t mask) noexcept {
         used_mask_ = covering_mask(mask);
-        std::fill_n(heads_, std::size_t{used_mask_} + 1, std::uint32_t{NO_BUN});
+        std::fill_n(buckets_.get(), std::size_t{used_mask_} + 1, std::uint32_t{NO_BUN});
         for (std::uint32_t i = 0; i < next_entry_; ++i)
             if (entries_[i].chain != in_no_chain)
                 link(i, bucket_of(hash_of(entries_[i])));
     }
 
     void link(std::uint32_t entry, std::uint32_t bucket) noexcept {
-        entries_[entry].chain = std::exchange(heads_[bucket], entry);
+        entries_[entry].chain = std::exchange(buckets_[bucket], entry);
     }
 
     gdk_vector<Entry> entries_;
-    std::uint32_t *buckets_ = nullptr; // of the kernel's memory
+    gdk_block<std::uint32_t> buckets_; // first entry of each chain
     std::uint32_t next_entry_ = 0;     // always the number of entries
     std::uint32_t mask_;
-    std::unique_ptr<std::uint32_t[]> more_buckets_;
-    std::uint32_t *heads_ = nullptr; // first entry of each chain, in whichever are in use
-    std::uint32_t used_mask_ = 0;    // of the buckets in use
-    std::uint32_t last_bucket_ = 0;  // of the last probe, for the insert that may follow
+    std::uint32_t used_mask_ = 0;   // of the buckets in use
+    std::uint32_t last_bucket_ = 0; // of the last probe, for the insert that may follow
 };
 
 } // namespace vask

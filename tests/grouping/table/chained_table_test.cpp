@@ -1,5 +1,7 @@
 #include "grouping/table/group_table.h"
 
+#include "support/failing_calls.h"
+
 #include <random>
 #include <unordered_map>
 #include <vector>
@@ -9,6 +11,9 @@
 namespace {
 
 using namespace vask;
+using refkernel::instrumentation::operation;
+using refkernel::instrumentation::watch;
+using support::fail_each_call;
 
 // Worked out by hand from the definition.
 TEST(KeyHash, MixAndTextHash) {
@@ -69,6 +74,29 @@ TEST(ChainedTable, KeepsOneEntryPerKeyInOrderOfInsertion) {
                 ASSERT_EQ(table.probe(value)->first_oid, known.second);
             }
         }
+}
+
+// The mask was made for far fewer entries, as a sample can mislead.
+TEST(ChainedTable, MoreBucketsAreTheKernelsMemoryAndCanBeDoneWithout) {
+    constexpr lng keys = 20000;
+    fail_each_call(
+        operation::gdk_malloc, [] { return 0; },
+        [&](int, const watch &kernel, auto failed) {
+            try {
+                vask_group_table<lng> table(15, keys);
+                for (lng key = 0; key < keys; ++key)
+                    add(table, key, static_cast<oid>(key));
+                for (lng key = 0; key < keys; ++key)
+                    ASSERT_EQ(table.probe(key)->first_oid, static_cast<oid>(key));
+                if (!failed()) {
+                    constexpr std::uint64_t bytes_per_entry = sizeof(vask_group_entry<lng>) + 1;
+                    EXPECT_GE(kernel.bytes_outstanding(), keys * bytes_per_entry);
+                }
+            } catch (const std::bad_alloc &) {
+                EXPECT_TRUE(failed());
+            }
+            EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+        });
 }
 
 } // namespace
