@@ -236,6 +236,10 @@ std::uint64_t watch::bytes_outstanding() const {
     return memory::bytes_outstanding();
 }
 
+std::uint64_t watch::most_bytes_outstanding() const {
+    return memory::most_bytes_outstanding();
+}
+
 void watch::clear() {
     const std::lock_guard guard(observed.lock);
     observed.clear();

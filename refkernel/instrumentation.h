@@ -160,6 +160,9 @@ public:
     //! Bytes handed out by the GDK operations (and as exception strings) since the watch began.
     [[nodiscard]] std::uint64_t bytes_outstanding() const;
 
+    //! The most that these bytes have been at one time.
+    [[nodiscard]] std::uint64_t most_bytes_outstanding() const;
+
     //! Forgets counts, records, brackets and orders to fail, but no bytes.
     void clear();
 };

@@ -99,6 +99,8 @@ struct account_shard {
 
 std::atomic<bool> account_on{false};
 std::array<account_shard, 64> account;
+std::atomic<std::uint64_t> account_bytes{0};
+std::atomic<std::uint64_t> most_account_bytes{0};
 
 account_shard &shard_of(void *held) {
     return account[(reinterpret_cast<std::uintptr_t>(held) >> 4) % account.size()];
@@ -107,6 +109,11 @@ account_shard &shard_of(void *held) {
 void enter_account(void *held, std::size_t bytes) noexcept {
     if (held == nullptr || !account_on.load(std::memory_order_relaxed)) [[likely]] {
         return;
+    }
+    const std::uint64_t now = account_bytes.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+    std::uint64_t most = most_account_bytes.load(std::memory_order_relaxed);
+    while (most < now &&
+           !most_account_bytes.compare_exchange_weak(most, now, std::memory_order_relaxed)) {
     }
     account_shard &shard = shard_of(held);
     const std::lock_guard guard(shard.lock);
@@ -128,6 +135,7 @@ std::size_t leave_account(void *held) noexcept {
     }
     const std::size_t bytes = found->second;
     shard.blocks.erase(found);
+    account_bytes.fetch_sub(bytes, std::memory_order_relaxed);
     return bytes;
 }
 
@@ -148,6 +156,8 @@ void clear_account() noexcept {
         const std::lock_guard guard(shard.lock);
         shard.blocks.clear();
     }
+    account_bytes.store(0, std::memory_order_relaxed);
+    most_account_bytes.store(0, std::memory_order_relaxed);
 }
 
 } // namespace
@@ -243,6 +253,10 @@ void stop_account() noexcept {
 
 std::uint64_t bytes_outstanding() noexcept {
     return sum_account([](std::size_t bytes) { return bytes; });
+}
+
+std::uint64_t most_bytes_outstanding() noexcept {
+    return most_account_bytes.load(std::memory_order_relaxed);
 }
 
 std::uint64_t blocks_outstanding() noexcept {

@@ -64,6 +64,7 @@ void release(void *held) noexcept;
 void start_account() noexcept;
 void stop_account() noexcept;
 std::uint64_t bytes_outstanding() noexcept;
+std::uint64_t most_bytes_outstanding() noexcept;
 std::uint64_t blocks_outstanding() noexcept;
 
 } // namespace refkernel::memory

@@ -134,6 +134,8 @@ TEST(Instrumentation, CountsBytesAndBracketsFromAnyThread) {
     EXPECT_TRUE(kernel.unpaired_accesses().empty());
     std::ranges::for_each(blocks, GDKfree);
     EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+    EXPECT_GE(kernel.most_bytes_outstanding(), 8 * 5000 + 28U);
+    EXPECT_LE(kernel.most_bytes_outstanding(), 8 * (5000 + 15) + 28U);
     BATaccess(b.record(), 3, 0, 1);
     ASSERT_EQ(kernel.unpaired_accesses().size(), 1U);
     EXPECT_EQ(kernel.unpaired_accesses()[0].bat_id, b.id());

@@ -194,6 +194,86 @@ TEST(HashGroup, GroupsThatTurnUpLate) {
     }
 }
 
+//! The groups of values from 0 to range - 1 under a void head, by a table of all values.
+plain_groups group_by_table(const std::vector<std::int32_t> &values, std::int32_t range) {
+    constexpr std::size_t none = ~std::size_t{0};
+    plain_groups groups;
+    std::vector<std::size_t> number(static_cast<std::size_t>(range), none);
+    for (std::size_t row = 0; row < values.size(); ++row) {
+        std::size_t &group = number[static_cast<std::size_t>(values[row])];
+        if (group == none) {
+            group = groups.extents.size();
+            groups.extents.emplace_back(static_cast<oid>(row), 0);
+        }
+        ++groups.extents[group].second;
+        groups.map.push_back(groups.extents[group].first);
+    }
+    return groups;
+}
+
+//! The most bytes that grouping takes beyond its results, which are checked.
+std::uint64_t bytes_to_group(const std::vector<std::int32_t> &values, const plain_groups &expected,
+                             int threads) {
+    const kernel_settings settings(threads);
+    const bat b = refkernel::make_column<std::int32_t>(std::span<const std::int32_t>(values));
+    group_results made(b);
+    const watch kernel;
+    EXPECT_EQ(vask_hash_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()), 1);
+    EXPECT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()), expected),
+              "")
+        << threads << " threads";
+    return kernel.most_bytes_outstanding();
+}
+
+constexpr std::size_t many_rows = 5'000'000;
+constexpr std::int32_t large_range = 300'000;
+
+std::vector<std::int32_t> values_of_large_range() {
+    std::mt19937_64 random(3);
+    std::vector<std::int32_t> values(many_rows);
+    for (std::int32_t &value : values)
+        value = static_cast<std::int32_t>(random() % large_range);
+    return values;
+}
+
+// Values that lie close together, in a window too large for wide counters: one so often that narrow
+// ones are full several times, many that only later rows have, all in order.
+TEST(HashGroup, LargeWindows) {
+    std::vector<std::int32_t> values = values_of_large_range();
+    for (std::size_t row = 0; row < many_rows; ++row) {
+        std::int32_t &value = values[row];
+        if (row % 3 == 0)
+            value = 77;
+        else if (value >= large_range - 2000 && row < many_rows - 90'000)
+            value -= 2000;
+    }
+    for (const bool sorted : {false, true}) {
+        if (sorted)
+            std::sort(values.begin(), values.end());
+        const plain_groups expected = group_by_table(values, large_range);
+        for (const int threads : {1, 2, 7})
+            bytes_to_group(values, expected, threads);
+    }
+}
+
+// Beyond the results there is one table of the groups and little for each thread, whether the
+// values fill their range or not.
+TEST(HashGroup, MemoryFollowsTheGroupsAndNotTheThreads) {
+    constexpr std::int32_t few = 100;
+    const std::vector<std::int32_t> dense = values_of_large_range();
+    std::vector<std::int32_t> sparse = dense;
+    for (std::int32_t &value : sparse)
+        value = value % few * (large_range / few);
+    const plain_groups dense_groups = group_by_table(dense, large_range);
+    const plain_groups sparse_groups = group_by_table(sparse, large_range);
+    for (const int threads : {2, 16}) {
+        const auto n = static_cast<std::uint64_t>(threads);
+        EXPECT_LE(bytes_to_group(dense, dense_groups, threads), large_range * (48 + 2 * n));
+        // Twice as many buckets as the range has values, and a small table for each thread.
+        EXPECT_LE(bytes_to_group(sparse, sparse_groups, threads), 16 * large_range + n * 300'000);
+    }
+}
+
 TEST(HashGroup, NoThreadsFailAtOnce) {
     const kernel_settings settings(0);
     const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
