@@ -95,6 +95,7 @@ void stand_up() {
 }
 
 std::atomic<bool> setaccess_replaces{false};
+std::atomic<bool> groupings_unload{false};
 
 std::size_t index_of(operation op) {
     return static_cast<std::size_t>(op);
@@ -260,6 +261,14 @@ void replace_on_setaccess(bool on) {
 
 bool replaces_on_setaccess() {
     return setaccess_replaces.load();
+}
+
+void unload_groupings(bool on) {
+    groupings_unload.store(on);
+}
+
+bool unloads_groupings() {
+    return groupings_unload.load();
 }
 
 } // namespace refkernel::instrumentation

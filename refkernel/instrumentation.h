@@ -196,6 +196,10 @@ REFKERNEL_API bool unload(int32_t id);
 REFKERNEL_API void replace_on_setaccess(bool on);
 [[nodiscard]] bool replaces_on_setaccess();
 
+//! Makes GRPgroup and GRPderive unload the BATs that they hand out.
+REFKERNEL_API void unload_groupings(bool on);
+[[nodiscard]] bool unloads_groupings();
+
 } // namespace refkernel::instrumentation
 
 #endif

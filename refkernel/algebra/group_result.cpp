@@ -1,6 +1,7 @@
 #include "refkernel/algebra/group_result.h"
 
 #include "refkernel/algebra/held_bats.h"
+#include "refkernel/instrumentation.h"
 
 #include <algorithm>
 #include <cstring>
@@ -115,6 +116,10 @@ void group_result::hand_over(bool rows_together, std::int32_t *histogram, std::i
         throw;
     }
     *histogram = histogram_id;
+    if (instrumentation::unloads_groupings()) {
+        instrumentation::unload(*histogram);
+        instrumentation::unload(*map);
+    }
 }
 
 } // namespace refkernel::algebra

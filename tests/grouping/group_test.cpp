@@ -127,6 +127,33 @@ TEST(GroupSelect, EachTestOnBothSidesOfItsLimit) {
     }
 }
 
+//! BATs and operators' references that a call leaves behind.
+std::pair<std::int64_t, std::int64_t> left_behind(auto run) {
+    const refkernel::kernel_usage before = refkernel::current_usage();
+    run();
+    const refkernel::kernel_usage after = refkernel::current_usage();
+    return {after.bats - before.bats, after.physical - before.physical};
+}
+
+// What the kernel cannot load is lost, with the reference that was taken on it, and no more.
+TEST(GroupSelect, AGroupedSampleThatCannotBeLoaded) {
+    const kernel_settings settings(2);
+    const bat b = cycle(serial_rows + 1, 5);
+    refkernel::instrumentation::unload_groupings(true);
+    const std::vector<std::int64_t> lost_bats{2, 1, 0}; // histogram and map, the map, none
+    for (std::size_t i = 0; i < lost_bats.size(); ++i) {
+        watch kernel;
+        kernel.fail_at(operation::bbp_descriptor, i + 1);
+        const bool lost = lost_bats[i] != 0;
+        const auto [bats, references] = left_behind([&] {
+            EXPECT_EQ(vask_group_select(b.record()), lost ? VASK_GROUP_FAILED : VASK_GROUP_HASH);
+        });
+        EXPECT_EQ(bats, lost_bats[i]);
+        EXPECT_EQ(references, lost ? 1 : 0);
+    }
+    refkernel::instrumentation::unload_groupings(false);
+}
+
 TEST(GroupSelect, ReadsTheSettingsOnce) {
     const kernel_settings settings(2);
     const bat b = cycle(serial_rows + 1, few_groups);
@@ -257,14 +284,6 @@ TEST(Group, FailuresReleaseWhatTheyHold) {
     }
     const kernel_settings no_threads(0);
     EXPECT_EQ(grouping(numbers.id()).failure, place("operation failed"));
-}
-
-//! BATs and operators' references that a grouping leaves behind.
-std::pair<std::int64_t, std::int64_t> left_behind(auto run) {
-    const refkernel::kernel_usage before = refkernel::current_usage();
-    run();
-    const refkernel::kernel_usage after = refkernel::current_usage();
-    return {after.bats - before.bats, after.physical - before.physical};
 }
 
 TEST(Group, OtherHeadsKeepEverythingOrAreTheKernels) {

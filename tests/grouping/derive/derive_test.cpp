@@ -3,6 +3,7 @@
 #include "grouping/pairs/pairs_derive.h"
 #include "kernel/column.h"
 #include "rows/key_hash.h"
+#include "rows/old_groups.h"
 
 #include "grouping/plain_groups.h"
 #include "refkernel/instrumentation.h"
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -323,6 +325,61 @@ TEST(Derive, TextsByPlaceAndByContent) {
     }
 }
 
+// Texts are counted while their codes are few: by place, or else by content.
+TEST(Derive, TextsAtTheLimitOfCounting) {
+    const auto check = [](BUN rows, BUN groups, std::uint32_t distinct, std::size_t length,
+                          int width) {
+        const layout l{.rows = rows, .groups = groups, .threads = 1};
+        SCOPED_TRACE(::testing::Message()
+                     << l << ", " << distinct << " texts of " << length << ", width " << width);
+        const old_grouping old(l);
+        refkernel::text_builder builder(refkernel::text_options{.offset_width = width});
+        std::vector<std::string> texts;
+        for (BUN row = 0; row < rows; ++row) {
+            texts.push_back(std::to_string(row % distinct));
+            texts.back().insert(0, length, 'x');
+            builder.append(texts.back());
+        }
+        const bat b = builder.finish(head_options(l.head, old.heads));
+        check_road(vask_buckets_derive<str>, true, l, b, old, refine_plainly(old, texts));
+    };
+    constexpr BUN rows = 800;
+    constexpr std::uint32_t narrow_places = 256; // of offsets of one byte, whichever there are
+    for (const BUN groups : {1U, 4U}) {
+        const std::uint32_t most_codes = rows / 2 / groups;
+        for (std::uint32_t codes = most_codes - 5; codes <= most_codes + 5; ++codes)
+            for (const std::size_t length : {0U, 40U})
+                for (const int width : {2, 4})
+                    check(rows, groups, codes, length, width);
+        for (std::uint32_t codes = narrow_places - 2; codes <= narrow_places + 3; ++codes)
+            check(2 * codes * groups, groups, 50, 0, 1);
+    }
+}
+
+TEST(Derive, OldGroupsHaveNumbersAndOtherIdsHaveNone) {
+    // Side by side, with gaps, too far apart for a table of them.
+    for (const std::vector<oid> &ids :
+         {std::vector<oid>{9, 8}, {9, 4}, {30, 7, 0, 12}, {5, 900'000, 800'001}}) {
+        const std::vector<wrd> sizes(ids.size(), 1);
+        for (const BUN first : {0U, 3U}) {
+            const bat histo = refkernel::make_column<wrd>(
+                std::span<const wrd>(sizes), head_options(heads::shuffled, ids, first));
+            const old_groups groups(*histo.record());
+            std::vector<oid> asked{4, 9, 99, oid_nil, 0xffffffff};
+            for (const oid id : ids)
+                asked.insert(asked.end(), {id - 1, id, id + 1});
+            for (const oid id : asked) {
+                const auto at = std::find(ids.begin(), ids.end(), id);
+                BUN number = 0;
+                EXPECT_EQ(groups.number(&id, 1, &number), at != ids.end()) << id;
+                if (at != ids.end()) {
+                    EXPECT_EQ(number, static_cast<BUN>(at - ids.begin()));
+                }
+            }
+        }
+    }
+}
+
 TEST(Derive, TheResultIsTheSameForAnyThreadsAndEachTime) {
     const layout l{.rows = 60000, .groups = 300, .head = heads::shuffled, .map = map_kind::hashed};
     const old_grouping old(l);
@@ -472,73 +529,128 @@ TEST(VaskDerive, WhatIsMissingOrWrongIsNamed) {
     EXPECT_EQ(call(old.histo, old.map, oid_tail).failure, exception()); // stored as int
 }
 
-// The n-th call of an operation fails, for all n there are.
-TEST(VaskDerive, FailingKernelCalls) {
-    const kernel_settings settings(3);
-    const std::map<operation, std::set<std::string>> texts{
-        {operation::bat_sample, {"dispatcher failed", ""}},
+//! What comes of a call in which one call of an operation fails.
+struct failing_operation {
+    operation op;
+    std::set<std::string> expected; // texts; an empty one is a success all the same
+};
+
+const std::string thrown = "an exception";
+
+//! The operations that the roads call and that can fail.
+std::vector<failing_operation> operations_of(road taken) {
+    const bool by_pairs = taken == road::pairs;
+    std::vector<failing_operation> all{
+        {operation::bat_sample, {"dispatcher failed"}},
         {operation::grp_group, {"dispatcher failed"}},
-        {operation::grp_derive, {""}},
         {operation::bat_hash, {"operation failed preparing hash"}},
         {operation::bat_new,
          {"could not allocate space for grp BAT", "could not allocate space for ext BAT"}},
         {operation::bat_setaccess, {"operation failed"}},
-        {operation::bun_fastins, {"operation failed"}},
-        {operation::bat_extend, {"operation failed"}},
-        {operation::gdk_malloc, {"operation failed"}},
+        // Only the pairs let an exception pass.
+        {operation::gdk_malloc, {by_pairs ? thrown : "operation failed"}},
+        {by_pairs ? operation::bat_extend : operation::bun_fastins, {"operation failed"}},
     };
+    if (by_pairs) {
+        // A second sample tells how many buckets to begin with, and can be done without.
+        all.front().expected.insert("");
+        all.push_back({operation::grp_derive, {""}});
+    }
+    return all;
+}
+
+//! Refines with the n-th call of an operation failing, and drops the result. Gives the failure's
+//! text, nothing if there were fewer calls.
+std::optional<std::string> failed_text(const bat &b, const old_grouping &old, operation op,
+                                       std::uint64_t nth) {
+    watch kernel;
+    kernel.fail_at(op, nth);
+    derived result;
+    try {
+        result = call(old.histo, old.map, b);
+    } catch (const std::bad_alloc &) {
+        EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+        return thrown;
+    }
+    const bool failed = result.failure != exception();
+    if (failed) {
+        EXPECT_EQ(result.failure.place, "group.vask_derive");
+    }
+    // What a refinement opens is closed behind its last step but the hand-over.
+    const bool closes = !failed || op == operation::bat_setaccess;
+    EXPECT_EQ(kernel.unpaired_accesses().size(), closes ? 0U : 3U);
+    // The exception strings of the kernel's own operators are dropped as they stand.
+    if (op != operation::grp_group && op != operation::grp_derive) {
+        EXPECT_EQ(kernel.bytes_outstanding(), 0U);
+    }
+    if (kernel.failures() == 0) {
+        EXPECT_FALSE(failed);
+        return std::nullopt;
+    }
+    return result.failure.text;
+}
+
+// The n-th call of an operation fails, for all n there are.
+TEST(VaskDerive, FailingKernelCalls) {
+    const kernel_settings settings(3);
     // By pairs, by counting and by buckets; doubles are counted by numbers of their own.
-    for (const auto &[groups, doubles] :
-         {std::pair(1U, false), {20U, false}, {20U, true}, {500U, false}})
-        for (const auto &[op, expected] : texts) {
+    const struct {
+        BUN groups;
+        bool doubles;
+        road taken;
+    } cases[] = {{1, false, road::pairs},
+                 {20, false, road::buckets},
+                 {20, true, road::buckets},
+                 {500, false, road::buckets}};
+    for (const auto &c : cases)
+        for (const auto &[op, expected] : operations_of(c.taken)) {
+            const layout l{.rows = 20000, .groups = c.groups};
             std::set<std::string> seen;
-            for (std::uint64_t nth = 1;; nth += 1 + nth / 64) {
-                SCOPED_TRACE(::testing::Message()
-                             << operation_name(op) << ' ' << nth << ", " << groups << " groups");
-                const layout l{.rows = 20000, .groups = groups};
-                const old_grouping old(l);
+            std::optional<std::string> text = "";
+            for (std::uint64_t nth = 1; text; nth += 1 + nth / 64) {
+                SCOPED_TRACE(::testing::Message() << operation_name(op) << ' ' << nth << ", " << l);
+                const old_grouping old(l); // anew: a hash that was built stays with it
                 const auto options = head_options(l.head, old.heads);
                 const bat b =
-                    doubles
+                    c.doubles
                         ? refkernel::make_column(random_values<double>(l.rows, 6, 0, 1), options)
                         : refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
                                                  options);
                 const checkpoint before;
-                derived result;
-                std::uint64_t failures = 0;
-                bool threw = false;
-                {
-                    watch kernel;
-                    kernel.fail_at(op, nth);
-                    try {
-                        result = call(old.histo, old.map, b);
-                    } catch (const std::bad_alloc &) {
-                        threw = true;
-                    }
-                    failures = kernel.failures();
-                    if (!threw) {
-                        const bool closed =
-                            result.failure.text.empty() || op == operation::bat_setaccess;
-                        EXPECT_EQ(kernel.unpaired_accesses().size(), closed ? 0U : 3U);
-                    }
-                }
-                // Only the pairs let an exception pass, and lose with it what they hold.
-                EXPECT_TRUE(!threw || (op == operation::gdk_malloc && groups == 1));
-                if (!result.failure.text.empty()) {
-                    EXPECT_EQ(result.failure.place, "group.vask_derive");
-                    EXPECT_TRUE(expected.contains(result.failure.text)) << result.failure.text;
+                text = failed_text(b, old, op, nth);
+                if (text)
+                    seen.insert(*text);
+                // An exception loses the references that the call holds.
+                if (text != thrown) {
                     EXPECT_EQ(before.leaks(), "");
                 }
-                if (failures == 0)
-                    break;
-                if (!threw)
-                    seen.insert(result.failure.text);
             }
-            // Every text the operation's failures should have was met, on the roads that call it.
-            if (!seen.empty() && op != operation::bat_sample) {
-                EXPECT_EQ(seen, expected) << operation_name(op);
-            }
+            EXPECT_EQ(seen, expected) << operation_name(op) << ", " << c.groups << " groups";
         }
+}
+
+// What the kernel cannot load is lost, with the reference that was taken on it, and no more.
+TEST(VaskDerive, AGroupedSampleThatCannotBeLoaded) {
+    const kernel_settings settings(2);
+    const layout l{.rows = 20000, .groups = 1};
+    const old_grouping old(l);
+    const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 6, 0, 1),
+                                         head_options(l.head, old.heads));
+    refkernel::instrumentation::unload_groupings(true);
+    // The histogram of the sample that chooses the road, with its map; histogram or map of the one
+    // that tells how many buckets to begin with; none.
+    const std::vector<std::int64_t> lost_bats{2, 1, 1, 0};
+    for (std::size_t i = 0; i < lost_bats.size(); ++i) {
+        watch kernel;
+        kernel.fail_at(operation::bbp_descriptor, i + 1);
+        const refkernel::kernel_usage before = refkernel::current_usage();
+        EXPECT_EQ(call(old.histo, old.map, b).failure.text, i == 0 ? "dispatcher failed" : "");
+        const refkernel::kernel_usage after = refkernel::current_usage();
+        EXPECT_EQ(after.bats - before.bats, lost_bats[i]) << i;
+        EXPECT_EQ(after.physical - before.physical, lost_bats[i] != 0 ? 1 : 0) << i;
+        EXPECT_EQ(kernel.failures(), lost_bats[i] != 0 ? 1U : 0U);
+    }
+    refkernel::instrumentation::unload_groupings(false);
 }
 
 TEST(VaskDerive, TracesOnRequest) {
