@@ -60,10 +60,10 @@ struct grouped_inputs {
 //! Scans the rows where they lie, each partition with a block of states for all groups.
 template <class Aggregate, class Rows, class Finish>
 bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT &map, BAT &extents,
+                        const state_blocks<typename Aggregate::partial> &blocks,
                         const Finish &finish) {
     using partial = typename Aggregate::partial;
     const BUN groups = extents.info->count;
-    const state_blocks<partial> blocks(plan.nparts);
     const slot_table_owner table(extents, plan.end - plan.part_base, plan.nparts);
     run_partitions(plan,
                    [=, &map, &extents, slots = table.get()](std::uint64_t part, vask_row_range r) {
@@ -82,7 +82,6 @@ bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT 
         if (mine)
             std::atomic_ref(any).store(1, std::memory_order_relaxed);
     });
-    blocks.release();
     return any != 0;
 }
 
@@ -111,14 +110,16 @@ std::optional<bool> aggregate_dealt(const Rows &rows, const partition_plan &plan
 //! it gets a zeroed block of one element per group from each task. The map must have a stored tail.
 template <class Aggregate, class Rows, std::size_t N, class Finish>
 bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
+    const state_blocks<typename Aggregate::partial> blocks(nparts);
     inputs.access(1);
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
     const partition_plan plan(*inputs.values[0], nparts);
     const std::optional<bool> dealt =
         aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
-    const bool any =
-        dealt ? *dealt
-              : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
+    const bool any = dealt ? *dealt
+                           : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents,
+                                                           blocks, finish);
+    blocks.release();
     inputs.access(-1);
     return any;
 }

@@ -90,11 +90,12 @@ public:
         return states;
     }
 
-    //! Frees each partition's blocks, then the arrays.
+    //! Frees the blocks that partitions have, then the arrays.
     void release() const {
         for (std::uint64_t part = 0; part < nparts_; ++part)
             for (void **array : arrays_)
-                GDKfree(array[part]);
+                if (array[part] != nullptr)
+                    GDKfree(array[part]);
         for (void **array : arrays_)
             GDKfree(array);
     }

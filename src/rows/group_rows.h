@@ -38,7 +38,8 @@ struct grouping_keys {
 template <class Key, class Kind>
 grouping_outcome group_rows(const grouping_rows &rows, const grouping_keys<Key, Kind> &keys,
                             const group_sink &sink) {
-    constexpr std::uint32_t cached_indices = std::uint32_t{1} << 19;
+    // Texts of several places are resolved by their first rows: with a table as much, but slower.
+    const std::uint32_t cached_indices = std::uint32_t{1} << (keys.one_index_per_value ? 18 : 19);
     const group_resolver resolve_indices =
         keys.one_index_per_value ? group_resolver() : keys.resolve;
     if (keys.index && keys.index->bound <= cached_indices)
