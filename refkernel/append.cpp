@@ -143,14 +143,14 @@ bool append_to_any(column &c, const BATinfo &info, const void *value) noexcept {
         return false;
     }
     c.drop_hash();
-    c.alignment = 0;
+    c.set_alignment(0);
     return is_void(c) || store_value(c, info, info.first + info.count, value);
 }
 
 // Stored numbers and oids that nothing is known of but their nils, as a column is after BATnew.
 inline bool is_plain(const column &c) noexcept {
     return (c.sorted | c.varsized | c.key | c.dense) == 0 && c.hash == nullptr &&
-           c.alignment == 0 && c.type != TYPE_void && c.type < TYPE_str &&
+           c.alignment_number() == 0 && c.type != TYPE_void && c.type < TYPE_str &&
            BATatoms[c.type].atom_fix == nullptr;
 }
 

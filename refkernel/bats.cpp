@@ -68,10 +68,6 @@ bool set_count(BAT &b, BUN count) noexcept {
     return true;
 }
 
-void share_heap(column &to, const column &from) noexcept {
-    to.adopt_heap(from.heap);
-}
-
 } // namespace refkernel
 
 namespace {
@@ -100,11 +96,13 @@ void copy_column(column &to, const column &from, const BATinfo &info, int type, 
         if (!refkernel::grow_column(to, info.count)) {
             throw std::bad_alloc();
         }
-        auto heap = writable ? from.heap->clone() : from.heap;
-        if (heap == nullptr) {
+        if (!writable) {
+            to.share_heap(from);
+        } else if (auto heap = from.heap->clone(); heap != nullptr) {
+            to.adopt_heap(std::move(heap));
+        } else {
             throw std::bad_alloc();
         }
-        to.adopt_heap(std::move(heap));
     }
     const std::size_t bytes = std::size_t{info.count} << to.shift;
     if (!refkernel::is_void(from) && bytes > 0) {
@@ -156,7 +154,7 @@ BAT *BATextend(BAT *b, BUN capacity) {
 void BATseqbase(BAT *b, oid seqbase) {
     enter(operation::bat_seqbase, b, seqbase);
     b->head->seqbase = seqbase;
-    column_of(b->head).alignment = 0;
+    column_of(b->head).set_alignment(0);
     if (refkernel::is_void(*b->head)) {
         refkernel::set_void_marks(*b->head);
         column_of(b->head).drop_hash();

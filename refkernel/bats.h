@@ -35,9 +35,6 @@ bool set_count(BAT &b, BUN count) noexcept;
 BAT *make_view(BAT *head_source, const column &head, BAT *tail_source, const column &tail,
                BUN head_first, BUN tail_first, BUN count);
 
-//! Lets `to`, a column without texts of its own, read the texts of `from` by the same offsets.
-void share_heap(column &to, const column &from) noexcept;
-
 //! Records that two heads are aligned row by row. A void head takes over the seqbase of a dense
 //! one.
 void align_heads(column &mine, column &other) noexcept;

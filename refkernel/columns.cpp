@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -24,13 +25,18 @@ void column::drop_hash() noexcept {
 }
 
 void column::share(const column &source, BUN first, bool same_rows) noexcept {
-    static_cast<BATcol &>(*this) = source;
-    hash = nullptr;
-    memory = source.memory;
-    heap = source.heap;
-    alignment = same_rows ? source.alignment : 0;
+    drop_hash();
+    // Not the hash, which another thread may be publishing.
+    std::memcpy(static_cast<BATcol *>(this), static_cast<const BATcol *>(&source),
+                offsetof(BATcol, hash));
+    set_alignment(same_rows ? source.alignment_number() : 0);
     if (is_void(*this)) {
         return;
+    }
+    memory = source.memory;
+    memory->mark_shared();
+    if (source.heap != nullptr) {
+        share_heap(source);
     }
     const std::size_t skipped = std::size_t{first} << shift;
     base = static_cast<char *>(source.base) + skipped;
@@ -41,6 +47,11 @@ void column::share(const column &source, BUN first, bool same_rows) noexcept {
         hash = table;
         static_cast<hash_table *>(table)->holders.fetch_add(1, std::memory_order_relaxed);
     }
+}
+
+void column::share_heap(const column &source) noexcept {
+    source.heap->mark_shared();
+    adopt_heap(source.heap);
 }
 
 void column::adopt_memory(std::shared_ptr<memory::block> taken) noexcept {
@@ -104,12 +115,14 @@ bool grow_column(column &c, BUN capacity) noexcept {
     }
     const auto skipped =
         static_cast<std::size_t>(static_cast<char *>(c.base) - static_cast<char *>(c.memory->base));
-    if (bytes <= c.memory->bytes - skipped && c.memory.use_count() == 1) {
-        return true;
-    }
-    if (c.memory.use_count() == 1 && skipped == 0 && c.memory->grow(bytes)) {
-        c.base = c.memory->base;
-        return true;
+    if (!c.memory->was_shared()) {
+        if (bytes <= c.memory->bytes - skipped) {
+            return true;
+        }
+        if (skipped == 0 && c.memory->grow(bytes)) {
+            c.base = c.memory->base;
+            return true;
+        }
     }
     auto grown = memory::allocate_block(bytes);
     if (grown == nullptr) {
@@ -135,7 +148,8 @@ bool materialize_column(column &c, const BATinfo &info) noexcept {
         stored.free = std::uint64_t{info.first + info.count} << stored.shift;
         stored.seqbase = c.seqbase;
         c.drop_hash();
-        c.share(stored, 0, false);
+        static_cast<BATcol &>(c) = stored;
+        c.adopt_memory(std::move(stored.memory));
     }
     // Whoever asks for stored values is about to write them, and the kernel
     // will not see what: neither marks nor alignment can be kept.
@@ -144,12 +158,12 @@ bool materialize_column(column &c, const BATinfo &info) noexcept {
     c.key = 0;
     c.nonil = 0;
     c.nil = 0;
-    c.alignment = 0;
+    c.set_alignment(0);
     return true;
 }
 
 text_heap *own_heap(column &c) noexcept {
-    if (c.heap.use_count() > 1) {
+    if (c.heap->was_shared()) {
         auto cloned = c.heap->clone();
         if (cloned == nullptr) {
             return nullptr;

@@ -27,14 +27,15 @@ void release_hash(BAThashtable *table) noexcept;
 
 /*
  * A column record with what stands behind it. Views share `memory` and `heap`
- * with their source; whoever grows or appends to a shared one gets its own
- * first, so that readers of the other columns never see it move.
+ * with their source; whoever grows or appends to one that was ever shared gets
+ * its own first, so that readers of the other columns never see it move.
  */
 struct column : BATcol {
     std::shared_ptr<memory::block> memory;
     std::shared_ptr<text_heap> heap;
-    // Columns of the same number are aligned row by row; 0: with no other.
-    std::uint64_t alignment = 0;
+    // Columns of the same number are aligned row by row; 0: with no other. Atomic because operators
+    // that run at the same time may all align with one column; nothing else hangs on it.
+    std::atomic<std::uint64_t> alignment{0};
 
     column() noexcept { static_cast<BATcol &>(*this) = {}; }
     column(const column &) = delete;
@@ -46,8 +47,17 @@ struct column : BATcol {
     //! Takes over type, marks and memory, with position 0 at `first` of the
     //! source; the hash too if the rows are the same.
     void share(const column &source, BUN first, bool same_rows) noexcept;
+    //! Reads the texts of the source by the same offsets.
+    void share_heap(const column &source) noexcept;
     void adopt_memory(std::shared_ptr<memory::block> taken) noexcept;
     void adopt_heap(std::shared_ptr<text_heap> taken) noexcept;
+
+    [[nodiscard]] std::uint64_t alignment_number() const noexcept {
+        return alignment.load(std::memory_order_relaxed);
+    }
+    void set_alignment(std::uint64_t number) noexcept {
+        alignment.store(number, std::memory_order_relaxed);
+    }
 };
 
 inline column &column_of(BATcol *c) {

@@ -212,6 +212,9 @@ bat make_column_from_bytes(const void *values, std::size_t count, std::size_t wi
 
 bat make_column_in(std::shared_ptr<memory::block> memory, std::size_t count, std::size_t width,
                    int default_type, const column_options &options) {
+    if (memory.use_count() > 1) {
+        memory->mark_shared(); // the caller reads it, too
+    }
     const int type = tail_type(default_type, width, options);
     auto made = entry_with_head(count, options);
     set_tail(*made, type, width, std::move(memory), options);

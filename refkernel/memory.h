@@ -5,6 +5,7 @@
 
 #include "refkernel/contract.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -20,8 +21,26 @@ inline constexpr std::size_t huge_page_threshold = std::size_t{4} << 20;
 //! Tells the system that a large block wants huge pages; does nothing to a small one.
 void advise_huge_pages(void *base, std::size_t bytes) noexcept;
 
+/*
+ * Remembers that several columns have held a block or a heap. It stays where it is from then on,
+ * also when one column is left: a count of holders does not order what the others read before what
+ * this thread would do to it. The column takes memory of its own instead, once.
+ *
+ * Relaxed, because the host orders whoever makes a view of a column and whoever appends to it.
+ */
+class sharing_mark {
+public:
+    void mark_shared() noexcept { shared_.store(true, std::memory_order_relaxed); }
+    [[nodiscard]] bool was_shared() const noexcept {
+        return shared_.load(std::memory_order_relaxed);
+    }
+
+private:
+    std::atomic<bool> shared_{false};
+};
+
 //! Element memory of a column, shared by the column and its views.
-struct REFKERNEL_API block {
+struct REFKERNEL_API block : sharing_mark {
     void *base = nullptr;
     std::size_t bytes = 0;
 

@@ -5,6 +5,7 @@
 #include <deque>
 #include <mutex>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace refkernel {
@@ -89,6 +90,29 @@ bat_pool &the_pool() {
 
 [[maybe_unused]] const bat_pool &made_at_load = the_pool();
 
+// Operators read the words of BBParr without the lock: what they find there was written before.
+template <class T>
+void publish(T *&word, std::type_identity_t<T> *value) noexcept {
+    std::atomic_ref(word).store(value, std::memory_order_release);
+}
+
+void publish_descriptors(BBPrec &record, bat_entry &entry) noexcept {
+    publish(record.desc, &entry.desc);
+    publish(record.desc_mirror, &entry.mirror);
+}
+
+void withdraw_descriptors(BBPrec &record) noexcept {
+    publish(record.desc, nullptr);
+    publish(record.desc_mirror, nullptr);
+}
+
+// A number without a logical name is not in use, so that comes first.
+void withdraw(BBPrec &record) noexcept {
+    publish(record.logical_name, nullptr);
+    publish(record.mirror_name, nullptr);
+    withdraw_descriptors(record);
+}
+
 std::int32_t &count_of(bat_entry &entry, reference kind) {
     switch (kind) {
         case reference::physical:
@@ -113,9 +137,13 @@ BAT *insert(std::unique_ptr<bat_entry> made) {
     made->physical = 1;
     ++pool.used.bats;
     ++pool.used.physical;
-    pool.record(id) = {&made->desc, &made->mirror, made->name.c_str(), made->mirror_name.c_str()};
+    BBPrec &record = pool.record(id);
+    publish_descriptors(record, *made);
+    publish(record.mirror_name, made->mirror_name.c_str());
+    publish(record.logical_name, made->name.c_str());
+    BAT *const desc = &made->desc;
     pool.slot(id) = made.release();
-    return pool.record(id).desc;
+    return desc;
 }
 
 BAT *find(std::int32_t id) noexcept {
@@ -160,7 +188,7 @@ void drop_reference(std::int32_t id, reference kind) noexcept {
         }
         const std::int32_t number = entry->desc.bat_id;
         dead.reset(std::exchange(pool.slot(number), nullptr));
-        pool.record(number) = {};
+        withdraw(pool.record(number));
         pool.resting.push_back(number);
         --pool.used.bats;
     }
@@ -190,10 +218,8 @@ BAT *load(std::int32_t id) noexcept {
     if (entry == nullptr) {
         return nullptr;
     }
-    BBPrec &record = pool.record(entry->desc.bat_id);
-    record.desc = &entry->desc;
-    record.desc_mirror = &entry->mirror;
-    return id < 0 ? record.desc_mirror : record.desc;
+    publish_descriptors(pool.record(entry->desc.bat_id), *entry);
+    return id < 0 ? &entry->mirror : &entry->desc;
 }
 
 usage current_usage() noexcept {
@@ -223,9 +249,7 @@ bool instrumentation::unload(std::int32_t id) {
     if (entry == nullptr) {
         return false;
     }
-    BBPrec &record = pool.record(entry->desc.bat_id);
-    record.desc = nullptr;
-    record.desc_mirror = nullptr;
+    pool::withdraw_descriptors(pool.record(entry->desc.bat_id));
     return true;
 }
 

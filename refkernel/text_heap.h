@@ -3,6 +3,7 @@
 #define REFKERNEL_TEXT_HEAP_H
 
 #include "refkernel/contract.h"
+#include "refkernel/memory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -35,7 +36,7 @@ std::uint64_t hash_text(std::string_view text) noexcept;
  *
  * Thread safety: one thread puts; readers go by vbase, which a put can move.
  */
-class text_heap : public BATvheap {
+class text_heap : public BATvheap, public memory::sharing_mark {
 public:
     explicit text_heap(text_sharing sharing) noexcept : BATvheap{nullptr}, sharing_(sharing) {}
     text_heap(const text_heap &) = delete;

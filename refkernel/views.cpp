@@ -56,16 +56,14 @@ void align_heads(column &mine, column &other) noexcept {
         set_void_marks(mine);
         mine.drop_hash();
     }
-    // Operators that run at the same time may all align with one BAT.
-    const std::atomic_ref group(other.alignment);
-    std::uint64_t number = group.load(std::memory_order_relaxed);
+    std::uint64_t number = other.alignment_number();
     if (number == 0) {
         const std::uint64_t fresh = next_alignment.fetch_add(1, std::memory_order_relaxed);
-        if (group.compare_exchange_strong(number, fresh, std::memory_order_relaxed)) {
+        if (other.alignment.compare_exchange_strong(number, fresh, std::memory_order_relaxed)) {
             number = fresh;
         }
     }
-    mine.alignment = number;
+    mine.set_alignment(number);
 }
 
 bool heads_are_aligned(const BAT &a, const BAT &b) noexcept {
@@ -74,7 +72,8 @@ bool heads_are_aligned(const BAT &a, const BAT &b) noexcept {
     if (a.info->count != b.info->count) {
         return false;
     }
-    if (mine.alignment != 0 && mine.alignment == other.alignment) {
+    const std::uint64_t number = mine.alignment_number();
+    if (number != 0 && number == other.alignment_number()) {
         return true;
     }
     if (is_countable(mine) && is_countable(other)) {

@@ -70,7 +70,7 @@ void copy_rows(column &to, const column &from, const BATinfo &from_info,
     to.shift = is_void(from) ? std::uint8_t{2} : from.shift;
     to.varsized = from.varsized;
     if (from.varsized)
-        to.adopt_heap(from.heap);
+        to.share_heap(from);
     auto memory = memory::allocate_block(std::size_t{count} << to.shift);
     if (memory == nullptr)
         throw std::bad_alloc();

@@ -21,8 +21,8 @@ const BBPrec &pool_record(std::int32_t id) noexcept {
 bool is_in_pool(std::int32_t id, const char *caller) {
     if (id == 0 || id == int_nil)
         return false;
-    if (static_cast<std::int64_t>(absolute(id)) < BBPsize &&
-        pool_record(id).logical_name != nullptr)
+    if (static_cast<std::int64_t>(absolute(id)) < published(BBPsize) &&
+        published(pool_record(id).logical_name) != nullptr)
         return true;
     if (GDKdebug & DEBUG_RANGE_ERROR)
         THRprintf(THRgetdata(0), "#%s: range error %d\n", caller, static_cast<int>(id));
@@ -44,7 +44,7 @@ BAT *vask_descriptor(std::int32_t id) {
         return nullptr;
     const int valid = BBPincref(id, 0);
     const BBPrec &record = pool_record(id);
-    BAT *b = id > 0 ? record.desc : record.desc_mirror;
+    BAT *b = published(id > 0 ? record.desc : record.desc_mirror);
     if (b == nullptr && valid != 0)
         b = BBPdescriptor(id);
     return b;
@@ -54,12 +54,13 @@ const char *vask_bat_name(std::int32_t id) {
     if (!is_in_pool(id, "BBPname"))
         return "";
     const BBPrec &record = pool_record(id);
-    return id < 0 && record.mirror_name != nullptr ? record.mirror_name : record.logical_name;
+    const char *mirror_name = id < 0 ? published(record.mirror_name) : nullptr;
+    return mirror_name != nullptr ? mirror_name : published(record.logical_name);
 }
 
 BAT *mirror_of(const BAT &b) noexcept {
     const BBPrec &record = pool_record(b.bat_id);
-    return b.bat_id > 0 ? record.desc_mirror : record.desc;
+    return published(b.bat_id > 0 ? record.desc_mirror : record.desc);
 }
 
 std::uint64_t partition_count(BUN rows) {

@@ -7,6 +7,7 @@
 #include "rows/row_ranges.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -28,6 +29,16 @@ inline constexpr const char *unsupported_tail = "Unsupported tail type";
 //! An exception string, owned by whoever called the exported function. `text` can be null.
 inline char *make_exception(const char *place, const char *text) {
     return createException(0, place, text);
+}
+
+// ---- words that other threads write -----------------------------------------------------------
+
+//! A word of the kernel's that another thread may be storing, to publish what it leads to: a
+//! descriptor, a name, the pool's size, a hash.
+template <class T>
+T published(const T &word) noexcept {
+    // Nothing is written; C++20 has no atomic_ref to a constant.
+    return std::atomic_ref(const_cast<T &>(word)).load(std::memory_order_acquire);
 }
 
 // ---- inputs -----------------------------------------------------------------------------------

@@ -3,7 +3,6 @@
 #include "kernel/frame.h"
 
 #include <algorithm>
-#include <atomic>
 
 namespace vask {
 
@@ -11,13 +10,12 @@ namespace {
 
 //! The hash of b's head, built if there is none; null when it cannot be.
 const BAThashtable *head_hash(BAT &b) {
-    // Another task may be building it: its store of the pointer publishes the table.
-    const std::atomic_ref<BAThashtable *> hash(b.head->hash);
-    if (hash.load(std::memory_order_acquire) == nullptr && BAThash(&b, 0) == nullptr) {
+    // Another task may be building it.
+    if (published(b.head->hash) == nullptr && BAThash(&b, 0) == nullptr) {
         GDKfatal("HASHfnd_oid: hash build failed on %s.\n", vask_bat_name(b.bat_id));
         return nullptr;
     }
-    return hash.load(std::memory_order_acquire);
+    return published(b.head->hash);
 }
 
 constexpr BUN empty_bucket = NO_BUN;

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -75,6 +78,47 @@ TEST_F(Views, AnAppendToTheSourceDoesNotMoveTheView) {
     EXPECT_EQ(view.count(), 3U);
     EXPECT_EQ(view.values<std::int32_t>()[2], 3);
     EXPECT_EQ(source.values<std::int32_t>()[2], 3);
+}
+
+// The owner cannot know of a view that is dropped elsewhere, so nothing orders the two.
+TEST_F(Views, AnAppendToTheSourceIsSafeWhoeverDropsTheLastViewMeanwhile) {
+    constexpr BUN viewed_rows = 100;
+    constexpr BUN all_rows = 2000;
+    text_builder texts;
+    std::vector<std::int32_t> numbers;
+    for (BUN row = 0; row < viewed_rows; ++row) {
+        texts.append(std::to_string(row));
+        numbers.push_back(static_cast<std::int32_t>(row));
+    }
+    const auto right_rows = [](const bat &b) {
+        BUN right = 0;
+        for (BUN row = 0; row < b.count(); ++row)
+            right += b.type() == TYPE_str ? b.text(row) == std::to_string(row)
+                                          : b.values<std::int32_t>()[row] == std::int32_t(row);
+        return right;
+    };
+    const bat sources[] = {make_column<std::int32_t>(numbers, {.writable = true}),
+                           texts.finish({.writable = true})};
+    for (const bat &source : sources) {
+        BAT *const owned = source.record(); // asking the pool for it later would order the two
+        std::atomic<bool> dropped = false;
+        const std::jthread reader([&, view = bat::adopt(VIEWcreate(owned, owned))]() mutable {
+            EXPECT_EQ(right_rows(view), viewed_rows);
+            view.reset();
+            dropped.store(true, std::memory_order_relaxed); // relaxed: it orders nothing
+        });
+        while (!dropped.load(std::memory_order_relaxed))
+            std::this_thread::yield();
+        for (BUN row = viewed_rows; row < all_rows; ++row) {
+            const auto number = static_cast<std::int32_t>(row);
+            const std::string text = std::to_string(row);
+            const void *value = &number;
+            if (owned->tail->type == TYPE_str)
+                value = text.c_str();
+            ASSERT_NE(BUNfastins(owned, &row, value), nullptr);
+        }
+        EXPECT_EQ(right_rows(source), all_rows);
+    }
 }
 
 TEST_F(Views, HeadsAreAlignedWhenRowsAreKnownToBelongTogether) {

@@ -8,8 +8,6 @@
 #include "rows/key_hash.h"
 #include "vask_ops.h"
 
-#include <atomic>
-
 namespace vask {
 
 namespace {
@@ -49,8 +47,7 @@ int run_body(vask_derive_strategy road, BAT *grp, BAT *ext, const derive_inputs 
 //! give back after a failure.
 const char *refine(vask_derive_strategy road, const derive_inputs &in, BAT *&grp, BAT *&ext) {
     // Another call on the same extents may be building it in a task.
-    const std::atomic_ref<BAThashtable *> hash(in.histo->head->hash);
-    if (hash.load(std::memory_order_acquire) == nullptr && BAThash(in.histo, 0) == nullptr)
+    if (published(in.histo->head->hash) == nullptr && BAThash(in.histo, 0) == nullptr)
         return "operation failed preparing hash";
     grp = BATnew(in.b->head->type, TYPE_oid, in.b->info->count);
     if (grp == nullptr)
