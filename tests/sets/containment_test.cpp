@@ -163,7 +163,7 @@ TEST(ContainmentDeathTest, EmptyRightSideTraps) {
     EXPECT_EXIT(call(0, 1), testing::KilledBySignal(SIGFPE), "");
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(Containment, NodesBeyondAllMemoryThrow) {
     const std::uint32_t value = 1;
     for (const std::uint64_t left_count : {std::uint64_t{1} << 60, std::uint64_t{1} << 58})
