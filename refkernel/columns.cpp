@@ -1,6 +1,7 @@
 #include "refkernel/columns.h"
 
 #include "refkernel/atoms.h"
+#include "refkernel/instrumentation.h"
 
 #include <algorithm>
 #include <bit>
@@ -136,6 +137,7 @@ bool grow_column(column &c, BUN capacity) noexcept {
 }
 
 bool materialize_column(column &c, const BATinfo &info) noexcept {
+    const BATcol before = c;
     if (is_void(c)) {
         column stored;
         if (!make_column_memory(stored, TYPE_oid,
@@ -150,6 +152,14 @@ bool materialize_column(column &c, const BATinfo &info) noexcept {
         c.drop_hash();
         static_cast<BATcol &>(c) = stored;
         c.adopt_memory(std::move(stored.memory));
+    }
+    if (instrumentation::keeps_marks_on_materialize()) {
+        c.sorted = before.sorted;
+        c.dense = before.dense;
+        c.key = before.key;
+        c.nonil = before.nonil;
+        c.nil = before.nil;
+        return true;
     }
     // Whoever asks for stored values is about to write them, and the kernel
     // will not see what: neither marks nor alignment can be kept.

@@ -96,6 +96,7 @@ void stand_up() {
 
 std::atomic<bool> setaccess_replaces{false};
 std::atomic<bool> groupings_unload{false};
+std::atomic<bool> materialize_keeps_marks{false};
 
 std::size_t index_of(operation op) {
     return static_cast<std::size_t>(op);
@@ -269,6 +270,14 @@ void unload_groupings(bool on) {
 
 bool unloads_groupings() {
     return groupings_unload.load();
+}
+
+void keep_marks_on_materialize(bool on) {
+    materialize_keeps_marks.store(on);
+}
+
+bool keeps_marks_on_materialize() {
+    return materialize_keeps_marks.load();
 }
 
 } // namespace refkernel::instrumentation

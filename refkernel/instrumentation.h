@@ -200,6 +200,11 @@ REFKERNEL_API void replace_on_setaccess(bool on);
 REFKERNEL_API void unload_groupings(bool on);
 [[nodiscard]] bool unloads_groupings();
 
+//! Makes BATmaterialize and BATmaterializeh leave the marks and the alignment of a column as they
+//! were, against the contract.
+REFKERNEL_API void keep_marks_on_materialize(bool on);
+[[nodiscard]] bool keeps_marks_on_materialize();
+
 } // namespace refkernel::instrumentation
 
 #endif

@@ -102,6 +102,12 @@ void mark_nonil_unsorted(BATcol &column) noexcept {
     column.sorted = 0;
 }
 
+void mark_unordered(BATcol &column) noexcept {
+    column.sorted = 0;
+    column.dense = 0;
+    column.nonil = 0;
+}
+
 void mark_nil(BATcol &column) noexcept {
     column.nonil = 0;
     column.nil = 1;

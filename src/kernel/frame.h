@@ -213,6 +213,10 @@ bool hand_over_sealed(std::int32_t *result, BAT *b);
 //! Marks a column as one without nils and in no order, as every result starts out.
 void mark_nonil_unsorted(BATcol &column) noexcept;
 
+//! Drops what is said of the order of a column whose values are written anew. Not its key mark,
+//! which only the kernel changes.
+void mark_unordered(BATcol &column) noexcept;
+
 //! Marks a column as one with nils.
 void mark_nil(BATcol &column) noexcept;
 

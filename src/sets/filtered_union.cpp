@@ -217,6 +217,8 @@ const char *make_union(union_plan &plan, std::int32_t *result) {
     ALIGNsetH(both, left);
     // Tasks write the head: even below a void one of the left side it has to be stored.
     BATmaterializeh(both);
+    // A kernel that keeps the marks of the head it had would have later operators believe them.
+    mark_unordered(*both->head);
     mark_nonil_unsorted(*both->tail);
     // A result that could not be filled is not given back. That is intended: what a failed call
     // leaves behind belongs to nobody, and the kernel's accounting expects it so.

@@ -170,6 +170,34 @@ TEST(FilteredUnion, SurvivesShortMemory) {
     EXPECT_EQ(kernel.failures(), 3U);
 }
 
+// As extents of a grouping, in which a head that is taken for dense leads to the wrong rows.
+TEST(FilteredUnion, ItsHeadIsBelievedAsItStandsWhateverMarksTheKernelKeeps) {
+    const bat left = refkernel::make_column(std::vector<std::int32_t>{1, int_nil, 3, 4},
+                                            {.seqbase = 10, .writable = true});
+    const std::vector<oid> right_heads{90, 91, 30, 50};
+    const bat right = refkernel::make_column(std::vector<std::int32_t>{5, 6, 7, 8},
+                                             {.stored_head = true, .head_oids = right_heads});
+    std::vector<oid> map;
+    std::vector<std::int64_t> expected;
+    for (const oid group : {10, 12, 13, 90, 30, 50}) {
+        expected.push_back(static_cast<std::int64_t>(expected.size()) + 1);
+        map.insert(map.end(), expected.size(), group);
+    }
+    const bat values = refkernel::make_column(std::vector<std::int32_t>(map.size(), 1));
+    const bat groups = refkernel::make_column(std::move(map));
+
+    refkernel::instrumentation::keep_marks_on_materialize(true);
+    std::int32_t id = 0;
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    refkernel::instrumentation::keep_marks_on_materialize(false);
+    const bat both = bat::adopt(id);
+    EXPECT_TRUE(both->head->sorted == 0 && !both->head->dense && !both->head->nonil);
+    EXPECT_EQ(take_exception(vask_grp_count(&id, values.slot(), groups.slot(), both.slot())),
+              exception{});
+    const bat counts = bat::adopt(id);
+    EXPECT_TRUE(std::ranges::equal(counts.values<std::int64_t>(), expected));
+}
+
 std::atomic<int> compared;
 int counting_comparison(const void *a, const void *b) {
     ++compared;
