@@ -135,15 +135,15 @@ const void *VALconvert(int type, ValRecord *v) {
     return algebra::held(*v);
 }
 
-char *doALGfetch(ValRecord *result, BAT *b, const BUN *position) {
+char *doALGfetch(ValRecord *result, BAT *b, const BUN *row) {
     constexpr const char *place = "algebra.fetch";
-    if (enter(operation::do_alg_fetch, b, *position))
+    if (enter(operation::do_alg_fetch, b, *row))
         return refkernel::make_exception(place, "operation failed");
-    if (*position >= b->info->count)
+    if (*row >= b->info->count)
         return refkernel::make_exception(place, "position out of range");
     const BATcol &tail = *b->tail;
     oid scratch = 0;
     algebra::hold(*result, refkernel::is_void(tail) ? int{TYPE_oid} : int{tail.type},
-                  refkernel::value_at(tail, *b->info, b->info->first + *position, scratch));
+                  refkernel::value_at(tail, *b->info, b->info->first + *row, scratch));
     return nullptr;
 }

@@ -19,6 +19,22 @@
  * atoms' functions, and THRgetdata with THRprintf when a message
  * is due. Everything else is called only on the thread that entered the
  * library.
+ *
+ * What a host owes to calls that overlap with each other and with its own work:
+ * - BBPsize, the words of a BBPrec and BATcol.hash are read without a lock, as
+ *   acquire loads. The host writes them as release stores, once what they lead to
+ *   is complete: BBPsize after the new part of BBParr, desc and desc_mirror after
+ *   the records, logical_name after the rest of its BBPrec, hash after the
+ *   table. A lock around the store alone is not enough.
+ * - While a reference is held on a BAT, its desc and desc_mirror stay once they
+ *   are set, and its hash once it is built.
+ * - Everything else of a BAT that a call was given (rows, marks, column memory,
+ *   texts) and the settings are read plainly: nobody changes them until the call
+ *   has returned.
+ * - VIEWcreate, VIEWcombine, ALIGNsetH, ALIGNsynced and reference counting may
+ *   meet on one BAT from several calls, and meet its hash being built.
+ * - Memory that a BAT shares with others is freed or moved only when what they
+ *   read happened before.
  */
 #ifndef VASK_KERNEL_BAT_H
 #define VASK_KERNEL_BAT_H
@@ -193,13 +209,19 @@ int GDKupgradevarheap(BATcol *column, uint32_t offset, int copy_all);
 void BATseqbase(BAT *b, oid seqbase);
 /* Marks the head unique (1) or not (0). */
 BAT *BATkey(BAT *b, int flag);
-/* Sets access; the result is the BAT to go on with. */
+/* Sets access; the result is the BAT to go on with. It can be another one, which
+ * then has taken over the reference. Null when it fails: b is as it was, and so
+ * is the reference on it. */
 BAT *BATsetaccess(BAT *b, int mode);
 /* Full copy with the given column types. */
 BAT *BATcopy(BAT *b, int head_type, int tail_type, int writable);
 /* Turns void columns into stored ones in place. */
 BAT *BATmaterialize(BAT *b);
-/* The same for the head alone. */
+/* The same for the head alone. The head is written next, without the kernel's
+ * knowledge, so marks (sorted, key, dense, nonil) and alignment that it had are
+ * gone after this, also when it was stored before. Of a kernel that keeps them
+ * the library clears sorted, dense and nonil, but cannot clear key and alignment:
+ * later operators would believe them. */
 BAT *BATmaterializeh(BAT *b);
 /* New BAT of up to n rows of b. */
 BAT *BATsample(BAT *b, BUN n);
@@ -208,7 +230,9 @@ BAT *BATsample(BAT *b, BUN n);
 BAT *VIEWcreate(BAT *a, BAT *b);
 /* Head and tail are both the head of b. */
 BAT *VIEWcombine(BAT *b);
-/* Records that a's head is aligned with b's. */
+/* Records that a's head is aligned with b's: row i belongs to row i. A void head
+ * of a takes over the seqbase of a void or dense head of b, oid_nil too: the
+ * library makes the heads of group maps so, which would else begin at 0. */
 int ALIGNsetH(BAT *a, BAT *b);
 /* Non-zero when row i of a is known to belong to row i of b. */
 int ALIGNsynced(BAT *a, BAT *b);
@@ -241,10 +265,38 @@ lng GDKusec(void); /* monotonic, microseconds */
 
 /* ---- settings, never written by the library ----------------------------- */
 
+/*
+ * Nothing checks them. What a value outside its range does:
+ *
+ *   GDKnr_threads 0       traps (SIGFPE) or ends in "operation failed", see
+ *                         vask_ops.h
+ *   GDKnr_threads < 0     counts as more threads than rows: aggregates, moments
+ *                         and statistics of two columns cut up to 256 partitions,
+ *                         other operators one for each row; the sort road of
+ *                         grouping ends in "operation failed", refinement is left
+ *                         to GRPderive
+ *   GDKmin_part_size 0    traps (SIGFPE) in aggregates, moments and statistics of
+ *                         two columns, unless the column is empty
+ *   GDKmin_part_size < 0  one partition
+ *   GDKpart_size_div 0    traps (SIGFPE) in the same operators, on columns of more
+ *                         than GDKmin_part_size rows
+ *   GDKpart_size_div < 0  no limit besides the threads
+ */
 extern int32_t GDKnr_threads;    /* at least 1 */
 extern int32_t GDKmin_part_size; /* rows; at least 1 */
 extern int32_t GDKpart_size_div; /* partitions allowed per thread; at least 1 */
-extern uint32_t GDKdebug;        /* DEBUG_ bits below */
+extern uint32_t GDKdebug;        /* DEBUG_ bits below; others mean nothing */
+/*
+ * Any value will do. The library reads them once, when it first groups.
+ *
+ *   vask_size          of so many rows or fewer, GRPgroup groups a column; 0: of
+ *                      none but an empty one
+ *   sample_size        rows asked of BATsample; of a sample without rows the
+ *                      column is taken to have few groups
+ *   uniqueness_thresh  up to so many groups in the sample are few. From
+ *                      sample_size on no column is sorted; with 0 every one with a
+ *                      dense head whose sample has a row
+ */
 extern uint32_t GDKgroup_algo_select_vask_size;
 extern uint32_t GDKgroup_algo_select_sample_size;
 extern uint32_t GDKgroup_algo_select_uniqueness_thresh;
@@ -262,8 +314,10 @@ typedef struct ValRecord {
 /* Smallest and largest tail value that is no nil; the nil if there is none. */
 void *BATmin(BAT *b, void *result);
 void *BATmax(BAT *b, void *result);
-/* Fetches the tail value at *position; null or an exception string. */
-char *doALGfetch(ValRecord *result, BAT *b, const BUN *position);
+/* Fetches the tail value of a row; *row counts from 0 at b's first row, whatever
+ * position that has. The caller has set len and vtype. Null or an exception
+ * string. */
+char *doALGfetch(ValRecord *result, BAT *b, const BUN *row);
 void *VALget(ValRecord *v);
 ValRecord *VALset(ValRecord *v, int type, const void *value);
 /* Converts in place; a value that does not fit becomes the type's nil. */

@@ -38,8 +38,8 @@ bool fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid, char
     const char *text = nullptr;
     if (is_parameter_type(*type)) {
         *record = {0, BATatoms[*type].atom_size, *type};
-        const BUN position = 0;
-        text = doALGfetch(record, parameter, &position);
+        const BUN row = 0;
+        text = doALGfetch(record, parameter, &row);
     } else {
         text = failure::unsupported_tail;
     }

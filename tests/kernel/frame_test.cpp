@@ -23,17 +23,22 @@ TEST(PartitionCount, FollowsTheSettings) {
         BUN rows;
         std::uint64_t expected;
     } const cases[] = {
-        {4, 1000, 4, 0, 1},          {4, 1000, 4, 1000, 1}, // not above the smallest size
-        {4, 1000, 4, 1001, 1},                              // one whole partition fits, not two
-        {4, 1000, 4, 2000, 2},                              // rows decide
-        {4, 1000, 4, 1'000'000, 4},                         // threads decide
-        {1, 1000, 4, 1'000'000, 1},                         // one thread
-        {300, 1, 1, 1'000'000, 256},                        // the cap
-        {300, 1, 4, 200, 200},                              // rows decide below the cap
-        {64, 1000, 0, 1'000'000, 0},                        // a divisor of 0 allows none
-        {8, 1, 1'000'000'000, 9, 8},                        // the product needs more than 32 bits
-        {8, -1, 4, 1'000'000, 1},                           // a negative size counts as huge
-        {0, 1000, 4, 1'000'000, 0}, // no threads: the kernel must not do this
+        {4, 1000, 4, 0, 1},
+        {4, 1000, 4, 1000, 1},         // not above the smallest size
+        {4, 1000, 4, 1001, 1},         // one whole partition fits, not two
+        {4, 1000, 4, 2000, 2},         // rows decide
+        {4, 1000, 4, 1'000'000, 4},    // threads decide
+        {1, 1000, 4, 1'000'000, 1},    // one thread
+        {300, 1, 1, 1'000'000, 256},   // the cap
+        {300, 1, 4, 200, 200},         // rows decide below the cap
+        {64, 1000, 0, 1'000'000, 0},   // a divisor of 0 allows none
+        {8, 1, 1'000'000'000, 9, 8},   // the product needs more than 32 bits
+        {8, -1, 4, 1'000'000, 1},      // a negative size counts as huge
+        {-3, 1000, 4, 1'000'000, 256}, // and so do negative threads
+        {-3, 1, 4, 100, 100},
+        {4, 1000, -1, 1'000'000, 4}, // and a negative divisor
+        {4, 0, 4, 0, 1},             // no rows are never divided
+        {0, 1000, 4, 1'000'000, 0},  // no threads: the kernel must not do this
     };
     for (const auto &c : cases) {
         const kernel_settings s(c.threads, c.min_part, c.div);
@@ -41,6 +46,12 @@ TEST(PartitionCount, FollowsTheSettings) {
             << c.threads << " threads, smallest " << c.min_part << ", divisor " << c.div << ", "
             << c.rows << " rows";
     }
+}
+
+TEST(PartitionCountDeathTest, ASmallestPartitionOfNoRowsTraps) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const kernel_settings s(4, 0);
+    EXPECT_DEATH(partition_count(1), "");
 }
 
 TEST(PartitionPlan, CoversEveryRowOnceAndTheLastTakesTheRest) {
