@@ -1,9 +1,8 @@
 // What an aggregate is, for a whole column and per group alike: a type with
 //   accumulator                 what values are gathered in
-//   partial                     plain struct, the result over some of the rows: `accumulator
-//   value`,
-//                               and `bool seen` if the aggregate must tell "no value" from a
-//                               neutral one; all zero means no rows
+//   partial                     plain struct, the result over some of the rows: an accumulator
+//                               `value`, and `bool seen` if the aggregate must tell "no value"
+//                               from a neutral one; all zero means no rows
 //   add(partial, value)         folds one value in; always inlined, no calls
 //   merge(total, partial)       folds the partial of later rows into the total; when the aggregate
 //                               tells seen, only called with a partial that saw a value

@@ -5,9 +5,6 @@
 //   hash(key)               static, 32 bits
 //   equal(a, b)             static
 // Value is any trivially copyable struct; an empty one makes the table a set.
-//
-// The order of the buckets is part of the interface: what a table holds is read out in it. It
-// follows from the hash, the probing, the load limit and the growth from nothing by doubling.
 #pragma once
 
 #include "rows/huge_pages.h"

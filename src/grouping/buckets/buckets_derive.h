@@ -1,4 +1,4 @@
-// Refinement group by group: for many old groups.
+// Refinement where old groups and values make many pairs.
 #pragma once
 
 #include "kernel/bat.h"

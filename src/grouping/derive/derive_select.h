@@ -9,8 +9,8 @@ namespace vask {
 
 enum vask_derive_strategy : std::uint8_t {
     VASK_DERIVE_SERIAL = 0,  // the kernel's own GRPderive
-    VASK_DERIVE_PAIRS = 1,   // few old groups
-    VASK_DERIVE_BUCKETS = 2, // many old groups
+    VASK_DERIVE_PAIRS = 1,   // few pairs of old group and value, as a sample tells
+    VASK_DERIVE_BUCKETS = 2, // many pairs
     VASK_DERIVE_FAILED = 3   // the sample could not be taken or grouped
 };
 

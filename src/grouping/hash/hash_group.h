@@ -1,4 +1,4 @@
-// Grouping by hashing, for columns of few distinct values and for texts.
+// Grouping in order of first occurrence: for columns of few different values and for texts.
 #pragma once
 
 #include "kernel/bat.h"

@@ -1,4 +1,4 @@
-// Refinement by hashing pairs of old group and new value: for few old groups.
+// Refinement where old groups and values make few pairs.
 #pragma once
 
 #include "kernel/bat.h"
