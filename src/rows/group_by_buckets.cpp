@@ -217,6 +217,7 @@ private:
             for (BUN row = range.begin; row < range.end; ++row) {
                 const BUN place = places[cells[row]]++;
                 __builtin_prefetch(from.rows + place + fetched_ahead);
+                __builtin_prefetch(from.keys + place + fetched_ahead / 2);
                 const BUN first = from.rows[place];
                 const oid id = heads[first];
                 if (first == row && extents.ids != nullptr) {

@@ -1,5 +1,6 @@
 #include "grouping/buckets/buckets_derive.h"
 
+#include "grouping/buckets/spin_lock.h"
 #include "grouping/derive/derived_keys.h"
 #include "grouping/map_heads.h"
 #include "grouping/sort/sort_bat.h"
@@ -51,7 +52,7 @@ public:
 private:
     BAT &ext_;
     const BAT &b_;
-    std::mutex ext_lock_;
+    spin_then_sleep_lock ext_lock_;
 };
 
 //! Finds groups by keys that tell values apart for good.
