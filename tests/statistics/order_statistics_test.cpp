@@ -2,6 +2,7 @@
 #include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/leak_guard.h"
+#include "support/time_limit.h"
 #include "vask_ops.h"
 
 #include <chrono>
@@ -123,7 +124,7 @@ TEST(OrderStatistics, UnevenlySpreadValues) {
 
 TEST(OrderStatistics, ACappedColumnTakesNoLongerThanOthers) {
     // The cap is drawn as pivot again and again; a round that removed little took 8 s here.
-    constexpr double limit_seconds = 2;
+    constexpr double limit_seconds = support::time_limit(2);
     std::vector<std::int32_t> values(100'000);
     for (std::size_t row = 0; row < values.size(); ++row)
         values[row] = static_cast<std::int32_t>(std::min(row, values.size() / 2));

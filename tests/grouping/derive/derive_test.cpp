@@ -9,6 +9,7 @@
 #include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
+#include "support/time_limit.h"
 #include "vask_ops.h"
 
 #include <chrono>
@@ -242,7 +243,7 @@ TEST(Derive, ManyNansTakeNoLongerThanOtherValues) {
 
 TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
     // One chain, or one bucket, for all of them would take some ten times the limit.
-    constexpr double limit_seconds = 2;
+    constexpr double limit_seconds = support::time_limit(2);
     const layout l{.rows = 400'000, .groups = 1};
     const old_grouping old(l);
     const auto expect_fast = [&](body derive, const bat &b, std::size_t groups) {
