@@ -179,7 +179,7 @@ TEST(FilteredUnion, ItsHeadIsBelievedAsItStandsWhateverMarksTheKernelKeeps) {
                                              {.stored_head = true, .head_oids = right_heads});
     std::vector<oid> map;
     std::vector<std::int64_t> expected;
-    for (const oid group : {10, 12, 13, 90, 30, 50}) {
+    for (const oid group : {10U, 12U, 13U, 90U, 30U, 50U}) {
         expected.push_back(static_cast<std::int64_t>(expected.size()) + 1);
         map.insert(map.end(), expected.size(), group);
     }
