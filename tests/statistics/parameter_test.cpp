@@ -74,6 +74,11 @@ TEST(Parameter, OfTheLargest) {
     EXPECT_EQ(ask(parameter(0.5)), largest_text);
 }
 
+TEST(Parameter, IsTheFirstRowWhateverItsPosition) {
+    const bat ranks = refkernel::make_column(std::vector<std::int64_t>{1, 2, 3, 4});
+    EXPECT_EQ(answer(vask_largest, refkernel::slice(ranks, 1, 3)), "30");
+}
+
 TEST(Parameter, BatsThatAreRefused) {
     const auto ask = [](const bat &p) { return answer(vask_quartile, p); };
     EXPECT_EQ(ask(bat()), quartile_text);
