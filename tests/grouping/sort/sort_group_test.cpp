@@ -44,7 +44,7 @@ TEST(SortGroup, AgreesWithThePlainWay) {
                     });
 }
 
-// Large enough for the rough order before the sort and for extents in map order.
+// Large enough for several buckets, and for extents that are sorted in parallel.
 TEST(SortGroup, LargeColumnsOfAnyShape) {
     constexpr std::size_t rows = 70000;
     for_each_number_type([&]<class T>(T) {
