@@ -381,8 +381,8 @@ VASK_EXPORT char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, cons
  * when memory runs out, for a storage without a class, when GDKnr_threads is 0
  * with rows present, and when during the call a column changes so that more rows
  * survive than were counted. With fewer, the rest of the result is undefined.
- * Place: "vask_ops.coSNNandUnion". A failure after the result was made leaves
- * that BAT behind.
+ * Place: "vask_ops.coSNNandUnion". Rows that change in number during the call
+ * leave the result's BAT behind.
  * Partitions: GDKnr_threads of them, whatever the smallest partition size says.
  */
 VASK_EXPORT char *vask_coSNNandUnion(int32_t *result, const int32_t *left, const int32_t *right);

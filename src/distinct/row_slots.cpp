@@ -12,7 +12,8 @@ row_slots::map_cursor::map_cursor(const BAT &g) noexcept
 VASK_ALWAYS_INLINE bool row_slots::map_cursor::move_to(oid h) noexcept {
     if (dense_) {
         position_ = first_ - head_.seqbase + h;
-        return h - head_.seqbase < end_ - first_;
+        // A head near the greatest oid does not begin anew at 0.
+        return h >= head_.seqbase && h - head_.seqbase < end_ - first_;
     }
     while (position_ < end_ && head_[position_] < h)
         ++position_;

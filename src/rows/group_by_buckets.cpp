@@ -52,7 +52,7 @@ public:
 
     grouping_outcome run(const group_sink &sink) {
         if (!vask_distribute_rows())
-            return grouping_outcome::failed;
+            return grouping_outcome::row_without_key;
         const gdk_vector<BUN> begun = number_groups(sink);
         extents_rows extents;
         if (failed_ != 0 ||

@@ -15,7 +15,8 @@ struct bucket_memory {
 
 //! Groups rows by any keys, told apart as Kind says: deals the rows out to buckets by the hashes of
 //! their keys, gives each bucket a table of its own, and takes the ids back to the rows. `memory`
-//! has room for all rows; null: it is allocated. Done or failed. Throws like gdk_vector.
+//! has room for all rows; null: it is allocated. Never finds too many
+//! keys. Throws like gdk_vector.
 //!
 //! Kind is bit_keys of std::uint32_t, std::uint64_t or wide_key, or text_content_keys of the latter
 //! two.

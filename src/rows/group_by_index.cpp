@@ -60,8 +60,8 @@ public:
             found[i] = noted_rows(first(i));
             count(first(i), counts[i], found[i]);
         });
-        if (failed_ != 0)
-            return grouping_outcome::failed;
+        if (keyless_ != 0)
+            return grouping_outcome::row_without_key;
         merge(found);
 
         gdk_vector<oid> ids(source_.bound);
@@ -72,8 +72,8 @@ public:
             found[i] = noted_rows(rest(i));
             written[i] = count_and_write(i, ids, counts[i], found[i]);
         });
-        if (failed_ != 0)
-            return grouping_outcome::failed;
+        if (keyless_ != 0)
+            return grouping_outcome::row_without_key;
         if (merge(found) != 0)
             find_ids(ids);
         add_counts(counts);
@@ -118,7 +118,7 @@ private:
             return true;
         });
         if (!all)
-            std::atomic_ref(failed_).store(1, std::memory_order_relaxed);
+            std::atomic_ref(keyless_).store(1, std::memory_order_relaxed);
     }
 
     //! Notes the rows with which groups begin; of few groups some more.
@@ -236,7 +236,7 @@ private:
     const group_resolver &resolve_;
     std::size_t n_;
     BUN split_;
-    bte failed_ = 0;
+    bte keyless_ = 0;
     gdk_vector<std::uint32_t> numbers_; // of each index's group
     gdk_vector<std::uint32_t> totals_;  // rows of each index
     gdk_vector<bte> wrong_;             // whether a range claimed a group that begins before it

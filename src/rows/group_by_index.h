@@ -13,8 +13,9 @@ struct index_source {
     bool cheap_to_load = false;
 };
 
-//! Groups the rows by index; an empty resolver says that every index is a value of its own. Done or
-//! failed. Takes memory for the indices once and for each range. Throws like gdk_vector.
+//! Groups the rows by index; an empty resolver says that every index is a value of its own. Never
+//! finds too many keys. Takes memory for the indices once and for each range. Throws like
+//! gdk_vector.
 grouping_outcome group_by_index(const grouping_rows &rows, const index_source &source,
                                 const group_resolver &resolve, const group_sink &sink);
 

@@ -101,14 +101,14 @@ template <class Key>
 grouping_outcome group_by_table(const grouping_rows &rows, const key_loader<Key> &load,
                                 const group_resolver &resolve, const group_sink &sink) {
     gdk_vector<range_keys> found(rows.ranges.size());
-    bte failed = 0;
+    bte keyless = 0;
     bte too_many = 0;
     run_ranges(rows.ranges, [&](std::size_t i, vask_row_range range) {
         if (!number_rows(rows, load, range, found[i], too_many))
-            std::atomic_ref(failed).store(1, std::memory_order_relaxed);
+            std::atomic_ref(keyless).store(1, std::memory_order_relaxed);
     });
-    if (failed != 0)
-        return grouping_outcome::failed;
+    if (keyless != 0)
+        return grouping_outcome::row_without_key;
     if (too_many != 0)
         return grouping_outcome::too_many_keys;
     const gdk_vector<new_group> groups = merge(rows, resolve, found);

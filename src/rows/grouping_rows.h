@@ -76,7 +76,8 @@ struct group_sink {
 enum class grouping_outcome : std::uint8_t {
     done,
     too_many_keys, // for this way; the map's cells hold rubbish, and no group has been taken
-    failed         // a row without a key, or a failing sink
+    row_without_key,
+    failed // the sink
 };
 
 } // namespace vask

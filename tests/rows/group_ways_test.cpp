@@ -100,19 +100,22 @@ template <class Key>
 grouping_outcome by_buckets(rows_to_group &rows) {
     return group_by_buckets(rows.task(), bit_keys<Key>(), load<Key>(rows.keys), rows.sink());
 }
-grouping_outcome by_index(rows_to_group &rows) {
+grouping_outcome by_index(rows_to_group &rows, const group_sink &sink, BUN without_key = NO_BUN) {
     index_source source;
     source.bound = *std::max_element(rows.keys.begin(), rows.keys.end()) + 1;
-    source.load = [&rows](BUN row, BUN n, std::uint32_t *indices) {
+    source.load = [&rows, without_key](BUN row, BUN n, std::uint32_t *indices) {
         std::copy_n(rows.keys.begin() + row, n, indices);
-        return true;
+        return without_key < row || without_key >= row + n;
     };
-    return group_by_index(rows.task(), source, {}, rows.sink());
+    return group_by_index(rows.task(), source, {}, sink);
+}
+grouping_outcome by_index(rows_to_group &rows) {
+    return by_index(rows, rows.sink());
 }
 
 TEST(GroupWays, AgreeWithThePlainWay) {
     using way = grouping_outcome (*)(rows_to_group &);
-    const std::pair<const char *, way> ways[] = {{"index", by_index},
+    const std::pair<const char *, way> ways[] = {{"index", static_cast<way>(by_index)},
                                                  {"table, 32 bits", by_table<std::uint32_t>},
                                                  {"table, 64 bits", by_table<std::uint64_t>},
                                                  {"table, 96 bits", by_table<wide_key>},
@@ -128,7 +131,8 @@ TEST(GroupWays, AgreeWithThePlainWay) {
                 for (const auto &[name, run] : ways) {
                     SCOPED_TRACE(std::string(name) + ", seed " + std::to_string(seed));
                     const grouping_outcome outcome = run(rows);
-                    if (outcome == grouping_outcome::too_many_keys && run != by_index) {
+                    if (outcome == grouping_outcome::too_many_keys &&
+                        run != static_cast<way>(by_index)) {
                         EXPECT_GT(expected.extents.size(), std::size_t{1} << 14);
                         continue;
                     }
@@ -144,9 +148,10 @@ TEST(GroupWays, FailuresAreTold) {
         rows_to_group rows(100'000, 50, 3, 1);
         const auto loader = load<std::uint64_t>(rows.keys, without_key);
         EXPECT_EQ(group_by_table(rows.task(), loader, by_key(rows.keys), rows.sink()),
-                  grouping_outcome::failed);
+                  grouping_outcome::row_without_key);
         EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(), loader, rows.sink()),
-                  grouping_outcome::failed);
+                  grouping_outcome::row_without_key);
+        EXPECT_EQ(by_index(rows, rows.sink(), without_key), grouping_outcome::row_without_key);
     }
     rows_to_group rows(100'000, 50, 3, 1);
     group_sink no_room = rows.sink();
@@ -160,6 +165,7 @@ TEST(GroupWays, FailuresAreTold) {
         EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(),
                                    load<std::uint64_t>(rows.keys), sink),
                   grouping_outcome::failed);
+        EXPECT_EQ(by_index(rows, sink), grouping_outcome::failed);
     }
 }
 

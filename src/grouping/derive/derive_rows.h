@@ -16,22 +16,31 @@ class map_rows {
 public:
     //! `synced`: row i of b is known to belong to row i of the map.
     map_rows(const BAT &b, BAT &map, bool synced)
-        : heads_(*b.head, b), ids_(*map.tail, map), distance_(map.info->first - b.info->first) {
+        : heads_(*b.head, b),
+          ids_(*map.tail, map),
+          distance_(map.info->first - b.info->first),
+          first_(map.info->first),
+          count_(map.info->count) {
         if (!synced)
             places_.emplace(map);
     }
 
     //! The position in the map of the row at a position of b, or NO_BUN.
     VASK_ALWAYS_INLINE BUN find(BUN row) const noexcept {
-        return places_ ? places_->find(heads_[row]) : row + distance_;
+        if (places_)
+            return places_->find(heads_[row]);
+        // As a position, which wraps where the map begins before b does. A kernel can call a map
+        // aligned that ends before b.
+        const BUN place = row + distance_;
+        return place - first_ < count_ ? place : NO_BUN;
     }
 
-    //! The map's rows of the rows from a position of b on, where both belong together one by one;
-    //! null where they do not, or where a void map stores none.
-    const oid *aligned_ids(BUN row) const noexcept {
-        // As a position, which wraps where the map begins before b does.
+    //! The map's rows of the n rows from a position of b on, where both belong together one by one;
+    //! null where they do not, or where the map does not store them all.
+    const oid *aligned_ids(BUN row, BUN n) const noexcept {
         const BUN place = row + distance_;
-        return places_ || ids_.stored == nullptr ? nullptr : ids_.stored + place;
+        const bool held = place - first_ < count_ && n <= count_ - (place - first_);
+        return places_ || ids_.stored == nullptr || !held ? nullptr : ids_.stored + place;
     }
 
     oid id_at(BUN place) const noexcept { return ids_[place]; }
@@ -40,6 +49,8 @@ private:
     oid_reader heads_;
     oid_reader ids_;
     BUN distance_;
+    BUN first_;
+    BUN count_;
     std::optional<oid_lookup> places_;
 };
 
@@ -62,7 +73,7 @@ public:
     //! it is needed and missing.
     const oid *ids(BUN row, BUN n, oid *room) const {
         const map_rows map(*b_, *map_, synced_);
-        if (const oid *aligned = map.aligned_ids(row))
+        if (const oid *aligned = map.aligned_ids(row, n))
             return aligned;
         for (BUN i = 0; i < n; ++i) {
             const BUN place = vask_find_map_row(map, row + i);

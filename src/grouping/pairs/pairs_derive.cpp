@@ -53,11 +53,11 @@ group_resolver resolver(const pair_refinement &r, const Keys &keys, vask_pair_ta
 template <class T, class Key, class Keys>
 int refine(const pair_refinement &r, const Keys &column, grouping_keys<Key, bit_keys<Key>> &keys) {
     extents_room room(r.ext);
-    grouping_outcome outcome = grouping_outcome::too_many_keys;
+    grouping_outcome outcome = grouping_outcome::row_without_key;
     // A row whose old group the extents lack has no index. It is refined like any other: by its id.
     if (keys.index)
         outcome = group_by_index(r.rows, *keys.index, {}, sink_into(room));
-    if (outcome != grouping_outcome::done) {
+    if (outcome == grouping_outcome::row_without_key) {
         vask_pair_table<T> pairs(r.mask, r.histo.info->count);
         keys.index.reset();
         keys.resolve = resolver<T>(r, column, pairs);

@@ -119,8 +119,8 @@ key_loader<sort_key<T>> load_numbers(const T *values) {
 }
 
 //! Brings the rows of equal values together by buckets, in the copy's own memory where it has the
-//! width. What each task finds is counted
-//! in its extents; the rows of all are written once they are joined, in ascending order of id.
+//! width. What each task finds is counted in its extents; the rows of all are written once they are
+//! joined, in ascending order of id.
 template <class T>
 bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
                    const gdk_vector<vask_row_range> &ranges) {

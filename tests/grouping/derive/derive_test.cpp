@@ -9,6 +9,7 @@
 #include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
+#include "support/other_host.h"
 #include "support/time_limit.h"
 #include "vask_ops.h"
 
@@ -326,8 +327,8 @@ TEST(Derive, TextsByPlaceAndByContent) {
     }
 }
 
-// Texts are counted while their codes are few: by place, or else by content.
-TEST(Derive, TextsAtTheLimitOfCounting) {
+// Pairs have an index while there are hardly more of them than rows, of texts by place.
+TEST(Derive, TextsAtTheLimitOfAnIndex) {
     const auto check = [](BUN rows, BUN groups, std::uint32_t distinct, std::size_t length,
                           int width) {
         const layout l{.rows = rows, .groups = groups, .threads = 1};
@@ -347,13 +348,14 @@ TEST(Derive, TextsAtTheLimitOfCounting) {
     constexpr BUN rows = 800;
     constexpr std::uint32_t narrow_places = 256; // of offsets of one byte, whichever there are
     for (const BUN groups : {1U, 4U}) {
-        const std::uint32_t most_codes = rows / 2 / groups;
-        for (std::uint32_t codes = most_codes - 5; codes <= most_codes + 5; ++codes)
+        // One place for each text and one for all others, as many times as there are groups.
+        const std::uint32_t most_texts = rows / groups - 1;
+        for (std::uint32_t texts = most_texts - 5; texts <= most_texts + 5; ++texts)
             for (const std::size_t length : {0U, 40U})
-                for (const int width : {2, 4})
-                    check(rows, groups, codes, length, width);
-        for (std::uint32_t codes = narrow_places - 2; codes <= narrow_places + 3; ++codes)
-            check(2 * codes * groups, groups, 50, 0, 1);
+                check(rows, groups, texts, length, 4);
+        for (BUN count = (narrow_places + 1) * groups - 5;
+             count <= (narrow_places + 1) * groups + 5; ++count)
+            check(count, groups, 50, 0, 1);
     }
 }
 
@@ -415,6 +417,21 @@ TEST(Derive, RowsAndGroupsThatAreNotThere) {
         parent = known;
         b->head->seqbase += 7; // the last rows are past the map's
         EXPECT_EQ(both(), std::pair(0, 0));
+    }
+}
+
+// What lies behind the map's rows would pass for groups.
+TEST(Derive, RowsBeyondAMapThatIsCalledAligned) {
+    const layout l{.rows = 9000, .groups = 50, .threads = 4};
+    old_grouping old(l);
+    const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 9, 0, 1),
+                                         head_options(l.head, old.heads));
+    const bat whole = std::move(old.map);
+    const support::everything_aligned aligned;
+    for (const BUN mapped : {BUN{0}, BUN{1}, l.rows / 2, l.rows - 1}) {
+        old.map = refkernel::slice(whole, 0, mapped);
+        EXPECT_EQ(run(vask_pairs_derive<std::int32_t>, l, b, old).result, 0) << mapped;
+        EXPECT_EQ(run(vask_buckets_derive<std::int32_t>, l, b, old).result, 0) << mapped;
     }
 }
 

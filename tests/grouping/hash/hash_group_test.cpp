@@ -105,8 +105,8 @@ TEST(HashGroup, ManyGroups) {
     }
 }
 
-// More keys than are remembered, of which the later rows bring some again, or hardly any.
-TEST(HashGroup, MoreKeysThanTheMemoHolds) {
+// More keys than a table of a range takes, of which the later rows bring some again, or hardly any.
+TEST(HashGroup, MoreKeysThanATableHolds) {
     for (const int threads : {1, 2}) {
         check_numbers(random_values<lng>(700000, 400000, 1, 6), heads::void_head, threads);
         check_numbers(random_values<std::int32_t>(700000, ~0ULL, 0, 7), heads::shuffled, threads);
