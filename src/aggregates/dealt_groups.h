@@ -19,11 +19,15 @@
 
 namespace vask {
 
-//! Whether dealing the rows out costs less than missing the caches at each of them.
-inline bool suits_dealing(BUN rows, BUN groups) noexcept {
+//! Whether dealing the rows out costs less than missing the caches at each of them. `span`: how far
+//! the greatest id lies above the least. A bucket has a slot for each id of its span: with 256 ids
+//! per group dealing takes a quarter of the time, with 4096 ten times as long.
+inline bool suits_dealing(BUN rows, BUN groups, std::uint32_t span) noexcept {
     constexpr BUN fewest_groups = 1 << 18;
     constexpr BUN most_groups_per_row = 2;
-    return groups >= fewest_groups && groups / most_groups_per_row <= rows;
+    constexpr std::uint32_t most_ids_per_group = 256;
+    return groups >= fewest_groups && groups / most_groups_per_row <= rows &&
+           span / groups <= most_ids_per_group;
 }
 
 template <class Aggregate, class Rows>

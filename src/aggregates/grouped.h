@@ -92,8 +92,9 @@ std::optional<bool> aggregate_dealt(const Rows &rows, const partition_plan &plan
     // A source that asks the kernel about each row asks once.
     if constexpr (!asks_kernel<Rows>) {
         const BUN groups = extents.info->count;
+        const oid *ids = rows_of<const oid>(*extents.head);
         if (extents.head->type != TYPE_void && extents.info->first == 0 &&
-            suits_dealing(plan.end - plan.part_base, groups)) {
+            suits_dealing(plan.end - plan.part_base, groups, ids[groups - 1] - ids[0])) {
             try {
                 return dealt_groups<Aggregate, Rows>(rows, plan, map, extents).run(finish);
             } catch (const std::bad_alloc &) {

@@ -10,6 +10,7 @@
 #include "rows/group_rows.h"
 #include "rows/old_groups.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -114,9 +115,10 @@ template <class Keys>
 std::optional<index_source> index_of_pairs(const groups_by_row &groups, const Keys &keys,
                                            key_span<typename Keys::key_type> span,
                                            const grouping_rows &rows) {
-    const std::uint64_t codes = std::uint64_t{span.span} + 2;
+    // The widest span of 64 bits leaves no room for the other key.
+    const std::uint64_t codes = std::min<std::uint64_t>(span.span, NO_BUN) + 2;
     const BUN old = groups.groups->count();
-    if (old == 0 || codes > std::numeric_limits<std::uint32_t>::max() ||
+    if (old == 0 || codes > NO_BUN ||
         !suits_index(codes * old, rows.all().size(), rows.ranges.size()))
         return std::nullopt;
     const key_window<typename Keys::key_type> window{span.least,

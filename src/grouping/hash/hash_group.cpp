@@ -46,7 +46,8 @@ group_resolver resolver(const hash_grouping &g, const Keys &keys,
 template <class Keys, class Key = typename Keys::key_type>
 std::optional<index_source> index_of(const hash_grouping &g, const Keys &keys, Key least,
                                      Key span) {
-    if (!suits_index(std::uint64_t{span} + 2, g.count(), g.rows.ranges.size()))
+    // The widest span of 64 bits leaves no room for the other key.
+    if (span >= NO_BUN || !suits_index(std::uint64_t{span} + 2, g.count(), g.rows.ranges.size()))
         return std::nullopt;
     const key_window<Key> window{least, static_cast<std::uint32_t>(span)};
     // Reading narrow keys twice costs less than counting and writing at one go.

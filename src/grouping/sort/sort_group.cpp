@@ -124,6 +124,9 @@ key_loader<sort_key<T>> load_numbers(const T *values) {
 template <class T>
 bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
                    const gdk_vector<vask_row_range> &ranges) {
+    // A dense head that runs across the nil has a row without a place.
+    if (oid_nil - b.head->seqbase < b.info->count)
+        return false;
     const grouping_rows rows{ranges, oid_reader(*b.head, b), map_cells(grp, b)};
     std::optional<bucket_memory<sort_key<T>>> memory;
     if constexpr (sizeof(T) == sizeof(sort_key<T>))

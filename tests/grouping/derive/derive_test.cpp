@@ -195,6 +195,15 @@ TEST(Derive, FewRowsAndManyThreads) {
                           random_values<lng>(rows, 2, 0, rows));
 }
 
+// Their distance, and one place more, leave no number of 64 bits.
+TEST(Derive, IntegersAsFarApartAsCanBe) {
+    std::vector<lng> values = random_values<lng>(9000, 5, 0, 1);
+    values[1] = std::numeric_limits<lng>::max();
+    values[2] = std::numeric_limits<lng>::min() + 1;
+    for (const BUN groups : {1U, 100U})
+        check_numbers({.rows = 9000, .groups = groups, .threads = 2}, values);
+}
+
 // Extents of so many groups are put in order by way of the map where the head is dense.
 TEST(Derive, NearlyEveryRowAGroup) {
     for (const heads head : all_heads)

@@ -113,6 +113,16 @@ TEST(HashGroup, MoreKeysThanATableHolds) {
     }
 }
 
+// Their distance, and one place more, leave no number of 64 bits.
+TEST(HashGroup, IntegersAsFarApartAsCanBe) {
+    std::vector<lng> values(100, 0);
+    values[1] = std::numeric_limits<lng>::max();
+    for (const lng least : {1, 2, 3}) {
+        values[2] = std::numeric_limits<lng>::min() + least;
+        check_numbers(values, heads::void_head, 2);
+    }
+}
+
 TEST(HashGroup, FloatsAreEqualByTheirBits) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     std::vector<double> values;

@@ -79,6 +79,21 @@ TEST(SortGroup, LongRunsLeaveSlotsEmpty) {
     }
 }
 
+// One of the rows has the nil for an oid, and no place.
+TEST(SortGroup, AHeadThatRunsAcrossTheNilFails) {
+    const kernel_settings settings(2);
+    for (const bool sorted : {false, true}) {
+        const std::vector<std::int32_t> values{1, 2, 3, 4, 5, 6};
+        const bat b = refkernel::make_column<std::int32_t>(
+            std::span<const std::int32_t>(values),
+            {.tail = {.sorted = sorted}, .seqbase = oid_nil - 2});
+        const leak_guard leaks;
+        group_results made(b);
+        EXPECT_EQ(vask_sort_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()),
+                  0);
+    }
+}
+
 TEST(SortGroup, ANanFailsAtOnceAndSaysSo) {
     const kernel_settings settings(3);
     for (const std::size_t rows : {1U, 600U, 70000U})
