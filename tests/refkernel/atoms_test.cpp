@@ -81,6 +81,7 @@ TEST(Atoms, CompareWithTheNilBelowAndNanAboveAllValues) {
 int fixed_values = 0;
 
 TEST(Atoms, OfUsersHaveANilOfTheirOwn) {
+    fixed_values = 0; // of an earlier run in this process
     const std::int32_t nil = 42;
     const user_atom answer{"answer", TYPE_int, std::string(reinterpret_cast<const char *>(&nil), 4),
                            [](const void *) { return ++fixed_values; }};

@@ -192,7 +192,7 @@ TEST_F(Grouping, ComparesFloatsByTheirBits) {
 TEST_F(Grouping, FailsWithoutTouchingTheOutputs) {
     const bat good = make_column(std::vector{1, 2, 2});
     const bat mirrored = [&] {
-        BAT *mirror = BBParr[0][good.id()].desc_mirror;
+        BAT *mirror = BBParr[good.id() >> 16][good.id() & 0xffff].desc_mirror;
         return bat::adopt(VIEWcreate(mirror, good.record()));
     }();
     const int32_t none = int_nil;
