@@ -93,10 +93,10 @@ TEST_F(Pool, ABatLivesUntilItsLastHolderOfEitherKind) {
         };
         const int orders[6][3] = {{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}};
         for (int step = 0; step < 3; ++step) {
-            EXPECT_NE(BBParr[0][id].logical_name, nullptr) << order << " " << step;
+            EXPECT_NE(BBParr[id >> 16][id & 0xffff].logical_name, nullptr) << order << " " << step;
             drop(orders[order][step]);
         }
-        EXPECT_EQ(BBParr[0][id].logical_name, nullptr) << order;
+        EXPECT_EQ(BBParr[id >> 16][id & 0xffff].logical_name, nullptr) << order;
         EXPECT_EQ(BBPincref(id, 0), 0);
         EXPECT_EQ(BBPdescriptor(id), nullptr);
     }
