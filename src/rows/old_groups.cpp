@@ -72,7 +72,7 @@ bool old_groups::number(const oid *ids, BUN n, BUN *numbers) const {
     }
     const oid_lookup lookup = *lookup_;
     for (BUN i = 0; i < n; ++i) {
-        const BUN position = lookup.find(ids[i]);
+        const BUN position = vask_find_histo_row(lookup, ids[i]);
         if (position == NO_BUN)
             return false;
         numbers[i] = position - first_;

@@ -10,6 +10,11 @@
 
 namespace vask {
 
+//! The position of an old group in the old extents, or NO_BUN.
+VASK_ALWAYS_INLINE BUN vask_find_histo_row(const oid_lookup &histo, oid group) noexcept {
+    return histo.find(group);
+}
+
 //! Numbers groups by their ids. Where those lie close together, as the first rows of a column do, a
 //! table of the numbers by id is asked; walking the chains of the kernel's hash for every row took
 //! three times as long. Can be read from any number of tasks.

@@ -58,11 +58,6 @@ VASK_ALWAYS_INLINE BUN vask_find_map_row(const map_rows &map, BUN row) noexcept 
     return map.find(row);
 }
 
-//! The position of an old group in the old extents, or NO_BUN.
-VASK_ALWAYS_INLINE BUN vask_find_histo_row(const oid_lookup &histo, oid group) noexcept {
-    return histo.find(group);
-}
-
 //! The old grouping as the rows of a column see it. Plain values, for any number of tasks.
 class old_grouping {
 public:

@@ -88,27 +88,17 @@ public:
     }
 
     //! Adds an entry that no probe will find, and gives its number: for a key that is equal to
-    //! nothing, or that nobody will probe for before link_appended().
+    //! nothing.
     std::uint32_t append(const Entry &entry) {
         entries_.push_back(entry);
         entries_[next_entry_].chain = in_no_chain;
         return next_entry_++;
     }
 
-    //! Makes probes find all entries, appended ones too.
-    void link_appended() noexcept {
-        for (Entry &entry : entries_)
-            entry.chain = NO_BUN;
-        use_buckets(std::min(next_entry_, mask_));
-    }
-
     //! The number of an entry, by which chains and others refer to it.
     std::uint32_t number_of(const Entry *entry) const noexcept {
         return static_cast<std::uint32_t>(entry - entries_.begin());
     }
-
-    //! Gives the buckets back early; the entries stay. No probe may follow.
-    void release_buckets() noexcept { buckets_.reset(); }
 
 private:
     // Each widening links all entries again, which with this factor is about once per entry.
