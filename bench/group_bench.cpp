@@ -2,8 +2,8 @@
 
 #include "bench/read_unit.h"
 
-#include "refkernel/embed.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -5,8 +5,8 @@
 
 #include "bench/read_unit.h"
 
-#include "refkernel/embed.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
 
 #include <cstdint>
 #include <limits>

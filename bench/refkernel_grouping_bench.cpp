@@ -6,7 +6,7 @@
 #include "bench/read_unit.h"
 #include "tests/refkernel/algebra/grouping_reference.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstdint>
 #include <ctime>

@@ -6,8 +6,8 @@
 #include "bench/read_unit.h"
 
 #include "aggregates/sum.h"
-#include "refkernel/embed.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
 
 #include <algorithm>
 #include <bit>

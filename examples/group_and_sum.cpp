@@ -1,6 +1,6 @@
 // Sums of one column by the values of another: what a query plan does, call by call.
-#include "refkernel/embed.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
 
 #include <cstdio>
 #include <stdexcept>

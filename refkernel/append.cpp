@@ -1,9 +1,9 @@
 // Appending rows one at a time.
-#include "refkernel/atoms.h"
 #include "refkernel/bats.h"
-#include "refkernel/errors.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
 #include "refkernel/pool.h"
+#include "vask/refkernel/atoms.h"
 
 #include <algorithm>
 #include <cstring>

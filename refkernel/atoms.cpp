@@ -1,7 +1,7 @@
-#include "refkernel/atoms.h"
+#include "vask/refkernel/atoms.h"
 
 #include "refkernel/columns.h"
-#include "refkernel/nil.h"
+#include "vask/refkernel/nil.h"
 
 #include <array>
 #include <cmath>

@@ -1,8 +1,8 @@
 #include "refkernel/bats.h"
 
-#include "refkernel/atoms.h"
-#include "refkernel/errors.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
+#include "vask/refkernel/atoms.h"
 
 #include <algorithm>
 #include <cstring>

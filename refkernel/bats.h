@@ -7,9 +7,9 @@
 #ifndef REFKERNEL_BATS_H
 #define REFKERNEL_BATS_H
 
-#include "refkernel/contract.h"
-#include "refkernel/errors.h"
+#include "refkernel/error_reports.h"
 #include "refkernel/pool.h"
+#include "vask/refkernel/contract.h"
 
 #include <memory>
 #include <new>

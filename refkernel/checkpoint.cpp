@@ -1,6 +1,6 @@
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 #include "refkernel/memory.h"
 #include "refkernel/pool.h"
 

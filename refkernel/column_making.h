@@ -2,8 +2,8 @@
 #ifndef REFKERNEL_COLUMN_MAKING_H
 #define REFKERNEL_COLUMN_MAKING_H
 
-#include "refkernel/embed.h"
 #include "refkernel/pool.h"
+#include "vask/embed.h"
 
 #include <cstddef>
 #include <memory>

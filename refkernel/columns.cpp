@@ -1,7 +1,7 @@
 #include "refkernel/columns.h"
 
-#include "refkernel/atoms.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
+#include "vask/refkernel/atoms.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,9 +2,9 @@
 #ifndef REFKERNEL_COLUMNS_H
 #define REFKERNEL_COLUMNS_H
 
-#include "refkernel/contract.h"
 #include "refkernel/memory.h"
 #include "refkernel/text_heap.h"
+#include "vask/refkernel/contract.h"
 
 #include <atomic>
 #include <cstddef>

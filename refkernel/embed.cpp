@@ -1,4 +1,4 @@
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include "refkernel/bats.h"
 #include "refkernel/column_making.h"

@@ -1,6 +1,8 @@
-#include "refkernel/errors.h"
+#include "vask/refkernel/errors.h"
 
-#include "refkernel/instrumentation.h"
+#include "refkernel/error_reports.h"
+
+#include "refkernel/instrumented.h"
 #include "refkernel/memory.h"
 
 #include <algorithm>

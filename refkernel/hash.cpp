@@ -1,7 +1,7 @@
 #include "refkernel/hash.h"
 
-#include "refkernel/errors.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <cstdlib>

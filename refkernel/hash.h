@@ -3,7 +3,7 @@
 #define REFKERNEL_HASH_H
 
 #include "refkernel/columns.h"
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <bit>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include "refkernel/memory.h"
 

@@ -1,7 +1,7 @@
 #include "refkernel/memory.h"
 
 #include "refkernel/block_reserve.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <array>

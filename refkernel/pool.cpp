@@ -1,6 +1,6 @@
 #include "refkernel/pool.h"
 
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <deque>
 #include <mutex>

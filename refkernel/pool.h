@@ -21,7 +21,7 @@
 #define REFKERNEL_POOL_H
 
 #include "refkernel/columns.h"
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <array>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // The settings that operators read; docs/reference-kernel.md gives the reasons
 // of their defaults.
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <algorithm>
 #include <thread>

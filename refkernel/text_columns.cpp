@@ -1,7 +1,7 @@
 // Text columns for embedders.
 #include "refkernel/column_making.h"
-#include "refkernel/embed.h"
 #include "refkernel/pool.h"
+#include "vask/embed.h"
 
 #include <algorithm>
 #include <new>

@@ -2,8 +2,8 @@
 #ifndef REFKERNEL_TEXT_HEAP_H
 #define REFKERNEL_TEXT_HEAP_H
 
-#include "refkernel/contract.h"
 #include "refkernel/memory.h"
+#include "vask/refkernel/text_sharing.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,12 +11,6 @@
 #include <string_view>
 
 namespace refkernel {
-
-//! How a heap keeps equal texts.
-enum class text_sharing : std::uint8_t {
-    once, // one element for all rows of the same text
-    anew  // an element of its own for each row
-};
 
 // Narrow offsets are stored less this bias, so the elements of every heap begin
 // at this unit; no stored offset below it can be told in one or two bytes.

@@ -1,6 +1,6 @@
 // Views over columns of other BATs, and which heads belong row by row.
 #include "refkernel/bats.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <cstdlib>

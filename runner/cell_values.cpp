@@ -2,7 +2,7 @@
 
 #include "kernel/column.h"
 
-#include "refkernel/atoms.h"
+#include "vask/refkernel/atoms.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 // What a cell of a file can hold: the types of columns, and reading their values from text.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <array>
 #include <optional>

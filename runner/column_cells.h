@@ -4,7 +4,7 @@
 #include "cell_values.h"
 #include "result_table.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <functional>
 

@@ -1,9 +1,9 @@
 // What --explain tells: what was loaded, and each call of an operator.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <chrono>
 #include <optional>

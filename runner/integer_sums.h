@@ -3,7 +3,7 @@
 
 #include "table_loader.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <unordered_map>
 

@@ -1,6 +1,6 @@
 #include "operator_calls.h"
 
-#include "refkernel/errors.h"
+#include "vask/refkernel/errors.h"
 
 #include <array>
 #include <stdexcept>

@@ -2,9 +2,9 @@
 // what it asked of the kernel.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cstdint>
 #include <string>

@@ -3,6 +3,7 @@
 #include "aggregate_table.h"
 #include "nearest_name.h"
 #include "user_error.h"
+#include "vask/version.h"
 
 #include <algorithm>
 #include <iostream>
@@ -275,7 +276,7 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         declare_aggregates(app, result, raw);
     declare_reading(app, result, raw);
     declare_running(app, result, raw);
-    app.set_version_flag("--version", "vask " VASK_VERSION);
+    app.set_version_flag("--version", "vask " VASK_VERSION_STRING);
     try {
         // The name of the command is passed over: arguments begin behind it.
         app.parse(argc - (is_union ? 1 : 0), argv + (is_union ? 1 : 0));

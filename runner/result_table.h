@@ -3,7 +3,7 @@
 
 #include "cell_values.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstdint>
 #include <functional>

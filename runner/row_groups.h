@@ -6,7 +6,7 @@
 #include "operator_library.h"
 #include "table_loader.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstddef>
 #include <vector>

@@ -6,7 +6,7 @@
 #include "csv_parser.h"
 #include "source_text.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 // Bringing the texts of a column, parsed chunk by chunk, into the kernel in row order.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstddef>
 #include <map>

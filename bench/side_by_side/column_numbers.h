@@ -1,7 +1,7 @@
 // A column's values as doubles.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <vector>
 

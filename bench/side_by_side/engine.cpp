@@ -8,11 +8,11 @@
 #include "answer.h"
 #include "plan.h"
 
-#include "refkernel/algebra/sample.h"
 #include "runner/csv_header.h"
 #include "runner/source_text.h"
 #include "runner/table_loader.h"
 #include "runner/user_error.h"
+#include "vask/refkernel/sample.h"
 
 #include <iostream>
 #include <memory>

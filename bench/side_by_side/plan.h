@@ -1,8 +1,8 @@
 // A plan: grouping by some columns, and the operators that run on the groups or on whole columns.
 #pragma once
 
-#include "refkernel/embed.h"
 #include "runner/operator_library.h"
+#include "vask/embed.h"
 
 #include <cstdint>
 #include <map>

@@ -4,7 +4,7 @@
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/old_groups.h"
 #include "refkernel/algebra/value_groups.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 #define REFKERNEL_ALGEBRA_DERIVE_LONE_ROWS_H
 
 #include "refkernel/algebra/row_groups.h"
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 namespace refkernel::algebra {
 

@@ -2,7 +2,7 @@
 #include "refkernel/algebra/group_result.h"
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/value_groups.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 namespace refkernel::algebra {
 namespace {

@@ -1,7 +1,7 @@
 #include "refkernel/algebra/group_result.h"
 
 #include "refkernel/algebra/held_bats.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <cstring>

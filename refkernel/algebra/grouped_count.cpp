@@ -1,6 +1,6 @@
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/old_groups.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <array>

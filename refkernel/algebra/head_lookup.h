@@ -3,8 +3,8 @@
 #define REFKERNEL_ALGEBRA_HEAD_LOOKUP_H
 
 #include "refkernel/columns.h"
-#include "refkernel/contract.h"
 #include "refkernel/hash.h"
+#include "vask/refkernel/contract.h"
 
 #include <algorithm>
 #include <bit>

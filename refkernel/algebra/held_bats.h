@@ -4,7 +4,7 @@
 
 #include "refkernel/bats.h"
 #include "refkernel/columns.h"
-#include "refkernel/errors.h"
+#include "refkernel/error_reports.h"
 #include "refkernel/pool.h"
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 #include "refkernel/algebra/head_lookup.h"
 #include "refkernel/algebra/row_copies.h"
 #include "refkernel/bats.h"
-#include "refkernel/errors.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
 
 #include <utility>
 #include <vector>

@@ -1,6 +1,6 @@
 #include "refkernel/algebra/value_span.h"
 #include "refkernel/columns.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <cstring>
 #include <type_traits>

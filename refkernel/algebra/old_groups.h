@@ -5,7 +5,7 @@
 #include "refkernel/algebra/head_lookup.h"
 #include "refkernel/algebra/row_groups.h"
 #include "refkernel/algebra/work_array.h"
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <cstdint>
 #include <optional>

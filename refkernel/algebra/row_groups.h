@@ -9,7 +9,7 @@
 #define REFKERNEL_ALGEBRA_ROW_GROUPS_H
 
 #include "refkernel/columns.h"
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,8 +1,8 @@
-#include "refkernel/algebra/sample.h"
+#include "vask/refkernel/sample.h"
 
 #include "refkernel/algebra/row_copies.h"
 #include "refkernel/bats.h"
-#include "refkernel/instrumentation.h"
+#include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <atomic>

@@ -2,7 +2,7 @@
 #ifndef REFKERNEL_ALGEBRA_VALUE_SPAN_H
 #define REFKERNEL_ALGEBRA_VALUE_SPAN_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,9 +1,9 @@
 // Single values: fetched from a column, held in a record, converted.
-#include "refkernel/atoms.h"
 #include "refkernel/columns.h"
-#include "refkernel/errors.h"
-#include "refkernel/instrumentation.h"
-#include "refkernel/nil.h"
+#include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
+#include "vask/refkernel/atoms.h"
+#include "vask/refkernel/nil.h"
 
 #include <cmath>
 #include <concepts>

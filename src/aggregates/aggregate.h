@@ -11,9 +11,9 @@
 // and a row source is what answers is_nil(p) and [p] for the positions of the rows.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

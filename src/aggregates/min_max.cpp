@@ -3,7 +3,7 @@
 #include "aggregates/grouped.h"
 #include "aggregates/whole_column.h"
 #include "kernel/element_types.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 namespace vask {
 

@@ -4,7 +4,7 @@
 #include "kernel/frame.h"
 #include "rows/key_hash.h"
 #include "rows/row_ranges.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <concepts>
 #include <cstdint>

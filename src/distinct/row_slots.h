@@ -2,12 +2,12 @@
 // common.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
 #include "rows/isa.h"
 #include "rows/oid_lookup.h"
 #include "rows/slot_table.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Appending a row to a BAT without a kernel call per row.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

@@ -1,8 +1,8 @@
 // Rows of extents, appended many at a time.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/grouping_rows.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

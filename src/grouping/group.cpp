@@ -6,7 +6,7 @@
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
 #include "rows/key_hash.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 namespace vask {
 

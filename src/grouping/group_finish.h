@@ -1,7 +1,7 @@
 // The end of a grouping and of a refinement: marks, alignment, hand-over.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

@@ -1,7 +1,7 @@
 // Which road a grouping takes.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 // The records of the contract are binary interface: their layout is checked when the library is
 // built. Bit fields have no offset; they fill the byte or word between their neighbours.
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstddef>
 

@@ -1,8 +1,8 @@
 // Reading columns: density, head oids, typed rows, text elements, nils.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,7 +1,7 @@
 // From a type code to a C++ type: the one place where the operators turn the one into the other.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 #include <type_traits>

@@ -2,9 +2,9 @@
 // text. An operator supplies what happens to a row and how partial results are merged.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/row_ranges.h"
+#include "vask/kernel/bat.h"
 
 #include <array>
 #include <atomic>

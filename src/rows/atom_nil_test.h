@@ -1,9 +1,9 @@
 // The nil test of the kernel's own making: a call of the type's comparison per element.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

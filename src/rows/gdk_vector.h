@@ -1,7 +1,7 @@
 // A growable array on the kernel's memory.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstring>
 #include <functional>

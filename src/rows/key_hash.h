@@ -1,8 +1,8 @@
 // Hashing of keys: of groups, of pairs, of distinct values.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <bit>
 #include <concepts>

@@ -1,12 +1,12 @@
 // Keys to codes.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
 #include "rows/huge_pages.h"
 #include "rows/isa.h"
 #include "rows/keys.h"
 #include "rows/row_blocks.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // Keys that lie close together, numbered by their distance from the least one.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 #include <type_traits>

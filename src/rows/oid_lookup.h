@@ -2,9 +2,9 @@
 // kernel's hash, which is built when it is first needed.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <bit>
 

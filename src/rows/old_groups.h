@@ -1,9 +1,9 @@
 // The old groups of a refinement, numbered by their rows in the old extents.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
 #include "rows/oid_lookup.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,9 +1,9 @@
 // Rows worked on in blocks whose notes stay in the first-level cache.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/frame.h"
 #include "rows/row_ranges.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 

@@ -4,10 +4,10 @@
 // each column by itself, in blocks that stay in the cache, needs one for each source and target.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/element_types.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <bit>
 #include <cstring>

@@ -1,9 +1,9 @@
 // Counting rows by number.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <atomic>
 #include <cstddef>

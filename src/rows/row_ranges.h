@@ -2,8 +2,8 @@
 // order statistics and the union use: contiguous ranges, one per kernel thread.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

@@ -1,8 +1,8 @@
 // Dealing rows out to buckets: where each range's rows of each bucket go.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <cstddef>

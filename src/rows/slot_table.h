@@ -1,8 +1,8 @@
 // A table from group id to slot, private to one call, that spares the walk of a hash chain per row.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 #include <cstdlib>

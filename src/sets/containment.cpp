@@ -2,7 +2,7 @@
 #include "sets/absence_filter.h"
 #include "sets/oid_position_map.h"
 #include "sets/value_set.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <algorithm>
 #include <atomic>

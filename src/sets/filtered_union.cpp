@@ -3,7 +3,7 @@
 #include "rows/gdk_vector.h"
 #include "rows/row_conversion.h"
 #include "rows/row_ranges.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,9 +1,9 @@
 // From a row index to the rows of a column that hold it.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/open_addressing.h"
 #include "rows/table_keys.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

@@ -3,7 +3,7 @@
 #include "statistics/order_statistics_frame.h"
 
 #include "rows/gdk_vector.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 namespace vask {
 

@@ -1,7 +1,7 @@
 #include "statistics/grouped_statistic.h"
 #include "statistics/moments.h"
 #include "statistics/statistic.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 namespace vask {
 

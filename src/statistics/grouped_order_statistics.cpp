@@ -8,7 +8,7 @@
 #include "statistics/group_rows.h"
 #include "statistics/largest_per_group.h"
 #include "statistics/values_by_group.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <concepts>
 #include <exception>

@@ -1,6 +1,6 @@
 #include "statistics/grouped_statistic.h"
 #include "statistics/pair_statistics.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 namespace vask {
 

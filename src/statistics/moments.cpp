@@ -2,7 +2,7 @@
 
 #include "aggregates/whole_column.h"
 #include "kernel/element_types.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <array>
 #include <cmath>

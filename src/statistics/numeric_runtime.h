@@ -3,7 +3,7 @@
 // takes is counted, and let it drop what it keeps for a thread when a statistic asks for that.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

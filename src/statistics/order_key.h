@@ -1,8 +1,8 @@
 // A total order of a column's values, as integers.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <bit>
 #include <concepts>

@@ -2,12 +2,12 @@
 // once they stand in an array of their own.
 #pragma once
 
-#include "kernel/bat.h"
 #include "statistics/counted_mode.h"
 #include "statistics/hashed_mode.h"
 #include "statistics/numeric_runtime.h"
 #include "statistics/order_key.h"
 #include "statistics/selection.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <concepts>

@@ -1,7 +1,7 @@
 #include "statistics/pair_statistics.h"
 
 #include "aggregates/whole_column.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <array>
 #include <cmath>

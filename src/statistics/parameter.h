@@ -1,7 +1,7 @@
 // Parameters of statistics: the value in the first row of a BAT.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

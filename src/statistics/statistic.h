@@ -2,9 +2,9 @@
 // columns are let in, and the nil that stands for "no result".
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "kernel/element_types.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

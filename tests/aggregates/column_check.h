@@ -2,12 +2,12 @@
 #pragma once
 
 #include "aggregates/plain_aggregates.h"
-#include "refkernel/instrumentation.h"
 #include "rows/isa.h"
 #include "support/grouped_reference.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/values.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <array>
 #include <string>

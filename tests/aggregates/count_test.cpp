@@ -1,7 +1,7 @@
 #include "aggregates/column_check.h"
 #include "aggregates/grouped_check.h"
 #include "support/leak_guard.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <cstring>
 

@@ -3,7 +3,7 @@
 
 #include "aggregates/grouped.h"
 #include "aggregates/sum.h"
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cmath>
 #include <cstring>

@@ -3,11 +3,11 @@
 #pragma once
 
 #include "aggregates/plain_aggregates.h"
-#include "refkernel/instrumentation.h"
 #include "support/grouped_reference.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/values.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <string>
 #include <utility>

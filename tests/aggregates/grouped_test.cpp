@@ -3,7 +3,7 @@
 #include "aggregates/grouped.h"
 
 #include "aggregates/grouped_check.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <numeric>
 

@@ -1,6 +1,6 @@
 #include "aggregates/column_check.h"
 #include "aggregates/grouped_check.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <gtest/gtest.h>
 

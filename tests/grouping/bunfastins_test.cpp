@@ -1,7 +1,7 @@
 #include "grouping/bunfastins.h"
 
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cstring>
 #include <initializer_list>

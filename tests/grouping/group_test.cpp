@@ -1,12 +1,12 @@
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include "grouping/group_select.h"
 #include "grouping/plain_groups.h"
-#include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
 #include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <functional>
 

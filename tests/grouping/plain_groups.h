@@ -1,9 +1,9 @@
 // Grouping in the plainest way, the columns to try it on, and how to read an operator's result.
 #pragma once
 
-#include "kernel/bat.h"
-#include "refkernel/embed.h"
 #include "support/element_types.h"
+#include "vask/embed.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,9 +1,9 @@
 #include "kernel/frame.h"
 
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <atomic>
 #include <limits>

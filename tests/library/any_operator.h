@@ -1,7 +1,7 @@
 // Operators of any family behind one type, for tables of them.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstdint>
 #include <functional>

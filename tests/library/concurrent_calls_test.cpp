@@ -1,11 +1,11 @@
 // Calls that overlap on the same columns: each gives the answer that it gives alone. Under the
 // thread sanitizer this also shows that neither the operators nor the kernel beneath them race.
 #include "library/any_operator.h"
-#include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/values.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <algorithm>
 #include <array>

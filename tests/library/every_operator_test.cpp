@@ -3,7 +3,7 @@
 #include "library/any_operator.h"
 #include "support/element_types.h"
 #include "support/leak_guard.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <array>
 #include <bit>

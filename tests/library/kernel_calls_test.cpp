@@ -1,12 +1,12 @@
 // What the kernel sees of a call of each family: the same operations in the same order. Plans and
 // kernels rely on it.
 #include "library/any_operator.h"
-#include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/kernel_calls.h"
 #include "support/kernel_settings.h"
 #include "support/other_host.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <array>
 #include <map>

@@ -1,2 +1,2 @@
 /* The public header as a C compiler sees it: it needs no other and compiles as C11. */
-#include "vask_ops.h"
+#include "vask/ops.h"

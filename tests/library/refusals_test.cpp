@@ -1,10 +1,10 @@
 // What the operators of every family refuse, and how: the words, the place, an untouched slot, and
 // nothing left behind.
 #include "library/any_operator.h"
-#include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/leak_guard.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <functional>
 #include <string>

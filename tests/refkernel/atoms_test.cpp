@@ -1,5 +1,5 @@
 // The table of types.
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <gtest/gtest.h>
 

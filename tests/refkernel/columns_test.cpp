@@ -1,6 +1,6 @@
 // Columns made, appended to, grown, copied and materialised, against plain vectors.
-#include "refkernel/instrumentation.h"
 #include "tests/refkernel/leak_checked.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

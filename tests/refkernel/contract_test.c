@@ -1,5 +1,5 @@
 /* The contract as a C compiler sees it: it compiles as C11 and lies in memory as promised. */
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <stddef.h>
 

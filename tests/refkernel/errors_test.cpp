@@ -1,6 +1,6 @@
 // Exceptions, error buffers, the end of the process, output.
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Hashes over heads, walked as operators walk them.
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Faults on request, records of calls, accounts.
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

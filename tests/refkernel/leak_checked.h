@@ -1,7 +1,7 @@
 // A test after which the kernel must hold what it held before.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <gtest/gtest.h>
 

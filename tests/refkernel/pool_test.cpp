@@ -1,6 +1,6 @@
 // References: who keeps a BAT alive, and what becomes of it when nobody does.
-#include "refkernel/instrumentation.h"
 #include "tests/refkernel/leak_checked.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Views and alignment.
-#include "refkernel/instrumentation.h"
 #include "tests/refkernel/leak_checked.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

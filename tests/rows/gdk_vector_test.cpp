@@ -1,7 +1,7 @@
 #include "rows/gdk_vector.h"
 
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
+#include "vask/embed.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cstdint>
 #include <new>

@@ -1,6 +1,6 @@
 #include "rows/slot_table.h"
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <algorithm>
 #include <numeric>

@@ -1,10 +1,10 @@
 #include "kernel/frame.h"
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
 #include "sets/absence_filter.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <csignal>
 #include <cstdint>

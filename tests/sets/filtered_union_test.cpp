@@ -1,11 +1,11 @@
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
 #include "support/element_types.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/replaced_comparison.h"
 #include "support/values.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <algorithm>
 #include <atomic>

@@ -3,7 +3,7 @@
 #include "support/failing_calls.h"
 #include "support/leak_guard.h"
 #include "support/other_host.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <gtest/gtest.h>
 

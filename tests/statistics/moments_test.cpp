@@ -3,7 +3,7 @@
 #include "aggregates/column_check.h"
 #include "aggregates/grouped_check.h"
 #include "statistics/plain_statistics.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <utility>
 

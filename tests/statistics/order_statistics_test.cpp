@@ -1,9 +1,9 @@
-#include "refkernel/embed.h"
-#include "refkernel/instrumentation.h"
 #include "statistics/plain_statistics.h"
 #include "support/leak_guard.h"
 #include "support/time_limit.h"
-#include "vask_ops.h"
+#include "vask/embed.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <chrono>
 

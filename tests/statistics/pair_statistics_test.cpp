@@ -4,7 +4,7 @@
 #include "statistics/paired_columns.h"
 #include "support/instruction_sets.h"
 #include "support/replaced_comparison.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "statistics/parameter.h"
 
 #include "statistics/plain_statistics.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
 
 #include <cmath>
 #include <limits>

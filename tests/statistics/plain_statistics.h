@@ -3,8 +3,8 @@
 // right, another one judges: a textbook's definition in more digits than the operators have.
 #pragma once
 
-#include "refkernel/embed.h"
 #include "support/element_types.h"
+#include "vask/embed.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
 // From type codes to C++ types.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 // Making the kernel fail at each call of an operation in turn.
 #pragma once
 
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cstdint>
 #include <string>

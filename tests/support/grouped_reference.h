@@ -2,7 +2,7 @@
 // slow, plain half of every test of a grouped operator.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <algorithm>
 #include <cstdint>

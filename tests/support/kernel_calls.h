@@ -1,7 +1,7 @@
 // What a call asked of the kernel, in order, told without numbers that differ from run to run.
 #pragma once
 
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cstdint>
 #include <cstdlib>

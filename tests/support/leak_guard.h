@@ -1,7 +1,7 @@
 // A scope after which the kernel must hold what it held before.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <sstream>
 #include <string>

@@ -2,7 +2,7 @@
 // program has its own VIEWcreate and ALIGNsynced in front of the reference kernel's.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <functional>
 #include <utility>

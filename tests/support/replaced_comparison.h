@@ -1,7 +1,7 @@
 // The comparison of a type, replaced for the length of a test case.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace support {
 

@@ -1,7 +1,7 @@
 // Values of every element type for generated cases, and how results are compared.
 #pragma once
 
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cmath>
 #include <concepts>

@@ -1,7 +1,7 @@
 // Refinement where old groups and values make many pairs.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

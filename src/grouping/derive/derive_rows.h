@@ -1,9 +1,9 @@
 // From a row of the column to its old group: the lookups that both roads of refinement share.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/oid_lookup.h"
+#include "vask/kernel/bat.h"
 
 #include <optional>
 

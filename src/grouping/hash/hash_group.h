@@ -1,7 +1,7 @@
 // Grouping in order of first occurrence: for columns of few different values and for texts.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

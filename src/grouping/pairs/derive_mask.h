@@ -1,7 +1,7 @@
 // How large the table of pairs is made.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

@@ -5,9 +5,9 @@
 // together without an array of indices or pairs beside them.
 #pragma once
 
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/isa.h"
+#include "vask/kernel/bat.h"
 
 #include <compare>
 #include <cstddef>

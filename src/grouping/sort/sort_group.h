@@ -1,7 +1,7 @@
 // The sort road of grouping: for columns of many distinct values.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 namespace vask {
 

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "grouping/bunfastins.h"
-#include "kernel/bat.h"
 #include "kernel/column.h"
 #include "rows/gdk_vector.h"
 #include "rows/row_ranges.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 

@@ -11,10 +11,10 @@
 //                          hash is dear; keys of other hashes are then not compared either.
 #pragma once
 
-#include "kernel/bat.h"
 #include "rows/gdk_vector.h"
 #include "rows/isa.h"
 #include "rows/key_hash.h"
+#include "vask/kernel/bat.h"
 
 #include <algorithm>
 #include <bit>

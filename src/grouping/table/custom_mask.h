@@ -1,7 +1,7 @@
 // How many buckets the table of a column's groups gets.
 #pragma once
 
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 
 #include <cstdint>
 

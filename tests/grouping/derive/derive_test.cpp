@@ -6,12 +6,12 @@
 #include "rows/old_groups.h"
 
 #include "grouping/plain_groups.h"
-#include "refkernel/instrumentation.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/other_host.h"
 #include "support/time_limit.h"
-#include "vask_ops.h"
+#include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <chrono>
 #include <cstring>

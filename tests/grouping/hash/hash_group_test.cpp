@@ -2,11 +2,11 @@
 
 #include "grouping/road_check.h"
 #include "kernel/column.h"
-#include "refkernel/instrumentation.h"
 #include "rows/key_hash.h"
 #include "support/failing_calls.h"
 #include "support/instruction_sets.h"
 #include "support/kernel_settings.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <limits>
 

@@ -2,10 +2,10 @@
 
 #include "grouping/road_check.h"
 #include "grouping/sort/sorted_runs.h"
-#include "refkernel/instrumentation.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "grouping/table/custom_mask.h"
 
 #include "grouping/plain_groups.h"
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,8 +2,8 @@
 #include "tests/refkernel/algebra/grouping_reference.h"
 #include "tests/refkernel/leak_checked.h"
 
-#include "refkernel/algebra/sample.h"
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
+#include "vask/refkernel/sample.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "grouping/plain_groups.h"
-#include "refkernel/embed.h"
+#include "vask/embed.h"
 
 #include <cstddef>
 #include <string>

@@ -2,7 +2,7 @@
 #include "tests/refkernel/algebra/grouping_reference.h"
 #include "tests/refkernel/leak_checked.h"
 
-#include "refkernel/instrumentation.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <gtest/gtest.h>
 

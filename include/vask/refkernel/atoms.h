@@ -1,8 +1,8 @@
 // The table of element types, and how a type is added to it.
-#ifndef REFKERNEL_ATOMS_H
-#define REFKERNEL_ATOMS_H
+#ifndef VASK_REFKERNEL_ATOMS_H
+#define VASK_REFKERNEL_ATOMS_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <span>
 #include <string>

@@ -18,15 +18,18 @@
  * Thread safety: columns may be made, read and dropped from any thread; one
  * handle or builder belongs to one thread at a time.
  */
-#ifndef REFKERNEL_EMBED_H
-#define REFKERNEL_EMBED_H
+#ifndef VASK_EMBED_H
+#define VASK_EMBED_H
 
-#include "refkernel/atoms.h"
-#include "refkernel/contract.h"
-#include "refkernel/errors.h"
-#include "refkernel/memory.h"
-#include "refkernel/nil.h"
-#include "refkernel/text_heap.h"
+#include "vask/refkernel/contract.h"
+// Without C++20 the one error of contract.h is enough.
+#if __cplusplus >= 202002L
+
+#include "vask/refkernel/atoms.h"
+#include "vask/refkernel/block.h"
+#include "vask/refkernel/errors.h"
+#include "vask/refkernel/nil.h"
+#include "vask/refkernel/text_sharing.h"
 
 #include <array>
 #include <cstdint>
@@ -40,6 +43,8 @@
 #include <vector>
 
 namespace refkernel {
+
+class text_heap;
 
 class kernel_error : public std::runtime_error {
 public:
@@ -284,5 +289,7 @@ private:
 };
 
 } // namespace refkernel
+
+#endif
 
 #endif

@@ -1,8 +1,8 @@
 // Control of the random samples that BATsample takes.
-#ifndef REFKERNEL_ALGEBRA_SAMPLE_H
-#define REFKERNEL_ALGEBRA_SAMPLE_H
+#ifndef VASK_REFKERNEL_SAMPLE_H
+#define VASK_REFKERNEL_SAMPLE_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <cstdint>
 

@@ -1,8 +1,8 @@
 // The reserved value of each element type that stands for "no value".
-#ifndef REFKERNEL_NIL_H
-#define REFKERNEL_NIL_H
+#ifndef VASK_REFKERNEL_NIL_H
+#define VASK_REFKERNEL_NIL_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <concepts>
 #include <limits>

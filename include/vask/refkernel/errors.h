@@ -1,20 +1,13 @@
 // Exceptions handed to plans, the error buffer of each thread, and the end of
 // the process.
-#ifndef REFKERNEL_ERRORS_H
-#define REFKERNEL_ERRORS_H
+#ifndef VASK_REFKERNEL_ERRORS_H
+#define VASK_REFKERNEL_ERRORS_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
 #include <string>
-#include <string_view>
 
 namespace refkernel {
-
-//! Adds a text to the calling thread's error buffer, like GDKerror.
-[[gnu::format(printf, 1, 2)]] void record_error(const char *format, ...);
-
-//! An exception string for a plan, like createException; null when memory runs out.
-char *make_exception(const char *place, const char *text);
 
 //! What an exception string says.
 struct exception {

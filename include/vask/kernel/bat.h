@@ -269,7 +269,7 @@ lng GDKusec(void); /* monotonic, microseconds */
  * Nothing checks them. What a value outside its range does:
  *
  *   GDKnr_threads 0       traps (SIGFPE) or ends in "operation failed", see
- *                         vask_ops.h
+ *                         vask/ops.h
  *   GDKnr_threads < 0     counts as more threads than rows: aggregates, moments
  *                         and statistics of two columns cut up to 256 partitions,
  *                         other operators one for each row; the sort road of

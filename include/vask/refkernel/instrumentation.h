@@ -7,15 +7,12 @@
 //
 // Thread safety: operations may report from any thread; a watch is made, asked
 // and destroyed on one thread, while no operation it should see is running.
-#ifndef REFKERNEL_INSTRUMENTATION_H
-#define REFKERNEL_INSTRUMENTATION_H
+#ifndef VASK_REFKERNEL_INSTRUMENTATION_H
+#define VASK_REFKERNEL_INSTRUMENTATION_H
 
-#include "refkernel/contract.h"
+#include "vask/refkernel/contract.h"
 
-#include <atomic>
-#include <concepts>
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -71,47 +68,6 @@ enum class operation {
 
 //! The contract's name of an operation, such as "BATnew".
 REFKERNEL_API const char *operation_name(operation op);
-
-//! An argument as it stands in the record of a call.
-class argument {
-public:
-    template <std::integral T>
-    argument(T value) : kind_(kind::number), number_(static_cast<std::int64_t>(value)) {}
-    argument(const char *text) : kind_(kind::text), text_(text) {}
-    //! A BAT stands in the record with its number, null as 0.
-    argument(const BAT *b) : argument(b == nullptr ? 0 : b->bat_id) {}
-
-    void append_to(std::string &record) const;
-
-private:
-    enum class kind { number, text };
-    kind kind_;
-    std::int64_t number_ = 0;
-    const char *text_ = nullptr;
-};
-
-extern REFKERNEL_API std::atomic<bool> watching;
-
-//! The part of enter() that runs while a watch stands.
-REFKERNEL_API bool enter_watched(operation op, std::initializer_list<argument> arguments);
-
-/*
- * Every operation calls this first, with its arguments:
- *
- *     if (enter(operation::bat_new, head_type, tail_type, capacity)) {
- *         return nullptr;
- *     }
- *
- * True when the operation was told to fail now. An operation that cannot fail
- * ignores the answer.
- */
-template <class... Arguments>
-inline bool enter(operation op, const Arguments &...arguments) {
-    if (!watching.load(std::memory_order_relaxed)) [[likely]] {
-        return false;
-    }
-    return enter_watched(op, {argument(arguments)...});
-}
 
 struct recorded_call {
     operation op;
@@ -182,28 +138,19 @@ public:
     [[nodiscard]] std::uint64_t calls(operation op) const;
 };
 
-//! What watch::unpaired_accesses() gives; empty while no watch stands.
-[[nodiscard]] std::vector<unpaired_access> open_accesses();
-
-//! What BATaccess reports.
-void note_access(int32_t bat_id, int what, int load);
-
 //! Takes a BAT's records out of BBParr, as if it were not in memory, until
 //! BBPdescriptor is called for it; the BAT itself stays. False for a number not in use.
 REFKERNEL_API bool unload(int32_t id);
 
 //! Makes every BATsetaccess give back another BAT than its argument, as the contract allows.
 REFKERNEL_API void replace_on_setaccess(bool on);
-[[nodiscard]] bool replaces_on_setaccess();
 
 //! Makes GRPgroup and GRPderive unload the BATs that they hand out.
 REFKERNEL_API void unload_groupings(bool on);
-[[nodiscard]] bool unloads_groupings();
 
 //! Makes BATmaterialize and BATmaterializeh leave the marks and the alignment of a column as they
 //! were, against the contract.
 REFKERNEL_API void keep_marks_on_materialize(bool on);
-[[nodiscard]] bool keeps_marks_on_materialize();
 
 } // namespace refkernel::instrumentation
 

@@ -2,13 +2,17 @@
  * The kernel contract as this library defines it: the same header that the
  * operators compile against, with its symbols exported.
  */
-#ifndef REFKERNEL_CONTRACT_H
-#define REFKERNEL_CONTRACT_H
+#ifndef VASK_REFKERNEL_CONTRACT_H
+#define VASK_REFKERNEL_CONTRACT_H
+
+#if defined(__cplusplus) && __cplusplus < 202002L
+#error "vask/embed.h and the headers beside it need C++20: compile with -std=c++20"
+#endif
 
 #if defined(__GNUC__)
 #pragma GCC visibility push(default)
 #endif
-#include "kernel/bat.h"
+#include "vask/kernel/bat.h"
 #if defined(__GNUC__)
 #pragma GCC visibility pop
 #endif

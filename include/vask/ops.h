@@ -2,7 +2,7 @@
  * lib_vask_ops: multi-core column operators for a column-store kernel.
  *
  * The library is loaded into the kernel's process and finds the kernel's
- * operations, listed in kernel/bat.h, there. A plan looks the operators up by
+ * operations, listed in vask/kernel/bat.h, there. A plan looks the operators up by
  * name. Rules that hold for all of them but vaskops_are_indexes_contained, which
  * takes plain arrays and reports nothing:
  *
@@ -38,6 +38,8 @@
  */
 #ifndef VASK_OPS_H
 #define VASK_OPS_H
+
+#include "vask/version.h"
 
 #include <stdint.h>
 

@@ -1,0 +1,2 @@
+/* The name until 0.1. It goes with the release after. */
+#include "vask/embed.h"
