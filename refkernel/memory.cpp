@@ -160,7 +160,13 @@ void clear_account() noexcept {
     most_account_bytes.store(0, std::memory_order_relaxed);
 }
 
+std::atomic<bool> throws_when_out{false};
+
 } // namespace
+
+void throw_when_out_of_memory() noexcept {
+    throws_when_out.store(true, std::memory_order_relaxed);
+}
 
 void advise_huge_pages(void *base, std::size_t bytes) noexcept {
     if (base == nullptr || bytes < huge_page_threshold) {
@@ -269,24 +275,36 @@ using refkernel::instrumentation::enter;
 using refkernel::instrumentation::operation;
 namespace memory = refkernel::memory;
 
+namespace {
+
+void *checked(void *made) {
+    if (made == nullptr && memory::throws_when_out.load(std::memory_order_relaxed)) [[unlikely]] {
+        throw std::bad_alloc();
+    }
+    return made;
+}
+
+} // namespace
+
 void *GDKmalloc(size_t bytes) {
-    return enter(operation::gdk_malloc, bytes) ? nullptr : memory::allocate(bytes);
+    return checked(enter(operation::gdk_malloc, bytes) ? nullptr : memory::allocate(bytes));
 }
 
 void *GDKzalloc(size_t bytes) {
-    return enter(operation::gdk_zalloc, bytes) ? nullptr : memory::allocate_zeroed(bytes);
+    return checked(enter(operation::gdk_zalloc, bytes) ? nullptr : memory::allocate_zeroed(bytes));
 }
 
 void *GDKcalloc(size_t count, size_t size) {
     if (enter(operation::gdk_calloc, count, size) ||
         (size != 0 && count > std::numeric_limits<size_t>::max() / size)) {
-        return nullptr;
+        return checked(nullptr);
     }
-    return memory::allocate_zeroed(count * size);
+    return checked(memory::allocate_zeroed(count * size));
 }
 
 void *GDKrealloc(void *block, size_t bytes) {
-    return enter(operation::gdk_realloc, bytes) ? nullptr : memory::reallocate(block, bytes);
+    return checked(enter(operation::gdk_realloc, bytes) ? nullptr
+                                                        : memory::reallocate(block, bytes));
 }
 
 void GDKfree(void *block) {

@@ -18,8 +18,6 @@ inline constexpr std::size_t huge_page_threshold = std::size_t{4} << 20;
 //! Tells the system that a large block wants huge pages; does nothing to a small one.
 void advise_huge_pages(void *base, std::size_t bytes) noexcept;
 
-//! A block of its own, aligned to a cache line; null when memory runs out.
-std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept;
 //! The same filled with zeros, by the system where it can: a page of a large
 //! block that is never touched costs nothing.
 std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept;
@@ -30,6 +28,10 @@ void *allocate(std::size_t bytes) noexcept;
 void *allocate_zeroed(std::size_t bytes) noexcept;
 void *reallocate(void *held, std::size_t bytes) noexcept;
 void release(void *held) noexcept;
+
+//! From now on, what runs out of memory in one of the GDK operations of that kind throws
+//! std::bad_alloc instead of giving null, which some operators take for a fault of the kernel.
+void throw_when_out_of_memory() noexcept;
 
 // The account of bytes handed out by the four operations above, kept only
 // while it is switched on. Blocks from before the switch are not in it, and

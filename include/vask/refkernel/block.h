@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -42,6 +43,9 @@ struct REFKERNEL_API block : sharing_mark {
     //! Grows the block, keeping its content; false when it cannot.
     virtual bool grow(std::size_t new_bytes) noexcept;
 };
+
+//! A block of its own, aligned to a cache line; null when memory runs out.
+REFKERNEL_API std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept;
 
 //! A vector taken over as column memory.
 template <class T>

@@ -1,0 +1,116 @@
+// A column of a table: where its values lie, and the forms in which operators take them.
+#pragma once
+
+#include "table/text_encoder.h"
+#include "table/value_type.h"
+
+#include "vask/embed.h"
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vask::table {
+
+//! Rows of one array, read from position `offset` on.
+struct piece {
+    std::int64_t rows = 0;
+    std::int64_t offset = 0;
+    const std::uint8_t *validity = nullptr; //!< 1 bits are values, from bit `offset` on; null: all
+    const void *values = nullptr;           //!< values, bits, offsets or views
+    const char *bytes = nullptr;            //!< of texts by offsets
+    const void *const *view_buffers = nullptr;
+    const std::int64_t *view_sizes = nullptr; //!< bytes of each of them
+    std::int64_t n_view_buffers = 0;
+    std::shared_ptr<const void> owner; //!< keeps all of it
+
+    //! An array of indices into others.
+    kind index = kind::null;
+    std::shared_ptr<const piece> dictionary;
+};
+
+//! Values as a kernel's column, missing ones as its nil.
+struct numbers {
+    refkernel::bat values;
+    std::uint64_t missing = 0;
+    /*
+     * A value equals the nil, or is an unsigned one beyond the signed ones, in a type that has no
+     * wider one: only `values` by their bits and `present` tell the truth.
+     */
+    bool beyond = false;
+    std::vector<std::uint8_t> present; //!< of those: by row 1 for a value; empty: all are
+};
+
+//! Texts as codes of words. A missing one has the nil.
+struct texts {
+    refkernel::bat codes;
+    std::uint64_t missing = 0;
+    std::vector<std::string_view> words; //!< by code, each once; some may not occur
+    //! The place of each word in ascending order of bytes, and the words' codes in that order.
+    std::vector<std::int32_t> rank;
+    std::vector<std::int32_t> by_rank;
+    refkernel::bat ranks; //!< of the rows
+};
+
+//! What is told once about how a column was taken: which column, what was done and why.
+using teller = std::function<void(const std::string &)>;
+
+/*
+ * Immutable but for what it keeps of its forms, which are made when they are first asked for, by
+ * one thread while others wait.
+ */
+class column {
+public:
+    column(std::string name, value_type type, std::int64_t rows, std::vector<piece> pieces);
+    //! A column of a type that no query can use, and why.
+    column(std::string name, std::int64_t rows, std::string refusal);
+    //! A column whose values are a kernel's already.
+    column(std::string name, value_type type, refkernel::bat values, std::uint64_t missing);
+
+    const std::string &name() const { return name_; }
+    std::int64_t rows() const { return rows_; }
+    //! Throws table_error for a type that no query can use.
+    const value_type &type() const;
+
+    //! For all types but texts. With `nan_missing` each NaN is missing, too.
+    const numbers &as_numbers(bool nan_missing, const teller &tell) const;
+    const texts &as_texts(const teller &tell) const;
+    //! The same with the ranks.
+    const texts &as_ranked_texts(const teller &tell) const;
+
+    //! Values to tell apart by their bits, one column or, of those that are `beyond`, perhaps two:
+    //! all NaNs are one value, -0.0 is 0.0, and missing ones are equal.
+    const std::vector<refkernel::bat> &as_keys(bool nan_missing, const teller &tell) const;
+
+    //! Least and greatest of the values of an integer storage that is not `beyond`; 0 and 0
+    //! without.
+    std::array<lng, 2> bounds(const teller &tell) const;
+
+    std::uint64_t missing(bool nan_missing, const teller &tell) const;
+
+private:
+    numbers make_numbers(const teller &tell) const;
+    numbers without_nan(const numbers &all) const;
+    texts make_texts(const teller &tell) const;
+
+    std::string name_;
+    value_type type_;
+    std::string refusal_;
+    std::int64_t rows_;
+    std::vector<piece> pieces_;
+
+    mutable std::mutex making_;
+    mutable std::unique_ptr<const numbers> numbers_;
+    mutable std::unique_ptr<const numbers> numbers_without_nan_;
+    mutable std::unique_ptr<texts> texts_;
+    mutable std::array<std::unique_ptr<const std::vector<refkernel::bat>>, 2> keys_;
+    mutable std::optional<std::array<lng, 2>> bounds_;
+};
+
+} // namespace vask::table

@@ -1,0 +1,290 @@
+#include "table/groups.h"
+
+#include "kernel/column.h"
+#include "table/errors.h"
+#include "table/kernel_column.h"
+#include "table/parallel.h"
+#include "table/value_text.h"
+
+#include <algorithm>
+#include <bit>
+#include <limits>
+#include <numeric>
+#include <utility>
+
+#include <tbb/parallel_sort.h>
+
+namespace vask::table {
+namespace {
+
+using refkernel::bat;
+using refkernel::nil_of;
+
+__extension__ using wide_unsigned = unsigned __int128;
+
+// ---- several keys as one ------------------------------------------------------------------------
+
+// A key of close integers: what is added to make it count from 1, and how many values it can have,
+// the missing one, which is 0, included.
+struct close_key {
+    const bat *values;
+    lng low;
+    std::uint64_t values_count;
+};
+
+struct span_of_values {
+    lng low = std::numeric_limits<lng>::max();
+    lng high = std::numeric_limits<lng>::min();
+};
+
+template <class T>
+span_of_values span_of(std::span<const T> values) {
+    const T nil = nil_of<T>();
+    T low = std::numeric_limits<T>::max();
+    T high = std::numeric_limits<T>::min();
+    std::mutex joining;
+    for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
+        T here_low = std::numeric_limits<T>::max();
+        T here_high = std::numeric_limits<T>::min();
+        for (std::size_t row = begin; row < end; ++row) {
+            const T value = values[row];
+            // The nil is the least number of all and takes no part as the least.
+            here_low = std::min(here_low, value == nil ? here_low : value);
+            here_high = std::max(here_high, value);
+        }
+        const std::scoped_lock lock(joining);
+        low = std::min(low, here_low);
+        high = std::max(high, here_high);
+    });
+    return {static_cast<lng>(low), static_cast<lng>(high)};
+}
+
+// Nothing for keys that are no integers, or so far apart that nothing is gained.
+std::optional<close_key> close_key_of(const bat &values) {
+    constexpr auto farthest = std::uint64_t{1} << 40;
+    return visit_values(values, [&]<class T>(std::span<const T> all) -> std::optional<close_key> {
+        if constexpr (std::is_integral_v<T>) {
+            const span_of_values found = span_of(all);
+            if (found.low > found.high)
+                return close_key{&values, 0, 1};
+            const auto width =
+                static_cast<std::uint64_t>(found.high) - static_cast<std::uint64_t>(found.low);
+            if (width < farthest)
+                return close_key{&values, found.low, width + 2};
+        }
+        return std::nullopt;
+    });
+}
+
+template <class Code>
+bat one_key(std::span<const close_key> keys, std::size_t rows) {
+    fresh_column<Code> made(rows);
+    for_rows(rows, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            visit_values(*keys[i].values, [&]<class T>(std::span<const T> values) {
+                if constexpr (std::is_integral_v<T>) {
+                    const T nil = nil_of<T>();
+                    const auto low = static_cast<Code>(keys[i].low - 1);
+                    const auto count = static_cast<Code>(keys[i].values_count);
+                    for (std::size_t row = begin; row < end; ++row) {
+                        const Code before = i == 0 ? 0 : made.values[row];
+                        const Code own =
+                            values[row] == nil
+                                ? Code{0}
+                                : static_cast<Code>(static_cast<Code>(values[row]) - low);
+                        made.values[row] = static_cast<Code>(before * count + own);
+                    }
+                }
+            });
+    });
+    return std::move(made).finish({.nonil = true});
+}
+
+// The keys of a grouping, with runs of close ones brought together: grouping once by a number that
+// stands for several keys is faster than grouping by one and refining by the others.
+std::vector<bat> joined_keys(const std::vector<const bat *> &keys, std::size_t rows) {
+    constexpr auto widest = wide_unsigned{1} << 62;
+    constexpr auto most_int = wide_unsigned{1} << 30;
+    std::vector<bat> result;
+    for (std::size_t i = 0; i < keys.size();) {
+        std::vector<close_key> together;
+        wide_unsigned product = 1;
+        std::size_t next = i;
+        for (; next < keys.size() && keys.size() > 1; ++next) {
+            const auto key = close_key_of(*keys[next]);
+            if (!key || product * key->values_count > widest)
+                break;
+            product *= key->values_count;
+            together.push_back(*key);
+        }
+        if (together.size() < 2) {
+            result.push_back(bat::share(keys[i]->id()));
+            ++i;
+            continue;
+        }
+        result.push_back(product < most_int ? one_key<std::int32_t>(together, rows)
+                                            : one_key<std::int64_t>(together, rows));
+        i = next;
+    }
+    return result;
+}
+
+// ---- order of keys ------------------------------------------------------------------------------
+
+// A key of each group as a number that compares as the key does, missing ones above all.
+struct sort_key {
+    std::vector<std::uint64_t> value;
+    std::vector<std::uint8_t> missing; // empty: none
+};
+
+template <class T>
+std::uint64_t as_ordered(T value, bool is_unsigned) {
+    constexpr std::uint64_t top = std::uint64_t{1} << 63;
+    if constexpr (std::is_floating_point_v<T>) {
+        const double wide = static_cast<double>(value) + 0.0;
+        if (wide != wide)
+            return ~std::uint64_t{0};
+        const auto bits = std::bit_cast<std::uint64_t>(wide);
+        return (bits & top) != 0 ? ~bits : bits | top;
+    } else {
+        return static_cast<std::uint64_t>(static_cast<lng>(value)) ^ (is_unsigned ? 0 : top);
+    }
+}
+
+sort_key sort_key_of(const column &key, std::span<const oid> rows, bool nan_missing,
+                     const teller &tell) {
+    sort_key result;
+    result.value.resize(rows.size());
+    const bool text = is_text(key.type().of);
+    const numbers *const own = text ? nullptr : &key.as_numbers(nan_missing, tell);
+    const bat &values = text ? key.as_ranked_texts(tell).ranks : own->values;
+    const bool by_presence = own != nullptr && own->beyond;
+    const bool any_missing = key.missing(nan_missing, tell) > 0;
+    if (any_missing)
+        result.missing.resize(rows.size());
+    visit_values(values, [&]<class T>(std::span<const T> all) {
+        const T nil = nil_of<T>();
+        for_rows(rows.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const T value = all[rows[i]];
+                result.value[i] = as_ordered(value, by_presence && key.type().of == kind::uint64);
+                if (any_missing)
+                    result.missing[i] = by_presence ? own->present[rows[i]] == 0 : value == nil;
+            }
+        });
+    });
+    return result;
+}
+
+} // namespace
+
+groups::groups(std::int64_t rows, group_request request, const operator_set &operators,
+               const teller &tell)
+    : request_(std::move(request)), rows_(rows) {
+    if (is_whole()) {
+        first_rows_ = {0};
+        order_ = {0};
+        whole_size_ = {rows};
+        return;
+    }
+    std::vector<const bat *> keys;
+    for (const column_pointer &key : request_.keys)
+        for (const bat &part : key->as_keys(request_.nan_missing, tell))
+            keys.push_back(&part);
+    const std::vector<bat> together = joined_keys(keys, static_cast<std::size_t>(rows));
+    found_ = operators.group(together.front());
+    for (std::size_t i = 1; i < together.size(); ++i)
+        found_ = operators.derive(found_, together[i]);
+    const std::size_t count = found_.extents.count();
+    first_rows_.resize(count);
+    const oid_reader heads(*found_.extents->head, *found_.extents.record());
+    const BUN first = found_.extents->info->first;
+    for_rows(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            first_rows_[i] = heads[first + static_cast<BUN>(i)];
+    });
+    find_order(tell);
+}
+
+void groups::find_order(const teller &tell) {
+    order_.resize(count());
+    std::iota(order_.begin(), order_.end(), 0U);
+    std::vector<sort_key> keys;
+    if (request_.sorted || request_.drop_missing)
+        for (const column_pointer &key : request_.keys)
+            if (request_.sorted || key->missing(request_.nan_missing, tell) > 0)
+                keys.push_back(sort_key_of(*key, first_rows_, request_.nan_missing, tell));
+    if (request_.drop_missing)
+        std::erase_if(order_, [&](std::uint32_t group) {
+            return std::any_of(keys.begin(), keys.end(), [group](const sort_key &key) {
+                return !key.missing.empty() && key.missing[group] != 0;
+            });
+        });
+    const auto earlier = [&](std::uint32_t a, std::uint32_t b) {
+        return first_rows_[a] < first_rows_[b];
+    };
+    const auto less = [&](std::uint32_t a, std::uint32_t b) {
+        for (const sort_key &key : keys) {
+            const bool a_missing = !key.missing.empty() && key.missing[a] != 0;
+            const bool b_missing = !key.missing.empty() && key.missing[b] != 0;
+            if (a_missing != b_missing)
+                return b_missing;
+            if (!a_missing && key.value[a] != key.value[b])
+                return key.value[a] < key.value[b];
+        }
+        return earlier(a, b);
+    };
+    tbb::this_task_arena::isolate([&] {
+        if (request_.sorted)
+            tbb::parallel_sort(order_.begin(), order_.end(), less);
+        else if (!std::is_sorted(order_.begin(), order_.end(), earlier))
+            tbb::parallel_sort(order_.begin(), order_.end(), earlier);
+    });
+    in_order_ = order_.size() == count() && std::is_sorted(order_.begin(), order_.end());
+}
+
+const bat &groups::map() const {
+    if (!found_.map)
+        found_.map = refkernel::make_column(std::vector<oid>(static_cast<std::size_t>(rows_)));
+    return found_.map;
+}
+
+const bat &groups::extents() const {
+    if (!found_.extents)
+        found_.extents = refkernel::make_column(std::vector<lng>{rows_}, {.type = TYPE_wrd});
+    return found_.extents;
+}
+
+std::span<const lng> groups::sizes() const {
+    return is_whole() ? std::span<const lng>(whole_size_) : found_.extents.values<lng>();
+}
+
+std::span<const std::int32_t> groups::numbers() const {
+    const auto rows = static_cast<std::size_t>(rows_);
+    if (is_whole() || numbers_.size() == rows)
+        return numbers_;
+    fresh_column<std::int32_t> by_first_row(rows);
+    for_rows(count(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            by_first_row.values[first_rows_[i]] = static_cast<std::int32_t>(i);
+    });
+    std::vector<std::int32_t> made(rows);
+    const oid_reader ids(*found_.map->tail, *found_.map.record());
+    const BUN first = found_.map->info->first;
+    for_rows(rows, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t row = begin; row < end; ++row)
+            made[row] = by_first_row.values[ids[first + static_cast<BUN>(row)]];
+    });
+    numbers_ = std::move(made);
+    return numbers_;
+}
+
+std::string groups::named(std::size_t number) const {
+    std::string text;
+    for (const column_pointer &key : request_.keys)
+        text += fmt::format("{}{} {}", text.empty() ? " in the group " : ", ", shown(key->name()),
+                            value_text(*key, first_rows_[number]));
+    return text;
+}
+
+} // namespace vask::table

@@ -1,0 +1,186 @@
+#include "table/operands.h"
+
+#include "kernel/column.h"
+#include "table/kernel_column.h"
+#include "table/parallel.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <concepts>
+#include <limits>
+#include <utility>
+
+namespace vask::table {
+namespace {
+
+using refkernel::bat;
+using refkernel::nil_of;
+
+// The difference of two integers as that of the integers where 64 bits hold it: as dbl, large
+// integers that are close to each other may be equal.
+template <std::integral T>
+double distance(T value, T centre) {
+    lng difference = 0;
+    if (__builtin_sub_overflow(lng{value}, lng{centre}, &difference))
+        return static_cast<double>(value) - static_cast<double>(centre);
+    return static_cast<double>(difference);
+}
+template <std::floating_point T>
+double distance(T value, T centre) {
+    return static_cast<double>(value) - static_cast<double>(centre);
+}
+
+double power_of_ten(int scale) {
+    double result = 1;
+    for (int i = 0; i < scale; ++i)
+        result *= 10;
+    return result;
+}
+
+constexpr std::size_t parts_of(std::size_t rows) {
+    return (rows + rows_of_a_task - 1) / rows_of_a_task;
+}
+
+// Calls `work(row, place)` for rows that are no nil, in tasks, with their places among those.
+template <class T, class Work>
+void for_present(std::span<const T> values, const Work &work) {
+    const T nil = nil_of<T>();
+    const std::size_t parts = parts_of(values.size());
+    std::vector<std::size_t> place(parts + 1, 0);
+    const auto end_of = [&](std::size_t part) {
+        return std::min(values.size(), (part + 1) * rows_of_a_task);
+    };
+    for_each_number(parts, [&](std::size_t part) {
+        std::size_t count = 0;
+        for (std::size_t row = part * rows_of_a_task; row < end_of(part); ++row)
+            count += values[row] != nil ? 1 : 0;
+        place[part + 1] = count;
+    });
+    for (std::size_t part = 0; part < parts; ++part)
+        place[part + 1] += place[part];
+    for_each_number(parts, [&](std::size_t part) {
+        std::size_t next = place[part];
+        for (std::size_t row = part * rows_of_a_task; row < end_of(part); ++row)
+            if (values[row] != nil)
+                work(row, next++);
+    });
+}
+
+} // namespace
+
+bat as_doubles(const column &of, const numbers &values) {
+    const bool is_unsigned = values.beyond && of.type().of == kind::uint64;
+    const double unit = power_of_ten(of.type().scale);
+    const std::uint8_t *const present = values.present.empty() ? nullptr : values.present.data();
+    return visit_values(values.values, [&]<class T>(std::span<const T> all) {
+        fresh_column<dbl> made(all.size());
+        for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
+            const T nil = nil_of<T>();
+            const double neighbour = std::nextafter(nil_of<dbl>(), 0.0);
+            for (std::size_t row = begin; row < end; ++row) {
+                double value = is_unsigned
+                                   ? static_cast<double>(static_cast<std::uint64_t>(all[row]))
+                                   : static_cast<double>(all[row]);
+                if (unit != 1)
+                    value /= unit;
+                if (!values.beyond)
+                    value = all[row] == nil ? nil_of<dbl>() : value;
+                else if (present != nullptr && present[row] == 0)
+                    value = nil_of<dbl>();
+                else if (value == nil_of<dbl>())
+                    value = neighbour;
+                made.values[row] = value;
+            }
+        });
+        return std::move(made).finish({.nil = values.missing > 0, .nonil = values.missing == 0});
+    });
+}
+
+bool holds_nan(const numbers &values) {
+    return visit_values(values.values, []<class T>(std::span<const T> all) {
+        if constexpr (std::is_floating_point_v<T>) {
+            std::atomic<bool> found{false};
+            for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
+                bool here = false;
+                for (std::size_t row = begin; row < end; ++row)
+                    here = here | (all[row] != all[row]);
+                if (here)
+                    found.store(true, std::memory_order_relaxed);
+            });
+            return found.load();
+        } else {
+            return false;
+        }
+    });
+}
+
+bat present_values(const bat &values, std::uint64_t missing) {
+    return visit_values(values, [&]<class T>(std::span<const T> all) {
+        if (missing == 0)
+            return borrowed_column(all.data(), all.size(), {.nonil = true});
+        fresh_column<T> made(all.size() - missing);
+        for_present(all,
+                    [&](std::size_t row, std::size_t place) { made.values[place] = all[row]; });
+        return std::move(made).finish({.nonil = true});
+    });
+}
+
+bat map_of_present(const bat &values, std::uint64_t missing, const bat &map, const bat &aligned) {
+    bat result = visit_values(values, [&]<class T>(std::span<const T> all) {
+        const oid_reader groups(*map->tail, *map.record());
+        const BUN first = map->info->first;
+        fresh_column<oid> made(all.size() - missing);
+        if (missing == 0)
+            for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
+                for (std::size_t row = begin; row < end; ++row)
+                    made.values[row] = groups[first + static_cast<BUN>(row)];
+            });
+        else
+            for_present(all, [&](std::size_t row, std::size_t place) {
+                made.values[place] = groups[first + static_cast<BUN>(row)];
+            });
+        return std::move(made).finish();
+    });
+    ALIGNsetH(result.record(), aligned.record());
+    return result;
+}
+
+centred_values centred(const bat &values, const groups &by) {
+    return visit_values(values, [&]<class T>(std::span<const T> all) {
+        const T nil = nil_of<T>();
+        const std::span<const std::int32_t> numbers = by.numbers();
+        const std::span<const oid> first_rows = by.first_rows();
+        std::vector<T> centre(by.count(), nil);
+        bool any_without = false;
+        for (std::size_t group = 0; group < centre.size() && !all.empty(); ++group) {
+            centre[group] = all[first_rows[group]];
+            any_without |= centre[group] == nil;
+        }
+        for (std::size_t row = 0; any_without && row < all.size(); ++row) {
+            T &own = centre[numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row])];
+            if (own == nil)
+                own = all[row];
+        }
+        fresh_column<dbl> made(all.size());
+        for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t row = begin; row < end; ++row)
+                made.values[row] =
+                    all[row] == nil
+                        ? nil_of<dbl>()
+                        : distance(
+                              all[row],
+                              centre[numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row])]);
+        });
+        centred_values result;
+        result.distances = std::move(made).finish();
+        result.centres.resize(centre.size());
+        std::transform(centre.begin(), centre.end(), result.centres.begin(), [nil](T value) {
+            return value == nil ? std::nan("") : static_cast<double>(value);
+        });
+        return result;
+    });
+}
+
+} // namespace vask::table

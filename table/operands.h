@@ -1,0 +1,40 @@
+// Columns in the form in which an operator takes them.
+#pragma once
+
+#include "table/column.h"
+#include "table/groups.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace vask::table {
+
+/*
+ * Numbers as dbl, missing ones as its nil; decimals divided by their scale. Operators add up flt in
+ * flt, which holds 24 bits: one by one, 2e7 ones come to 16,777,216. The number that is the nil of
+ * dbl becomes its neighbour, 2 parts in 1e16 off.
+ */
+refkernel::bat as_doubles(const column &of, const numbers &values);
+
+//! Whether a float column that is not `beyond` or one that is holds a NaN.
+bool holds_nan(const numbers &values);
+
+//! The values without the missing ones, marked free of nils.
+refkernel::bat present_values(const refkernel::bat &values, std::uint64_t missing);
+
+//! The rows of a group map that go with present_values, aligned with `aligned`, which is its
+//! result.
+refkernel::bat map_of_present(const refkernel::bat &values, std::uint64_t missing,
+                              const refkernel::bat &map, const refkernel::bat &aligned);
+
+//! A column as its distances, as dbl, from the first value of each group, the centre. Sums of
+//! squares of values that lie far from 0 and close to each other lose all their digits; those of
+//! distances do not, and moments, covariance, correlation and slope are the same.
+struct centred_values {
+    refkernel::bat distances;
+    std::vector<double> centres; //!< by group number; NaN for a group without values
+};
+
+centred_values centred(const refkernel::bat &values, const groups &by);
+
+} // namespace vask::table

@@ -1,0 +1,89 @@
+#include "table/operators.h"
+
+#include "vask/refkernel/errors.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
+#include <tbb/task_arena.h>
+
+namespace vask::table {
+namespace {
+
+using refkernel::bat;
+using bat_number = const std::int32_t *;
+
+template <std::size_t>
+using numbered = bat_number;
+
+template <std::size_t... I>
+char *call_with(const operator_set &operators, const std::string &name, void *result,
+                std::span<const bat *const> bats, std::index_sequence<I...>) {
+    return operators.function<char *(void *, numbered<I>...)>(name)(result, bats[I]->slot()...);
+}
+
+void check(char *exception_string) {
+    if (exception_string == nullptr)
+        return;
+    const refkernel::exception failure = refkernel::take_exception(exception_string);
+    throw std::runtime_error(
+        fmt::format("the operator failed: {}: {}", failure.place, failure.text));
+}
+
+// A thread that waits in an operator takes up no work of another query.
+template <class Call>
+void isolated(const Call &call) {
+    char *failure = nullptr;
+    tbb::this_task_arena::isolate([&] { failure = call(); });
+    check(failure);
+}
+
+} // namespace
+
+void operator_set::call(const std::string &name, void *result,
+                        std::span<const bat *const> bats) const {
+    isolated([&] {
+        switch (bats.size()) {
+            case 1:
+                return call_with(*this, name, result, bats, std::make_index_sequence<1>{});
+            case 2:
+                return call_with(*this, name, result, bats, std::make_index_sequence<2>{});
+            case 3:
+                return call_with(*this, name, result, bats, std::make_index_sequence<3>{});
+            case 4:
+                return call_with(*this, name, result, bats, std::make_index_sequence<4>{});
+            default:
+                throw std::logic_error(fmt::format("{} of {} BATs", name, bats.size()));
+        }
+    });
+}
+
+bat operator_set::call(const std::string &name, std::span<const bat *const> bats) const {
+    std::int32_t id = int_nil;
+    call(name, &id, bats);
+    return bat::adopt(id);
+}
+
+operator_set::grouped_rows operator_set::group(const bat &column) const {
+    auto *const group =
+        function<char *(std::int32_t *, std::int32_t *, const std::int32_t *)>("VASKgroup");
+    std::int32_t extents = int_nil;
+    std::int32_t map = int_nil;
+    isolated([&] { return group(&extents, &map, column.slot()); });
+    return {bat::adopt(map), bat::adopt(extents)};
+}
+
+operator_set::grouped_rows operator_set::derive(const grouped_rows &groups,
+                                                const bat &column) const {
+    auto *const derive = function<char *(std::int32_t *, std::int32_t *, const std::int32_t *,
+                                         const std::int32_t *, const std::int32_t *)>("VASKderive");
+    std::int32_t extents = int_nil;
+    std::int32_t map = int_nil;
+    isolated([&] {
+        return derive(&extents, &map, groups.extents.slot(), groups.map.slot(), column.slot());
+    });
+    return {bat::adopt(map), bat::adopt(extents)};
+}
+
+} // namespace vask::table

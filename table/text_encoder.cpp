@@ -1,0 +1,341 @@
+#include "table/text_encoder.h"
+
+#include "table/text_dictionary.h"
+#include "table/text_key.h"
+#include "table/validity_bits.h"
+
+#include <algorithm>
+#include <bit>
+#include <limits>
+#include <memory>
+#include <random>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
+
+namespace vask::table {
+
+namespace {
+
+using number = text_dictionary::number;
+using row_position = std::int64_t;
+
+//! Rows begin .. end - 1 of all chunks, and what one task finds in them.
+struct row_range {
+    row_position begin = 0;
+    row_position end = 0;
+    text_dictionary texts;
+    std::uint64_t missing = 0;
+    const char *malformed = nullptr;
+    row_position malformed_row = 0;
+};
+
+//! Calls body(first, last) for shares of 0 .. n - 1 as tasks.
+template <class Body>
+void in_parallel(std::size_t n, std::size_t grain, const Body &body) {
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, n, grain),
+                      [&](const auto &share) { body(share.begin(), share.end()); });
+}
+
+// ---- rows to numbers of their range's texts
+// ------------------------------------------------------
+
+//! What a range writes: the number of a row's text plus the bias, in 32 bits.
+struct written_codes {
+    std::int32_t *codes; // of all chunks' rows
+    std::int32_t bias;
+    std::int32_t missing;
+};
+
+//! The texts of a block, and which of its rows have them.
+struct text_block {
+    static constexpr unsigned rows = text_dictionary::block_texts;
+
+    text_key keys[rows];
+    std::uint32_t hashes[rows];
+    number numbers[rows];
+    std::uint8_t row_of[rows];
+};
+
+//! The rows first .. first + n - 1 of a chunk, at most a block. `codes` is the first row's. Gives
+//! the number of rows before the first malformed one.
+template <class Texts>
+VASK_ALWAYS_INLINE unsigned encode_block(const Texts &texts, row_position first, unsigned n,
+                                         const text_hash &hash, text_dictionary &dictionary,
+                                         text_block &block, const written_codes &to,
+                                         std::int32_t *codes) {
+    for (unsigned i = 0; i < n; ++i) {
+        if (!texts.load(first + i, hash, block.keys[i])) [[unlikely]]
+            return i;
+        block.hashes[i] = hash(block.keys[i]);
+    }
+    dictionary.find_or_add(
+        block.keys, block.hashes, n, [&](unsigned i) { return texts[first + i]; }, block.numbers);
+    for (unsigned i = 0; i < n; ++i)
+        codes[i] = static_cast<std::int32_t>(block.numbers[i]) + to.bias;
+    return n;
+}
+
+//! The same of the rows whose bits are set in `valid`.
+template <class Texts>
+VASK_ALWAYS_INLINE unsigned encode_block(const Texts &texts, row_position first, unsigned n,
+                                         std::uint64_t valid, const text_hash &hash,
+                                         text_dictionary &dictionary, text_block &block,
+                                         const written_codes &to, std::int32_t *codes) {
+    unsigned found = 0;
+    for (std::uint64_t left = valid; left != 0; left &= left - 1) {
+        const auto i = static_cast<unsigned>(std::countr_zero(left));
+        if (!texts.load(first + i, hash, block.keys[found])) [[unlikely]]
+            return i;
+        block.hashes[found] = hash(block.keys[found]);
+        block.row_of[found++] = static_cast<std::uint8_t>(i);
+    }
+    dictionary.find_or_add(
+        block.keys, block.hashes, found, [&](unsigned i) { return texts[first + block.row_of[i]]; },
+        block.numbers);
+    std::fill_n(codes, n, to.missing);
+    for (unsigned i = 0; i < found; ++i)
+        codes[block.row_of[i]] = static_cast<std::int32_t>(block.numbers[i]) + to.bias;
+    return n;
+}
+
+//! Rows begin .. end - 1 of a chunk whose first row is `chunk_begin` of all.
+template <class Texts>
+void encode_chunk(const Texts &texts, const text_chunk &chunk, row_position chunk_begin,
+                  row_position begin, row_position end, const text_hash &hash, row_range &range,
+                  const written_codes &to) {
+    with_best_instruction_set([&]() __attribute__((always_inline)) {
+        text_block block;
+        for (row_position row = begin; row < end;) {
+            const auto n =
+                static_cast<unsigned>(std::min<row_position>(text_block::rows, end - row));
+            std::int32_t *codes = to.codes + chunk_begin + row;
+            unsigned done = 0;
+            const std::uint64_t all = ~std::uint64_t{0} >> (word_bits - n);
+            const std::uint64_t valid = chunk.validity == nullptr
+                                            ? all
+                                            : load_bits(chunk.validity, chunk.first_bit + row, n);
+            if (valid == all) {
+                done = encode_block(texts, row, n, hash, range.texts, block, to, codes);
+            } else {
+                done = encode_block(texts, row, n, valid, hash, range.texts, block, to, codes);
+                range.missing += n - static_cast<unsigned>(std::popcount(valid));
+            }
+            if (done < n) {
+                range.malformed = "";
+                range.malformed_row = chunk_begin + row + done;
+                return;
+            }
+            row += n;
+        }
+    });
+}
+
+void encode_range(std::span<const text_chunk> chunks, const std::vector<row_position> &begins,
+                  const text_hash &hash, row_range &range, const written_codes &to) {
+    // The last chunk that begins at or before the range's first row; empty ones begin with it.
+    auto i = static_cast<std::size_t>(std::upper_bound(begins.begin(), begins.end(), range.begin) -
+                                      begins.begin() - 1);
+    for (; i < chunks.size() && begins[i] < range.end && range.malformed == nullptr; ++i) {
+        const text_chunk &chunk = chunks[i];
+        if (chunk.rows == 0)
+            continue;
+        const row_position begin = std::max<row_position>(range.begin - begins[i], 0);
+        const row_position end = std::min(range.end - begins[i], chunk.rows);
+        const auto encode = [&](const auto &texts) {
+            encode_chunk(texts, chunk, begins[i], begin, end, hash, range, to);
+        };
+        switch (chunk.kind) {
+            case text_chunk::layout::offsets32:
+                encode(offset_texts<std::int32_t>(chunk.places, chunk.rows, chunk.bytes));
+                break;
+            case text_chunk::layout::offsets64:
+                encode(offset_texts<std::int64_t>(chunk.places, chunk.rows, chunk.bytes));
+                break;
+            case text_chunk::layout::views:
+                encode(view_texts(chunk.places, chunk.view_buffers));
+                break;
+        }
+        if (range.malformed != nullptr)
+            range.malformed = chunk.kind == text_chunk::layout::views
+                                  ? "a view of a text has a negative length or place"
+                                  : "offsets of texts descend";
+    }
+}
+
+// ---- the ranges' texts to codes
+// --------------------------------------------------------------------
+
+//! Where a text of a range was met first.
+struct first_place {
+    std::uint32_t range;
+    number word;
+};
+
+//! Finds, for texts whose hashes have one prefix, the first range that has them.
+void find_first_places(std::span<const row_range> ranges, std::uint32_t prefix,
+                       unsigned prefix_bits, std::vector<std::vector<first_place>> &places) {
+    struct slot {
+        std::uint32_t hash;
+        first_place place; // of word 0: free
+    };
+    std::size_t texts = 0;
+    for (const row_range &range : ranges)
+        range.texts.for_each_of_prefix(prefix, prefix_bits, [&](const auto &) { ++texts; });
+    const std::size_t slot_count = std::bit_ceil(2 * texts + 2);
+    const unsigned shift = 64 - static_cast<unsigned>(std::bit_width(slot_count - 1));
+    std::vector<slot> slots(slot_count);
+    for (std::uint32_t r = 0; r < ranges.size(); ++r) {
+        const text_dictionary &mine = ranges[r].texts;
+        mine.for_each_of_prefix(prefix, prefix_bits, [&](const text_dictionary::slot &text) {
+            std::size_t at = std::uint64_t{text.hash} << 32 << prefix_bits >> shift;
+            for (;; at = (at + 1) & (slot_count - 1)) {
+                slot &s = slots[at];
+                if (s.place.word == 0) {
+                    s = {text.hash, {r, text.word}};
+                    break;
+                }
+                if (s.hash == text.hash && s.place.range != r &&
+                    ranges[s.place.range].texts.same(mine.key(text.word), mine.text(text.word),
+                                                     s.place.word))
+                    break;
+            }
+            places[r][text.word] = slots[at].place;
+        });
+    }
+}
+
+//! Codes of the ranges' texts by number; [0] is the code of a row without a value.
+using code_maps = std::vector<std::vector<std::int32_t>>;
+
+//! Numbers the different texts of all ranges by first occurrence.
+code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_code,
+                       std::vector<std::string_view> &words) {
+    // A prefix has a few thousand texts, whose slots the first-level cache nearly holds.
+    constexpr std::size_t texts_per_prefix = 4096;
+    constexpr unsigned most_prefix_bits = 14;
+    std::vector<std::vector<first_place>> places(ranges.size());
+    std::size_t texts = 0;
+    for (const row_range &range : ranges)
+        texts += range.texts.size();
+    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r)
+            places[r].resize(ranges[r].texts.size() + std::size_t{1});
+    });
+    const unsigned prefix_bits =
+        std::min(static_cast<unsigned>(std::bit_width(texts / texts_per_prefix)), most_prefix_bits);
+    in_parallel(std::size_t{1} << prefix_bits, 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t prefix = begin; prefix < end; ++prefix)
+            find_first_places(ranges, static_cast<std::uint32_t>(prefix), prefix_bits, places);
+    });
+
+    const auto is_first = [&](std::size_t r, number word) { return places[r][word].range == r; };
+    std::vector<std::size_t> firsts(ranges.size() + 1);
+    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r)
+            for (number word = 1; word <= ranges[r].texts.size(); ++word)
+                firsts[r + 1] += is_first(r, word);
+    });
+    for (std::size_t r = 0; r < ranges.size(); ++r)
+        firsts[r + 1] += firsts[r];
+    words.resize(firsts.back());
+
+    code_maps codes(ranges.size());
+    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r) {
+            codes[r].resize(ranges[r].texts.size() + std::size_t{1}, missing_code);
+            std::size_t code = firsts[r];
+            for (number word = 1; word <= ranges[r].texts.size(); ++word)
+                if (is_first(r, word)) {
+                    words[code] = ranges[r].texts.text(word);
+                    codes[r][word] = static_cast<std::int32_t>(code++);
+                }
+        }
+    });
+    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r)
+            for (number word = 1; word <= ranges[r].texts.size(); ++word)
+                if (!is_first(r, word))
+                    codes[r][word] = codes[places[r][word].range][places[r][word].word];
+    });
+    return codes;
+}
+
+//! Rows that are worth a task of their own.
+constexpr std::size_t task_rows = std::size_t{1} << 16;
+
+} // namespace
+
+text_hash::text_hash(std::uint32_t kept_bits) : kept_bits_(kept_bits) {
+    static const auto secrets = [] {
+        std::random_device random;
+        const auto draw = [&] { return std::uint64_t{random()} << 32 | random(); };
+        const std::uint64_t first = draw();
+        return text_key{first, draw()};
+    }();
+    first_ = secrets.low;
+    second_ = secrets.high;
+}
+
+encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::int32_t> codes,
+                           std::int32_t missing_code) {
+    const auto threads = static_cast<std::size_t>(tbb::this_task_arena::max_concurrency());
+    return encode_texts(chunks, codes, missing_code,
+                        {.ranges = std::min(threads, codes.size() / task_rows + 1)});
+}
+
+encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::int32_t> codes,
+                           std::int32_t missing_code, text_encoding_plan plan) {
+    std::vector<row_position> begins;
+    begins.reserve(chunks.size());
+    std::uint64_t rows = 0;
+    for (const text_chunk &chunk : chunks) {
+        begins.push_back(static_cast<row_position>(rows));
+        rows += static_cast<std::uint64_t>(chunk.rows);
+    }
+    if (rows != codes.size() || rows > std::numeric_limits<std::int32_t>::max())
+        throw std::length_error("texts and codes have different numbers of rows, or too many");
+
+    encoded_texts result;
+    if (rows == 0)
+        return result;
+    const text_hash hash(plan.hash_bits);
+    std::vector<row_range> ranges(plan.ranges);
+    for (std::size_t r = 0; r < ranges.size(); ++r) {
+        ranges[r].begin = static_cast<row_position>(rows * r / ranges.size());
+        ranges[r].end = static_cast<row_position>(rows * (r + 1) / ranges.size());
+    }
+    tbb::parallel_for(
+        tbb::blocked_range<std::size_t>(0, ranges.size(), 1),
+        [&](const auto &share) {
+            for (std::size_t r = share.begin(); r < share.end(); ++r)
+                // The first range's numbers are its codes, less one.
+                encode_range(chunks, begins, hash, ranges[r],
+                             r == 0 ? written_codes{codes.data(), -1, missing_code}
+                                    : written_codes{codes.data(), 0, 0});
+        },
+        tbb::simple_partitioner());
+    for (const row_range &range : ranges) {
+        if (range.malformed != nullptr)
+            throw malformed_texts(range.malformed, static_cast<std::uint64_t>(range.malformed_row));
+        result.missing += range.missing;
+    }
+
+    const code_maps maps = number_texts(ranges, missing_code, result.words);
+    for (std::size_t r = 1; r < ranges.size(); ++r) {
+        const std::int32_t *code_of = maps[r].data();
+        std::int32_t *first = codes.data() + ranges[r].begin;
+        in_parallel(static_cast<std::size_t>(ranges[r].end - ranges[r].begin), task_rows,
+                    [=](std::size_t begin, std::size_t end) {
+                        with_best_instruction_set([=]() __attribute__((always_inline)) {
+                            for (std::size_t i = begin; i < end; ++i)
+                                first[i] = code_of[first[i]];
+                        });
+                    });
+    }
+    return result;
+}
+
+} // namespace vask::table

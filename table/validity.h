@@ -1,0 +1,216 @@
+// Between values beside validity bits and dense arrays in which one number, the nil, is no value.
+#pragma once
+
+#include "table/validity_bits.h"
+
+#include "rows/isa.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+namespace vask::table {
+
+// All functions cut many rows into tasks. Validity bits are 1 for values, and null if all rows have
+// values; values of other rows are not looked at.
+
+//! Rows of a task; a multiple of the rows whose bits share a cache line.
+inline constexpr std::int64_t validity_task_rows = std::int64_t{1} << 17;
+
+//! Calls body(begin, end) for ranges of 0 .. rows - 1 that begin at multiples of 64, as tasks.
+template <class Body>
+void for_row_ranges(std::int64_t rows, const Body &body) {
+    const auto n = (rows + validity_task_rows - 1) / validity_task_rows;
+    if (n <= 1)
+        return body(std::int64_t{0}, rows);
+    tbb::parallel_for(tbb::blocked_range<std::int64_t>(0, n), [&](const auto &share) {
+        body(share.begin() * validity_task_rows, std::min(share.end() * validity_task_rows, rows));
+    });
+}
+
+template <std::size_t Bytes>
+using unsigned_of_size = std::conditional_t<
+    Bytes == 1, std::uint8_t,
+    std::conditional_t<Bytes == 2, std::uint16_t,
+                       std::conditional_t<Bytes == 4, std::uint32_t, std::uint64_t>>>;
+
+//! Spreads eight bits over the bytes of a word: 0 or 1 each, the lowest bit first.
+VASK_ALWAYS_INLINE std::uint64_t bits_to_bytes(std::uint64_t bits) noexcept {
+    constexpr std::uint64_t every_byte = 0x0101010101010101;
+    constexpr std::uint64_t bit_of_byte = 0x8040201008040201; // the i-th bit in the i-th byte
+    // A byte that is not zero is at most 0x80, and carries into its highest bit alone.
+    return (((bits * every_byte & bit_of_byte) + every_byte * 0x7f) >> 7) & every_byte;
+}
+
+//! Gathers the lowest bits of the bytes of a word, each 0 or 1.
+VASK_ALWAYS_INLINE std::uint64_t bytes_to_bits(std::uint64_t bytes) noexcept {
+    return bytes * 0x0102040810204080 >> 56;
+}
+
+//! Copies 64 values, or the nil where the bit of `valid` is 0. The rows are tested in lanes of the
+//! result's width and chosen by masks, which is what lets the compiler use its vectors.
+template <class To, class From>
+VASK_ALWAYS_INLINE void copy_word(const From *values, std::uint64_t valid, To nil,
+                                  To *to) noexcept {
+    if constexpr (sizeof(To) == 1) {
+        std::uint64_t nils = 0;
+        std::memset(&nils, static_cast<unsigned char>(nil), sizeof nils);
+        for (unsigned i = 0; i < word_bits; i += 8) {
+            std::uint64_t bytes = 0;
+            std::memcpy(&bytes, values + i, sizeof bytes);
+            const std::uint64_t kept = bits_to_bytes(valid >> i & 0xff) * 0xff;
+            bytes = (bytes & kept) | (nils & ~kept);
+            std::memcpy(to + i, &bytes, sizeof bytes);
+        }
+    } else {
+        using lane = unsigned_of_size<sizeof(To)>;
+        constexpr unsigned lane_bits = 8 * sizeof(To);
+        for (unsigned i = 0; i < word_bits; i += lane_bits) {
+            const auto bits = static_cast<lane>(valid >> i);
+            for (unsigned j = 0; j < lane_bits; ++j) {
+                const auto bit = static_cast<lane>(lane{1} << j);
+                const auto kept = static_cast<lane>((bits & bit) == bit ? ~lane{0} : lane{0});
+                to[i + j] = std::bit_cast<To>(
+                    static_cast<lane>((std::bit_cast<lane>(static_cast<To>(values[i + j])) & kept) |
+                                      (std::bit_cast<lane>(nil) & ~kept)));
+            }
+        }
+    }
+}
+
+//! Copies values, widened if To is wider, and the nil where there is no value. `values` and `to` do
+//! not overlap. Integers go to integers that hold all of them.
+template <class From, class To>
+void copy_with_nils(const From *values, const std::uint8_t *validity, std::int64_t first_bit,
+                    std::int64_t rows, To nil, To *to) {
+    static_assert(std::is_arithmetic_v<From> && std::is_arithmetic_v<To> &&
+                  sizeof(From) <= sizeof(To));
+    for_row_ranges(rows, [=](std::int64_t begin, std::int64_t end) {
+        with_best_instruction_set([=]() __attribute__((always_inline)) {
+            std::int64_t row = begin;
+            if (validity == nullptr) {
+                for (; row < end; ++row)
+                    to[row] = static_cast<To>(values[row]);
+                return;
+            }
+            for (; row + word_bits <= end; row += word_bits)
+                copy_word(values + row, load_bits(validity, first_bit + row, word_bits), nil,
+                          to + row);
+            if (row == end)
+                return;
+            const std::uint64_t valid = load_bits(validity, first_bit + row, end - row);
+            for (std::int64_t i = 0; row < end; ++i, ++row)
+                to[row] = (valid >> i & 1) != 0 ? static_cast<To>(values[row]) : nil;
+        });
+    });
+}
+
+//! Whether `value` is among the values, as == tells: a NaN never is.
+template <class T>
+bool holds(const T *values, const std::uint8_t *validity, std::int64_t first_bit, std::int64_t rows,
+           T value) {
+    std::atomic<bool> found{false};
+    for_row_ranges(rows, [&](std::int64_t begin, std::int64_t end) {
+        // Blocks that the first-level cache holds, so that a value is found soon.
+        constexpr std::int64_t block_rows = 4096;
+        for (std::int64_t row = begin; row < end; row += block_rows) {
+            if (found.load(std::memory_order_relaxed))
+                return;
+            const std::int64_t n = std::min(block_rows, end - row);
+            const bool here = with_best_instruction_set([=]() __attribute__((always_inline)) {
+                const T *block = values + row;
+                bool any = false;
+                for (std::int64_t i = 0; i < n; ++i)
+                    any |= block[i] == value;
+                if (!any || validity == nullptr)
+                    return any;
+                // One that has no value can look like it.
+                for (std::int64_t i = 0; i < n; ++i) {
+                    const std::int64_t bit = first_bit + row + i;
+                    if (block[i] == value && (validity[bit / 8] >> bit % 8 & 1) != 0)
+                        return true;
+                }
+                return false;
+            });
+            if (here)
+                found.store(true, std::memory_order_relaxed);
+        }
+    });
+    return found.load(std::memory_order_relaxed);
+}
+template <class T>
+bool holds(const T *values, std::int64_t rows, T value) {
+    return holds<T>(values, nullptr, 0, rows, value);
+}
+
+//! The validity bits of 64 values.
+template <class T>
+VASK_ALWAYS_INLINE std::uint64_t valid_word(const T *values, T nil) noexcept {
+    std::uint64_t word = 0;
+    if constexpr (sizeof(T) == 1) {
+        std::uint64_t nils = 0;
+        std::memset(&nils, static_cast<unsigned char>(nil), sizeof nils);
+        constexpr std::uint64_t low_bits = 0x7f7f7f7f7f7f7f7f;
+        for (unsigned i = 0; i < word_bits; i += 8) {
+            std::uint64_t bytes = 0;
+            std::memcpy(&bytes, values + i, sizeof bytes);
+            bytes ^= nils;
+            // The highest bit of each byte that is not zero.
+            const std::uint64_t differs = ((bytes & low_bits) + low_bits) | bytes;
+            word |= bytes_to_bits(differs >> 7 & ~low_bits >> 7) << i;
+        }
+    } else {
+        using lane = unsigned_of_size<sizeof(T)>;
+        constexpr unsigned lane_bits = 8 * sizeof(T);
+        for (unsigned i = 0; i < word_bits; i += lane_bits) {
+            lane bits = 0;
+            for (unsigned j = 0; j < lane_bits; ++j)
+                bits |= static_cast<lane>(values[i + j] != nil ? lane{1} << j : lane{0});
+            word |= std::uint64_t{bits} << i;
+        }
+    }
+    return word;
+}
+
+//! Writes validity bits of `rows` values, 0 for those that are the nil (which is no NaN), from bit
+//! 0 on. Bits behind them in the last byte are 0. Gives the number of nils.
+template <class T>
+std::int64_t bitmap_of(const T *values, std::int64_t rows, T nil, std::uint8_t *bits) {
+    std::atomic<std::int64_t> nils{0};
+    for_row_ranges(rows, [&](std::int64_t begin, std::int64_t end) {
+        const std::int64_t here = with_best_instruction_set([=]() __attribute__((always_inline)) {
+            std::int64_t valid = 0;
+            std::int64_t row = begin;
+            for (; row + word_bits <= end; row += word_bits) {
+                const std::uint64_t word = valid_word(values + row, nil);
+                std::memcpy(bits + row / 8, &word, sizeof word);
+                valid += std::popcount(word);
+            }
+            std::uint64_t word = 0;
+            for (std::int64_t i = 0; row + i < end; ++i)
+                word |= std::uint64_t{values[row + i] != nil} << i;
+            std::memcpy(bits + row / 8, &word, static_cast<std::size_t>((end - row + 7) / 8));
+            return end - begin - valid - std::popcount(word);
+        });
+        nils.fetch_add(here, std::memory_order_relaxed);
+    });
+    return nils.load(std::memory_order_relaxed);
+}
+
+//! Booleans as bits, from bit `first_value` on, to bytes of 0 and 1, and the nil where there is no
+//! value.
+void copy_bits_with_nils(const std::uint8_t *values, std::int64_t first_value,
+                         const std::uint8_t *validity, std::int64_t first_bit, std::int64_t rows,
+                         std::int8_t nil, std::int8_t *to);
+
+//! How many of the bits first_bit .. first_bit + rows - 1 are 1.
+std::int64_t count_bits(const std::uint8_t *bits, std::int64_t first_bit, std::int64_t rows);
+
+} // namespace vask::table
