@@ -5,6 +5,7 @@
 
 #include <array>
 #include <charconv>
+#include <iterator>
 #include <utility>
 
 namespace vask::table {
@@ -193,14 +194,17 @@ int storage_of(kind k) {
 std::string shown(std::string_view text) {
     constexpr std::size_t most = 80;
     std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (result.size() >= most && (static_cast<unsigned char>(text[i]) & 0xc0) != 0x80)
-            return result + "...";
-        const auto byte = static_cast<unsigned char>(text[i]);
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        // Not within a character.
+        if (result.size() >= most && (byte & 0xc0) != 0x80) {
+            result.append("...");
+            break;
+        }
         if (byte < 0x20 || byte == 0x7f)
-            result += fmt::format("\\x{:02x}", byte);
+            fmt::format_to(std::back_inserter(result), "\\x{:02x}", byte);
         else
-            result += text[i];
+            result.push_back(c);
     }
     return result;
 }

@@ -1,5 +1,6 @@
 // The C interface: arguments checked, exceptions turned into codes and texts.
 #include "vask/vask.h"
+#include "vask/version.h"
 
 #include "table/arrow_export.h"
 #include "table/arrow_import.h"
@@ -152,11 +153,11 @@ vask_query own_query(const vask_query *given) {
 std::string title_of(const vask_aggregate &asked) {
     if (asked.as != nullptr)
         return asked.as;
-    std::string title = std::string(asked.function) + "(";
+    std::string columns;
     for (const char *const column : asked.columns)
         if (column != nullptr)
-            title += (title.back() == '(' ? "" : ",") + std::string(column);
-    return title + ")";
+            columns += fmt::format("{}{}", columns.empty() ? "" : ",", column);
+    return fmt::format("{}({})", asked.function, columns);
 }
 
 std::vector<column_pointer> keys_of(const vask_table &table, const char *const *by,
@@ -449,5 +450,5 @@ void vask_free_text(char *text) {
 }
 
 const char *vask_version(void) {
-    return VASK_VERSION;
+    return VASK_VERSION_STRING;
 }
