@@ -3,6 +3,7 @@
 
 #include "vask/kernel/bat.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -116,6 +117,14 @@ public:
         }
         new (end_++) T(value);
     }
+
+    //! Room for at least n elements more behind those there are; the beginning of all.
+    T *room_for(std::size_t n) {
+        if (capacity() - size() < n)
+            reserve(std::max(size() + n, grown_capacity()));
+        return begin_;
+    }
+    void grow_to(std::size_t n) noexcept { end_ = begin_ + n; }
 
     //! Appends n values, converted to T as by an assignment, a block copy if they are Ts already;
     //! the room must have been reserved.

@@ -170,15 +170,19 @@ private:
         for (BUN done = 0; done < n; done += block_rows) {
             const BUN size = std::min(block_rows, n - done);
             table.keys.find_or_add(keys + done, size, codes.data());
+            // As with the keys, what is new is no branch.
+            std::uint32_t known = static_cast<std::uint32_t>(table.groups.size());
+            bucket_group *groups = table.groups.room_for(size);
             for (BUN k = 0; k < size; ++k) {
                 const std::uint32_t code = codes[k];
-                BUN &row = rows[done + k];
-                if (code == table.groups.size())
-                    table.groups.push_back({row, done + k, 0});
-                bucket_group &group = table.groups[code];
+                const bool is_new = code == known;
+                groups[known] = {rows[done + k], done + k, 0};
+                known += is_new;
+                bucket_group &group = groups[code];
                 ++group.count;
-                row = group.row;
+                rows[done + k] = group.row;
             }
+            table.groups.grow_to(known);
         }
         for (const bucket_group &group : table.groups)
             set_count(keys[group.place], group.count);

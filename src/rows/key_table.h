@@ -60,11 +60,14 @@ public:
 
     //! The codes of the keys of a block.
     void find_or_add(const key_type *keys, BUN n, std::uint32_t *codes) {
-        if (slot_count_ < cached_slots)
-            for (std::size_t i = 0; i < n; ++i)
-                codes[i] = find_or_add(keys[i]);
+        while (2 * (std::size_t{size_} + n) > slot_count_)
+            resize(growth * slot_count_);
+        const std::uint32_t known = size_;
+        if (many_new_)
+            find_or_add_block<true>(keys, n, codes);
         else
-            find_or_add_ahead(keys, n, codes);
+            find_or_add_block<false>(keys, n, codes);
+        many_new_ = (size_ - known) * many_new_share > n;
     }
 
 private:
@@ -73,11 +76,13 @@ private:
         std::uint32_t code = 0; // plus the base
     };
 
-    static constexpr std::size_t first_slots = 1024;
+    static constexpr std::size_t first_slots = 2 * block_rows;
     static constexpr std::size_t growth = 4;
     // From this many on the slots leave the second-level cache and are fetched ahead of their use.
     static constexpr std::size_t cached_slots = std::size_t{1} << 15;
     static constexpr std::size_t fetched_ahead = 16;
+    // Of a block's keys, from a sixteenth on are many new ones.
+    static constexpr std::uint32_t many_new_share = 16;
     // Codes stay below 2^32.
     static constexpr std::uint32_t most_base = std::uint32_t{1} << 31;
 
@@ -94,14 +99,29 @@ private:
         return slots + i;
     }
 
-    void find_or_add_ahead(const key_type *keys, BUN n, std::uint32_t *codes) {
-        for (std::size_t i = 0; i < std::min<std::size_t>(n, fetched_ahead); ++i)
-            __builtin_prefetch(slots_.get() + slot_of(kind_.hash(keys[i])));
+    //! Without a branch on whether a key is new, of which the processor would guess every other
+    //! wrong where many are; where few are, the store it takes costs more.
+    template <bool ManyNew>
+    void find_or_add_block(const key_type *keys, BUN n, std::uint32_t *codes) {
+        slot *slots = slots_.get();
+        const bool cached = slot_count_ < cached_slots;
+        const std::uint32_t base = base_;
+        std::uint32_t next = base + size_;
         for (std::size_t i = 0; i < n; ++i) {
-            if (i + fetched_ahead < n)
-                __builtin_prefetch(slots_.get() + slot_of(kind_.hash(keys[i + fetched_ahead])));
-            codes[i] = find_or_add(keys[i]);
+            if (!cached && i + fetched_ahead < n)
+                __builtin_prefetch(slots + slot_of(kind_.hash(keys[i + fetched_ahead])));
+            const key_type key = keys[i];
+            slot *at = find(key, kind_.hash(key));
+            if constexpr (ManyNew) {
+                const std::uint32_t known = 0 - static_cast<std::uint32_t>(at->code >= base);
+                *at = {key, (at->code & known) | (next & ~known)};
+                next += known + 1;
+            } else if (at->code < base) {
+                *at = {key, next++};
+            }
+            codes[i] = at->code - base;
         }
+        size_ = next - base;
     }
 
     void resize(std::size_t n) {
@@ -120,6 +140,7 @@ private:
     unsigned shift_ = 0;
     std::uint32_t base_ = 1;
     std::uint32_t size_ = 0;
+    bool many_new_ = false;
     std::size_t slot_count_ = 0;
     gdk_block<slot> slots_;
 };
