@@ -1,7 +1,6 @@
 #include "containment.h"
 
 #include "operator_calls.h"
-#include "operator_roads.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -65,12 +64,9 @@ table_column contained_in(const named_column &left, const named_column &right,
     if (other.count() > 0) {
         const std::string name = "vaskops_are_bat_indexes_contained";
         std::int32_t id = int_nil;
-        explain.timed(
-            name, left.name + ", " + right.name, values.count(),
-            [&] {
-                call_operator(operators, name, &id, std::array{values.slot(), other.slot()});
-            },
-            [&] { return ranges_of(other.count()) + " of the other column"; });
+        explain.timed(name, left.name + ", " + right.name, values.count(), [&] {
+            call_operator(operators, name, &id, std::array{values.slot(), other.slot()});
+        });
         const bat mask = bat::adopt(id);
         const auto found = mask.values<bit>();
         const auto asked = values.values<std::int32_t>();

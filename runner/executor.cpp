@@ -4,7 +4,6 @@
 #include "integer_sums.h"
 #include "operands.h"
 #include "operator_calls.h"
-#include "operator_roads.h"
 #include "output.h"
 #include "row_groups.h"
 #include "user_error.h"
@@ -29,7 +28,6 @@ namespace vask::runner {
 namespace {
 
 using refkernel::bat;
-using refkernel::instrumentation::call_counter;
 using cell_function = std::function<result_cell(std::size_t row)>;
 using groups_pointer = std::shared_ptr<const row_groups>;
 using sums_pointer = std::shared_ptr<const std::unordered_map<oid, wide_integer>>;
@@ -233,7 +231,7 @@ private:
         return once(std::string(rule.whole), "*", [&](const std::string &name) {
             std::vector<bat> rows;
             rows.push_back(refkernel::make_void_column(static_cast<BUN>(data_.rows)));
-            return call(rule, name, "*", rows, nullptr, column_type::lng);
+            return call(name, "*", rows, nullptr, column_type::lng);
         });
     }
 
@@ -252,9 +250,8 @@ private:
             arguments += fmt::format(", {}", *aggregate.parameter);
         return once(name, arguments, [&](const std::string &) {
             const groups_pointer groups = as_groups ? groups_or_one() : nullptr;
-            cell_function cells =
-                call(rule, name, arguments, operands_of(rule, aggregate, groups.get()), groups,
-                     between_times ? column_type::dbl : shown);
+            cell_function cells = call(name, arguments, operands_of(rule, aggregate, groups.get()),
+                                       groups, between_times ? column_type::dbl : shown);
             return between_times ? as_timestamps(std::move(cells)) : cells;
         });
     }
@@ -337,9 +334,9 @@ private:
         return at->second;
     }
 
-    cell_function call(const aggregate_rule &rule, const std::string &name,
-                       const std::string &arguments, const std::vector<bat> &operands,
-                       const groups_pointer &groups, column_type stored) {
+    cell_function call(const std::string &name, const std::string &arguments,
+                       const std::vector<bat> &operands, const groups_pointer &groups,
+                       column_type stored) {
         std::vector<const std::int32_t *> slots;
         slots.reserve(operands.size());
         for (const bat &operand : operands)
@@ -348,17 +345,8 @@ private:
         std::array<std::byte, sizeof(lng)> value{};
         std::int32_t id = int_nil;
         void *const result = groups ? static_cast<void *>(&id) : value.data();
-        const auto run = [&] { call_operator(operators_, name, result, slots); };
-        if (rule.family == aggregate_family::distinct)
-            explain_.timed(name, arguments, rows, run, [&](const call_counter &seen) {
-                return road_of_count_distinct(seen, rows, groups->extents.count());
-            });
-        else
-            explain_.timed(name, arguments, rows, run, [&] {
-                if (rule.family == aggregate_family::order)
-                    return groups ? ranges_of(rows) : "1 range";
-                return partitions_of(rows);
-            });
+        explain_.timed(name, arguments, rows,
+                       [&] { call_operator(operators_, name, result, slots); });
         if (!groups)
             return [value, stored](std::size_t) { return cell_at(value.data(), stored); };
         result_.held.push_back(bat::adopt(id));

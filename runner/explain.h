@@ -3,12 +3,12 @@
 
 #include "vask/kernel/bat.h"
 
-#include "vask/refkernel/instrumentation.h"
+#include "vask/refkernel/errors.h"
 
 #include <chrono>
 #include <optional>
+#include <string>
 #include <string_view>
-#include <type_traits>
 
 namespace vask::runner {
 
@@ -21,32 +21,45 @@ public:
     //! One line on standard error. Does nothing when off.
     void note(std::string_view text) const;
 
-    //! Runs `call` and notes its name, the columns it works on, rows, how it went, and time. `road`
-    //! tells how it went, after the call: from what the call asked of the kernel, or without that.
-    //! Counting makes the kernel's operations a little slower, so it is done only for roads that
-    //! take a counter, and when somebody wants to know.
-    template <class Call, class Road>
+    //! Runs `call` and notes its name, the columns it works on, rows, how the operator says it went
+    //! about them, what `result` tells of the outcome, and time.
+    template <class Call, class Result>
     void timed(std::string_view name, std::string_view columns, BUN rows, Call call,
-               Road road) const {
-        using refkernel::instrumentation::call_counter;
-        constexpr bool counted = std::is_invocable_v<Road, const call_counter &>;
-        std::optional<call_counter> seen;
-        if (on_ && counted)
-            seen.emplace();
+               Result result) const {
+        if (!on_) {
+            call();
+            return;
+        }
+        const plan_capture plan;
         const auto begin = std::chrono::steady_clock::now();
         call();
         const std::chrono::duration<double, std::milli> time =
             std::chrono::steady_clock::now() - begin;
-        if (!on_)
-            return;
-        if constexpr (counted)
-            note_call(name, columns, rows, road(*seen), time);
-        else
-            note_call(name, columns, rows, road(), time);
+        note_call(name, columns, rows, plan.told() + std::string(result()), time);
+    }
+
+    template <class Call>
+    void timed(std::string_view name, std::string_view columns, BUN rows, Call call) const {
+        timed(name, columns, rows, call, [] { return ""; });
     }
 
 private:
-    void note_call(std::string_view name, std::string_view columns, BUN rows, std::string_view road,
+    //! Asks operators for their plans and collects these, as long as it lives.
+    class plan_capture {
+    public:
+        plan_capture() { GDKdebug |= DEBUG_PLAN; }
+        ~plan_capture() { GDKdebug &= ~static_cast<std::uint32_t>(DEBUG_PLAN); }
+        plan_capture(const plan_capture &) = delete;
+        plan_capture &operator=(const plan_capture &) = delete;
+
+        //! What they told so far, ", " behind each.
+        std::string told() const;
+
+    private:
+        refkernel::output_capture output_;
+    };
+
+    void note_call(std::string_view name, std::string_view columns, BUN rows, std::string_view told,
                    std::chrono::duration<double, std::milli> time) const;
 
     bool on_;

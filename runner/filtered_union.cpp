@@ -3,7 +3,6 @@
 #include "column_cells.h"
 #include "kernel/column.h"
 #include "operator_calls.h"
-#include "operator_roads.h"
 #include "query.h"
 
 #include <algorithm>
@@ -45,12 +44,9 @@ result_table filtered_union(input_file &file, const options &request,
     const refkernel::bat &right = data.columns[places[1]].values;
     const std::string name = "vask_coSNNandUnion";
     std::int32_t id = int_nil;
-    explain.timed(
-        name, left_name + ", " + right_name, left.count(),
-        [&] {
-            call_operator(operators, name, &id, std::array{left.slot(), right.slot()});
-        },
-        [&] { return ranges_of(left.count()); });
+    explain.timed(name, left_name + ", " + right_name, left.count(), [&] {
+        call_operator(operators, name, &id, std::array{left.slot(), right.slot()});
+    });
 
     result_table result;
     result.held.push_back(refkernel::bat::adopt(id));

@@ -3,7 +3,6 @@
 #include "column_cells.h"
 #include "operands.h"
 #include "operator_calls.h"
-#include "operator_roads.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,17 +15,15 @@ namespace vask::runner {
 namespace {
 
 using refkernel::bat;
-using refkernel::instrumentation::call_counter;
 
 void take_over(std::int32_t extents, std::int32_t map, row_groups &groups) {
     groups.extents = bat::adopt(extents);
     groups.map = bat::adopt(map);
 }
 
-std::string told(const row_groups &groups, const call_counter &seen, BUN rows,
-                 std::string_view road) {
-    return fmt::format("{}, {} ({})", row_ranges_of(seen, rows),
-                       counted(groups.extents.count(), "group"), road);
+std::string number_of(const row_groups &groups) {
+    const BUN n = groups.extents.count();
+    return fmt::format("{} group{}, ", n, n == 1 ? "" : "s");
 }
 
 void group_by_first(const table_column &column, const std::string &name,
@@ -43,9 +40,7 @@ void group_by_first(const table_column &column, const std::string &name,
             check(group(&extents, &map, values.slot()));
             take_over(extents, map, groups);
         },
-        [&](const call_counter &seen) {
-            return told(groups, seen, rows, road_of_group(seen, *values.record()));
-        });
+        [&] { return number_of(groups); });
 }
 
 void refine(const table_column &column, const std::string &name, const operator_library &operators,
@@ -53,7 +48,6 @@ void refine(const table_column &column, const std::string &name, const operator_
     auto *const derive = operators.function<derive_operator>("VASKderive");
     const bat values = distinct_values(column);
     const BUN rows = values.count();
-    const BUN old_groups = groups.extents.count();
     explain.timed(
         "VASKderive", name, rows,
         [&] {
@@ -62,9 +56,7 @@ void refine(const table_column &column, const std::string &name, const operator_
             check(derive(&extents, &map, groups.extents.slot(), groups.map.slot(), values.slot()));
             take_over(extents, map, groups);
         },
-        [&](const call_counter &seen) {
-            return told(groups, seen, rows, road_of_derive(seen, rows, old_groups));
-        });
+        [&] { return number_of(groups); });
 }
 
 // ---- order --------------------------------------------------------------------------------------

@@ -52,12 +52,16 @@ countd_strategy strategy_of_sample(BAT *sample) {
         return countd_strategy::failed;
     const bool few = histogram->info->count < fewest_distinct;
     BBPreleaseref(numbers.histogram);
+    tell_plan("%s path: %s values in a sample", few ? "serial" : "parallel", few ? "few" : "many");
     return few ? countd_strategy::serial : countd_strategy::parallel;
 }
 
 countd_strategy vask_countd_strategy(BAT *b, const BAT *g, const BAT *e) {
-    if (e->info->count > most_groups || !is_ascending(*b->head) || !is_ascending(*g->head))
+    if (e->info->count > most_groups || !is_ascending(*b->head) || !is_ascending(*g->head)) {
+        tell_plan("serial path: %s", e->info->count > most_groups ? "more than a million groups"
+                                                                  : "the rows are in no order");
         return countd_strategy::serial;
+    }
     BAT *sample = BATsample(b, sample_rows);
     if (sample == nullptr)
         return countd_strategy::failed;
@@ -66,7 +70,7 @@ countd_strategy vask_countd_strategy(BAT *b, const BAT *g, const BAT *e) {
     return strategy;
 }
 
-// ---- serial road ------------------------------------------------------------------------------
+// ---- serial path ------------------------------------------------------------------------------
 
 char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, bool &failed);
 
@@ -103,7 +107,7 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
     return exception;
 }
 
-// ---- parallel road ----------------------------------------------------------------------------
+// ---- parallel path ----------------------------------------------------------------------------
 
 //! Counts the values of b, which has rows, by bits where it holds integers that lie close together,
 //! else by pairs.
@@ -181,6 +185,7 @@ char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *g
         if (strategy == countd_strategy::serial) {
             exception = count_serially(result, b, g, e, failed);
         } else if (strategy == countd_strategy::parallel) {
+            tell_ranges(*b);
             extents = VIEWcombine(e);
             counts = extents == nullptr ? nullptr : zeroed_counts(extents);
             if (counts != nullptr && extents->head->hash == nullptr)

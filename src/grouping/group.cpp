@@ -35,6 +35,7 @@ int run_body(vask_group_strategy road, BAT *ext, BAT *grp, BAT *b) {
 //! Groups b on one of the parallel roads and stores the results' numbers.
 char *group_in_parallel(vask_group_strategy road, std::int32_t *rethisto, std::int32_t *retbid,
                         BAT *b) {
+    tell_ranges(*b);
     const int head_type = b->head->type;
     BAT *grp = BATnew(head_type, TYPE_oid, b->info->count);
     if (grp == nullptr) {

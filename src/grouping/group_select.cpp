@@ -13,18 +13,28 @@ void drop(std::int32_t id) {
     BBPdecref(id, 1);
 }
 
-//! The hash road of a column: its ranges are laid out for rows that begin at position 0, so any
-//! other column is the serial operator's.
-vask_group_strategy hash_road(const BAT &b) noexcept {
-    return b.info->first == 0 ? VASK_GROUP_HASH : VASK_GROUP_SERIAL;
+vask_group_strategy serial_because(const char *reason) {
+    tell_plan("serial path: %s", reason);
+    return VASK_GROUP_SERIAL;
 }
 
-//! The road of a column with few or many groups in its sample. The sort road finds a row's place
-//! from its oid by arithmetic, which takes a dense head of proper oids.
-vask_group_strategy road_of_sample(const BAT &b, bool many_groups) noexcept {
+//! The hash path takes a column whose rows begin at position 0, for which its ranges are laid out.
+vask_group_strategy hash_unless_view(const BAT &b, const char *reason) {
+    if (b.info->first != 0)
+        return serial_because("the rows begin above position 0");
+    tell_plan("hash path: %s", reason);
+    return VASK_GROUP_HASH;
+}
+
+//! The path of a column with few or many groups in its sample. The sort path finds the position of
+//! a row from its oid by arithmetic, which takes a dense head of proper oids.
+vask_group_strategy path_of_sample(const BAT &b, bool many_groups) {
     if (!many_groups)
-        return hash_road(b);
-    return is_dense(*b.head) && b.head->seqbase != oid_nil ? VASK_GROUP_SORT : VASK_GROUP_SERIAL;
+        return hash_unless_view(b, "few values in a sample");
+    if (!is_dense(*b.head) || b.head->seqbase == oid_nil)
+        return serial_because("the rows are not numbered without gaps");
+    tell_plan("sort path: many values in a sample");
+    return VASK_GROUP_SORT;
 }
 
 //! Counts the groups of a sample; false when that fails. The exception string of a failed GRPgroup
@@ -57,24 +67,26 @@ vask_group_strategy vask_group_select(BAT *b) {
     static const std::uint32_t uniqueness_thresh = GDKgroup_algo_select_uniqueness_thresh;
 
     const BATcol &tail = *b->tail;
-    if (tail.key != 0 || b->info->count <= vask_size)
-        return VASK_GROUP_SERIAL;
+    if (tail.key != 0)
+        return serial_because("the values are marked as unique");
+    if (b->info->count <= vask_size)
+        return serial_because("few rows");
     // By type and not by storage: a user atom that is stored as text is sampled.
     if (tail.type == TYPE_str)
-        return hash_road(*b);
+        return hash_unless_view(*b, "text");
     // One thread gains nothing over the serial operator, but on floats.
     if (GDKnr_threads == 1 && tail.type != TYPE_flt && tail.type != TYPE_dbl)
-        return VASK_GROUP_SERIAL;
+        return serial_because("one thread");
 
     BAT *sample = BATsample(b, sample_size);
     if (sample == nullptr)
         return VASK_GROUP_FAILED;
     BUN groups = 0;
-    const vask_group_strategy road = count_groups(sample, groups)
-                                         ? road_of_sample(*b, groups > uniqueness_thresh)
+    const vask_group_strategy path = count_groups(sample, groups)
+                                         ? path_of_sample(*b, groups > uniqueness_thresh)
                                          : VASK_GROUP_FAILED;
     BBPreclaim(sample);
-    return road;
+    return path;
 }
 
 } // namespace vask

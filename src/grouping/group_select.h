@@ -1,4 +1,4 @@
-// Which road a grouping takes.
+// Which path a grouping takes.
 #pragma once
 
 #include "vask/kernel/bat.h"
@@ -16,8 +16,8 @@ enum vask_group_strategy : std::uint8_t {
 
 //! Looks at b's marks, its size and, where these do not decide, at the number of groups in a sample
 //! of it. Three kernel settings, GDKgroup_algo_select_..., take part; they are read once in the
-//! life of the process. Leaves no reference behind, except what a failing kernel operation loses.
-//! Safe from any thread.
+//! life of the process. Tells the plan. Leaves no reference behind, except what a failing kernel
+//! operation loses. Safe from any thread.
 vask_group_strategy vask_group_select(BAT *b);
 
 } // namespace vask

@@ -1,6 +1,8 @@
 #include "kernel/frame.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 
 namespace vask {
 
@@ -39,6 +41,18 @@ std::uint64_t sign_extended(std::int32_t setting) noexcept {
 
 } // namespace
 
+void tell_plan(const char *format, ...) {
+    if ((GDKdebug & DEBUG_PLAN) == 0)
+        return;
+    constexpr std::size_t longest = 200;
+    std::array<char, longest> text;
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    va_end(arguments);
+    THRprintf(THRgetdata(0), "#plan: %s\n", text.data());
+}
+
 BAT *vask_descriptor(std::int32_t id) {
     if (!is_in_pool(id, "BATdescriptor"))
         return nullptr;
@@ -72,7 +86,9 @@ std::uint64_t partition_count(BUN rows) {
             sign_extended(GDKpart_size_div) * std::max<std::uint64_t>(threads, 1);
         count = std::min({allowed, rows / smallest_part, max_partitions});
     }
-    return std::min(count, threads);
+    const std::uint64_t parts = std::min(count, threads);
+    tell_plan("%u partition%s", static_cast<unsigned>(parts), parts == 1 ? "" : "s");
+    return parts;
 }
 
 void freeze(BAT &b) noexcept {

@@ -31,6 +31,10 @@ inline char *make_exception(const char *place, const char *text) {
     return createException(0, place, text);
 }
 
+//! Prints "#plan: TEXT\n" where DEBUG_PLAN asks for it: how a call goes about its rows, and why.
+//! Called on the entering thread only.
+[[gnu::format(printf, 1, 2)]] void tell_plan(const char *format, ...);
+
 // ---- words that other threads write -----------------------------------------------------------
 
 //! A word of the kernel's that another thread may be storing, to publish what it leads to: a
@@ -112,7 +116,7 @@ char *run_wrapper(const char *name, const input_bats<N> &inputs, Body body) {
 //! How many partitions a column of `rows` rows gets under the kernel's settings, which are read
 //! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads or
 //! GDKpart_size_div is 0, under which the kernel must not run an aggregate: the plan then divides
-//! by it.
+//! by it. Tells the plan.
 std::uint64_t partition_count(BUN rows);
 
 //! Contiguous partitions of a BAT's rows. The remainder of the division falls wholly on the last.

@@ -1,11 +1,18 @@
 #include "rows/row_ranges.h"
 
+#include "kernel/frame.h"
+
 #include <algorithm>
 
 namespace vask {
 
 std::uint32_t vask_range_count(const BAT &b) noexcept {
     return std::min(b.info->count, static_cast<std::uint32_t>(GDKnr_threads));
+}
+
+void tell_ranges(const BAT &b) {
+    const std::uint32_t ranges = vask_range_count(b);
+    tell_plan("%u range%s", ranges, ranges == 1 ? "" : "s");
 }
 
 gdk_vector<vask_row_range> vask_row_ranges(const BAT &b, std::uint32_t ranges) {

@@ -19,6 +19,9 @@ struct vask_row_range {
 //! that cut their rows this way then fail or have nothing to do.
 std::uint32_t vask_range_count(const BAT &b) noexcept;
 
+//! Tells the plan of a call that cuts the rows of b so.
+void tell_ranges(const BAT &b);
+
 //! The rows of b cut into `ranges` ranges of equal length, in ascending order; the last one takes
 //! the remainder of the division. The bounds are positions, b's first row included. `ranges` is at
 //! most the number of rows; throws like gdk_vector.

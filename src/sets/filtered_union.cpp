@@ -97,6 +97,7 @@ std::uint32_t count_both_non_nil(const BAT &left, const BAT &right, vask_row_ran
 
 //! Counts the surviving rows of each partition, and where each one's place in the result begins.
 bool count_survivors(union_plan &plan) {
+    tell_ranges(*plan.left);
     try {
         const std::uint32_t parts = vask_range_count(*plan.left);
         plan.counts = gdk_vector<std::uint32_t>(parts);

@@ -24,6 +24,7 @@ int vask_stat_gather(R *result, BAT *b, bte type, stat_functor<R> functor, const
     }
     if (!b->tail->nonil)
         return 0;
+    tell_plan("1 range");
     values.reserve(n);
     BATaccess(b, 2, 0, 1);
     values.append_reserved(rows_of<const S>(*b->tail) + b->info->first, n);

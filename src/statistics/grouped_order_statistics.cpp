@@ -140,6 +140,7 @@ int vask_stat_grouped_body(BAT **result, BAT *b, BAT *g, BAT *e, bte type, Stati
     // missing mark.
     if (!b->tail->nonil)
         return 0;
+    tell_ranges(*b);
     use_kernel_memory_in_numeric_runtime();
     BAT *r = nullptr;
     bool good = false;

@@ -1,4 +1,4 @@
-// Grouping through the command: groups, their order, and the roads that --explain names.
+// Grouping through the command: groups, their order, and the paths that --explain names.
 #include "run_command.h"
 
 #include <map>
@@ -77,7 +77,7 @@ std::string plain_sums(Key key) {
     return lines;
 }
 
-TEST(Grouping, EveryRoadGivesThePlainGroupsOnAnyThreads) {
+TEST(Grouping, EveryPathGivesThePlainGroupsOnAnyThreads) {
     const int few = 90;
     const int many = 70'001; // every row another one
     const std::string csv = file_of(few, many);
@@ -90,13 +90,16 @@ TEST(Grouping, EveryRoadGivesThePlainGroupsOnAnyThreads) {
         std::string expected;
         std::string told; // on two threads
     } cases[] = {
-        {"few", plain_sums(number(few)), "VASKgroup(few): 70000 rows, 2 partitions, 90 groups"},
-        {"many", plain_sums(number(many)), "sort road"},
-        {"text", plain_sums([&](int i) { return text(i); }), "hash road: text"},
+        {"few", plain_sums(number(few)),
+         "VASKgroup(few): 70000 rows, hash path: few values in a sample, 2 ranges, 90 groups, "},
+        {"many", plain_sums(number(many)),
+         "VASKgroup(many): 70000 rows, sort path: many values in a sample, 2 ranges"},
+        {"text", plain_sums([&](int i) { return text(i); }),
+         "VASKgroup(text): 70000 rows, hash path: text, 2 ranges, 90 groups, "},
         {"few,text", plain_sums([&](int i) { return number(few)(i) + "," + text(i); }),
-         "VASKderive(text): 70000 rows, 2 partitions"},
+         "VASKderive(text): 70000 rows, "},
         {"few,many", plain_sums([&](int i) { return number(few)(i) + "," + number(many)(i); }),
-         "VASKderive(many)"},
+         "VASKderive(many): 70000 rows, buckets path: "},
     };
     for (const auto &each : cases)
         for (const char *threads : {"1", "2", "5"}) {

@@ -301,7 +301,15 @@ extern uint32_t GDKgroup_algo_select_vask_size;
 extern uint32_t GDKgroup_algo_select_sample_size;
 extern uint32_t GDKgroup_algo_select_uniqueness_thresh;
 
-enum { DEBUG_RANGE_ERROR = 1 << 1, DEBUG_GROUP_TIMING = 1 << 21 };
+/*
+ * What the library prints on THRgetdata(0), which it else leaves alone:
+ *
+ *   RANGE_ERROR   a BAT number that is not in the pool
+ *   GROUP_TIMING  the arguments, results and time of grouping operators
+ *   PLAN          lines that begin with "#plan: ": the path that an operator takes and
+ *                 why, and into how many partitions or ranges it cuts its rows
+ */
+enum { DEBUG_RANGE_ERROR = 1 << 1, DEBUG_GROUP_TIMING = 1 << 21, DEBUG_PLAN = 1 << 22 };
 
 /* ---- the kernel's own algebra ------------------------------------------- */
 

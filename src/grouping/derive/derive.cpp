@@ -46,6 +46,7 @@ int run_body(vask_derive_strategy road, BAT *grp, BAT *ext, const derive_inputs 
 //! Makes the refined grouping; null or a failure text. The BATs made so far are the caller's to
 //! give back after a failure.
 const char *refine(vask_derive_strategy road, const derive_inputs &in, BAT *&grp, BAT *&ext) {
+    tell_ranges(*in.b);
     // Another call on the same extents may be building it in a task.
     if (published(in.histo->head->hash) == nullptr && BAThash(in.histo, 0) == nullptr)
         return "operation failed preparing hash";

@@ -18,13 +18,20 @@ constexpr BUN sample_rows = 1024;
 constexpr float most_groups_per_row = std::bit_cast<float>(0x3e99999aU);
 constexpr float most_pairs_per_row = std::bit_cast<float>(0x3a03126fU);
 
+vask_derive_strategy serial_because(const char *reason) {
+    tell_plan("serial path: %s", reason);
+    return VASK_DERIVE_SERIAL;
+}
+
 } // namespace
 
 vask_derive_strategy vask_derive_select(BAT *b, const BAT *map, const BAT *histo) {
     const BUN rows = map->info->count;
     const BUN groups = histo->info->count;
-    if (b->info->count < smallest_parallel || GDKnr_threads < 2 || rows == 0 || groups == 0)
-        return VASK_DERIVE_SERIAL;
+    if (b->info->count < smallest_parallel || rows == 0 || groups == 0)
+        return serial_because("few rows");
+    if (GDKnr_threads < 2)
+        return serial_because("one thread");
 
     BAT *sample = BATsample(b, sample_rows);
     if (sample == nullptr)
@@ -47,9 +54,11 @@ vask_derive_strategy vask_derive_select(BAT *b, const BAT *map, const BAT *histo
 
     const float ratio = static_cast<float>(groups) / static_cast<float>(rows);
     if (ratio >= most_groups_per_row)
-        return VASK_DERIVE_SERIAL;
-    return static_cast<float>(distinct) * ratio > most_pairs_per_row ? VASK_DERIVE_BUCKETS
-                                                                     : VASK_DERIVE_PAIRS;
+        return serial_because("many groups before");
+    const bool many_pairs = static_cast<float>(distinct) * ratio > most_pairs_per_row;
+    tell_plan("%s path: %u groups before and %s values in a sample",
+              many_pairs ? "buckets" : "pairs", groups, many_pairs ? "many" : "few");
+    return many_pairs ? VASK_DERIVE_BUCKETS : VASK_DERIVE_PAIRS;
 }
 
 } // namespace vask

@@ -1,4 +1,4 @@
-// Which road a refinement takes.
+// Which path a refinement takes.
 #pragma once
 
 #include "vask/kernel/bat.h"
@@ -14,9 +14,9 @@ enum vask_derive_strategy : std::uint8_t {
     VASK_DERIVE_FAILED = 3   // the sample could not be taken or grouped
 };
 
-//! The road for refining the grouping (`map`, `histo`) by the column `b`, by their sizes and by the
-//! distinct values in a sample of b. Leaves no reference behind, except that of the sample's map
-//! when the sample's histogram cannot be fetched.
+//! The path for refining the grouping (`map`, `histo`) by the column `b`, by their sizes and by the
+//! distinct values in a sample of b. Tells the plan. Leaves no reference behind, except that of the
+//! sample's map when the sample's histogram cannot be fetched.
 vask_derive_strategy vask_derive_select(BAT *b, const BAT *map, const BAT *histo);
 
 } // namespace vask
