@@ -46,7 +46,6 @@ void export_schema(const table_pointer &table, ArrowSchema &out) {
     out = {};
     out.format = "+s";
     out.name = "";
-    out.metadata = table->metadata.empty() ? nullptr : table->metadata.data();
     out.n_children = static_cast<std::int64_t>(memory->children.size());
     out.children = memory->places.data();
     out.release = release_schema;
@@ -170,20 +169,6 @@ void export_stream(std::shared_ptr<const result_table> table, ArrowArrayStream &
     auto memory = std::make_unique<stream_memory>();
     memory->table = std::move(table);
     out = {get_schema, get_next, get_last_error, release_stream, memory.release()};
-}
-
-std::string encode_metadata(std::string_view key, std::string_view value) {
-    std::string text;
-    const auto number = [&text](std::size_t n) {
-        const auto narrow = static_cast<std::int32_t>(n);
-        text.append(reinterpret_cast<const char *>(&narrow), sizeof narrow);
-    };
-    number(1);
-    number(key.size());
-    text += key;
-    number(value.size());
-    text += value;
-    return text;
 }
 
 } // namespace vask::table

@@ -97,7 +97,8 @@ piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t of
     require(result.values != nullptr || rows == 0, name, "a buffer is null");
     if (is_index || !is_text(type.values.of) || rows == 0)
         return result;
-    if (type.values.format.front() == 'v') {
+    result.text_format = type.values.format.front();
+    if (result.text_format == 'v') {
         // The last one holds the others' sizes.
         result.n_view_buffers = array.n_buffers > 3 ? array.n_buffers - 3 : 0;
         result.view_buffers = array.buffers + 2;

@@ -446,7 +446,7 @@ void check_views(const piece &p, const std::string &name) {
 }
 
 // Of an array that was checked.
-text_chunk chunk_of(const piece &p, const value_type &type, const std::string &name) {
+text_chunk chunk_of(const piece &p, const std::string &name) {
     text_chunk chunk{};
     chunk.rows = p.rows;
     chunk.validity = p.validity;
@@ -457,11 +457,11 @@ text_chunk chunk_of(const piece &p, const value_type &type, const std::string &n
         chunk.kind = text_chunk::layout::views;
         return chunk;
     }
-    if (type.format.front() == 'v') {
+    if (p.text_format == 'v') {
         check_views(p, name);
         chunk.kind = text_chunk::layout::views;
         chunk.places = static_cast<const char *>(p.values) + 16 * p.offset;
-    } else if (type.format == "u" || type.format == "z") {
+    } else if (p.text_format == 'u' || p.text_format == 'z') {
         check_offsets<std::int32_t>(p, name);
         chunk.kind = text_chunk::layout::offsets32;
         chunk.places = values_of<std::int32_t>(p);
@@ -485,8 +485,7 @@ struct dictionary_codes {
     encoded_texts encoded;
 };
 
-dictionary_codes encode_dictionaries(const std::vector<piece> &pieces, const value_type &type,
-                                     const std::string &name) {
+dictionary_codes encode_dictionaries(const std::vector<piece> &pieces, const std::string &name) {
     dictionary_codes result;
     std::vector<text_chunk> chunks;
     std::size_t entries = 0;
@@ -496,7 +495,7 @@ dictionary_codes encode_dictionaries(const std::vector<piece> &pieces, const val
         if (last == nullptr || !same_dictionary(*last, *p.dictionary)) {
             last = p.dictionary.get();
             last_begin = entries;
-            chunks.push_back(chunk_of(*last, type, name));
+            chunks.push_back(chunk_of(*last, name));
             entries += static_cast<std::size_t>(last->rows);
         }
         result.begin.push_back(last_begin);
@@ -575,6 +574,29 @@ column::column(std::string name, value_type type, bat values, std::uint64_t miss
       type_(std::move(type)),
       rows_(static_cast<std::int64_t>(values.count())),
       numbers_(std::make_unique<const numbers>(numbers{std::move(values), missing, false, {}})) {}
+
+std::shared_ptr<const column>
+column::joined(std::string name, const std::vector<std::shared_ptr<const column>> &parts) {
+    std::vector<piece> pieces;
+    std::int64_t rows = 0;
+    const value_type &type = parts.front()->type();
+    for (const auto &part : parts) {
+        const value_type &own = part->type();
+        if (own.of != type.of || (!is_text(type.of) && own.format != type.format))
+            fail(VASK_BAD_DATA, "column '{}' is {} in one part and {} in another", shown(name),
+                 name_of(type), name_of(own));
+        pieces.insert(pieces.end(), part->pieces_.begin(), part->pieces_.end());
+        rows += part->rows();
+    }
+    // Pieces without rows are gone, and with them whether the indices of a dictionary are meant.
+    const bool indexed = std::any_of(pieces.begin(), pieces.end(),
+                                     [](const piece &p) { return p.dictionary != nullptr; });
+    if (indexed && std::any_of(pieces.begin(), pieces.end(),
+                               [](const piece &p) { return p.dictionary == nullptr; }))
+        fail(VASK_BAD_DATA, "column '{}' is a dictionary in one part and plain in another",
+             shown(name));
+    return std::make_shared<const column>(std::move(name), type, rows, std::move(pieces));
+}
 
 const value_type &column::type() const {
     if (!refusal_.empty())
@@ -677,7 +699,7 @@ texts column::make_texts(const teller &tell) const {
     fresh_column<std::int32_t> codes(static_cast<std::size_t>(rows_));
     texts result;
     if (!pieces_.empty() && pieces_.front().dictionary != nullptr) {
-        dictionary_codes known = encode_dictionaries(pieces_, type_, name_);
+        dictionary_codes known = encode_dictionaries(pieces_, name_);
         std::atomic<std::uint64_t> missing{0};
         for_pieces(pieces_,
                    [&](const piece &p, std::int64_t from, std::int64_t rows, std::size_t row) {
@@ -695,7 +717,7 @@ texts column::make_texts(const teller &tell) const {
         std::vector<text_chunk> chunks;
         chunks.reserve(pieces_.size());
         for (const piece &p : pieces_)
-            chunks.push_back(chunk_of(p, type_, name_));
+            chunks.push_back(chunk_of(p, name_));
         encoded_texts encoded = encode_texts(chunks, codes.values, nil_of<std::int32_t>());
         result.words = std::move(encoded.words);
         result.missing = encoded.missing;

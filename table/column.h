@@ -24,6 +24,7 @@ struct piece {
     std::int64_t offset = 0;
     const std::uint8_t *validity = nullptr; //!< 1 bits are values, from bit `offset` on; null: all
     const void *values = nullptr;           //!< values, bits, offsets or views
+    char text_format = 0;                   //!< of texts: the Arrow format's last letter, or v
     const char *bytes = nullptr;            //!< of texts by offsets
     const void *const *view_buffers = nullptr;
     const std::int64_t *view_sizes = nullptr; //!< bytes of each of them
@@ -72,6 +73,11 @@ public:
     column(std::string name, std::int64_t rows, std::string refusal);
     //! A column whose values are a kernel's already.
     column(std::string name, value_type type, refkernel::bat values, std::uint64_t missing);
+
+    //! The rows of several columns of one type, one behind the other. Throws table_error where
+    //! types differ.
+    static std::shared_ptr<const column>
+    joined(std::string name, const std::vector<std::shared_ptr<const column>> &parts);
 
     const std::string &name() const { return name_; }
     std::int64_t rows() const { return rows_; }

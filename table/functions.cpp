@@ -15,7 +15,11 @@ constexpr parameter_rule fraction{0, 1, false, "its parameter is a fraction from
 constexpr parameter_rule rank{1, 0x1p53, true,
                               "its parameter is a whole number from 1 on: 1 the largest value"};
 
-constexpr std::array<function_rule, 32> rules{{
+constexpr function_rule part_of_state(std::string_view name, unsigned columns, result_rule result) {
+    return {name, family::state, columns, nullptr, accepted::any, result, "", "", false, ""};
+}
+
+constexpr std::array<function_rule, 46> rules{{
     {"size", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
      "rows, nulls and all"},
     {"first_row", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
@@ -82,6 +86,20 @@ constexpr std::array<function_rule, 32> rules{{
      "the last value that is not null"},
     {"any", family::place, 1, nullptr, accepted::any, result_rule::same, "", "", false,
      "some value that is not null: the first"},
+    part_of_state("state.high", 1, result_rule::count),
+    part_of_state("state.low", 1, result_rule::count),
+    part_of_state("state.nulls", 1, result_rule::count),
+    part_of_state("state.mean", 1, result_rule::number),
+    part_of_state("state.m2", 1, result_rule::number),
+    part_of_state("state.m3", 1, result_rule::number),
+    part_of_state("state.n_xy", 2, result_rule::count),
+    part_of_state("state.mean_x", 2, result_rule::number),
+    part_of_state("state.mean_y", 2, result_rule::number),
+    part_of_state("state.m2_x", 2, result_rule::number),
+    part_of_state("state.m2_y", 2, result_rule::number),
+    part_of_state("state.c_xy", 2, result_rule::number),
+    part_of_state("state.products", 2, result_rule::number),
+    part_of_state("state.weights", 2, result_rule::number),
 }};
 
 constexpr std::array<function_alias, 35> aliases{{
@@ -138,11 +156,12 @@ named_function find_function(std::string_view name) {
         if (alias.name == name)
             return {&function(alias.of), alias.parameter};
     for (const function_rule &rule : rules)
-        if (rule.name == name)
+        if (rule.name == name && rule.of != family::state)
             return {&rule, {}};
     std::string names;
     for (const function_rule &rule : rules)
-        names += fmt::format("{}{}", names.empty() ? "" : ", ", rule.name);
+        if (rule.of != family::state)
+            names += fmt::format("{}{}", names.empty() ? "" : ", ", rule.name);
     fail(VASK_BAD_REQUEST, "there is no function '{}'; there are {}", shown(name), names);
 }
 
@@ -211,9 +230,10 @@ const std::string &function_overview() {
     static const std::string text = [] {
         std::string lines;
         for (const function_rule &rule : rules)
-            lines += fmt::format("{}\t{}\t{}\t{}\t{}\n", rule.name, rule.columns,
-                                 rule.parameter == nullptr ? "" : rule.parameter->meaning,
-                                 name_of(rule.accepts), rule.meaning);
+            if (rule.of != family::state)
+                lines += fmt::format("{}\t{}\t{}\t{}\t{}\n", rule.name, rule.columns,
+                                     rule.parameter == nullptr ? "" : rule.parameter->meaning,
+                                     name_of(rule.accepts), rule.meaning);
         for (const function_alias &alias : aliases)
             lines += fmt::format("{}\t\t\t\tthe same as {}{}\n", alias.name, alias.of,
                                  alias.parameter ? fmt::format(" of {}", *alias.parameter) : "");

@@ -22,8 +22,9 @@ enum class family : std::uint8_t {
     moment, //!< asked of distances from a centre, and so is pair
     order,  //!< its operators take no missing values
     pair,
-    place,   //!< the value of a certain row
-    weighted //!< a mean of values by weights
+    place,    //!< the value of a certain row
+    weighted, //!< a mean of values by weights
+    state     //!< a number of a state that merges, asked for by partial aggregation alone
 };
 
 //! Types of values that a function takes.

@@ -32,13 +32,6 @@ double distance(T value, T centre) {
     return static_cast<double>(value) - static_cast<double>(centre);
 }
 
-double power_of_ten(int scale) {
-    double result = 1;
-    for (int i = 0; i < scale; ++i)
-        result *= 10;
-    return result;
-}
-
 constexpr std::size_t parts_of(std::size_t rows) {
     return (rows + rows_of_a_task - 1) / rows_of_a_task;
 }
@@ -69,6 +62,25 @@ void for_present(std::span<const T> values, const Work &work) {
 }
 
 } // namespace
+
+double power_of_ten(int scale) {
+    double result = 1;
+    for (int i = 0; i < scale; ++i)
+        result *= 10;
+    return result;
+}
+
+double scaled_mean(wide_integer sum, lng count, int scale) {
+    if (scale <= 0)
+        return static_cast<double>(sum) / static_cast<double>(count);
+    return static_cast<double>(static_cast<long double>(sum) /
+                               (static_cast<long double>(count) * power_of_ten(scale)));
+}
+
+lng rounded_quotient(wide_integer sum, lng count) {
+    const wide_integer twice = 2 * sum + (sum < 0 ? -count : count);
+    return static_cast<lng>(twice / (2 * static_cast<wide_integer>(count)));
+}
 
 bat as_doubles(const column &of, const numbers &values) {
     const bool is_unsigned = values.beyond && of.type().of == kind::uint64;

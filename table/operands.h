@@ -1,6 +1,7 @@
 // Columns in the form in which an operator takes them.
 #pragma once
 
+#include "table/answer.h"
 #include "table/column.h"
 #include "table/groups.h"
 
@@ -15,6 +16,14 @@ namespace vask::table {
  * dbl becomes its neighbour, 2 parts in 1e16 off.
  */
 refkernel::bat as_doubles(const column &of, const numbers &values);
+
+double power_of_ten(int scale);
+
+//! The mean of values with `scale` digits behind the point, from their sum as whole numbers.
+double scaled_mean(wide_integer sum, lng count, int scale);
+
+//! The nearest whole number, halves away from 0.
+lng rounded_quotient(wide_integer sum, lng count);
 
 //! Whether a float column that is not `beyond` or one that is holds a NaN.
 bool holds_nan(const numbers &values);

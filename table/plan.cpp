@@ -25,10 +25,7 @@ using refkernel::nil_of;
 constexpr wide_integer largest_lng = std::numeric_limits<lng>::max();
 
 double scale_of(const column &of) {
-    double unit = 1;
-    for (int i = 0; i < of.type().scale; ++i)
-        unit *= 10;
-    return unit;
+    return power_of_ten(of.type().scale);
 }
 
 // ---- statistics of a group's values, which they may put in another order ------------------------
@@ -118,12 +115,6 @@ std::optional<T> most_frequent(std::span<T> values) {
         run = end;
     }
     return mode;
-}
-
-// Nearest, halves away from 0.
-lng rounded_quotient(wide_integer sum, lng count) {
-    const wide_integer twice = 2 * sum + (sum < 0 ? -count : count);
-    return static_cast<lng>(twice / (2 * static_cast<wide_integer>(count)));
 }
 
 bool is_quantile(const function_rule &rule) {
@@ -367,6 +358,8 @@ private:
                 return order_statistic(asked);
             case family::pair:
                 return pair_statistic(asked);
+            case family::state:
+                return part_of_state(asked);
             case family::place:
                 break;
         }
@@ -590,29 +583,21 @@ private:
                 means[i] = all[i] / static_cast<double>(counts[i]);
         } else if (may_leave_lng(of, numbers_of(of))) {
             const std::vector<wide_integer> &sums = exact_sums(of);
-            const double unit = scale_of(of);
             for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = scaled_mean(sums[i], counts[i], unit);
+                means[i] = scaled_mean(sums[i], counts[i], of.type().scale);
         } else {
             const answer sums = part("sum", asked);
             const auto all = sums.as<lng>(by_.count());
-            const double unit = scale_of(of);
             for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = scaled_mean(all[i], counts[i], unit);
+                means[i] = scaled_mean(all[i], counts[i], of.type().scale);
         }
         answer result = answer_of(form::dbl, std::move(means));
         mark_groups_without_values(of, result);
         return result;
     }
 
-    static double scaled_mean(wide_integer sum, lng count, double unit) {
-        if (unit == 1)
-            return static_cast<double>(sum) / static_cast<double>(count);
-        return static_cast<double>(static_cast<long double>(sum) /
-                                   (static_cast<long double>(count) * unit));
-    }
-
-    answer weighted_mean(const asked_function &asked) {
+    // Sums of products and of weights over rows with both values; nil without such a row.
+    std::array<answer, 2> weighted_sums(const asked_function &asked) {
         const auto x = doubles_of(*asked.columns[0]).values<dbl>();
         const auto w = doubles_of(*asked.columns[1]).values<dbl>();
         const dbl nil = nil_of<dbl>();
@@ -627,10 +612,14 @@ private:
         });
         const bat product_column = std::move(products).finish();
         const bat weight_column = std::move(weights).finish();
-        const answer above = call(function("sum"), {&product_column});
-        const answer below = call(function("sum"), {&weight_column});
+        return {call(function("sum"), {&product_column}), call(function("sum"), {&weight_column})};
+    }
+
+    answer weighted_mean(const asked_function &asked) {
+        const auto [above, below] = weighted_sums(asked);
         const auto sums = above.as<dbl>(by_.count());
         const auto totals = below.as<dbl>(by_.count());
+        const dbl nil = nil_of<dbl>();
         std::vector<dbl> means(by_.count(), nil);
         for (std::size_t i = 0; i < means.size(); ++i)
             if (sums[i] != nil && totals[i] != nil && totals[i] != 0)
@@ -987,6 +976,149 @@ private:
         });
     }
 
+    // ---- states ----
+
+    // Count, mean and centred sums of squares and cubes of a group's values.
+    struct moment_states {
+        std::vector<dbl> mean;
+        std::vector<dbl> m2;
+        std::vector<dbl> m3;
+    };
+
+    // Sums by group of what `value(row)` gives where that is not the nil.
+    template <class Value>
+    std::vector<dbl> sums_of(const Value &value) {
+        const auto rows = static_cast<std::size_t>(by_.rows());
+        fresh_column<dbl> values(rows);
+        for_rows(rows, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t row = begin; row < end; ++row)
+                values.values[row] = value(row);
+        });
+        const bat column = std::move(values).finish();
+        const answer sums = call(function("sum"), {&column});
+        const auto all = sums.as<dbl>(by_.count());
+        return {all.begin(), all.end()};
+    }
+
+    const moment_states &moments_of(const column &of) {
+        const auto [at, is_new] = moments_.try_emplace(&of);
+        moment_states &made = at->second;
+        if (!is_new)
+            return made;
+        const centred_values &own = centred_of(of);
+        const auto distance = own.distances.values<dbl>();
+        const dbl nil = nil_of<dbl>();
+        const auto power = [&](int exponent) {
+            return sums_of([distance, nil, exponent](std::size_t row) {
+                const double d = distance[row];
+                return d == nil ? nil : exponent == 1 ? d : exponent == 2 ? d * d : d * d * d;
+            });
+        };
+        made.mean = power(1);
+        made.m2 = power(2);
+        made.m3 = power(3);
+        const std::vector<lng> &counts = counts_of(of);
+        for (std::size_t i = 0; i < counts.size(); ++i) {
+            if (counts[i] == 0)
+                continue;
+            const auto n = static_cast<double>(counts[i]);
+            const double s1 = made.mean[i];
+            const double s2 = made.m2[i];
+            made.m3[i] += -3 * s1 * s2 / n + 2 * s1 * s1 * s1 / (n * n);
+            made.m2[i] -= s1 * s1 / n;
+            made.mean[i] = own.centres[i] + s1 / n;
+        }
+        return made;
+    }
+
+    // The same of two columns over the rows with both values.
+    struct pair_states {
+        std::vector<lng> n;
+        std::array<std::vector<dbl>, 5> numbers; // mean x, mean y, m2 x, m2 y, co-moment
+    };
+
+    const pair_states &pairs_of(const column &x, const column &y) {
+        const auto [at, is_new] = pairs_.try_emplace({&x, &y});
+        pair_states &made = at->second;
+        if (!is_new)
+            return made;
+        const centred_values &own_x = centred_of(x);
+        const centred_values &own_y = centred_of(y);
+        const auto dx = own_x.distances.values<dbl>();
+        const auto dy = own_y.distances.values<dbl>();
+        const dbl nil = nil_of<dbl>();
+        const auto sums = [&](const auto &term) {
+            return sums_of([&, dx, dy, nil](std::size_t row) {
+                return dx[row] == nil || dy[row] == nil ? nil : term(dx[row], dy[row]);
+            });
+        };
+        made.numbers = {sums([](double a, double) { return a; }),
+                        sums([](double, double b) { return b; }),
+                        sums([](double a, double) { return a * a; }),
+                        sums([](double, double b) { return b * b; }),
+                        sums([](double a, double b) { return a * b; })};
+        const std::vector<dbl> counts = sums([](double, double) { return 1.0; });
+        made.n.resize(counts.size());
+        auto &[mean_x, mean_y, m2_x, m2_y, c] = made.numbers;
+        for (std::size_t i = 0; i < counts.size(); ++i) {
+            if (counts[i] == nil)
+                continue;
+            const double n = counts[i];
+            made.n[i] = static_cast<lng>(n);
+            c[i] -= mean_x[i] * mean_y[i] / n;
+            m2_x[i] -= mean_x[i] * mean_x[i] / n;
+            m2_y[i] -= mean_y[i] * mean_y[i] / n;
+            mean_x[i] = own_x.centres[i] + mean_x[i] / n;
+            mean_y[i] = own_y.centres[i] + mean_y[i] / n;
+        }
+        return made;
+    }
+
+    answer part_of_state(const asked_function &asked) {
+        const std::string_view part = asked.rule->name.substr(asked.rule->name.find('.') + 1);
+        const column &x = *asked.columns[0];
+        if (part == "nulls") {
+            std::vector<lng> nulls(by_.count());
+            const auto sizes = by_.sizes();
+            for (const column_pointer &column : asked.columns) {
+                const std::vector<lng> &counts = counts_of(*column);
+                for (std::size_t i = 0; i < nulls.size(); ++i)
+                    nulls[i] += sizes[i] - counts[i];
+            }
+            answer result = answer_of(form::lng, std::move(nulls));
+            result.no_nil = true;
+            return result;
+        }
+        if (part == "products" || part == "weights")
+            return weighted_sums(asked)[part == "products" ? 0 : 1];
+        if (part == "high" || part == "low") {
+            const std::vector<wide_integer> &sums = exact_sums(x);
+            constexpr int low_bits = 32;
+            std::vector<lng> halves(sums.size());
+            for (std::size_t i = 0; i < sums.size(); ++i)
+                halves[i] = part == "high" ? static_cast<lng>(sums[i] >> low_bits)
+                                           : static_cast<lng>(sums[i] & 0xffffffff);
+            answer result = answer_of(form::lng, std::move(halves));
+            mark_groups_without_values(x, result);
+            return result;
+        }
+        if (asked.columns.size() == 1) {
+            const moment_states &all = moments_of(x);
+            return answer_of(form::dbl, part == "mean" ? all.mean : part == "m2" ? all.m2 : all.m3);
+        }
+        const pair_states &all = pairs_of(x, *asked.columns[1]);
+        if (part == "n_xy") {
+            answer result = answer_of(form::lng, all.n);
+            result.no_nil = true;
+            return result;
+        }
+        static constexpr std::array<std::string_view, 5> numbers{"mean_x", "mean_y", "m2_x", "m2_y",
+                                                                 "c_xy"};
+        const auto i = static_cast<std::size_t>(std::find(numbers.begin(), numbers.end(), part) -
+                                                numbers.begin());
+        return answer_of(form::dbl, all.numbers[i]);
+    }
+
     // ---- values of certain rows ----
 
     answer place(const asked_function &asked) {
@@ -1030,6 +1162,8 @@ private:
     std::map<const column *, bat> doubles_;
     std::map<const column *, centred_values> centred_;
     std::map<const column *, present_rows> present_;
+    std::map<const column *, moment_states> moments_;
+    std::map<std::pair<const column *, const column *>, pair_states> pairs_;
     std::map<const column *, std::set<double>> fractions_;
     std::map<const column *, quantiles> quantiles_;
 };

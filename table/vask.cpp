@@ -211,11 +211,10 @@ query_context context_of(const vask_query &asked) {
     return {linked_operators(), notes_of(asked), progress_of(asked)};
 }
 
-vask_result *new_result(std::vector<result_column> columns, std::string metadata = {}) {
+vask_result *new_result(std::vector<result_column> columns) {
     result_table table;
     table.rows = columns.empty() ? 0 : columns.front().rows;
     table.columns = std::move(columns);
-    table.metadata = std::move(metadata);
     return new vask_result{std::make_shared<const result_table>(std::move(table))};
 }
 
@@ -365,7 +364,7 @@ int vask_partial(const vask_table *part, const vask_query *query, vask_result **
         const auto asked = bound(required(part, "part"), own);
         const query_context context = context_of(own);
         const partition_setting setting(own.partitions);
-        *states = new_result(partial_states(rows_of(*part), asked, context), states_metadata());
+        *states = new_result(partial_states(rows_of(*part), asked, context));
     });
 }
 
@@ -374,17 +373,24 @@ int vask_merge(const vask_table *const *states, std::size_t n_states, const vask
     return guarded(error, [&] {
         const vask_query own = own_query(query);
         required(result, "result");
-        std::vector<states_part> parts;
+        merge_request asked{{}, {}, {}, own.flags, finish != 0};
         if (n_states > 0)
             required(states, "states");
         for (std::size_t i = 0; i < n_states; ++i) {
             const vask_table &part = required(states[i], "states");
-            parts.push_back({part.columns, rows_of(part)});
+            asked.parts.push_back({part.columns, rows_of(part)});
+        }
+        for (std::size_t i = 0; i < own.n_by; ++i)
+            asked.by.emplace_back(&required(own.by[i], "by"));
+        for (std::size_t i = 0; i < own.n_aggregates; ++i) {
+            const vask_aggregate &aggregate = own.aggregates[i];
+            required(aggregate.function, "function");
+            asked.functions.push_back(
+                {find_function(aggregate.function).rule, title_of(aggregate)});
         }
         const query_context context = context_of(own);
         const partition_setting setting(own.partitions);
-        *result = new_result(merge_states(parts, own, finish != 0, context),
-                             finish != 0 ? std::string() : states_metadata());
+        *result = new_result(merge_states(asked, context));
     });
 }
 
