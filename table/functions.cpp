@@ -19,7 +19,7 @@ constexpr function_rule part_of_state(std::string_view name, unsigned columns, r
     return {name, family::state, columns, nullptr, accepted::any, result, "", "", false, ""};
 }
 
-constexpr std::array<function_rule, 46> rules{{
+constexpr std::array<function_rule, 49> rules{{
     {"size", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
      "rows, nulls and all"},
     {"first_row", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
@@ -89,10 +89,13 @@ constexpr std::array<function_rule, 46> rules{{
     part_of_state("state.high", 1, result_rule::count),
     part_of_state("state.low", 1, result_rule::count),
     part_of_state("state.nulls", 1, result_rule::count),
+    part_of_state("state.centre", 1, result_rule::number),
     part_of_state("state.mean", 1, result_rule::number),
     part_of_state("state.m2", 1, result_rule::number),
     part_of_state("state.m3", 1, result_rule::number),
     part_of_state("state.n_xy", 2, result_rule::count),
+    part_of_state("state.centre_x", 2, result_rule::number),
+    part_of_state("state.centre_y", 2, result_rule::number),
     part_of_state("state.mean_x", 2, result_rule::number),
     part_of_state("state.mean_y", 2, result_rule::number),
     part_of_state("state.m2_x", 2, result_rule::number),

@@ -978,7 +978,7 @@ private:
 
     // ---- states ----
 
-    // Count, mean and centred sums of squares and cubes of a group's values.
+    // Mean, less the centre, and centred sums of squares and cubes of a group's values.
     struct moment_states {
         std::vector<dbl> mean;
         std::vector<dbl> m2;
@@ -1026,7 +1026,7 @@ private:
             const double s2 = made.m2[i];
             made.m3[i] += -3 * s1 * s2 / n + 2 * s1 * s1 * s1 / (n * n);
             made.m2[i] -= s1 * s1 / n;
-            made.mean[i] = own.centres[i] + s1 / n;
+            made.mean[i] = s1 / n;
         }
         return made;
     }
@@ -1068,10 +1068,16 @@ private:
             c[i] -= mean_x[i] * mean_y[i] / n;
             m2_x[i] -= mean_x[i] * mean_x[i] / n;
             m2_y[i] -= mean_y[i] * mean_y[i] / n;
-            mean_x[i] = own_x.centres[i] + mean_x[i] / n;
-            mean_y[i] = own_y.centres[i] + mean_y[i] / n;
+            mean_x[i] /= n;
+            mean_y[i] /= n;
         }
         return made;
+    }
+
+    answer centres_of(const column &of) {
+        answer result = answer_of(form::dbl, centred_of(of).centres);
+        mark_groups_without_values(of, result);
+        return result;
     }
 
     answer part_of_state(const asked_function &asked) {
@@ -1103,9 +1109,13 @@ private:
             return result;
         }
         if (asked.columns.size() == 1) {
+            if (part == "centre")
+                return centres_of(x);
             const moment_states &all = moments_of(x);
             return answer_of(form::dbl, part == "mean" ? all.mean : part == "m2" ? all.m2 : all.m3);
         }
+        if (part == "centre_x" || part == "centre_y")
+            return centres_of(*asked.columns[part == "centre_x" ? 0 : 1]);
         const pair_states &all = pairs_of(x, *asked.columns[1]);
         if (part == "n_xy") {
             answer result = answer_of(form::lng, all.n);

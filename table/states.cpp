@@ -60,13 +60,15 @@ std::vector<state_part> parts_of(const function_rule &rule, kind of) {
             return {{"value", rule.name, rule.name}};
         case family::moment:
             return {{"count", "count", ""},
+                    {"centre", "state.centre", ""},
                     {"mean", "state.mean", ""},
                     {"m2", "state.m2", ""},
                     {"m3", "state.m3", ""}};
         case family::pair:
-            return {{"n_xy", "state.n_xy", ""},     {"mean_x", "state.mean_x", ""},
-                    {"mean_y", "state.mean_y", ""}, {"m2_x", "state.m2_x", ""},
-                    {"m2_y", "state.m2_y", ""},     {"c_xy", "state.c_xy", ""}};
+            return {{"n_xy", "state.n_xy", ""},         {"centre_x", "state.centre_x", ""},
+                    {"centre_y", "state.centre_y", ""}, {"mean_x", "state.mean_x", ""},
+                    {"mean_y", "state.mean_y", ""},     {"m2_x", "state.m2_x", ""},
+                    {"m2_y", "state.m2_y", ""},         {"c_xy", "state.c_xy", ""}};
         case family::distinct:
         case family::order:
         case family::state:
@@ -223,31 +225,35 @@ std::span<const lng> integers_of(const column &of, const teller &tell) {
  * Centred sums of two parts as those of both: Chan, Golub and LeVeque, "Updating formulae and a
  * pairwise algorithm for computing sample variances" (1979), and for third powers Pebay, "Formulas
  * for robust, one-pass parallel computation of covariances and arbitrary-order statistical moments"
- * (2008).
+ * (2008). Means count from centres, which are values: far from 0 a mean alone would lose the digits
+ * by which those of parts differ.
  */
 struct merged_moments {
     double n = 0;
+    double centre = 0;
     double mean = 0;
     double m2 = 0;
     double m3 = 0;
 
-    void add(double n_b, double mean_b, double m2_b, double m3_b) {
+    void add(const merged_moments &b) {
         if (n == 0) {
-            *this = {n_b, mean_b, m2_b, m3_b};
+            *this = b;
             return;
         }
-        const double total = n + n_b;
-        const double d = mean_b - mean;
-        m3 += m3_b + d * d * d * n * n_b * (n - n_b) / (total * total) +
-              3 * d * (n * m2_b - n_b * m2) / total;
-        m2 += m2_b + d * d * n * n_b / total;
-        mean += d * n_b / total;
+        const double total = n + b.n;
+        const double d = (b.centre - centre) + (b.mean - mean);
+        m3 += b.m3 + d * d * d * n * b.n * (n - b.n) / (total * total) +
+              3 * d * (n * b.m2 - b.n * m2) / total;
+        m2 += b.m2 + d * d * n * b.n / total;
+        mean += d * b.n / total;
         n = total;
     }
 };
 
 struct merged_pairs {
     double n = 0;
+    double centre_x = 0;
+    double centre_y = 0;
     double mean_x = 0;
     double mean_y = 0;
     double m2_x = 0;
@@ -260,8 +266,8 @@ struct merged_pairs {
             return;
         }
         const double total = n + b.n;
-        const double dx = b.mean_x - mean_x;
-        const double dy = b.mean_y - mean_y;
+        const double dx = (b.centre_x - centre_x) + (b.mean_x - mean_x);
+        const double dy = (b.centre_y - centre_y) + (b.mean_y - mean_y);
         const double weight = n * b.n / total;
         m2_x += b.m2_x + dx * dx * weight;
         m2_y += b.m2_y + dy * dy * weight;
@@ -271,6 +277,18 @@ struct merged_pairs {
         n = total;
     }
 };
+
+// The numbers of a state, as its parts are called.
+constexpr std::array moment_numbers{
+    std::pair{"centre", &merged_moments::centre}, std::pair{"mean", &merged_moments::mean},
+    std::pair{"m2", &merged_moments::m2}, std::pair{"m3", &merged_moments::m3}};
+constexpr std::array pair_numbers{std::pair{"centre_x", &merged_pairs::centre_x},
+                                  std::pair{"centre_y", &merged_pairs::centre_y},
+                                  std::pair{"mean_x", &merged_pairs::mean_x},
+                                  std::pair{"mean_y", &merged_pairs::mean_y},
+                                  std::pair{"m2_x", &merged_pairs::m2_x},
+                                  std::pair{"m2_y", &merged_pairs::m2_y},
+                                  std::pair{"c_xy", &merged_pairs::c}};
 
 // Spreads below this count as rounding, as the operators have it.
 constexpr double smallest_spread = 1e-7;
@@ -306,7 +324,9 @@ std::optional<double> pair_of(const function_rule &rule, const merged_pairs &of)
     if (std::abs(of.n * of.m2_y) < smallest_spread)
         return std::nullopt;
     const double slope = of.c / of.m2_y;
-    return rule.name == "slope" ? slope : of.mean_x - slope * of.mean_y;
+    if (rule.name == "slope")
+        return slope;
+    return of.centre_x + (of.mean_x - slope * (of.centre_y + of.mean_y));
 }
 
 // ---- merging ------------------------------------------------------------------------------------
@@ -429,36 +449,34 @@ private:
         return numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row]);
     }
 
-    std::vector<merged_moments> moments_of(std::size_t i) const {
+    // `count` is the part that says how many values a state speaks of.
+    template <class Merged, class Numbers>
+    std::vector<Merged> merged_of(std::size_t i, std::string_view count,
+                                  const Numbers &numbers) const {
         const std::string &title = asked_.functions[i].title;
         const found_states &states = states_[i];
-        const auto n = integers_of(*states.part("count", title), context_.tell);
-        const auto mean = doubles_of(*states.part("mean", title), context_.tell);
-        const auto m2 = doubles_of(*states.part("m2", title), context_.tell);
-        const auto m3 = doubles_of(*states.part("m3", title), context_.tell);
-        std::vector<merged_moments> merged(groups_->count());
-        for (std::size_t row = 0; row < n.size(); ++row)
-            if (n[row] > 0)
-                merged[group_of(row)].add(static_cast<double>(n[row]), mean[row], m2[row], m3[row]);
+        const auto n = integers_of(*states.part(count, title), context_.tell);
+        std::vector<std::span<const dbl>> parts;
+        for (const auto &[part, member] : numbers)
+            parts.push_back(doubles_of(*states.part(part, title), context_.tell));
+        std::vector<Merged> merged(groups_->count());
+        for (std::size_t row = 0; row < n.size(); ++row) {
+            if (n[row] <= 0) // the nil, too
+                continue;
+            Merged own;
+            own.n = static_cast<double>(n[row]);
+            for (std::size_t j = 0; j < parts.size(); ++j)
+                own.*(numbers[j].second) = parts[j][row];
+            merged[group_of(row)].add(own);
+        }
         return merged;
     }
 
+    std::vector<merged_moments> moments_of(std::size_t i) const {
+        return merged_of<merged_moments>(i, "count", moment_numbers);
+    }
     std::vector<merged_pairs> pairs_of(std::size_t i) const {
-        const std::string &title = asked_.functions[i].title;
-        const found_states &states = states_[i];
-        const auto n = integers_of(*states.part("n_xy", title), context_.tell);
-        const auto numbers = [&](std::string_view part) {
-            return doubles_of(*states.part(part, title), context_.tell);
-        };
-        const std::array parts{numbers("mean_x"), numbers("mean_y"), numbers("m2_x"),
-                               numbers("m2_y"), numbers("c_xy")};
-        std::vector<merged_pairs> merged(groups_->count());
-        for (std::size_t row = 0; row < n.size(); ++row)
-            if (n[row] > 0)
-                merged[group_of(row)].add({static_cast<double>(n[row]), parts[0][row],
-                                           parts[1][row], parts[2][row], parts[3][row],
-                                           parts[4][row]});
-        return merged;
+        return merged_of<merged_pairs>(i, "n_xy", pair_numbers);
     }
 
     // By group number, one number of what was merged.
@@ -522,27 +540,17 @@ private:
         for (const result_column &column : merged)
             if (column.name.compare(0, prefix.size(), prefix) == 0)
                 states.push_back(column);
-        if (rule.of == family::moment) {
-            const std::vector<merged_moments> all = moments_of(i);
-            states.push_back(count_of(name("count"), all));
-            using m = merged_moments;
-            for (const auto &[part, number] :
-                 {std::pair{"mean", &m::mean}, std::pair{"m2", &m::m2}, std::pair{"m3", &m::m3}})
-                states.push_back(number_of(name(part), all, [number = number](const m &of) {
-                    return of.n > 0 ? std::optional(of.*number) : std::nullopt;
+        const auto add = [&](const auto &all, std::string_view count, const auto &numbers) {
+            states.push_back(count_of(name(count), all));
+            for (const auto &[part, member] : numbers)
+                states.push_back(number_of(name(part), all, [member = member](const auto &of) {
+                    return of.n > 0 ? std::optional(of.*member) : std::nullopt;
                 }));
-        } else if (rule.of == family::pair) {
-            const std::vector<merged_pairs> all = pairs_of(i);
-            states.push_back(count_of(name("n_xy"), all));
-            using p = merged_pairs;
-            for (const auto &[part, number] :
-                 {std::pair{"mean_x", &p::mean_x}, std::pair{"mean_y", &p::mean_y},
-                  std::pair{"m2_x", &p::m2_x}, std::pair{"m2_y", &p::m2_y},
-                  std::pair{"c_xy", &p::c}})
-                states.push_back(number_of(name(part), all, [number = number](const p &of) {
-                    return of.n > 0 ? std::optional(of.*number) : std::nullopt;
-                }));
-        }
+        };
+        if (rule.of == family::moment)
+            add(moments_of(i), "count", moment_numbers);
+        else if (rule.of == family::pair)
+            add(pairs_of(i), "n_xy", pair_numbers);
     }
 
     // ---- the result ----

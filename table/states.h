@@ -28,8 +28,9 @@ namespace vask::table {
  *     weighted_mean                      products, weights
  *     min, max, first, last, any         value
  *     range                              least, greatest
- *     stdev, variance, skews and theirs  count, mean, m2, m3 (sums of powers of distances from it)
- *     covars, correl and theirs          n_xy, mean_x, mean_y, m2_x, m2_y, c_xy
+ *     stdev, variance, skews and theirs  count, centre, mean (less the centre), m2, m3 (sums of
+ *                                        powers of the distances from the mean)
+ *     covars, correl and theirs          n_xy, centre_x, centre_y, mean_x, mean_y, m2_x, m2_y, c_xy
  *     count_distinct, mode               value, count: of different values, in rows of their own
  *     all with VASK_KEEP_NULLS           nulls besides
  */
