@@ -7,6 +7,7 @@
 #include "rows/key_window.h"
 #include "rows/keys.h"
 #include "rows/range_tasks.h"
+#include "rows/text_hash.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -81,23 +82,25 @@ key_loader<Key> load_keys(Keys keys) {
     };
 }
 
-//! Hashes of the texts of a block, in which most of them lie far from each other: asked for ahead.
+//! Texts of a block by what they read, with their hashes. Most lie far from each other and are
+//! asked for ahead: 64 texts ahead takes 5 ns a row, 16 ahead 13.
 template <class Offset>
-void hash_texts(const offset_keys<Offset> &keys, BUN row, BUN n, std::uint32_t *hashes) {
-    constexpr std::size_t ahead = 16;
+void hash_texts(const offset_keys<Offset> &keys, text_hash hash, BUN row, BUN n,
+                std::uint32_t *hashes) {
+    constexpr std::size_t ahead = 64;
     for (std::size_t i = 0; i < n; ++i) {
         if (i + ahead < n)
             __builtin_prefetch(keys.text(row, i + ahead));
-        hashes[i] = vask_str_hash(keys.text(row, i));
+        hashes[i] = hash(keys.text(row, i));
     }
 }
 
 //! Texts with their hashes, beside nothing.
 template <class Offset>
-key_loader<std::uint64_t> load_texts(const offset_keys<Offset> &texts) {
+key_loader<std::uint64_t> load_texts(const offset_keys<Offset> &texts, text_hash hash) {
     return [=](BUN row, BUN n, std::uint32_t *hashes, std::uint64_t *out, bool again) {
         if (!again)
-            hash_texts(texts, row, n, hashes);
+            hash_texts(texts, hash, row, n, hashes);
         for (std::size_t i = 0; i < n; ++i)
             out[i] = text_bits(hashes[i], texts.offset(row, i));
         return true;
@@ -142,6 +145,15 @@ key_span<Offset> span_of_offsets(const offset_keys<Offset> &texts,
         }
         return {all.least, all.most - all.least};
     }
+}
+
+//! Hashes the texts of the span. Of narrow offsets, whose span is not that of rows, no text is
+//! known to be the last one.
+template <class Offset>
+text_hash hash_of_span(const offset_keys<Offset> &texts, key_span<Offset> span) {
+    return {sizeof(Offset) < sizeof(std::uint32_t)
+                ? texts.texts.heap
+                : texts.texts.at_offset(static_cast<std::uint32_t>(span.least + span.span))};
 }
 
 //! Calls `body(keys)` with the offset_keys of a text column.

@@ -1,4 +1,5 @@
 // The three ways of giving rows their groups, each against the plain way and so against each other.
+#include "rows/column_keys.h"
 #include "rows/group_by_buckets.h"
 #include "rows/group_by_index.h"
 #include "rows/group_by_table.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -167,6 +169,36 @@ TEST(GroupWays, FailuresAreTold) {
                   grouping_outcome::failed);
         EXPECT_EQ(by_index(rows, sink), grouping_outcome::failed);
     }
+}
+
+//! Two texts that share their hash.
+std::pair<std::string, std::string> texts_of_one_hash() {
+    std::unordered_map<std::uint32_t, std::string> known;
+    for (int i = 0;; ++i) {
+        const std::string text = std::to_string(i);
+        // Read by bytes.
+        const auto [at, is_new] = known.emplace(text_hash{text.data()}(text.data()), text);
+        if (!is_new)
+            return {at->second, text};
+    }
+}
+
+TEST(GroupWays, TextsOfOneHashAreToldApart) {
+    const auto [one, other] = texts_of_one_hash();
+    rows_to_group rows(20'000, 1, 2, 1);
+    refkernel::text_builder builder({.sharing = refkernel::text_sharing::anew, .offset_width = 4});
+    for (std::size_t row = 0; row < rows.keys.size(); ++row) {
+        rows.keys[row] = row % 3 == 0;
+        builder.append(row % 3 == 0 ? one : other);
+    }
+    const refkernel::bat b = builder.finish();
+    const offset_keys<std::uint32_t> texts(*b->tail);
+    ASSERT_EQ(group_by_buckets(
+                  rows.task(), text_content_keys<std::uint64_t>{text_reader(*b->tail)},
+                  load_texts(texts, hash_of_span(texts, span_of_offsets(texts, rows.ranges))),
+                  rows.sink()),
+              grouping_outcome::done);
+    EXPECT_EQ(support::difference(rows.result(), rows.expected()), "");
 }
 
 //! Every hash is the same, so that every probe walks over all keys before it.

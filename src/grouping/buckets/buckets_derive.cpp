@@ -88,10 +88,11 @@ bool refine_numbers(const refinement &r) {
 template <class Offset>
 bool refine_texts(const refinement &r, const offset_keys<Offset> &texts) {
     grouping_keys<std::uint64_t, text_content_keys<wide_key>> keys({text_reader(*r.b.tail)});
-    keys.index = index_of_pairs(r.groups, texts, span_of_offsets(texts, r.rows.ranges), r.rows);
+    const key_span<Offset> span = span_of_offsets(texts, r.rows.ranges);
+    keys.index = index_of_pairs(r.groups, texts, span, r.rows);
     keys.one_index_per_value = false;
     keys.load = load_derived_places(r.groups, texts);
-    keys.load_for_buckets = load_derived_texts(r.groups, texts);
+    keys.load_for_buckets = load_derived_texts(r.groups, texts, hash_of_span(texts, span));
     return refine(r, keys);
 }
 

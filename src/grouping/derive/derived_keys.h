@@ -96,13 +96,14 @@ key_loader<std::uint64_t> load_derived_places(const Groups &groups,
 //! Texts by what they read. Their hashes are kept as notes: finding those again costs more than the
 //! numbers of old groups.
 template <class Offset, class Groups>
-key_loader<wide_key> load_derived_texts(const Groups &groups, const offset_keys<Offset> &texts) {
+key_loader<wide_key> load_derived_texts(const Groups &groups, const offset_keys<Offset> &texts,
+                                        text_hash hash) {
     return [=](BUN row, BUN n, std::uint32_t *hashes, wide_key *out, bool again) {
         std::array<BUN, block_rows> numbers;
         if (!groups.number(row, n, numbers.data()))
             return false;
         if (!again)
-            hash_texts(texts, row, n, hashes);
+            hash_texts(texts, hash, row, n, hashes);
         for (std::size_t i = 0; i < n; ++i)
             out[i] = wide_key::of(text_bits(hashes[i], texts.offset(row, i)), numbers[i]);
         return true;

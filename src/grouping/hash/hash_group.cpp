@@ -87,11 +87,11 @@ template <class Offset>
 int group_texts(const hash_grouping &g, const offset_keys<Offset> &column) {
     std::optional<vask_group_table<str>> groups;
     grouping_keys<std::uint32_t, text_content_keys<std::uint64_t>> keys({text_reader(*g.b.tail)});
-    const auto [least, span] = span_of_offsets(column, g.rows.ranges);
-    keys.index = index_of(g, column, least, span);
+    const key_span<Offset> span = span_of_offsets(column, g.rows.ranges);
+    keys.index = index_of(g, column, span.least, span.span);
     keys.one_index_per_value = false;
     keys.load = load_keys<std::uint32_t>(column);
-    keys.load_for_buckets = load_texts(column);
+    keys.load_for_buckets = load_texts(column, hash_of_span(column, span));
     keys.resolve = resolver<str>(g, column, groups);
     return group(g, keys);
 }

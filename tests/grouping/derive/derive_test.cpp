@@ -310,7 +310,8 @@ TEST(Derive, TextsByPlaceAndByContent) {
                     .offset_width = width});
                 std::vector<std::string> texts;
                 for (BUN row = 0; row < l.rows; ++row) {
-                    // Some texts share their hash: 31 times a byte up, one times a byte down.
+                    // Some texts share the hash of the table of pairs: 31 times a byte up, one times
+                    // a byte down.
                     const std::uint64_t pick = random() % 40;
                     texts.push_back(pick < 2 ? (pick == 0 ? "Aa" : "BB")
                                              : std::string(pick % 7, '\xe9') + "x");
