@@ -80,7 +80,7 @@ private:
     static constexpr std::size_t growth = 4;
     // From this many on the slots leave the second-level cache and are fetched ahead of their use.
     static constexpr std::size_t cached_slots = std::size_t{1} << 15;
-    static constexpr std::size_t fetched_ahead = 16;
+    static constexpr std::size_t fetched_ahead = 32;
     // Of a block's keys, from a sixteenth on are many new ones.
     static constexpr std::uint32_t many_new_share = 16;
     // Codes stay below 2^32.
