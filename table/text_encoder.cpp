@@ -4,6 +4,8 @@
 #include "table/text_key.h"
 #include "table/validity_bits.h"
 
+#include "rows/huge_pages.h"
+
 #include <algorithm>
 #include <bit>
 #include <limits>
@@ -168,13 +170,22 @@ void encode_range(std::span<const text_chunk> chunks, const std::vector<row_posi
 // ---- the ranges' texts to codes
 // --------------------------------------------------------------------
 
-//! Where a text of a range was met first.
+//! Where an earlier range has a range's text. Word 0: nowhere.
 struct first_place {
     std::uint32_t range;
     number word;
 };
 
-//! Finds, for texts whose hashes have one prefix, the first range that has them.
+//! Values for so many words, in pages as large as the system has.
+template <class T>
+void resize_for_words(std::vector<T> &values, std::size_t n, T initial = {}) {
+    values.reserve(n);
+    advise_huge_pages(values.data(), n * sizeof(T));
+    values.resize(n, initial);
+}
+
+//! Finds, for texts whose hashes have one prefix, the first range that has them. Nothing is written
+//! for that range: each place is a line of memory, and most texts can be in one range alone.
 void find_first_places(std::span<const row_range> ranges, std::uint32_t prefix,
                        unsigned prefix_bits, std::vector<std::vector<first_place>> &places) {
     struct slot {
@@ -199,10 +210,11 @@ void find_first_places(std::span<const row_range> ranges, std::uint32_t prefix,
                 }
                 if (s.hash == text.hash && s.place.range != r &&
                     ranges[s.place.range].texts.same(mine.key(text.word), mine.text(text.word),
-                                                     s.place.word))
+                                                     s.place.word)) {
+                    places[r][text.word] = s.place;
                     break;
+                }
             }
-            places[r][text.word] = slots[at].place;
         });
     }
 }
@@ -222,7 +234,7 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
         texts += range.texts.size();
     in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
-            places[r].resize(ranges[r].texts.size() + std::size_t{1});
+            resize_for_words(places[r], ranges[r].texts.size() + std::size_t{1});
     });
     const unsigned prefix_bits =
         std::min(static_cast<unsigned>(std::bit_width(texts / texts_per_prefix)), most_prefix_bits);
@@ -231,7 +243,7 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
             find_first_places(ranges, static_cast<std::uint32_t>(prefix), prefix_bits, places);
     });
 
-    const auto is_first = [&](std::size_t r, number word) { return places[r][word].range == r; };
+    const auto is_first = [&](std::size_t r, number word) { return places[r][word].word == 0; };
     std::vector<std::size_t> firsts(ranges.size() + 1);
     in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
@@ -240,12 +252,12 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
     });
     for (std::size_t r = 0; r < ranges.size(); ++r)
         firsts[r + 1] += firsts[r];
-    words.resize(firsts.back());
+    resize_for_words(words, firsts.back());
 
     code_maps codes(ranges.size());
     in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r) {
-            codes[r].resize(ranges[r].texts.size() + std::size_t{1}, missing_code);
+            resize_for_words(codes[r], ranges[r].texts.size() + std::size_t{1}, missing_code);
             std::size_t code = firsts[r];
             for (number word = 1; word <= ranges[r].texts.size(); ++word)
                 if (is_first(r, word)) {

@@ -24,6 +24,10 @@ struct text_key {
     //! Whether equal keys are equal texts.
     bool is_whole_text() const noexcept { return high >> 56 != long_text_mark; }
 
+    std::uint64_t length() const noexcept {
+        return is_whole_text() ? high >> 56 : high & ~std::uint64_t{0} >> 8;
+    }
+
     static constexpr std::uint64_t longest_whole = 15;
     static constexpr std::uint64_t long_text_mark = 0xff;
 };
