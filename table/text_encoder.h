@@ -51,7 +51,7 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
 //! How the work is done; no result depends on it.
 struct text_encoding_plan {
     std::size_t ranges;                    //!< contiguous rows, each the work of a task
-    std::uint32_t hash_bits = 0xffffffffU; //!< of hashes that are kept; 0 makes all equal
+    std::uint32_t hash_bits = 0xffffffffU; //!< of hashes that are kept; 0: all are equal
 };
 
 //! The same by a given plan.

@@ -44,12 +44,13 @@ VASK_ALWAYS_INLINE T load_unaligned(const void *from) noexcept {
 //! process, so nobody can prepare texts of equal hashes.
 class text_hash {
 public:
-    //! `kept_bits`: of the hashes, so that tests can make many texts meet.
+    //! `kept_bits`: of the hashes, so that tests can make many texts meet. The others are 1: what
+    //! meets does so at the end of a table.
     explicit text_hash(std::uint32_t kept_bits);
 
     VASK_ALWAYS_INLINE std::uint32_t operator()(text_key key) const noexcept {
-        return static_cast<std::uint32_t>(folded(key.low ^ first_, key.high ^ second_) >> 32) &
-               kept_bits_;
+        return static_cast<std::uint32_t>(folded(key.low ^ first_, key.high ^ second_) >> 32) |
+               ~kept_bits_;
     }
 
     //! The key of a text of at least 16 bytes.
@@ -60,7 +61,7 @@ public:
             hash = mixed(hash, text + i);
         // The last 16 bytes, which can overlap the ones before.
         hash = mixed(hash, text + n - step);
-        hash &= std::uint64_t{kept_bits_} << 32 | kept_bits_;
+        hash |= ~(std::uint64_t{kept_bits_} << 32 | kept_bits_);
         return {hash, text_key::long_text_mark << 56 | (n & ~std::uint64_t{0} >> 8)};
     }
 
