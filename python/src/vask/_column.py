@@ -267,7 +267,7 @@ class Column:
         return [data[a - start : b - start] for a, b in zip(offsets, offsets[1:])]
 
     def _raw_views(self, first: int, rows: int, present: list[bool]) -> list[bytes]:
-        """Views: up to 12 bytes stand in the view itself, longer texts in a buffer that it names."""
+        """Views: up to 12 bytes stand in the view, longer texts in a buffer that it names."""
         data = ctypes.string_at(self._address(1) + 16 * first, 16 * rows)
         texts = []
         for row, there in enumerate(present):
