@@ -200,7 +200,7 @@ def test_signals_of_the_program_stay_its_own(data):
     before = signal.signal(signal.SIGALRM, ring)
     try:
         signal.setitimer(signal.ITIMER_REAL, 0.05)
-        with pytest.raises(Alarm):
+        with pytest.raises(Alarm):  # noqa: PT012
             while True:
                 vask.aggregate(data, ["k", "t"], m=("v", "median"))
     finally:
