@@ -15,7 +15,9 @@ FENCE = re.compile(r"^```(\w+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 def run(page: Path) -> int:
     """Runs a page's examples; the number of them."""
     text = page.read_text()
-    blocks = [(m.group(1), m.group(2), text.count("\n", 0, m.start())) for m in FENCE.finditer(text)]
+    blocks = [
+        (m.group(1), m.group(2), text.count("\n", 0, m.start())) for m in FENCE.finditer(text)
+    ]
     namespace: dict = {"__name__": "__main__"}
     count = 0
     for i, (language, code, line) in enumerate(blocks):

@@ -14,7 +14,7 @@ __all__ = [
     "Record",
     "capsule_of",
     "release",
-    "stream_pointer",
+    "stream_of",
     "struct_pointer",
 ]
 
@@ -104,7 +104,8 @@ def struct_pointer(capsule: object, name: bytes) -> int:
     return pointer
 
 
-def stream_pointer(capsule: object) -> ArrowArrayStream:
+def stream_of(capsule: object) -> ArrowArrayStream:
+    """The stream in a capsule, which has to be held while the stream is used."""
     return ArrowArrayStream.from_address(struct_pointer(capsule, STREAM_CAPSULE))
 
 

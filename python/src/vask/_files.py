@@ -7,7 +7,6 @@ from collections.abc import Iterator, Sequence
 from pathlib import Path
 from typing import Any, Optional, Union
 
-from . import _arrow
 from ._table import NativeTable, Source
 from .errors import DataError, Error, InvalidTypeError, InvalidValueError
 
@@ -115,6 +114,6 @@ class FileSource(Source):
         else:
             table = self._pyarrow.Table.from_batches(chunks)
         try:
-            return NativeTable.of_stream(_arrow.stream_pointer(table.__arrow_c_stream__()))
+            return NativeTable.of_stream(table.__arrow_c_stream__())
         except Error as failure:
             raise type(failure)(f"{self._path}: {failure}") from failure

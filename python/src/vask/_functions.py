@@ -82,7 +82,8 @@ def _read_rules() -> dict[str, _Rule]:
             parameter=float(fixed) if fixed else None,
         )
     for name, function in _NAMES.items():
-        rules[name] = rules[function]
+        if function in rules:
+            rules[name] = rules[function]
     return rules
 
 

@@ -8,7 +8,7 @@ from ctypes import byref, c_void_p
 from dataclasses import dataclass, field
 from typing import Any, Optional, Union
 
-from . import _arrow, _library
+from . import _library
 from ._calls import run_query
 from ._functions import Request, Selector, check_types, requests_of
 from ._progress import Progress
@@ -217,4 +217,4 @@ def _on(function: Any, *arguments: Any) -> Any:
 def _states_table(handle: c_void_p) -> NativeTable:
     """States as a table, which is what they are merged from."""
     result = Result(handle)
-    return NativeTable.of_stream(_arrow.stream_pointer(result.__arrow_c_stream__()))
+    return NativeTable.of_stream(result.__arrow_c_stream__())

@@ -39,9 +39,10 @@ class NativeTable:
         return max(0, int(_library.library.vask_table_rows(self.handle)))
 
     @classmethod
-    def of_stream(cls, stream: _arrow.ArrowArrayStream, nan_is_null: bool = False) -> NativeTable:
-        """Takes over a stream of records."""
+    def of_stream(cls, capsule: object, nan_is_null: bool = False) -> NativeTable:
+        """Takes the stream of records out of a capsule."""
         table = cls(nan_is_null)
+        stream = _arrow.stream_of(capsule)
         try:
             schema = _arrow.stream_schema(stream)
         except OSError as failure:
@@ -177,8 +178,7 @@ class StreamSource(Source):
 
     def table(self, columns: Sequence[str]) -> NativeTable:
         chosen = self._select(columns or self.names[:1])
-        capsule = chosen.__arrow_c_stream__()
-        return NativeTable.of_stream(_arrow.stream_pointer(capsule), self._nan_is_null)
+        return NativeTable.of_stream(chosen.__arrow_c_stream__(), self._nan_is_null)
 
 
 class MappingSource(Source):
@@ -287,8 +287,7 @@ def source_of(data: Any) -> Source:
         if source is not None:
             return source
     if hasattr(data, "__arrow_c_stream__"):
-        capsule = data.__arrow_c_stream__()
-        return TableSource(NativeTable.of_stream(_arrow.stream_pointer(capsule)))
+        return TableSource(NativeTable.of_stream(data.__arrow_c_stream__()))
     if hasattr(data, "__arrow_c_array__"):
         return _record_source(data)
     raise InvalidTypeError(
