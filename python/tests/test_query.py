@@ -152,7 +152,7 @@ def test_groups():
     assert g.size().to_pydict() == {"k": ["x", "y", None], "size": [3, 2, 1]}
     assert g.agg({"v": "sum", "w": ["min", "max"]}).columns == ["k", "v", "w_min", "w_max"]
     assert g.agg("max").columns == ["k", "j", "v", "w"]
-    assert g.agg(["min", "max"]).columns[:3] == ["k", "j_min", "j_max"]
+    assert g.agg(["min", "max"]).columns[:4] == ["k", "j_min", "j_max", "v_min"]
     assert g.agg(("v", "sum")).columns == ["k", "sum(v)"]
     assert g.agg("size").columns == ["k", "size"]
     assert g.agg(n="size", m=("v", "mean"))["m"].to_pylist() == [10 / 3, 3.5, 4.0]

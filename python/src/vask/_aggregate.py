@@ -198,8 +198,8 @@ class GroupBy:
             elif isinstance(spec, str) and spec not in ("size", "len", "first_row"):
                 self._add_each(query, spec, None, ())
             elif isinstance(spec, list):
-                for function in spec:
-                    for column in self._others():
+                for column in self._others():
+                    for function in spec:
                         query.add(f"{column}_{function}", (column, function))
             else:
                 query.add(spec if isinstance(spec, str) else None, spec)

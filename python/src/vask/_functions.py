@@ -120,6 +120,8 @@ def requests_of(
     label = f"result {result!r}" if result is not None else f"aggregate {spec!r}"
     if isinstance(spec, str):
         spec = ((), spec)
+    elif hasattr(spec, "aggfunc"):  # pandas.NamedAgg, which is a tuple up to pandas 2
+        spec = (spec.column, spec.aggfunc, *getattr(spec, "args", ()))
     if not isinstance(spec, tuple) or len(spec) < 1:
         raise InvalidTypeError(
             f"{label}: an aggregate is a tuple (column, function, *parameters), not {spec!r}"

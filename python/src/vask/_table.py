@@ -286,6 +286,8 @@ def source_of(data: Any) -> Source:
         source = _selecting_source(data)
         if source is not None:
             return source
+    if module in ("pyarrow", "vask") and hasattr(data, "null_count"):
+        raise InvalidTypeError("the data are one column, not a table; give {'x': column}")
     if hasattr(data, "__arrow_c_stream__"):
         return TableSource(NativeTable.of_stream(data.__arrow_c_stream__()))
     if hasattr(data, "__arrow_c_array__"):
