@@ -119,10 +119,11 @@ def test_a_fork_waits_for_calls_of_other_threads(data):
 SCRIPT = """
     import os, signal, sys, threading, time
     import numpy as np
+    import pyarrow as pa
     import vask
 
     rng = np.random.default_rng(7)
-    data = {name: rng.integers(0, 10_000_000, 10_000_000) for name in "abcd"}
+    data = pa.table({name: rng.integers(0, 10_000_000, 10_000_000) for name in "abcd"})
     vask.aggregate({"a": [1]}, s=("a", "sum"))
 
     def stop():

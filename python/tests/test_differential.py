@@ -193,7 +193,11 @@ def test_pandas(case, backend):
         zeros = {k: frame[k] + 0.0 for k in by if pa.types.is_floating(table.schema.field(k).type)}
         frame = frame.assign(**zeros)
     # It would compute moments of float32 in 24 bits.
-    frame = frame.assign(v=frame["v"].astype(str(frame["v"].dtype).replace("float32", "float64").replace("float[", "double[")))
+    frame = frame.assign(
+        v=frame["v"].astype(
+            str(frame["v"].dtype).replace("float32", "float64").replace("float[", "double[")
+        )
+    )
     groups = frame.groupby(by, dropna=False, sort=False, observed=True)["v"]
     theirs = {
         "size": groups.size(),

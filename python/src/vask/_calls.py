@@ -2,15 +2,15 @@
 
 from __future__ import annotations
 
+import _thread
+import atexit
 import os
 import threading
-from collections.abc import Iterator
-from contextlib import contextmanager
+import weakref
 from typing import Any, Callable, Optional, Union
 
 from . import _library
 from ._progress import Progress, show_progress
-from .errors import CancelledError
 
 __all__ = ["call", "run_query"]
 
@@ -18,56 +18,55 @@ __all__ = ["call", "run_query"]
 _ROWS_OF_A_LONG_CALL = 1 << 18
 #: Seconds between two looks at how far a call is.
 _TICK = 0.1
+#: Seconds that a cancelled call has for coming to the end of its step before it is left alone.
+_GRACE = 0.25
 
 
 class _ForkGate:
-    """Counts the calls that are under way; a fork waits until there are none.
+    """A lock for each thread, held during its calls. A fork takes those of all other threads.
 
-    A fork copies memory but only one thread: locks that other threads hold at that moment stay
-    locked in the child for ever.
+    A fork copies memory but only one thread: locks of the library that other threads hold at that
+    moment would stay locked in the child for ever. Locks are used, not a count of calls, as an
+    exception that a signal raises can come between any two steps but those of ``with lock``.
     """
 
     def __init__(self) -> None:
-        self._own = threading.local()
-        self._reset()
+        self._forget()
         if hasattr(os, "register_at_fork"):
             os.register_at_fork(
-                before=self._close, after_in_parent=self._open, after_in_child=self._reset
+                before=self._close, after_in_parent=self._open, after_in_child=self._forget
             )
 
-    def _reset(self) -> None:
-        self._changed = threading.Condition()
-        self._calls = self._depth
-        self._forking = False
-
-    @property
-    def _depth(self) -> int:
-        """Calls on this thread's own stack, as in a callback, which no wait would end."""
-        return getattr(self._own, "depth", 0)
+    def _forget(self) -> None:
+        self._own = threading.local()
+        self._registry = threading.Lock()
+        self._locks: weakref.WeakSet[Any] = weakref.WeakSet()
+        self._taken: list[Any] = []
 
     def _close(self) -> None:
-        with self._changed:
-            self._forking = True
-            self._changed.wait_for(lambda: self._calls <= self._depth)
+        self._registry.acquire()
+        # A fork out of a callback must not wait for its own thread's call.
+        own = getattr(self._own, "lock", None)
+        for lock in list(self._locks):
+            if lock is not own:
+                lock.acquire()
+                self._taken.append(lock)
 
     def _open(self) -> None:
-        with self._changed:
-            self._forking = False
-            self._changed.notify_all()
+        while self._taken:
+            self._taken.pop().release()
+        self._registry.release()
 
-    @contextmanager
-    def call(self) -> Iterator[None]:
-        with self._changed:
-            self._changed.wait_for(lambda: not self._forking or self._depth > 0)
-            self._calls += 1
-        self._own.depth = self._depth + 1
-        try:
-            yield
-        finally:
-            self._own.depth = self._depth - 1
-            with self._changed:
-                self._calls -= 1
-                self._changed.notify_all()
+    @property
+    def lock(self) -> Any:
+        """This thread's lock."""
+        lock = getattr(self._own, "lock", None)
+        if lock is None:
+            lock = threading.RLock()  # a producer of data that is being read may call, too
+            with self._registry:
+                self._locks.add(lock)
+            self._own.lock = lock
+        return lock
 
 
 _gate = _ForkGate()
@@ -75,41 +74,80 @@ _gate = _ForkGate()
 
 def call(function: Callable[..., int], *arguments: Any) -> None:
     """A short call: raises what the library reports."""
-    with _gate.call():
+    with _gate.lock:
         _library.checked(function, *arguments)
 
 
 class _Job:
     """A call on a thread of its own, and what it and the waiting thread tell each other."""
 
-    def __init__(self, work: Callable[[], None]) -> None:
-        self.cancelled = False
+    def __init__(self, work: Callable[[], None], discard: Callable[[], None]) -> None:
         self.done = 0.0
         self.failure: Optional[BaseException] = None
         self.finished = threading.Event()
         self._work = work
-        self.thread = threading.Thread(target=self._run, name="vask", daemon=True)
+        self._discard = discard
+        self._turn = threading.Lock()
+        self._running = False
+        self._cancelled = False
+        self._abandoned = False
+
+    def start(self) -> None:
+        # Not by threading.Thread, whose books a signal's exception leaves half written.
+        _thread.start_new_thread(self._run, ())
 
     def _run(self) -> None:
+        with self._turn:
+            if self._cancelled:
+                return
+            self._running = True
         try:
             self._work()
         except BaseException as failure:  # raised again where the call was made
             self.failure = failure
-        finally:
+        with self._turn:
             self.finished.set()
+            if self._abandoned:
+                _abandoned.discard(self)
+                if self.failure is None:
+                    self._discard()
 
     def tell(self, _context: Optional[int], done: float) -> int:
         self.done = done
-        return int(self.cancelled)
+        return int(self._cancelled)
 
-    def stop(self) -> None:
-        """Waits for the end also when the user loses patience: the call works on lent memory."""
-        self.cancelled = True
-        while self.thread.is_alive():
+    def stop(self, may_go_on: bool) -> None:
+        """Cancels the call. One that `may_go_on` is left alone in the middle of a long step.
+
+        Others are waited for, also when the user loses patience: memory that somebody may write to
+        is lent to them.
+        """
+        while True:
             try:
-                self.thread.join()
-            except KeyboardInterrupt:
+                with self._turn:
+                    self._cancelled = True
+                if not self._running or self.finished.wait(_GRACE if may_go_on else None):
+                    return
+                with self._turn:
+                    if not self.finished.is_set():
+                        self._abandoned = True
+                        _abandoned.add(self)
+                return
+            except BaseException:
                 continue
+
+
+#: Calls that nobody waits for any more. They end with their step.
+_abandoned: set[_Job] = set()
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_abandoned.clear)  # the child has none of the threads
+
+
+@atexit.register
+def _wait_for_abandoned() -> None:
+    """The library's memory must not go away beneath a call."""
+    for job in list(_abandoned):
+        job.finished.wait()
 
 
 def run_query(
@@ -117,37 +155,34 @@ def run_query(
     query: _library.Query,
     rows: int,
     progress: Union[bool, Progress],
-    *arguments: Any,
+    discard: Callable[[], None],
+    may_go_on: bool,
 ) -> None:
-    """A call with a query, whose progress function it sets.
+    """A call with a query, whose progress function it sets. `function` takes the error's place.
 
     Signals are handled on the main thread alone, and there only while it runs Python code. So a
     long call of the main thread goes to another thread and the main thread waits for it: Ctrl-C
-    ends the wait, and the progress function the call.
+    ends the wait, and the progress function the call. `discard` frees the result of a call that
+    went on (:meth:`_Job.stop`).
     """
     on_main = threading.current_thread() is threading.main_thread()
     if not progress and (not on_main or rows < _ROWS_OF_A_LONG_CALL):
-        call(function, *arguments)
+        call(function)
         return
 
-    job = _Job(lambda: call(function, *arguments))
+    job = _Job(lambda: call(function), discard)
     query.progress = _library.PROGRESS(job.tell)
-    try:
-        with show_progress(progress) as show:
-            try:
-                job.thread.start()
-                while not job.finished.wait(_TICK if show else None):
-                    if show:
-                        show(job.done)
-            except BaseException:
-                job.stop()
-                raise
-            if show and job.failure is None:
-                show(1.0)
-    finally:
-        query.progress = _library.PROGRESS()
+    with show_progress(progress) as show:
+        try:
+            job.start()
+            while not job.finished.wait(_TICK if show else None):
+                if show:
+                    show(job.done)
+        except BaseException:
+            job.stop(may_go_on)
+            raise
+        if show and job.failure is None:
+            show(1.0)
     if job.failure is not None:
         failure, job.failure = job.failure, None
-        if isinstance(failure, CancelledError) and not job.cancelled:
-            raise CancelledError("the call was stopped")
         raise failure

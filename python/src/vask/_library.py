@@ -40,6 +40,7 @@ NAN_IS_NULL = 2
 WIDE_SUMS = 4
 SORT_GROUPS = 8
 DROP_NULL_KEYS = 16
+NAN_KEY_IS_NULL = 32
 
 
 class Aggregate(Structure):

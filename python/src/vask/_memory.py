@@ -207,13 +207,15 @@ def text_column(items: Sequence[Any], encode: bool = True) -> MemoryColumn:
         b"" if item is None else item.encode("utf-8", "surrogatepass") if encode else bytes(item)
         for item in items
     ]
-    offsets = array("q", [0])
+    joined = b"".join(encoded)
+    wide = len(joined) >= 2**31
+    offsets = array("q" if wide else "i", [0])
     offsets.extend(itertools.accumulate(map(len, encoded)))
     validity, nulls = _validity(items)
     return MemoryColumn(
-        "U" if encode else "Z",
+        ("U" if wide else "u") if encode else ("Z" if wide else "z"),
         len(items),
-        [validity, offsets, b"".join(encoded)],
+        [validity, offsets, joined],
         nulls,
         copied="Python's texts are encoded" if encode else "Python's bytes are joined",
     )

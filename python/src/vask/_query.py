@@ -62,7 +62,7 @@ class Options:
         if self.sort:
             flags |= _library.SORT_GROUPS
         if self.dropna:
-            flags |= _library.DROP_NULL_KEYS
+            flags |= _library.DROP_NULL_KEYS | _library.NAN_KEY_IS_NULL
         return flags
 
 
@@ -161,13 +161,15 @@ class Query:
     def _call(self, function: Any, table: NativeTable, notes: list[str]) -> c_void_p:
         """Runs one of the library's functions on a table: its result's handle."""
         notes += table.notes
-        query, _kept = self._structure(table, notes)
+        query, kept = self._structure(table, notes)
         handle = c_void_p()
         run_query(
-            _on(function, table.handle, byref(query), byref(handle)),
+            _on(function, table.handle, byref(query), byref(handle), keep=(table, kept)),
             query,
             table.rows,
             self.options.progress,
+            lambda: _library.library.vask_result_free(handle),
+            not table.lent_by_others,
         )
         return handle
 
@@ -186,7 +188,7 @@ class Query:
         return self._merge(states, True, notes)
 
     def _merge(self, states: Sequence[NativeTable], finish: bool, notes: list[str]) -> c_void_p:
-        query, _kept = self._structure(None, notes)
+        query, kept = self._structure(None, notes)
         handles = (c_void_p * len(states))(*(state.handle for state in states))
         handle = c_void_p()
         run_query(
@@ -197,10 +199,13 @@ class Query:
                 byref(query),
                 int(finish),
                 byref(handle),
+                keep=(states, kept),
             ),
             query,
             sum(state.rows for state in states),
             False,
+            lambda: _library.library.vask_result_free(handle),
+            True,
         )
         return handle
 
@@ -209,9 +214,14 @@ class Query:
 _MOST_STATES = 8
 
 
-def _on(function: Any, *arguments: Any) -> Any:
-    """A function of the library that still takes the error's place."""
-    return lambda error: function(*arguments, error)
+def _on(function: Any, *arguments: Any, keep: Any) -> Any:
+    """A function of the library that still takes the error's place, with what it needs."""
+
+    def on(error: Any, _kept: Any = keep) -> int:
+        code: int = function(*arguments, error)
+        return code
+
+    return on
 
 
 def _states_table(handle: c_void_p) -> NativeTable:
