@@ -112,18 +112,18 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
 //! Counts the values of b, which has rows, by bits where it holds integers that lie close together,
 //! else by pairs.
 template <class T>
-bool count_rows(const grouped_values &inputs, std::uint64_t nranges, wrd *counts) {
+bool count_rows(const grouped_rows &inputs, std::uint64_t nranges, wrd *counts) {
     const BAT &b = *inputs.b;
-    const slot_table_owner table(*inputs.groups, b.info->count, nranges);
+    const slot_table_owner table(*inputs.extents, b.info->count, nranges);
     if constexpr (std::signed_integral<T>)
-        if (const auto window = window_for_bits<T>(b, inputs.groups->info->count, nranges))
+        if (const auto window = window_for_bits<T>(b, inputs.extents->info->count, nranges))
             return count_by_window<T>(inputs, table.get(), nranges, *window, counts);
     return count_by_pairs<T>(inputs, table.get(), nranges, counts);
 }
 
 template <class T>
-bool count_in_parallel(const grouped_values &inputs, wrd *counts) {
-    if (inputs.groups->head->hash == nullptr && !BAThash(inputs.groups, 0))
+bool count_in_parallel(const grouped_rows &inputs, wrd *counts) {
+    if (inputs.extents->head->hash == nullptr && !BAThash(inputs.extents, 0))
         return false;
     if (GDKnr_threads == 0)
         return false;
@@ -141,7 +141,7 @@ bool count_in_parallel(const grouped_values &inputs, wrd *counts) {
     return counted;
 }
 
-bool count_by_storage(const grouped_values &inputs, wrd *counts) {
+bool count_by_storage(const grouped_rows &inputs, wrd *counts) {
     const int storage = storage_of(*inputs.b->tail);
     if (storage == TYPE_str)
         return count_in_parallel<str>(inputs, counts);
@@ -191,7 +191,7 @@ char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *g
             if (counts != nullptr && extents->head->hash == nullptr)
                 BAThash(extents, 0);
             failed = counts == nullptr ||
-                     !count_by_storage({b, g, extents},
+                     !count_by_storage({b, g, extents, map_order::ascending},
                                        rows_of<wrd>(*counts->tail) + counts->info->first);
         }
     }

@@ -1,11 +1,13 @@
 #include "distinct/pair_count.h"
 
-#include "distinct/pair_parts.h"
-#include "distinct/pairs.h"
+#include "kernel/shared_mark.h"
+#include "rows/bucket_lists.h"
+#include "rows/column_keys.h"
 #include "rows/open_addressing.h"
+#include "rows/range_tasks.h"
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <bit>
 #include <cstddef>
 
@@ -13,80 +15,123 @@ namespace vask {
 
 namespace {
 
-//! The parts of a call's pairs. Equal pairs are in one part, and the pairs of a group in all: what
-//! a part holds does not depend on how large the groups are, and all tasks count a large one.
-class part_plan {
+//! The values of a range's rows, each with the number of its group as a key.
+template <class Kind>
+using vask_value_list = bucket_lists<typename Kind::key_type>;
+
+//! Keys as the table of a bucket tells them apart: by the low bits of their hashes, as the upper
+//! ones are those of the bucket.
+template <class Kind>
+struct keys_of_bucket : Kind {
+    VASK_ALWAYS_INLINE std::uint32_t hash(const typename Kind::key_type &key) const noexcept {
+        const std::uint64_t hash = Kind::hash(key);
+        return static_cast<std::uint32_t>(hash ^ hash >> 32);
+    }
+    VASK_ALWAYS_INLINE bool equal(const typename Kind::key_type &a,
+                                  const typename Kind::key_type &b) const noexcept {
+        return Kind::same(a, b);
+    }
+};
+
+template <class Kind>
+using vask_distinct_set = open_addressing_table<keys_of_bucket<Kind>>;
+
+//! The buckets of a call's pairs. Equal pairs are in one bucket, and the pairs of a group in all:
+//! what a bucket holds does not depend on how large the groups are, and all tasks count a large
+//! one.
+class bucket_plan {
 public:
-    explicit part_plan(BUN rows)
-        : parts_(std::bit_ceil(std::clamp<std::uint64_t>(rows / part_rows, 1, most_parts))) {}
+    explicit bucket_plan(BUN rows)
+        : bits_(static_cast<unsigned>(std::countr_zero(
+              std::bit_ceil(std::clamp(rows / bucket_rows, BUN{1}, most_buckets))))) {}
 
-    std::size_t parts() const noexcept { return parts_; }
+    std::size_t buckets() const noexcept { return std::size_t{1} << bits_; }
 
-    //! By the top bits of the hash; the sets go by the low ones.
-    VASK_ALWAYS_INLINE std::size_t part_of(std::uint64_t hash) const noexcept {
-        return static_cast<std::size_t>((hash >> 32) * parts_ >> 32);
+    VASK_ALWAYS_INLINE std::size_t bucket_of(std::uint64_t hash) const noexcept {
+        return static_cast<std::size_t>(hash >> 1 >> (63 - bits_));
     }
 
 private:
     // The set of so many pairs stays in the second-level cache. Between a quarter of it and four
     // times as many there is no difference.
-    static constexpr std::uint64_t part_rows = 8192;
-    // Each task keeps a line of up to 192 bytes of each part in the cache.
-    static constexpr std::uint64_t most_parts = std::uint64_t{1} << 14;
+    static constexpr BUN bucket_rows = 8192;
+    // Each task keeps a line of up to 192 bytes of each bucket in the cache.
+    static constexpr BUN most_buckets = 1 << 14;
 
-    std::size_t parts_;
+    unsigned bits_;
+};
+
+//! Values by their bits, beside the numbers of their groups.
+template <number T>
+struct number_pairs {
+    number_keys<T> values;
+
+    void load_block(BUN, BUN) noexcept {}
+    VASK_ALWAYS_INLINE auto key(BUN row, std::size_t i, BUN number) const noexcept {
+        return key_beside<value_bits<T>>(number, values.key(row, i));
+    }
+};
+
+template <class Offset>
+struct text_pairs {
+    offset_keys<Offset> texts;
+    std::array<std::uint32_t, block_rows> hashes;
+
+    explicit text_pairs(const offset_keys<Offset> &column) noexcept : texts(column) {}
+
+    void load_block(BUN row, BUN n) { hash_texts(texts, row, n, hashes.data()); }
+    VASK_ALWAYS_INLINE wide_key key(BUN row, std::size_t i, BUN number) const noexcept {
+        return wide_key::of(text_bits(hashes[i], texts.offset(row, i)), number);
+    }
 };
 
 //! Deals out the pairs of a range's rows. False when the rows' groups cannot be found.
-template <class Source, class Pair>
-bool deal_rows(const grouped_values &inputs, const slot_table *table, vask_row_range range,
-               const Source &source, part_plan plan, pair_parts<Pair> &dealt) {
-    const bool found =
-        for_each_slot_block(inputs, table, range, [=, &dealt](BUN row, BUN n, const BUN *slots) {
-            for (BUN i = 0; i < n; ++i) {
-                if (slots[i] == row_slots::no_slot)
+template <class Kind, class Pairs>
+bool deal_rows(const grouped_rows &inputs, const slot_table *table, vask_row_range range,
+               const Kind &kind, Pairs pairs, bucket_plan plan, vask_value_list<Kind> &dealt) {
+    const bool found = for_each_numbered_block(
+        inputs, table, range, [=, &dealt](BUN row, BUN n, const BUN *numbers) mutable {
+            pairs.load_block(row, n);
+            for (std::size_t i = 0; i < n; ++i) {
+                if (numbers[i] == no_group)
                     continue;
-                const Pair pair = source.pair_of(row + i, slots[i]);
-                dealt.add(plan.part_of(pair.hash()), pair);
+                const typename Kind::key_type key = pairs.key(row, i, numbers[i]);
+                dealt.add(plan.bucket_of(kind.hash(key)), key);
             }
         });
     dealt.complete();
     return found;
 }
 
-//! Counts the different pairs of the parts begin .. end - 1 by slot.
+//! Adds the number of different values in a bucket to the counts of their groups.
 template <class Kind>
-void count_parts(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pair>> &dealt,
-                 std::size_t begin, std::size_t end, std::uint32_t *counts) {
-    // A set with many more buckets than pairs seldom looks at two. As the parts' pairs are many or
-    // few alike, the last part tells how many buckets that is; repeated pairs take none.
-    constexpr std::uint32_t buckets_per_pair = 4;
+void vask_count_list(const gdk_vector<vask_value_list<Kind>> &dealt, std::size_t bucket,
+                     vask_distinct_set<Kind> &set, std::uint32_t *counts) {
+    // A set with many more slots than pairs seldom looks at two. As the buckets' pairs are many or
+    // few alike, the last bucket tells how many that is; repeated pairs take none.
+    constexpr std::uint32_t slots_per_pair = 4;
     constexpr std::uint32_t most_foreseen = std::uint32_t{1} << 20;
-    open_addressing_table<typename Kind::keys> set;
-    for (std::size_t part = begin; part < end; ++part) {
-        const std::uint32_t foreseen = std::min(set.size(), most_foreseen);
-        set.clear();
-        set.grow_to(buckets_per_pair * foreseen);
-        for (const pair_parts<typename Kind::pair> &pairs : dealt)
-            pairs.for_each(part, [&](const typename Kind::pair &pair) {
-                counts[pair.slot] += set.insert(kind.key_of(pair)).is_new;
-            });
-    }
+    const std::uint32_t foreseen = std::min(set.size(), most_foreseen);
+    set.clear();
+    set.grow_to(slots_per_pair * foreseen);
+    for (const vask_value_list<Kind> &list : dealt)
+        list.for_each(bucket, [&](const typename Kind::key_type &key) {
+            counts[number_beside(key)] += set.insert(key).is_new;
+        });
 }
 
-//! Counts all parts, in tasks with counters of their own, and adds up.
+//! Counts all buckets, in tasks with counters of their own, and adds up.
 template <class Kind>
-void count_dealt(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pair>> &dealt,
-                 part_plan plan, std::uint64_t ntasks, BUN groups, wrd *counts) {
+void count_dealt(const Kind &kind, const gdk_vector<vask_value_list<Kind>> &dealt, bucket_plan plan,
+                 std::uint64_t ntasks, BUN groups, wrd *counts) {
     gdk_vector<gdk_block<std::uint32_t>> found(ntasks);
-    task_set tasks;
-    for (std::uint64_t i = 0; i < ntasks; ++i)
-        tasks.spawn([=, &dealt, &found] {
-            found[i].reset(gdk_allocate_zeroed<std::uint32_t>(groups));
-            count_parts(kind, dealt, plan.parts() * i / ntasks, plan.parts() * (i + 1) / ntasks,
-                        found[i].get());
-        });
-    tasks.wait();
+    run_numbered(ntasks, [&](std::size_t i) {
+        found[i].reset(gdk_allocate_zeroed<std::uint32_t>(groups));
+        vask_distinct_set<Kind> set(keys_of_bucket<Kind>{kind});
+        for (std::size_t bucket = plan.buckets() * i / ntasks;
+             bucket < plan.buckets() * (i + 1) / ntasks; ++bucket)
+            vask_count_list<Kind>(dealt, bucket, set, found[i].get());
+    });
     run_row_loop(groups, [=, &found](vask_row_range r) {
         for (const gdk_block<std::uint32_t> &part : found)
             for (BUN j = r.begin; j < r.end; ++j)
@@ -94,47 +139,53 @@ void count_dealt(const Kind &kind, const gdk_vector<pair_parts<typename Kind::pa
     });
 }
 
+template <class Kind, class Pairs>
+bool count_pairs(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
+                 const Kind &kind, const Pairs &pairs, wrd *counts) {
+    // Rows that make a task worth its start.
+    constexpr std::uint64_t task_rows = 8192;
+    const BUN rows = inputs.b->info->count;
+    const partition_plan ranges(*inputs.b, nranges);
+    const bucket_plan plan(rows);
+    gdk_vector<vask_value_list<Kind>> dealt(nranges);
+    for (std::uint64_t i = 0; i < nranges; ++i)
+        dealt[i] = vask_value_list<Kind>(plan.buckets(), ranges.partition(i).size());
+    shared_mark failed;
+    run_partitions(ranges, [&](std::uint64_t i, vask_row_range range) {
+        if (!deal_rows(inputs, table, range, kind, pairs, plan, dealt[i]))
+            failed.set();
+    });
+    if (failed.is_set())
+        return false;
+    count_dealt(kind, dealt, plan, std::clamp<std::uint64_t>(rows / task_rows, 1, nranges),
+                inputs.extents->info->count, counts);
+    return true;
+}
+
 } // namespace
 
 template <class T>
-bool count_by_pairs(const grouped_values &inputs, const slot_table *table, std::uint64_t nranges,
+bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                     wrd *counts) {
-    using source = pair_source<T>;
-    using kind = typename source::kind;
-    // Rows that make a task worth its start.
-    constexpr std::uint64_t task_rows = 8192;
-    const BAT &b = *inputs.b;
-    const BUN rows = b.info->count;
-    const source values(*b.tail);
-    const partition_plan ranges(b, nranges);
-    const part_plan plan(rows);
-    gdk_vector<pair_parts<typename kind::pair>> dealt(nranges);
-    bte ok = 1;
-    task_set tasks;
-    for (std::uint64_t i = 0; i < nranges; ++i) {
-        const vask_row_range range = ranges.partition(i);
-        dealt[i] = pair_parts<typename kind::pair>(plan.parts(), range.size());
-        tasks.spawn([=, &inputs, &ok, &own = dealt[i]] {
-            // Tasks may clear it at the same time: all of them store the same 0.
-            if (!deal_rows(inputs, table, range, values, plan, own))
-                std::atomic_ref(ok).store(0, std::memory_order_relaxed);
+    const BATcol &tail = *inputs.b->tail;
+    if constexpr (std::same_as<T, str>)
+        return visit_offset_keys(tail, [&](const auto &texts) {
+            return count_pairs(inputs, table, nranges,
+                               text_content_keys<wide_key>{text_reader(tail)}, text_pairs(texts),
+                               counts);
         });
-    }
-    tasks.wait();
-    if (ok != 0)
-        count_dealt<kind>(values, dealt, plan,
-                          std::clamp<std::uint64_t>(rows / task_rows, 1, nranges),
-                          inputs.groups->info->count, counts);
-    return ok != 0;
+    else
+        return count_pairs(inputs, table, nranges, bit_keys<numbered_key<value_bits<T>>>{},
+                           number_pairs<T>{number_keys<T>(tail)}, counts);
 }
 
-template bool count_by_pairs<bte>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<sht>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<std::int32_t>(const grouped_values &, const slot_table *,
-                                           std::uint64_t, wrd *);
-template bool count_by_pairs<lng>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<flt>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<dbl>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<str>(const grouped_values &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<bte>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<sht>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<std::int32_t>(const grouped_rows &, const slot_table *, std::uint64_t,
+                                           wrd *);
+template bool count_by_pairs<lng>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<flt>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<dbl>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
+template bool count_by_pairs<str>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
 
 } // namespace vask

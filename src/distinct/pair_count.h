@@ -2,7 +2,7 @@
 // and for all: of any kind, in any number of groups of any size.
 #pragma once
 
-#include "distinct/row_slots.h"
+#include "rows/row_groups.h"
 
 #include <cstdint>
 
@@ -13,7 +13,7 @@ namespace vask {
 //! most one per row. False when the extents lack a group or rows cannot be found; bad_alloc when
 //! there is no memory.
 template <class T>
-bool count_by_pairs(const grouped_values &inputs, const slot_table *table, std::uint64_t nranges,
+bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                     wrd *counts);
 
 } // namespace vask

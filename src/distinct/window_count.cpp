@@ -1,12 +1,12 @@
 #include "distinct/window_count.h"
 
 #include "grouping/table/custom_mask.h"
+#include "kernel/shared_mark.h"
 #include "rows/column_keys.h"
 #include "rows/gdk_vector.h"
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 #include <limits>
 
@@ -63,31 +63,30 @@ std::optional<key_window<std::make_unsigned_t<T>>> window_for_bits(const BAT &b,
 }
 
 template <std::signed_integral T>
-bool count_by_window(const grouped_values &inputs, const slot_table *table, std::uint64_t nranges,
+bool count_by_window(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                      key_window<std::make_unsigned_t<T>> window, wrd *counts) {
-    const BUN groups = inputs.groups->info->count;
+    const BUN groups = inputs.extents->info->count;
     const std::uint64_t stride = words_of_group(window.places());
     const number_keys<T> keys(*inputs.b->tail);
     const partition_plan plan(*inputs.b, nranges);
     gdk_vector<gdk_block<std::uint64_t>> tables(nranges);
     for (gdk_block<std::uint64_t> &t : tables)
         t.reset(gdk_allocate_zeroed<std::uint64_t>(groups * stride));
-    bte ok = 1;
-    run_partitions(plan, [=, &inputs, &tables, &ok](std::uint64_t part, vask_row_range range) {
+    shared_mark failed;
+    run_partitions(plan, [=, &inputs, &tables, &failed](std::uint64_t part, vask_row_range range) {
         std::uint64_t *words = tables[part].get();
-        std::array<std::uint32_t, row_slots::block_rows> places;
-        const auto mark = [=, &places](BUN row, BUN n, const BUN *slots) {
-            window.number(keys, row, n, places.data());
+        std::array<std::uint32_t, block_rows> indices;
+        const auto mark = [=, &indices](BUN row, BUN n, const BUN *numbers) {
+            window.number(keys, row, n, indices.data());
             for (BUN i = 0; i < n; ++i)
-                if (slots[i] != row_slots::no_slot)
-                    words[slots[i] * stride + places[i] / word_bits] |= std::uint64_t{1}
-                                                                        << places[i] % word_bits;
+                if (numbers[i] != no_group)
+                    words[numbers[i] * stride + indices[i] / word_bits] |=
+                        std::uint64_t{1} << indices[i] % word_bits;
         };
-        // Tasks may clear it at the same time: all of them store the same 0.
-        if (!for_each_slot_block(inputs, table, range, mark))
-            std::atomic_ref(ok).store(0, std::memory_order_relaxed);
+        if (!for_each_numbered_block(inputs, table, range, mark))
+            failed.set();
     });
-    if (ok == 0)
+    if (failed.is_set())
         return false;
     run_row_loop(groups, [=, &tables](vask_row_range r) {
         for (BUN j = r.begin; j < r.end; ++j) {
@@ -112,13 +111,13 @@ template std::optional<key_window<std::uint32_t>> window_for_bits<std::int32_t>(
                                                                                 std::uint64_t);
 template std::optional<key_window<std::uint64_t>> window_for_bits<lng>(const BAT &, BUN,
                                                                        std::uint64_t);
-template bool count_by_window<bte>(const grouped_values &, const slot_table *, std::uint64_t,
+template bool count_by_window<bte>(const grouped_rows &, const slot_table *, std::uint64_t,
                                    key_window<std::uint8_t>, wrd *);
-template bool count_by_window<sht>(const grouped_values &, const slot_table *, std::uint64_t,
+template bool count_by_window<sht>(const grouped_rows &, const slot_table *, std::uint64_t,
                                    key_window<std::uint16_t>, wrd *);
-template bool count_by_window<std::int32_t>(const grouped_values &, const slot_table *,
-                                            std::uint64_t, key_window<std::uint32_t>, wrd *);
-template bool count_by_window<lng>(const grouped_values &, const slot_table *, std::uint64_t,
+template bool count_by_window<std::int32_t>(const grouped_rows &, const slot_table *, std::uint64_t,
+                                            key_window<std::uint32_t>, wrd *);
+template bool count_by_window<lng>(const grouped_rows &, const slot_table *, std::uint64_t,
                                    key_window<std::uint64_t>, wrd *);
 
 } // namespace vask

@@ -1,8 +1,8 @@
 // Counting the different values of each group by a bit for each value that it may have.
 #pragma once
 
-#include "distinct/row_slots.h"
 #include "rows/key_window.h"
+#include "rows/row_groups.h"
 
 #include <concepts>
 #include <cstdint>
@@ -21,7 +21,7 @@ std::optional<key_window<std::make_unsigned_t<T>>> window_for_bits(const BAT &b,
 //! has in each group. False when the extents lack a group or rows cannot be found; bad_alloc when
 //! there is no memory.
 template <std::signed_integral T>
-bool count_by_window(const grouped_values &inputs, const slot_table *table, std::uint64_t nranges,
+bool count_by_window(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                      key_window<std::make_unsigned_t<T>> window, wrd *counts);
 
 } // namespace vask

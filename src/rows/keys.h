@@ -44,7 +44,11 @@ struct wide_key {
     }
 };
 
-//! A value's bits beside the number of an old group: of up to 32 bits in one word of 64.
+//! The bits of a T, in 32 of them at least.
+template <class T>
+using value_bits = std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t>;
+
+//! A value's bits beside the number of a group: of up to 32 bits in one word of 64.
 template <class Bits>
 using numbered_key = std::conditional_t<sizeof(Bits) == 8, wide_key, std::uint64_t>;
 
@@ -54,6 +58,13 @@ VASK_ALWAYS_INLINE numbered_key<Bits> key_beside(std::uint32_t number, Bits bits
         return wide_key::of(bits, number);
     else
         return std::uint64_t{number} << 32 | bits;
+}
+
+VASK_ALWAYS_INLINE std::uint32_t number_beside(const wide_key &key) noexcept {
+    return key.number();
+}
+VASK_ALWAYS_INLINE std::uint32_t number_beside(std::uint64_t key) noexcept {
+    return static_cast<std::uint32_t>(key >> 32);
 }
 
 //! Keys told apart by their bits.

@@ -2,8 +2,8 @@
 //
 // Keys is a struct with
 //   key_type                what is stored for a key; trivially copyable
-//   hash(key)               static, 32 bits
-//   equal(a, b)             static
+//   hash(key)               32 bits
+//   equal(a, b)
 // Value is any trivially copyable struct; an empty one makes the table a set.
 #pragma once
 
@@ -39,7 +39,7 @@ public:
         bool is_new; // the key is stored, its value is for the caller to set
     };
 
-    open_addressing_table() = default;
+    explicit open_addressing_table(Keys keys = {}) : keys_of_(keys) {}
 
     //! Buckets: a power of two, or 0 before the first key.
     std::uint32_t bucket_count() const noexcept { return bucket_count_; }
@@ -76,7 +76,7 @@ public:
 
     //! Asks for the memory in which a look for the key will begin, to be there when it does.
     VASK_ALWAYS_INLINE void prefetch(const key_type &key) const noexcept {
-        const std::uint32_t bucket = Keys::hash(key) & (bucket_count_ - 1);
+        const std::uint32_t bucket = keys_of_.hash(key) & (bucket_count_ - 1);
         __builtin_prefetch(flags_.get() + bucket / buckets_per_word);
         __builtin_prefetch(keys_.get() + bucket);
         if constexpr (!std::is_empty_v<Value>)
@@ -87,8 +87,8 @@ public:
     //! what finding out that it is not there costs.
     std::uint32_t detour(const key_type &key) const noexcept {
         std::uint32_t met = 0;
-        probe(Keys::hash(key), bucket_count_ - 1, [&, this](std::uint32_t bucket) {
-            const bool ends = !in_use(bucket) || Keys::equal(this->key(bucket), key);
+        probe(keys_of_.hash(key), bucket_count_ - 1, [&, this](std::uint32_t bucket) {
+            const bool ends = !in_use(bucket) || keys_of_.equal(this->key(bucket), key);
             met += ends ? 0 : 1;
             return ends;
         });
@@ -147,8 +147,8 @@ private:
     VASK_ALWAYS_INLINE std::uint32_t place_of(const key_type &key) const noexcept {
         const std::uint32_t *flags = flags_.get();
         const key_type *keys = keys_.get();
-        return probe(Keys::hash(key), bucket_count_ - 1, [=](std::uint32_t bucket) {
-            return state(flags, bucket) != 0 || Keys::equal(keys[bucket], key);
+        return probe(keys_of_.hash(key), bucket_count_ - 1, [=, this](std::uint32_t bucket) {
+            return state(flags, bucket) != 0 || keys_of_.equal(keys[bucket], key);
         });
     }
 
@@ -170,6 +170,7 @@ private:
 
     void place_again(std::uint32_t bucket, std::uint32_t new_mask);
 
+    [[no_unique_address]] Keys keys_of_;
     std::uint32_t bucket_count_ = 0;
     std::uint32_t size_ = 0;
     std::uint32_t upper_bound_ = 0; // keys at which the table grows
@@ -221,7 +222,7 @@ void open_addressing_table<Keys, Value>::place_again(std::uint32_t bucket, std::
         value = values[bucket];
     set_moved(flags_.get(), bucket);
     for (;;) {
-        const std::uint32_t to = probe(Keys::hash(key), new_mask, [=](std::uint32_t candidate) {
+        const std::uint32_t to = probe(keys_of_.hash(key), new_mask, [=](std::uint32_t candidate) {
             return state(new_flags, candidate) != 0;
         });
         clear_state(new_flags, to, empty | moved);

@@ -35,6 +35,12 @@ public:
         begins_[buckets_] = at;
     }
 
+    //! How many rows a range has in a bucket, before one of them is written.
+    BUN unwritten_rows(std::size_t range, std::size_t bucket) noexcept {
+        const bool last = (range + 1) * buckets_ == next_.size();
+        return (last ? end_of(bucket) : of(range + 1)[bucket]) - of(range)[bucket];
+    }
+
     //! The rows of a bucket, counted among those of all buckets.
     BUN begin_of(std::size_t bucket) const noexcept { return begins_[bucket]; }
     BUN end_of(std::size_t bucket) const noexcept { return begins_[bucket + 1]; }

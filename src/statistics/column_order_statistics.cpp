@@ -13,7 +13,7 @@ namespace {
 //! Nils are not skipped, so a column has to be marked free of them; the mark is believed. An empty
 //! column has the nil as its answer, whatever its mark.
 template <class R, class S>
-int vask_stat_gather(R *result, BAT *b, bte type, stat_functor<R> functor, const void *parameter) {
+int vask_stat_gather(R *result, BAT *b, bte type, const stat_functor<R> &functor) {
     use_kernel_memory_in_numeric_runtime();
     stat_flag flag = 0;
     gdk_vector<R> values;
@@ -29,18 +29,18 @@ int vask_stat_gather(R *result, BAT *b, bte type, stat_functor<R> functor, const
     BATaccess(b, 2, 0, 1);
     values.append_reserved(rows_of<const S>(*b->tail) + b->info->first, n);
     BATaccess(b, 2, 0, -1);
-    const int done = functor(result, &flag, values, type, parameter);
+    const int done = functor(result, &flag, {values.begin(), values.end()}, type);
     drop_numeric_buffers_if(flag);
     return done;
 }
 
 template <class R>
-char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type, stat_functor<R> functor,
-                       const void *parameter) {
-    return run_wrapper(order_statistics_place, input_bats(bid), [=](const auto &inputs) {
+char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type,
+                       const stat_functor<R> &functor) {
+    return run_wrapper(order_statistics_place, input_bats(bid), [&](const auto &inputs) {
         BAT *b = inputs[0];
-        return with_gathered_class<R>(*b->tail, [=]<class S>(std::type_identity<S>) {
-            return vask_stat_gather<R, S>(result, b, type, functor, parameter);
+        return with_gathered_class<R>(*b->tail, [&]<class S>(std::type_identity<S>) {
+            return vask_stat_gather<R, S>(result, b, type, functor);
         });
     });
 }
@@ -52,7 +52,7 @@ char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type, stat_functo
 using namespace vask; // the exports only forward
 
 char *vask_median(double *result, const int32_t *bid) {
-    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_median_functor, nullptr);
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_median_functor());
 }
 
 char *vask_quartile(double *result, const int32_t *bid, const int32_t *quartile) {
@@ -60,7 +60,7 @@ char *vask_quartile(double *result, const int32_t *bid, const int32_t *quartile)
     char *exception = nullptr;
     if (!quartile_param(&q, quartile, &exception))
         return exception;
-    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor, &q);
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor(q));
 }
 
 char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) {
@@ -68,7 +68,7 @@ char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) 
     char *exception = nullptr;
     if (!percentile_param(&p, share, &exception))
         return exception;
-    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor, &p);
+    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor(p));
 }
 
 char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
@@ -77,14 +77,12 @@ char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
         char *exception = nullptr;
         if (!largest_param(&k, rank, &exception))
             return exception;
-        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_largest_functor<T>,
-                                   &k);
+        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_largest_functor<T>(k));
     });
 }
 
 char *vask_mode(void *result, const int32_t *bid) {
     return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
-        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>,
-                                   nullptr);
+        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>());
     });
 }

@@ -5,7 +5,7 @@
 #include "statistics/order_statistics_frame.h"
 
 #include "aggregates/grouped.h"
-#include "statistics/group_rows.h"
+#include "kernel/shared_mark.h"
 #include "statistics/largest_per_group.h"
 #include "statistics/values_by_group.h"
 #include "vask/ops.h"
@@ -30,13 +30,12 @@ void mark_nils(BAT &r, const shared_mark &has_nil) {
 template <class R>
 class functor_per_group {
 public:
-    functor_per_group(stat_functor<R> functor, const void *parameter) noexcept
-        : functor_(functor), parameter_(parameter) {}
+    explicit functor_per_group(stat_functor<R> functor) : functor_(std::move(functor)) {}
 
     template <class S>
-    bool gather(const grouped_rows &in) {
-        values_.emplace(in.e->info->count);
-        return values_->template gather<S>(in);
+    bool gather(const grouped_rows &in, BUN nranges) {
+        values_ = values_by_group<R>::template vask_scatter_groups<S>(in, nranges);
+        return values_.has_value();
     }
 
     //! Puts the answers for all groups into the tail of the result r; an empty group has the nil.
@@ -65,10 +64,11 @@ private:
     bool vask_group_chunk(R *results, std::size_t i, bte type, shared_mark &has_nil) {
         const R nil = nil_of<R>(type);
         stat_flag flag = 0;
+        const stat_functor<R> functor = functor_;
         const bool good = values_->visit_run(i, [&](BUN j, std::span<R> values) {
             if (values.empty())
                 results[j] = nil;
-            else if (functor_(&results[j], &flag, values, type, parameter_) != 1)
+            else if (functor(&results[j], &flag, values, type) != 1)
                 return false;
             if (results[j] == nil)
                 has_nil.set();
@@ -79,7 +79,6 @@ private:
     }
 
     stat_functor<R> functor_;
-    const void *parameter_;
     std::optional<values_by_group<R>> values_;
 };
 
@@ -87,15 +86,13 @@ private:
 template <class T>
 class rank_per_group {
 public:
-    explicit rank_per_group(const lng &k) noexcept
-        : k_(k), among_all_(vask_largest_functor<T>, &k) {}
+    explicit rank_per_group(lng k) : k_(k), among_all_(vask_largest_functor<T>(k)) {}
 
     template <class S>
-    bool gather(const grouped_rows &in) {
+    bool gather(const grouped_rows &in, BUN nranges) {
         if constexpr (std::same_as<S, T>) {
             using outcome = typename largest_per_group<T>::outcome;
-            const BUN nranges = vask_range_count(*in.b);
-            if (largest_per_group<T>::is_worthwhile(k_, in.e->info->count, nranges,
+            if (largest_per_group<T>::is_worthwhile(k_, in.extents->info->count, nranges,
                                                     in.b->info->count)) {
                 const outcome found =
                     kept_.emplace().gather(in, static_cast<std::size_t>(k_), nranges);
@@ -104,7 +101,7 @@ public:
                 kept_.reset();
             }
         }
-        return among_all_.template gather<S>(in);
+        return among_all_.template gather<S>(in, nranges);
     }
 
     bool evaluate(BAT *r, bte type) {
@@ -135,7 +132,8 @@ private:
 //! The typed body: `*result` becomes a view of one answer per group under the head of e.
 template <class S, class Statistic>
 int vask_stat_grouped_body(BAT **result, BAT *b, BAT *g, BAT *e, bte type, Statistic &statistic) {
-    const grouped_rows in{b, g, e, ALIGNsynced(g, b) != 0};
+    const grouped_rows in{b, g, e,
+                          ALIGNsynced(g, b) != 0 ? map_order::in_step : map_order::by_head};
     // Nils are not skipped. Unlike a whole column, a group map without rows does not excuse the
     // missing mark.
     if (!b->tail->nonil)
@@ -145,7 +143,7 @@ int vask_stat_grouped_body(BAT **result, BAT *b, BAT *g, BAT *e, bte type, Stati
     BAT *r = nullptr;
     bool good = false;
     try {
-        if (!statistic.template gather<S>(in))
+        if (!statistic.template gather<S>(in, vask_range_count(*b)))
             return 0;
         r = make_grouped_result(TYPE_void, type, e);
         if (r == nullptr)
@@ -192,7 +190,7 @@ using namespace vask; // the exports only forward
 
 char *vask_grp_median(int32_t *result, const int32_t *bid, const int32_t *gid, const int32_t *eid) {
     return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
-                                  functor_per_group<dbl>(vask_median_functor, nullptr));
+                                  functor_per_group<dbl>(vask_median_functor()));
 }
 
 char *vask_grp_quartile(int32_t *result, const int32_t *bid, const int32_t *quartile,
@@ -202,7 +200,7 @@ char *vask_grp_quartile(int32_t *result, const int32_t *bid, const int32_t *quar
     if (!quartile_param(&q, quartile, &exception))
         return exception;
     return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
-                                  functor_per_group<dbl>(vask_quartile_functor, &q));
+                                  functor_per_group<dbl>(vask_quartile_functor(q)));
 }
 
 char *vask_grp_percentile(int32_t *result, const int32_t *bid, const int32_t *share,
@@ -212,7 +210,7 @@ char *vask_grp_percentile(int32_t *result, const int32_t *bid, const int32_t *sh
     if (!percentile_param(&p, share, &exception))
         return exception;
     return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
-                                  functor_per_group<dbl>(vask_percentile_functor, &p));
+                                  functor_per_group<dbl>(vask_percentile_functor(p)));
 }
 
 char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank, const int32_t *gid,
@@ -229,6 +227,6 @@ char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank,
 char *vask_grp_mode(int32_t *result, const int32_t *bid, const int32_t *gid, const int32_t *eid) {
     return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         return vask_stat_grouped<T>(result, bid, gid, eid, type,
-                                    functor_per_group<T>(vask_mode_functor<T>, nullptr));
+                                    functor_per_group<T>(vask_mode_functor<T>()));
     });
 }

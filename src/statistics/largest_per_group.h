@@ -2,9 +2,10 @@
 // that the values need not be brought together.
 #pragma once
 
+#include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
 #include "rows/huge_pages.h"
-#include "statistics/group_rows.h"
+#include "rows/row_groups.h"
 #include "statistics/order_key.h"
 
 #include <algorithm>
@@ -43,27 +44,26 @@ public:
         kept_ = gdk_vector<gdk_block<key>>(nranges);
         const partition_plan plan(*in.b, nranges);
         const T *values = rows_of<const T>(*in.b->tail);
-        const std::size_t size = k * in.e->info->count;
+        const std::size_t size = k * in.extents->info->count;
+        const slot_table_owner table(*in.extents, in.b->info->count, nranges);
+        shared_mark failed;
         shared_mark met_filler;
-        const bool good = visit_grouped_rows(
-            in, plan, [&, values, k, size](std::uint64_t i, vask_row_range r, const auto &finder) {
-                kept_[i] = gdk_block<key>(gdk_allocate<key>(size));
-                key *kept = kept_[i].get();
-                advise_huge_pages(kept, size * sizeof(key));
-                std::fill_n(kept, size, filler);
-                const auto keep_k = [&](auto constant_k) {
-                    return keep(finder, values, r, constant_k, kept, met_filler);
-                };
-                switch (k) {
-                    case 1:
-                        return keep_k(constant<1>{});
-                    case 2:
-                        return keep_k(constant<2>{});
-                    default:
-                        return keep_k(k);
-                }
-            });
-        if (!good)
+        run_partitions(plan, [&, values, k, size](std::uint64_t i, vask_row_range range) {
+            kept_[i] = gdk_block<key>(gdk_allocate<key>(size));
+            key *kept = kept_[i].get();
+            advise_huge_pages(kept, size * sizeof(key));
+            std::fill_n(kept, size, filler);
+            const auto keep_block = [=, &met_filler](BUN row, BUN n, const BUN *groups) {
+                const T *block = values + row;
+                if (k == 1   ? keep(block, groups, n, constant<1>{}, kept)
+                    : k == 2 ? keep(block, groups, n, constant<2>{}, kept)
+                             : keep(block, groups, n, k, kept))
+                    met_filler.set();
+            };
+            if (!for_each_numbered_block(in, table.get(), range, keep_block))
+                failed.set();
+        });
+        if (failed.is_set())
             return outcome::failed;
         return met_filler.is_set() ? outcome::met_filler : outcome::done;
     }
@@ -109,32 +109,23 @@ private:
         kept[i - 1] = taken;
     }
 
-    //! The row loop. Groups are found some rows ahead, so that many wait for memory together.
-    template <class Finder, class K>
-    static bool keep(const Finder &finder, const T *values, vask_row_range r, K k, key *kept,
-                     shared_mark &met_filler) {
+    //! The row loop over a block. The groups' keys are asked for some rows ahead, so that many wait
+    //! for memory together. Whether a value has the filler's key.
+    template <class K>
+    static bool keep(const T *values, const BUN *groups, BUN n, K k, key *kept) noexcept {
         constexpr BUN rows_ahead = 64;
-        const Finder find = finder;
-        key *of_group[rows_ahead];
         bool any_filler = false;
-        for (BUN p = r.begin; p < r.end;) {
-            const BUN n = std::min(rows_ahead, r.end - p);
-            for (BUN i = 0; i < n; ++i) {
-                const BUN group = find(p + i);
-                if (group == NO_BUN)
-                    return false;
-                of_group[i] = kept + std::size_t{group} * k;
-                __builtin_prefetch(of_group[i], 1);
-            }
-            for (BUN i = 0; i < n; ++i, ++p) {
-                const key taken = order_key(values[p]);
+        for (BUN done = 0; done < n; done += rows_ahead) {
+            const BUN end = std::min(n, done + rows_ahead);
+            for (BUN i = done; i < end; ++i)
+                __builtin_prefetch(kept + std::size_t{groups[i]} * k, 1);
+            for (BUN i = done; i < end; ++i) {
+                const key taken = order_key(values[i]);
                 any_filler |= taken == filler;
-                take(of_group[i], k, taken);
+                take(kept + std::size_t{groups[i]} * k, k, taken);
             }
         }
-        if (any_filler)
-            met_filler.set();
-        return true;
+        return any_filler;
     }
 
     std::size_t k_ = 0;

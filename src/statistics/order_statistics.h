@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
+#include <functional>
 #include <new>
+#include <optional>
 #include <span>
 
 #include <tbb/parallel_sort.h>
@@ -20,35 +22,23 @@
 namespace vask {
 
 //! A statistic over at least one value of type R: stores its answer in `*result` and gives 1, or 0
-//! when it cannot be computed. It clears `*flag`, may reorder and overwrite `values`, answers with
-//! the nil of `type` where the values have no answer, and reads what else it needs behind
-//! `parameter`. May run in several tasks at a time, each with values of its own.
+//! when it cannot be computed. It clears `*flag`, may reorder and overwrite `values`, and answers
+//! with the nil of `type` where the values have no answer. Every task calls a copy of its own.
 template <class R>
-using stat_functor = int (*)(R *result, stat_flag *flag, std::span<R> values, bte type,
-                             const void *parameter);
+using stat_functor = std::function<int(R *result, stat_flag *flag, std::span<R> values, bte type)>;
 
-//! The value at the share p of the sorted values (a `dbl` behind the parameter): position p·(n −
-//! 1), counted from 0, interpolated linearly between the values at the whole positions around it. 0
-//! without a parameter or for a NaN.
-int vask_percentile_at(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
-                       const void *parameter);
+//! The value at a share of the sorted values, from 0 to 1, interpolated.
+stat_functor<dbl> vask_percentile_functor(dbl p);
+stat_functor<dbl> vask_median_functor();
+//! The percentile at so many quarters.
+stat_functor<dbl> vask_quartile_functor(bte quartile);
 
-inline constexpr stat_functor<dbl> vask_percentile_functor = vask_percentile_at;
-
-//! The percentile at 0.5; no parameter.
-int vask_median_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
-                        const void *parameter);
-
-//! The percentile at a quarter of the `bte` behind the parameter.
-int vask_quartile_functor(dbl *result, stat_flag *flag, std::span<dbl> values, bte type,
-                          const void *parameter);
-
-//! The value at the rank from the top behind the parameter, a `lng`, counting duplicates. Nil if
-//! there are fewer values.
+//! The value at a rank from the top, counting duplicates. Nil if there are fewer values.
 template <class T>
-int vask_largest_functor(T *result, stat_flag *flag, std::span<T> values, bte type,
-                         const void *parameter) {
-    return vask_select_kth(result, flag, values, type, static_cast<const lng *>(parameter));
+stat_functor<T> vask_largest_functor(lng k) {
+    return [k](T *result, stat_flag *flag, std::span<T> values, bte type) {
+        return vask_select_kth(result, flag, values, type, k);
+    };
 }
 
 //! From this many values on a sort is worth sharing.
@@ -73,43 +63,52 @@ order_key_t<T> *sort_as_keys(std::span<T> values) {
     return keys;
 }
 
-//! The most frequent value; of several, the smallest. Nil when no value occurs twice. No parameter;
-//! never fails. A NaN equals nothing, so NaNs are no candidates; zeros of both signs are one value,
-//! given as -0.0 if there is one of those.
+//! The most frequent value; of several, the smallest. Nil when no value occurs twice. Never fails.
+//! A NaN equals nothing, so NaNs are no candidates; zeros of both signs are one value, given as
+//! -0.0 if there is one of those.
 template <class T>
-int vask_mode_functor(T *result, stat_flag *flag, std::span<T> values, bte type, const void *) {
-    *flag = 0;
-    const std::size_t n = values.size();
-    *result = nil_of<T>(type);
-    if constexpr (std::integral<T>) {
-        if (const auto mode = count_mode<T>(values)) {
-            if (mode->count > 1)
-                *result = mode->value;
-            return 1;
-        }
+class vask_mode_functor {
+public:
+    vask_mode_functor() = default;
+    //! A copy has a table of its own.
+    vask_mode_functor(const vask_mode_functor &) noexcept {}
+    vask_mode_functor &operator=(const vask_mode_functor &) = delete;
+    ~vask_mode_functor() = default;
+
+    int operator()(T *result, stat_flag *flag, std::span<T> values, bte type) {
+        *flag = 0;
+        *result = nil_of<T>(type);
+        std::optional<frequent_value<T>> mode;
+        if constexpr (std::integral<T>)
+            mode = count_mode<T>(values);
+        if (!mode && values.size() >= fewest_hashed)
+            mode = hash_mode<T>(values, table_);
+        if (!mode)
+            mode = sorted_mode(values);
+        if (mode->count > 1)
+            *result = mode->value;
+        return 1;
     }
-    if (n >= fewest_hashed) {
-        if (const auto mode = hash_mode<T>(values)) {
-            if (mode->count > 1)
-                *result = mode->value;
-            return 1;
+
+private:
+    static frequent_value<T> sorted_mode(std::span<T> values) {
+        const std::size_t n = values.size();
+        const order_key_t<T> *keys = sort_as_keys(values);
+        frequent_value<T> mode{{}, 1}; // a run has to be longer
+        for (std::size_t run = 0; run < n;) {
+            // Equality is the type's own and not that of the keys.
+            const T value = from_order_key<T>(keys[run]);
+            std::size_t end = run + 1;
+            while (end < n && from_order_key<T>(keys[end]) == value)
+                ++end;
+            if (end - run > mode.count)
+                mode = {value, static_cast<std::uint32_t>(end - run)};
+            run = end;
         }
+        return mode;
     }
-    const order_key_t<T> *keys = sort_as_keys(values);
-    std::size_t longest = 1; // a run has to be longer
-    for (std::size_t run = 0; run < n;) {
-        // Equality is the type's own and not that of the keys.
-        const T value = from_order_key<T>(keys[run]);
-        std::size_t end = run + 1;
-        while (end < n && from_order_key<T>(keys[end]) == value)
-            ++end;
-        if (end - run > longest) {
-            longest = end - run;
-            *result = value;
-        }
-        run = end;
-    }
-    return 1;
-}
+
+    std::optional<value_counts<T>> table_;
+};
 
 } // namespace vask

@@ -132,14 +132,13 @@ ranked_pair<T> select_ranked(T *values, std::size_t n, std::size_t k, bool want_
 
 //! The k-th largest of a group or column: select_ranked as a statistic calls it. `result` takes the
 //! value and, with `want_next`, the next lower one behind it; a rank above the number of values
-//! gives the nil of `type` and leaves the second alone. Gives 1, or 0 when there is no rank or one
-//! below 1.
+//! gives the nil of `type` and leaves the second alone. Gives 1, or 0 for a rank below 1.
 template <class T>
-int vask_select_kth(T *result, stat_flag *flag, std::span<T> values, bte type, const lng *k,
+int vask_select_kth(T *result, stat_flag *flag, std::span<T> values, bte type, lng k,
                     bool want_next = false) {
-    if (k == nullptr || *k < 1)
+    if (k < 1)
         return 0;
-    const auto rank = static_cast<std::size_t>(*k);
+    const auto rank = static_cast<std::size_t>(k);
     if (rank > values.size()) {
         *result = nil_of<T>(type);
         return 1;

@@ -97,15 +97,15 @@ bool refine_texts(const refinement &r, const offset_keys<Offset> &texts) {
 }
 
 template <class T>
-bool derive(BAT &grp, BAT &ext, const BAT &b, BAT &map, BAT &histo, bool synced) {
+bool derive(BAT &grp, BAT &ext, BAT &b, BAT &map, BAT &histo, bool synced) {
     if (b.info->count != 0) {
         const gdk_vector<vask_row_range> ranges = vask_row_ranges(b, vask_range_count(b));
         if (ranges.empty() || histo.info->count == 0)
             return false;
-        const old_grouping old(b, map, synced);
-        const old_groups groups(histo);
+        const grouped_rows old{&b, &map, &histo, synced ? map_order::in_step : map_order::by_head};
+        const slot_table_owner table(histo, b.info->count, ranges.size());
         const grouping_rows rows{ranges, oid_reader(*b.head, b), map_cells(grp, b)};
-        const refinement r{ext, b, rows, {&old, &groups}};
+        const refinement r{ext, b, rows, {&old, table.get()}};
         bool refined = false;
         if constexpr (std::same_as<T, str>)
             refined = visit_offset_keys(*b.tail,

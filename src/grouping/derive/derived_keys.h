@@ -4,11 +4,10 @@
 // - 1 their old groups as numbers of any kind, and false when one of them has none.
 #pragma once
 
-#include "grouping/derive/derive_rows.h"
 #include "grouping/table/custom_mask.h"
 #include "rows/column_keys.h"
 #include "rows/group_rows.h"
-#include "rows/old_groups.h"
+#include "rows/row_groups.h"
 
 #include <algorithm>
 #include <array>
@@ -21,10 +20,10 @@ namespace vask {
 
 //! Old groups by their ids.
 struct groups_by_id {
-    const old_grouping *old;
+    const grouped_rows *old;
 
     bool number(BUN row, BUN n, BUN *numbers) const {
-        const oid *ids = old->ids(row, n, numbers);
+        const oid *ids = map_rows(*old).ids(row, n, numbers);
         if (ids != nullptr && ids != numbers)
             std::copy_n(ids, n, numbers);
         return ids != nullptr;
@@ -33,18 +32,18 @@ struct groups_by_id {
 
 //! Old groups by their rows in the old extents.
 struct groups_by_row {
-    const old_grouping *old;
-    const old_groups *groups;
+    const grouped_rows *old;
+    const slot_table *table; // of the old extents, or null
+
+    BUN count() const noexcept { return old->extents->info->count; }
 
     bool number(BUN row, BUN n, BUN *numbers) const {
-        std::array<oid, block_rows> room;
-        const oid *ids = old->ids(row, n, room.data());
-        return ids != nullptr && groups->number(ids, n, numbers);
+        map_rows map(*old);
+        return table != nullptr
+                   ? number_rows(map, *table, *old->extents, row, n, numbers)
+                   : number_rows(map, oid_lookup(*old->extents), *old->extents, row, n, numbers);
     }
 };
-
-template <class T>
-using value_bits = std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t>;
 
 //! Numbers by their bits. Numbers of old groups are kept as notes.
 template <class T, class Groups>
@@ -118,7 +117,7 @@ std::optional<index_source> index_of_pairs(const groups_by_row &groups, const Ke
                                            const grouping_rows &rows) {
     // The widest span of 64 bits leaves no room for the other key.
     const std::uint64_t codes = std::min<std::uint64_t>(span.span, NO_BUN) + 2;
-    const BUN old = groups.groups->count();
+    const BUN old = groups.count();
     if (old == 0 || codes > NO_BUN ||
         !suits_index(codes * old, rows.all().size(), rows.ranges.size()))
         return std::nullopt;

@@ -19,8 +19,7 @@ struct pair_refinement {
     BAT &grp;
     const BAT &b;
     const grouping_rows &rows;
-    const old_grouping &old;
-    BAT &histo;
+    const grouped_rows &old;
     std::uint32_t mask; // of the table of all pairs
 };
 
@@ -39,8 +38,8 @@ group_resolver resolver(const pair_refinement &r, const Keys &keys, vask_pair_ta
     return [&r, &pairs, keys](BUN row, std::uint32_t) {
         oid room;
         const T value = keys.value(row);
-        const vask_pair_entry<T> entry{*r.old.ids(row, 1, &room), value, r.rows.heads[row], 0,
-                                       NO_BUN};
+        const vask_pair_entry<T> entry{*map_rows(r.old).ids(row, 1, &room), value,
+                                       r.rows.heads[row], 0, NO_BUN};
         // A NaN is equal to nothing, so there is nothing to look for, and in a chain it would only
         // be in the way of all the others.
         if (is_nan(value))
@@ -58,7 +57,7 @@ int refine(const pair_refinement &r, const Keys &column, grouping_keys<Key, bit_
     if (keys.index)
         outcome = group_by_index(r.rows, *keys.index, {}, sink_into(room));
     if (outcome == grouping_outcome::row_without_key) {
-        vask_pair_table<T> pairs(r.mask, r.histo.info->count);
+        vask_pair_table<T> pairs(r.mask, r.old.extents->info->count);
         keys.index.reset();
         keys.resolve = resolver<T>(r, column, pairs);
         outcome = group_rows(r.rows, keys, sink_into(room));
@@ -72,14 +71,14 @@ int refine(const pair_refinement &r, const Keys &column, grouping_keys<Key, bit_
 }
 
 template <class T>
-int refine_numbers(const pair_refinement &r, const old_groups &groups) {
+int refine_numbers(const pair_refinement &r, const groups_by_row &groups) {
     using key_type = numbered_key<value_bits<T>>;
     const number_keys<T> column(*r.b.tail);
     grouping_keys<key_type, bit_keys<key_type>> keys;
     if constexpr (std::floating_point<T>) {
         keys.load = load_derived_by_number(groups_by_id{&r.old}, column);
     } else {
-        keys.index = index_of_integers<T>({&r.old, &groups}, r.b, r.rows);
+        keys.index = index_of_integers<T>(groups, r.b, r.rows);
         keys.load = load_derived(groups_by_id{&r.old}, column);
     }
     keys.load_for_buckets = keys.load;
@@ -87,11 +86,10 @@ int refine_numbers(const pair_refinement &r, const old_groups &groups) {
 }
 
 template <class Offset>
-int refine_texts(const pair_refinement &r, const old_groups &groups,
+int refine_texts(const pair_refinement &r, const groups_by_row &groups,
                  const offset_keys<Offset> &texts) {
     grouping_keys<std::uint64_t, bit_keys<std::uint64_t>> keys;
-    keys.index =
-        index_of_pairs({&r.old, &groups}, texts, span_of_offsets(texts, r.rows.ranges), r.rows);
+    keys.index = index_of_pairs(groups, texts, span_of_offsets(texts, r.rows.ranges), r.rows);
     keys.load = keys.load_for_buckets = load_derived_places(groups_by_id{&r.old}, texts);
     return refine<str>(r, texts, keys);
 }
@@ -106,9 +104,10 @@ int vask_pairs_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool syn
     const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, threads);
     const std::uint32_t mask = vask_derive_mask(map, histo, b);
     const grouping_rows rows{ranges, oid_reader(*b->head, *b), map_cells(*grp, *b)};
-    const old_grouping old(*b, *map, synced);
-    const old_groups groups(*histo);
-    const pair_refinement r{*ext, *grp, *b, rows, old, *histo, mask};
+    const grouped_rows old{b, map, histo, synced ? map_order::in_step : map_order::by_head};
+    const slot_table_owner table(*histo, b->info->count, threads);
+    const groups_by_row groups{&old, table.get()};
+    const pair_refinement r{*ext, *grp, *b, rows, old, mask};
     if constexpr (std::same_as<T, str>)
         return visit_offset_keys(*b->tail,
                                  [&](const auto &texts) { return refine_texts(r, groups, texts); });

@@ -3,7 +3,6 @@
 #include "grouping/pairs/pairs_derive.h"
 #include "kernel/column.h"
 #include "rows/key_hash.h"
-#include "rows/old_groups.h"
 
 #include "grouping/plain_groups.h"
 #include "support/kernel_settings.h"
@@ -366,30 +365,6 @@ TEST(Derive, TextsAtTheLimitOfAnIndex) {
         for (BUN count = (narrow_places + 1) * groups - 5;
              count <= (narrow_places + 1) * groups + 5; ++count)
             check(count, groups, 50, 0, 1);
-    }
-}
-
-TEST(Derive, OldGroupsHaveNumbersAndOtherIdsHaveNone) {
-    // Side by side, with gaps, too far apart for a table of them.
-    for (const std::vector<oid> &ids :
-         {std::vector<oid>{9, 8}, {9, 4}, {30, 7, 0, 12}, {5, 900'000, 800'001}}) {
-        const std::vector<wrd> sizes(ids.size(), 1);
-        for (const BUN first : {0U, 3U}) {
-            const bat histo = refkernel::make_column<wrd>(
-                std::span<const wrd>(sizes), head_options(heads::shuffled, ids, first));
-            const old_groups groups(*histo.record());
-            std::vector<oid> asked{4, 9, 99, oid_nil, 0xffffffff};
-            for (const oid id : ids)
-                asked.insert(asked.end(), {id - 1, id, id + 1});
-            for (const oid id : asked) {
-                const auto at = std::find(ids.begin(), ids.end(), id);
-                BUN number = 0;
-                EXPECT_EQ(groups.number(&id, 1, &number), at != ids.end()) << id;
-                if (at != ids.end()) {
-                    EXPECT_EQ(number, static_cast<BUN>(at - ids.begin()));
-                }
-            }
-        }
     }
 }
 
