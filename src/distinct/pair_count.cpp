@@ -75,11 +75,13 @@ struct number_pairs {
 template <class Offset>
 struct text_pairs {
     offset_keys<Offset> texts;
+    text_hash hash;
     std::array<std::uint32_t, block_rows> hashes;
 
-    explicit text_pairs(const offset_keys<Offset> &column) noexcept : texts(column) {}
+    text_pairs(const offset_keys<Offset> &column, text_hash of_texts) noexcept
+        : texts(column), hash(of_texts) {}
 
-    void load_block(BUN row, BUN n) { hash_texts(texts, row, n, hashes.data()); }
+    void load_block(BUN row, BUN n) { hash_texts(texts, hash, row, n, hashes.data()); }
     VASK_ALWAYS_INLINE wide_key key(BUN row, std::size_t i, BUN number) const noexcept {
         return wide_key::of(text_bits(hashes[i], texts.offset(row, i)), number);
     }
@@ -170,9 +172,10 @@ bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::ui
     const BATcol &tail = *inputs.b->tail;
     if constexpr (std::same_as<T, str>)
         return visit_offset_keys(tail, [&](const auto &texts) {
-            return count_pairs(inputs, table, nranges,
-                               text_content_keys<wide_key>{text_reader(tail)}, text_pairs(texts),
-                               counts);
+            const auto ranges = vask_row_ranges(*inputs.b, static_cast<std::uint32_t>(nranges));
+            return count_pairs(
+                inputs, table, nranges, text_content_keys<wide_key>{text_reader(tail)},
+                text_pairs(texts, hash_of_span(texts, span_of_offsets(texts, ranges))), counts);
         });
     else
         return count_pairs(inputs, table, nranges, bit_keys<numbered_key<value_bits<T>>>{},
