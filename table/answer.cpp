@@ -5,6 +5,7 @@
 #include "table/parallel.h"
 #include "table/validity.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <limits>
@@ -110,18 +111,13 @@ struct kept_array {
 };
 
 // Takes over the validity that bytes say, 1 for a value.
-void set_validity(result_column &made, const std::vector<std::uint8_t> &present) {
-    auto bits = std::make_shared<std::vector<std::uint8_t>>((present.size() + 7) / 8, 0);
-    std::int64_t nulls = 0;
-    for (std::size_t i = 0; i < present.size(); ++i) {
-        (*bits)[i >> 3] =
-            static_cast<std::uint8_t>((*bits)[i >> 3] | ((present[i] != 0 ? 1U : 0U) << (i & 7)));
-        nulls += present[i] != 0 ? 0 : 1;
-    }
-    made.nulls = nulls;
-    if (nulls == 0)
+void set_validity(result_column &made, std::span<const std::uint8_t> present) {
+    auto bits = std::make_shared<kept_array<std::uint8_t>>((present.size() + 7) / 8);
+    made.nulls = bitmap_of<std::uint8_t>(present.data(), static_cast<std::int64_t>(present.size()),
+                                         0, bits->values.get());
+    if (made.nulls == 0)
         return;
-    made.validity = bits->data();
+    made.validity = bits->values.get();
     made.owners.push_back(std::move(bits));
 }
 
@@ -138,109 +134,143 @@ bool is_shared(const value_type &type, const groups &by) {
            type.of != kind::null;
 }
 
-void put_bits(result_column &made, const std::vector<std::uint8_t> &bytes) {
-    auto bits = std::make_shared<std::vector<std::uint8_t>>(bytes.size() / 8 + 1, 0);
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        (*bits)[i >> 3] =
-            static_cast<std::uint8_t>((*bits)[i >> 3] | ((bytes[i] != 0 ? 1U : 0U) << (i & 7)));
-    made.values = bits->data();
+void put_bits(result_column &made, std::span<const std::uint8_t> bytes) {
+    auto bits = std::make_shared<kept_array<std::uint8_t>>((bytes.size() + 7) / 8);
+    (void)bitmap_of<std::uint8_t>(bytes.data(), static_cast<std::int64_t>(bytes.size()), 0,
+                                  bits->values.get());
+    made.values = bits->values.get();
     made.owners.push_back(std::move(bits));
+}
+
+// Bytes, 1 for the groups shown that have a value, in their order; nothing where all have one.
+template <class T>
+std::unique_ptr<std::uint8_t[]> presence_shown(const answer &values, std::span<const T> all,
+                                               std::span<const std::uint32_t> order) {
+    if (values.present.empty() && values.no_nil)
+        return nullptr;
+    auto present = std::make_unique_for_overwrite<std::uint8_t[]>(order.size());
+    const T nil = missing_of<T>();
+    for_rows(order.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            present[i] =
+                values.present.empty() ? all[order[i]] != nil : values.present[order[i]] != 0;
+    });
+    return present;
+}
+
+// The answers as they stand, with the validity that their nils tell.
+template <class T>
+void share_values(result_column &made, const answer &values, std::span<const T> all) {
+    made.values = values.values;
+    made.owners.push_back(values.owner);
+    if (!values.present.empty()) {
+        set_validity(made, values.present);
+    } else if (!values.no_nil) {
+        auto bits = std::make_shared<kept_array<std::uint8_t>>((all.size() + 7) / 8);
+        made.nulls = bitmap_of<T>(all.data(), static_cast<std::int64_t>(all.size()),
+                                  missing_of<T>(), bits->values.get());
+        if (made.nulls > 0) {
+            made.validity = bits->values.get();
+            made.owners.push_back(std::move(bits));
+        }
+    }
 }
 
 void finish_numbers(result_column &made, const answer &values, const groups &by) {
     const std::span<const std::uint32_t> order = by.order();
     visit_form(values.stored, [&]<class From>(std::type_identity<From>) {
         const std::span<const From> all = values.as<From>(by.count());
-        const From nil = missing_of<From>();
         visit_result(made.type, [&]<class To>(std::type_identity<To>) {
-            std::vector<std::uint8_t> present;
-            const auto shown_present = [&] {
-                present.resize(order.size());
-                for (std::size_t i = 0; i < order.size(); ++i)
-                    present[i] = values.present.empty() ? (values.no_nil || all[order[i]] != nil)
-                                                        : values.present[order[i]] != 0;
-            };
-            if (is_shared<From, To>(made.type, by)) {
-                made.values = values.values;
-                made.owners.push_back(values.owner);
-                if constexpr (!std::is_same_v<From, wide_integer> &&
-                              !std::is_same_v<From, std::uint64_t>)
-                    if (values.present.empty()) {
-                        if (values.no_nil)
-                            return;
-                        auto bits =
-                            std::make_shared<std::vector<std::uint8_t>>((order.size() + 7) / 8, 0);
-                        made.nulls = bitmap_of<From>(
-                            all.data(), static_cast<std::int64_t>(order.size()), nil, bits->data());
-                        if (made.nulls > 0) {
-                            made.validity = bits->data();
-                            made.owners.push_back(std::move(bits));
-                        }
-                        return;
-                    }
-                shown_present();
-                set_validity(made, present);
-                return;
-            }
-            shown_present();
-            set_validity(made, present);
+            // Integers of 128 bits have no nil that the loops know.
+            if constexpr (!std::is_same_v<From, wide_integer>)
+                if (is_shared<From, To>(made.type, by))
+                    return share_values(made, values, all);
+            const auto present = presence_shown(values, all, order);
+            if (present != nullptr)
+                set_validity(made, {present.get(), order.size()});
             if (made.type.of == kind::null)
                 return;
             if (made.type.of == kind::boolean) {
                 std::vector<std::uint8_t> bytes(order.size());
                 for (std::size_t i = 0; i < order.size(); ++i)
-                    bytes[i] = present[i] != 0 && all[order[i]] != From{0};
+                    bytes[i] = (present == nullptr || present[i] != 0) && all[order[i]] != From{0};
                 put_bits(made, bytes);
                 return;
             }
             auto converted = std::make_shared<kept_array<To>>(order.size());
-            for (std::size_t i = 0; i < order.size(); ++i)
-                converted->values[i] = present[i] != 0 ? static_cast<To>(all[order[i]]) : To{0};
+            for_rows(order.size(), [&](std::size_t begin, std::size_t end) {
+                for (std::size_t i = begin; i < end; ++i)
+                    converted->values[i] = present == nullptr || present[i] != 0
+                                               ? static_cast<To>(all[order[i]])
+                                               : To{0};
+            });
             hold<To>(made, std::move(converted));
         });
     });
 }
 
+// Texts by their codes, negative for missing ones, written in tasks once it is known where each
+// task's begin.
 template <class Offset>
 void put_texts(result_column &made, const std::vector<std::string_view> &words,
-               const std::vector<std::int32_t> &codes, std::size_t bytes) {
+               std::span<const std::int32_t> codes, std::span<const std::size_t> begins) {
     auto offsets = std::make_shared<kept_array<Offset>>(codes.size() + 1);
-    auto text = std::make_shared<kept_array<char>>(bytes);
-    std::size_t next = 0;
-    for (std::size_t i = 0; i < codes.size(); ++i) {
-        offsets->values[i] = static_cast<Offset>(next);
-        if (codes[i] < 0)
-            continue;
-        const std::string_view word = words[static_cast<std::size_t>(codes[i])];
-        if (!word.empty())
-            std::memcpy(text->values.get() + next, word.data(), word.size());
-        next += word.size();
-    }
-    offsets->values[codes.size()] = static_cast<Offset>(next);
+    auto text = std::make_shared<kept_array<char>>(begins.back());
+    for_each_number(begins.size() - 1, [&](std::size_t part) {
+        std::size_t next = begins[part];
+        const std::size_t end = std::min(codes.size(), (part + 1) * rows_of_a_task);
+        for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
+            offsets->values[i] = static_cast<Offset>(next);
+            if (codes[i] < 0)
+                continue;
+            const std::string_view word = words[static_cast<std::size_t>(codes[i])];
+            if (!word.empty())
+                std::memcpy(text->values.get() + next, word.data(), word.size());
+            next += word.size();
+        }
+    });
+    offsets->values[codes.size()] = static_cast<Offset>(begins.back());
     hold<Offset>(made, std::move(offsets));
     made.bytes = text->values.get();
     made.owners.push_back(std::move(text));
 }
 
-// Texts by their codes, negative for missing ones. A source of views or dictionaries becomes plain.
+// A source of views or dictionaries becomes plain.
 void finish_texts(result_column &made, const std::vector<std::string_view> &words,
-                  const std::vector<std::int32_t> &codes) {
-    std::size_t bytes = 0;
-    std::vector<std::uint8_t> present(codes.size());
-    for (std::size_t i = 0; i < codes.size(); ++i) {
-        present[i] = codes[i] >= 0;
-        if (codes[i] >= 0)
-            bytes += words[static_cast<std::size_t>(codes[i])].size();
+                  std::span<const std::int32_t> codes) {
+    const std::size_t parts = (codes.size() + rows_of_a_task - 1) / rows_of_a_task;
+    std::vector<std::size_t> begins(parts + 1, 0);
+    std::atomic<bool> any_missing{false};
+    for_each_number(parts, [&](std::size_t part) {
+        std::size_t bytes = 0;
+        bool missing = false;
+        const std::size_t end = std::min(codes.size(), (part + 1) * rows_of_a_task);
+        for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
+            missing = missing | (codes[i] < 0);
+            if (codes[i] >= 0)
+                bytes += words[static_cast<std::size_t>(codes[i])].size();
+        }
+        begins[part + 1] = bytes;
+        if (missing)
+            any_missing.store(true, std::memory_order_relaxed);
+    });
+    for (std::size_t part = 0; part < parts; ++part)
+        begins[part + 1] += begins[part];
+    if (any_missing) {
+        std::vector<std::uint8_t> present(codes.size());
+        for (std::size_t i = 0; i < codes.size(); ++i)
+            present[i] = codes[i] >= 0;
+        set_validity(made, present);
     }
-    set_validity(made, present);
     const bool text = made.type.of == kind::text;
-    const bool large = bytes > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) ||
-                       made.type.format == "U" || made.type.format == "Z";
+    const bool large =
+        begins.back() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) ||
+        made.type.format == "U" || made.type.format == "Z";
     made.type.format = text ? (large ? "U" : "u") : (large ? "Z" : "z");
     if (large)
-        put_texts<std::int64_t>(made, words, codes, bytes);
+        put_texts<std::int64_t>(made, words, codes, begins);
     else
-        put_texts<std::int32_t>(made, words, codes, bytes);
+        put_texts<std::int32_t>(made, words, codes, begins);
 }
 
 // The values of rows as an answer of the column's own form.
@@ -313,24 +343,22 @@ result_column finish_answer(std::string name, const value_type &type, const answ
         values.stored == form::rank ? source->as_ranked_texts(tell) : source->as_texts(tell);
     const auto codes = all.codes.values<std::int32_t>();
     const std::span<const std::uint32_t> order = by.order();
-    std::vector<std::int32_t> shown_codes(order.size());
-    for (std::size_t i = 0; i < order.size(); ++i) {
-        const std::size_t group = order[i];
-        std::int32_t code = -1;
-        if (!values.present.empty() && values.present[group] == 0) {
-            // missing
-        } else if (values.stored == form::rank) {
+    const kept_array<std::int32_t> shown_codes(order.size());
+    const auto code_of = [&](std::size_t group) {
+        if (!values.present.empty() && values.present[group] == 0)
+            return -1;
+        if (values.stored == form::rank) {
             const std::int32_t rank = values.as<std::int32_t>(by.count())[group];
-            if (rank >= 0)
-                code = all.by_rank[static_cast<std::size_t>(rank)];
-        } else {
-            const lng row = values.as<lng>(by.count())[group];
-            if (row >= 0)
-                code = codes[static_cast<std::size_t>(row)];
+            return rank < 0 ? -1 : all.by_rank[static_cast<std::size_t>(rank)];
         }
-        shown_codes[i] = code < 0 ? -1 : code;
-    }
-    finish_texts(made, all.words, shown_codes);
+        const lng row = values.as<lng>(by.count())[group];
+        return row < 0 ? -1 : codes[static_cast<std::size_t>(row)];
+    };
+    for_rows(order.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            shown_codes.values[i] = code_of(order[i]);
+    });
+    finish_texts(made, all.words, {shown_codes.values.get(), order.size()});
     return made;
 }
 

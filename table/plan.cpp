@@ -144,8 +144,8 @@ public:
         double done = 1;
         std::vector<result_column> result;
         for (const column_pointer &key : asked_.by)
-            result.push_back(finish_answer(key->name(), key->type(), rows_answer(by_first_rows()),
-                                           by_, key.get(), nan_missing_, context_.tell));
+            result.push_back(finish_answer(key->name(), key->type(), rows_of_groups(), by_,
+                                           key.get(), nan_missing_, context_.tell));
         for (const asked_function &function : asked_.functions) {
             context_.progress(done / steps);
             result.push_back(column_of(function));
@@ -161,6 +161,13 @@ private:
     std::vector<lng> by_first_rows() const {
         const auto rows = by_.first_rows();
         return {rows.begin(), rows.end()};
+    }
+
+    // Their first rows. Made once, as many columns of the result are read from them.
+    const answer &rows_of_groups() {
+        if (first_rows_.values == nullptr)
+            first_rows_ = rows_answer(by_first_rows());
+        return first_rows_;
     }
 
     static answer rows_answer(std::vector<lng> rows) {
@@ -1139,7 +1146,7 @@ private:
         if (by_.rows() == 0)
             return rows_answer(std::move(rows));
         if (!last && missing == 0)
-            return rows_answer(by_first_rows());
+            return rows_of_groups();
         const auto numbers = by_.numbers();
         const auto find = [&](const auto &is_present) {
             const auto count = static_cast<std::size_t>(by_.rows());
@@ -1166,6 +1173,7 @@ private:
     const query_context &context_;
     bool nan_missing_;
     groups by_;
+    answer first_rows_;
     std::map<std::string, answer> done_;
     std::map<const column *, std::vector<lng>> counts_;
     std::map<const column *, std::vector<wide_integer>> exact_;

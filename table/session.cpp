@@ -2,9 +2,9 @@
 
 #include "table/errors.h"
 
-#include "vask/refkernel/errors.h"
 #include "refkernel/memory.h"
 #include "vask/ops.h"
+#include "vask/refkernel/errors.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #include "table/value_type.h"
 
-#include "vask/kernel/bat.h"
 #include "table/errors.h"
+#include "vask/kernel/bat.h"
 
 #include <array>
 #include <charconv>
