@@ -262,11 +262,11 @@ void finish_texts(result_column &made, const std::vector<std::string_view> &word
             present[i] = codes[i] >= 0;
         set_validity(made, present);
     }
-    const bool text = made.type.of == kind::text;
     const bool large =
         begins.back() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) ||
         made.type.format == "U" || made.type.format == "Z";
-    made.type.format = text ? (large ? "U" : "u") : (large ? "Z" : "z");
+    const char letter = made.type.of == kind::text ? 'u' : 'z';
+    made.type.format.assign(1, large ? static_cast<char>(letter - 'u' + 'U') : letter);
     if (large)
         put_texts<std::int64_t>(made, words, codes, begins);
     else

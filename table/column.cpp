@@ -181,33 +181,55 @@ void copy_part(const piece &p, std::int64_t from, std::int64_t rows, To *to) {
     copy_with_nils<From, To>(aligned.data(), validity, p.offset + from, rows, nil_of<To>(), to);
 }
 
-// Whether a value, not what lies under a null, fulfils `test`.
-template <class T, class Test>
-bool any_value(const std::vector<piece> &pieces, const Test &test) {
-    std::atomic<bool> found{false};
+// What is to be known of values before they are taken as they are.
+struct oddities {
+    bool nil = false; // a value equals the number `nil`, or is one beyond the signed integers
+    bool nan = false;
+};
+
+template <class T>
+oddities oddities_of(T value, T nil) {
+    if constexpr (std::is_same_v<T, std::uint64_t>)
+        return {value > static_cast<T>(std::numeric_limits<std::int64_t>::max()), false};
+    else
+        return {value == nil, value != value};
+}
+
+// What lies under nulls does not count.
+template <class T>
+oddities find_oddities(const std::vector<piece> &pieces, T nil) {
+    std::atomic<bool> any_nil{false};
+    std::atomic<bool> any_nan{false};
     for_pieces(pieces, [&](const piece &p, std::int64_t from, std::int64_t rows, std::size_t) {
-        if (found.load(std::memory_order_relaxed))
-            return;
-        // Without a branch first, as most columns have no such value.
+        // Without branches first, as most columns have no such value.
         const T *const values = values_of<T>(p);
-        bool here = false;
-        for (std::int64_t row = from; row < from + rows; ++row) {
+        bool here_nil = false;
+        bool here_nan = false;
+        const auto look = [&](std::int64_t row) {
             T value;
             std::memcpy(&value, values + row, sizeof value);
-            here = here | test(value);
+            return oddities_of(value, nil);
+        };
+        for (std::int64_t row = from; row < from + rows; ++row) {
+            const oddities own = look(row);
+            here_nil = here_nil | own.nil;
+            here_nan = here_nan | own.nan;
         }
-        if (!here)
-            return;
-        for (std::int64_t row = from; row < from + rows; ++row) {
-            T value;
-            std::memcpy(&value, values + row, sizeof value);
-            if (test(value) && is_value(p, row)) {
-                found.store(true, std::memory_order_relaxed);
-                return;
+        if ((here_nil || here_nan) && p.validity != nullptr) {
+            here_nil = false;
+            here_nan = false;
+            for (std::int64_t row = from; row < from + rows; ++row) {
+                const oddities own = look(row);
+                here_nil |= own.nil && is_value(p, row);
+                here_nan |= own.nan && is_value(p, row);
             }
         }
+        if (here_nil)
+            any_nil.store(true, std::memory_order_relaxed);
+        if (here_nan)
+            any_nan.store(true, std::memory_order_relaxed);
     });
-    return found.load();
+    return {any_nil.load(), any_nan.load()};
 }
 
 template <class From, class To>
@@ -311,14 +333,16 @@ numbers fixed_numbers(const fixed_request &asked) {
     using wider = typename wider_of<T>::type;
     numbers result;
     result.missing = asked.nulls;
+    oddities odd;
     if constexpr (std::is_same_v<T, std::uint64_t>) {
-        constexpr auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-        if (any_value<T>(asked.pieces, [](T value) { return value > most; }))
+        if (find_oddities<T>(asked.pieces, T{}).nil)
             return beyond_numbers<T>(asked);
     }
     if constexpr (std::is_same_v<T, stored>) {
         const T nil = nil_of<T>();
-        if (any_value<T>(asked.pieces, [nil](T value) { return value == nil; })) {
+        odd = find_oddities<T>(asked.pieces, nil);
+        result.nan = odd.nan;
+        if (odd.nil) {
             if (asked.no_time) {
                 fresh_column<T> made(asked.rows);
                 std::atomic<std::uint64_t> nils{0};
@@ -336,7 +360,9 @@ numbers fixed_numbers(const fixed_request &asked) {
                 asked.tell(fmt::format("column '{}' holds the number {}, which the operators take "
                                        "for a null: it is worked on by itself, more slowly",
                                        shown(asked.name), nil));
-                return beyond_numbers<T>(asked);
+                numbers beyond = beyond_numbers<T>(asked);
+                beyond.nan = odd.nan;
+                return beyond;
             } else {
                 asked.tell(fmt::format("column '{}' holds the number {}, which the operators take "
                                        "for a null: it was copied to a wider type",
@@ -681,12 +707,7 @@ const numbers &column::as_numbers(bool nan_missing, const teller &tell) const {
     if (!nan_missing || !is_float(type_.of))
         return *numbers_;
     if (numbers_without_nan_ == nullptr) {
-        const auto values = numbers_->values.type();
-        const bool any = visit_storage(values, [&]<class T>(std::type_identity<T>) {
-            const auto all = numbers_->values.values<T>();
-            return std::any_of(all.begin(), all.end(), [](T value) { return value != value; });
-        });
-        if (!any)
+        if (!numbers_->nan)
             return *numbers_;
         numbers_without_nan_ = std::make_unique<const numbers>(without_nan(*numbers_));
         tell(

@@ -46,6 +46,7 @@ struct numbers {
      */
     bool beyond = false;
     std::vector<std::uint8_t> present; //!< of those: by row 1 for a value; empty: all are
+    bool nan = false;                  //!< of floats: a value is a NaN
 };
 
 //! Texts as codes of words. A missing one has the nil.

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <concepts>
 #include <limits>
@@ -110,28 +109,8 @@ bat as_doubles(const column &of, const numbers &values) {
     });
 }
 
-bool holds_nan(const numbers &values) {
-    return visit_values(values.values, []<class T>(std::span<const T> all) {
-        if constexpr (std::is_floating_point_v<T>) {
-            std::atomic<bool> found{false};
-            for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
-                bool here = false;
-                for (std::size_t row = begin; row < end; ++row)
-                    here = here | (all[row] != all[row]);
-                if (here)
-                    found.store(true, std::memory_order_relaxed);
-            });
-            return found.load();
-        } else {
-            return false;
-        }
-    });
-}
-
 bat present_values(const bat &values, std::uint64_t missing) {
     return visit_values(values, [&]<class T>(std::span<const T> all) {
-        if (missing == 0)
-            return borrowed_column(all.data(), all.size(), {.nonil = true});
         fresh_column<T> made(all.size() - missing);
         for_present(all,
                     [&](std::size_t row, std::size_t place) { made.values[place] = all[row]; });
@@ -144,15 +123,9 @@ bat map_of_present(const bat &values, std::uint64_t missing, const bat &map, con
         const oid_reader groups(*map->tail, *map.record());
         const BUN first = map->info->first;
         fresh_column<oid> made(all.size() - missing);
-        if (missing == 0)
-            for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
-                for (std::size_t row = begin; row < end; ++row)
-                    made.values[row] = groups[first + static_cast<BUN>(row)];
-            });
-        else
-            for_present(all, [&](std::size_t row, std::size_t place) {
-                made.values[place] = groups[first + static_cast<BUN>(row)];
-            });
+        for_present(all, [&](std::size_t row, std::size_t place) {
+            made.values[place] = groups[first + static_cast<BUN>(row)];
+        });
         return std::move(made).finish();
     });
     ALIGNsetH(result.record(), aligned.record());

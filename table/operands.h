@@ -25,10 +25,7 @@ double scaled_mean(wide_integer sum, lng count, int scale);
 //! The nearest whole number, halves away from 0.
 lng rounded_quotient(wide_integer sum, lng count);
 
-//! Whether a float column that is not `beyond` or one that is holds a NaN.
-bool holds_nan(const numbers &values);
-
-//! The values without the missing ones, marked free of nils.
+//! The values without the missing ones, of which there are some, marked free of nils.
 refkernel::bat present_values(const refkernel::bat &values, std::uint64_t missing);
 
 //! The rows of a group map that go with present_values, aligned with `aligned`, which is its

@@ -280,7 +280,7 @@ private:
 
     void refuse_nan(const asked_function &asked) {
         const column &of = *asked.columns[0];
-        if (is_float(of.type().of) && holds_nan(numbers_of(of)))
+        if (is_float(of.type().of) && numbers_of(of).nan)
             fail(VASK_BAD_DATA,
                  "{}: column '{}' holds NaN, which has no place in an order; set "
                  "VASK_NAN_IS_NULL to leave NaN out as nulls, or remove them",
@@ -773,7 +773,11 @@ private:
 
     const present_rows &present_in(const bat &values, std::uint64_t missing, const column &of) {
         const auto [at, is_new] = present_.try_emplace(&of);
-        if (is_new) {
+        if (is_new && missing == 0) {
+            at->second.values = bat::share(values.id());
+            if (!by_.is_whole())
+                at->second.map = bat::share(by_.map().id());
+        } else if (is_new) {
             at->second.values = present_values(values, missing);
             if (!by_.is_whole())
                 at->second.map = map_of_present(values, missing, by_.map(), at->second.values);

@@ -104,7 +104,7 @@ result_column stacked(std::string name, const value_type &type,
         }
     made.validity = made.nulls > 0 ? memory->validity.data() : nullptr;
     if (is_text(type.of)) {
-        made.type.format = type.of == kind::text ? "U" : "Z";
+        made.type.format.assign(1, type.of == kind::text ? 'U' : 'Z');
         made.values = memory->offsets.data();
         made.bytes = memory->bytes.data();
     } else {
