@@ -1,4 +1,4 @@
-// VASKgroup by the hash road: 1e7 rows on two threads, values in random order.
+// VASKgroup by the hash path: 1e7 rows on two threads, values in random order.
 
 #include "bench/read_unit.h"
 

@@ -274,7 +274,7 @@ VASK_EXPORT char *vaskops_are_bat_indexes_contained(int32_t *result, const int32
  *
  * Errors, place "group.vask_new": "Object not found"; "operation failed to
  * sample BAT"; "could not allocate space for grp BAT" (or "ext BAT"); "operation
- * failed" for a tail that has no such road (void, and types stored as text but
+ * failed" for a tail that has no such path (void, and types stored as text but
  * str itself where many groups are expected), for extents that cannot grow, and,
  * where the column would be hashed or sorted, for a GDKnr_threads of 0.
  * Place "group.VASKgroup": "Explicit type required(v)oid head required\n" for
@@ -302,9 +302,9 @@ VASK_EXPORT char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *b
  * VASKgroup's. A new group's id is the head oid of its first row in the
  * column. The caller owns a reference on each.
  *
- * Road: fewer than 8192 rows, a kernel of one thread, an empty grouping or one
+ * Path: fewer than 8192 rows, a kernel of one thread, an empty grouping or one
  * of 0.3 groups per row and more go to the kernel's GRPderive. Otherwise a
- * sample of 1024 rows decides between two parallel roads that agree but in
+ * sample of 1024 rows decides between two parallel paths that agree but in
  * these points:
  *
  *                  few old groups (pairs)      many old groups (buckets)
@@ -324,7 +324,7 @@ VASK_EXPORT char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *b
  * extents (buckets), when the extents cannot grow, or for any other tail type.
  * Place: "group.vask_derive". The column's head is looked at before the map is
  * fetched. The process ends when the hash of the map's head is needed and cannot
- * be built. BATaccess hints are closed only when one of the parallel roads
+ * be built. BATaccess hints are closed only when one of the parallel paths
  * succeeds; "dispatcher failed" can leave the map of the sample behind.
  * Trace: one line at the start and one at the end with bit 21 of GDKdebug.
  */
@@ -334,7 +334,7 @@ VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *
 /*
  * Number of different values in each group.
  *
- * Inputs: the values *bid, with an ascending head for the parallel road; the
+ * Inputs: the values *bid, with an ascending head for the parallel path; the
  * group map *gid, as VASKgroup and VASKderive make it; the extents *eid. Unlike
  * the other grouped operators, a row of the values belongs to the map's row with
  * the same head, wherever that stands; a row without one is skipped.
@@ -350,9 +350,9 @@ VASK_EXPORT char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *
  * map is not ascending, or with fewer than 300 different values in a sample of
  * 1024 rows; otherwise the pairs of a group and a value, or for integers that lie
  * close together a bit for each pair there can be, are counted in parallel. That
- * road takes tails stored as bit, 2, bte, sht, int, lng, flt, dbl and str.
+ * path takes tails stored as bit, 2, bte, sht, int, lng, flt, dbl and str.
  * Errors, place "aggr.countd": "operation failed" for everything, such as a BAT
- * that is not there, a type without a road, a group that is not in the extents,
+ * that is not there, a type without a path, a group that is not in the extents,
  * and memory that runs out. The kernel operators' exceptions are passed on.
  */
 VASK_EXPORT char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *gid,

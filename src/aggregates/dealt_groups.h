@@ -5,13 +5,13 @@
 #pragma once
 
 #include "aggregates/group_scan.h"
+#include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
 #include "rows/huge_pages.h"
 #include "rows/range_tasks.h"
 #include "rows/scatter.h"
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstddef>
 #include <optional>
@@ -54,19 +54,19 @@ public:
     std::optional<bool> run(Finish finish) {
         if (!ids_ascend() || !deal())
             return std::nullopt;
-        bte any = 0;
+        shared_mark any;
         const std::size_t n = tasks_per_partition * plan_.nparts;
         run_numbered(n, [&, this](std::size_t i) {
             bucket_states states;
             bool mine = false;
             const std::size_t end = offsets_.cut(i + 1, n);
-            for (std::size_t bucket = offsets_.cut(i, n); bucket < end && !is_set(unknown_);
+            for (std::size_t bucket = offsets_.cut(i, n); bucket < end && !unknown_.is_set();
                  ++bucket)
                 mine |= aggregate(bucket, states, finish);
             if (mine)
-                set(any);
+                any.set();
         });
-        return unknown_ != 0 ? std::nullopt : std::optional(any != 0);
+        return unknown_.is_set() ? std::nullopt : std::optional(any.is_set());
     }
 
 private:
@@ -74,13 +74,6 @@ private:
     using value_type = std::remove_cvref_t<decltype(std::declval<const Rows &>()[BUN{}])>;
 
     static constexpr std::size_t tasks_per_partition = 4;
-
-    static void set(bte &mark) noexcept {
-        std::atomic_ref(mark).store(1, std::memory_order_relaxed);
-    }
-    static bool is_set(bte &mark) noexcept {
-        return std::atomic_ref(mark).load(std::memory_order_relaxed) != 0;
-    }
 
     //! The ids of a bucket agree but for so many low bits. States and slots of about 4096 groups
     //! stay in the second-level cache; more places to write to at once than 4096 do not.
@@ -94,15 +87,15 @@ private:
     }
 
     bool ids_ascend() const {
-        bte broken = 0;
+        shared_mark broken;
         run_row_loop(groups_ - 1, [&, ids = ids_](vask_row_range r) {
             bool ascends = true;
             for (BUN j = r.begin; j < r.end; ++j)
                 ascends &= ids[j] < ids[j + 1];
             if (!ascends)
-                set(broken);
+                broken.set();
         });
-        return broken == 0;
+        return !broken.is_set();
     }
 
     //! Calls `visit(p, id)` for the rows of a partition that have a value, with how far the id of
@@ -142,9 +135,9 @@ private:
                 !visit_rows(range, [=, shift = shift_](const Rows &, BUN, std::uint32_t id) {
                     ++counts[id >> shift];
                 }))
-                set(unknown_);
+                unknown_.set();
         });
-        if (unknown_ != 0)
+        if (unknown_.is_set())
             return false;
         offsets_.turn_counts_into_offsets();
         const std::size_t n = offsets_.begin_of(offsets_.buckets());
@@ -200,7 +193,7 @@ private:
             bucket_states::clear(states.of_partition, n);
             const BUN begin = part == 0 ? offsets_.begin_of(bucket) : offsets_.of(part - 1)[bucket];
             if (!add_rows({begin, offsets_.of(part)[bucket]}, base, states)) {
-                set(unknown_);
+                unknown_.set();
                 return false;
             }
             for (std::size_t j = 0; j < n; ++j)
@@ -239,7 +232,7 @@ private:
     scatter_offsets offsets_;
     gdk_block<std::uint32_t> dealt_ids_;
     gdk_block<value_type> values_;
-    bte unknown_ = 0;
+    shared_mark unknown_;
 };
 
 } // namespace vask

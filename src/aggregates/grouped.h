@@ -5,9 +5,9 @@
 #include "aggregates/dealt_groups.h"
 #include "aggregates/group_scan.h"
 #include "kernel/frame.h"
+#include "kernel/shared_mark.h"
 
 #include <array>
-#include <atomic>
 #include <new>
 #include <optional>
 #include <tuple>
@@ -70,7 +70,7 @@ bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT 
                        const state_columns<partial> states = blocks.allocate(part, groups);
                        scan_partition<Aggregate>(rows, map, extents, slots, states, r);
                    });
-    bte any = 0;
+    shared_mark any;
     run_row_loop(groups, [&, nparts = plan.nparts](vask_row_range r) {
         bool mine = false;
         for (BUN j = r.begin; j < r.end; ++j) {
@@ -80,9 +80,9 @@ bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT 
             mine |= finish(j, total);
         }
         if (mine)
-            std::atomic_ref(any).store(1, std::memory_order_relaxed);
+            any.set();
     });
-    return any != 0;
+    return any.is_set();
 }
 
 //! Deals the rows out to buckets of groups, where that pays and can be done.
@@ -134,17 +134,16 @@ template <class MakeRow>
 void for_each_row_group(BAT *b, BAT *result, MakeRow make_row) {
     BATaccess(b, 2, 0, 1);
     BATaccess(result, 2, 0, 1);
-    std::uint8_t has_nil = 0;
+    shared_mark has_nil;
     run_row_loop(std::min(b->info->count, result->info->count),
                  [&has_nil, row = make_row()](vask_row_range r) {
                      bool any = false;
                      for (BUN i = r.begin; i < r.end; ++i)
                          any |= row(i);
-                     // Tasks may say so at the same time: all of them store the same 1.
                      if (any)
-                         std::atomic_ref(has_nil).store(1, std::memory_order_relaxed);
+                         has_nil.set();
                  });
-    if (has_nil)
+    if (has_nil.is_set())
         mark_nil(*result->tail);
     BATaccess(b, 2, 0, -1);
     BATaccess(result, 2, 0, -1);

@@ -17,11 +17,11 @@ constexpr const char *place = "group.vask_new";
 // Rows that the extents have room for at first; they grow as groups turn up.
 constexpr BUN initial_groups = 4096;
 
-//! The typed body of a road: what it gives, or 0 where the road has none for how the tail is
+//! The typed body of a path: what it gives, or 0 where the path has none for how the tail is
 //! stored.
-int run_body(vask_group_strategy road, BAT *ext, BAT *grp, BAT *b) {
+int run_body(vask_group_strategy path, BAT *ext, BAT *grp, BAT *b) {
     const int storage = storage_of(*b->tail);
-    if (road == VASK_GROUP_SORT)
+    if (path == VASK_GROUP_SORT)
         return visit_storage_class(storage, 0, [=]<class T>(std::type_identity<T>) {
             return vask_sort_group<T>(ext, grp, b);
         });
@@ -32,8 +32,8 @@ int run_body(vask_group_strategy road, BAT *ext, BAT *grp, BAT *b) {
     });
 }
 
-//! Groups b on one of the parallel roads and stores the results' numbers.
-char *group_in_parallel(vask_group_strategy road, std::int32_t *rethisto, std::int32_t *retbid,
+//! Groups b on one of the parallel paths and stores the results' numbers.
+char *group_in_parallel(vask_group_strategy path, std::int32_t *rethisto, std::int32_t *retbid,
                         BAT *b) {
     tell_ranges(*b);
     const int head_type = b->head->type;
@@ -53,7 +53,7 @@ char *group_in_parallel(vask_group_strategy road, std::int32_t *rethisto, std::i
     if (head_type != TYPE_oid && head_type != TYPE_void)
         return make_exception("group.VASKgroup", "Explicit type required(v)oid head required\n");
 
-    if (run_body(road, ext, grp, b) == 0 || !vask_group_finish(grp, ext, b)) {
+    if (run_body(path, ext, grp, b) == 0 || !vask_group_finish(grp, ext, b)) {
         BBPreleaseref(b->bat_id);
         BBPreclaim(grp);
         BBPreclaim(ext);
@@ -79,16 +79,16 @@ char *VASKgroup(int32_t *rethisto, int32_t *retbid, const int32_t *bid) {
     BAT *b = vask_descriptor(b_id);
     if (b == nullptr)
         return make_exception(place, failure::object_not_found);
-    const vask_group_strategy road = vask_group_select(b);
-    if (road == VASK_GROUP_FAILED) {
+    const vask_group_strategy path = vask_group_select(b);
+    if (path == VASK_GROUP_FAILED) {
         BBPreleaseref(b->bat_id);
         return make_exception(place, "operation failed to sample BAT");
     }
-    if (road == VASK_GROUP_SERIAL) {
+    if (path == VASK_GROUP_SERIAL) {
         BBPreleaseref(b->bat_id);
         return GRPgroup(rethisto, retbid, bid);
     }
-    if (char *exception = group_in_parallel(road, rethisto, retbid, b))
+    if (char *exception = group_in_parallel(path, rethisto, retbid, b))
         return exception;
 
     const lng elapsed = GDKusec() - start;

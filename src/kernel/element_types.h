@@ -33,8 +33,19 @@ R visit_arithmetic_type(int code, R otherwise, F f) {
     }
 }
 
-//! The same for the six storage classes of grouping, distinct counting, statistics and union: all
-//! one-byte types run as bte, and wrd has no class of its own (the kernel stores it as lng).
+//! Whether a type is one of numbers. Flags, oids and user atoms are not.
+inline bool is_arithmetic_type(int code) {
+    return visit_arithmetic_type(code, false, [](auto) { return true; });
+}
+
+//! Numbers, or flags and bytes, which are stored as numbers.
+inline bool is_stored_as_number(int code) {
+    return is_arithmetic_type(code) || code == TYPE_bit || code == TYPE_byte;
+}
+
+//! Calls `f` like visit_arithmetic_type for the six storage classes of grouping, distinct counting,
+//! statistics and union: all one-byte types run as bte, and wrd has no class of its own (the kernel
+//! stores it as lng).
 template <class R, class F>
 R visit_storage_class(int storage, R otherwise, F f) {
     switch (storage) {

@@ -1,4 +1,4 @@
-// The road every operator travels: inputs by number, a partition plan, tasks, a result, a failure
+// The path of every operator: inputs by number, a partition plan, tasks, a result, a failure
 // text. An operator supplies what happens to a row and how partial results are merged.
 #pragma once
 

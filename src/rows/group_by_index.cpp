@@ -1,6 +1,7 @@
 #include "rows/group_by_index.h"
 
 #include "kernel/frame.h"
+#include "kernel/shared_mark.h"
 #include "rows/noted_rows.h"
 #include "rows/range_tasks.h"
 #include "rows/row_counts.h"
@@ -60,7 +61,7 @@ public:
             found[i] = noted_rows(first(i));
             count(first(i), counts[i], found[i]);
         });
-        if (keyless_ != 0)
+        if (keyless_.is_set())
             return grouping_outcome::row_without_key;
         merge(found);
 
@@ -72,7 +73,7 @@ public:
             found[i] = noted_rows(rest(i));
             written[i] = count_and_write(i, ids, counts[i], found[i]);
         });
-        if (keyless_ != 0)
+        if (keyless_.is_set())
             return grouping_outcome::row_without_key;
         if (merge(found) != 0)
             find_ids(ids);
@@ -118,7 +119,7 @@ private:
             return true;
         });
         if (!all)
-            std::atomic_ref(keyless_).store(1, std::memory_order_relaxed);
+            keyless_.set();
     }
 
     //! Notes the rows with which groups begin; of few groups some more.
@@ -236,7 +237,7 @@ private:
     const group_resolver &resolve_;
     std::size_t n_;
     BUN split_;
-    bte keyless_ = 0;
+    shared_mark keyless_;
     gdk_vector<std::uint32_t> numbers_; // of each index's group
     gdk_vector<std::uint32_t> totals_;  // rows of each index
     gdk_vector<bte> wrong_;             // whether a range claimed a group that begins before it

@@ -1,6 +1,7 @@
 #include "rows/group_by_table.h"
 
 #include "kernel/frame.h"
+#include "kernel/shared_mark.h"
 #include "rows/key_table.h"
 #include "rows/range_tasks.h"
 #include "rows/row_counts.h"
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 
 namespace vask {
 
@@ -34,7 +34,7 @@ struct range_keys {
 //! this or another range has too many keys. False at a row without a key.
 template <class Key>
 bool number_rows(const grouping_rows &rows, const key_loader<Key> &load, vask_row_range range,
-                 range_keys &found, bte &too_many) {
+                 range_keys &found, shared_mark &too_many) {
     constexpr std::uint32_t first_codes = 256;
     key_table<bit_keys<Key>> table;
     std::array<Key, block_rows> keys;
@@ -57,12 +57,12 @@ bool number_rows(const grouping_rows &rows, const key_loader<Key> &load, vask_ro
             const bool many = table.size() > most_keys ||
                               (row - range.begin < judged_rows && table.size() > judged_rows / 2);
             if (many)
-                std::atomic_ref(too_many).store(1, std::memory_order_relaxed);
+                too_many.set();
             if (table.size() > found.counts.numbers())
                 found.counts = row_counts(std::size_t{2} * table.size(), found.counts);
         }
         found.counts.add(codes, n, [](std::uint32_t, std::size_t) {});
-        return std::atomic_ref(too_many).load(std::memory_order_relaxed) == 0;
+        return !too_many.is_set();
     }));
     return loaded;
 }
@@ -101,15 +101,15 @@ template <class Key>
 grouping_outcome group_by_table(const grouping_rows &rows, const key_loader<Key> &load,
                                 const group_resolver &resolve, const group_sink &sink) {
     gdk_vector<range_keys> found(rows.ranges.size());
-    bte keyless = 0;
-    bte too_many = 0;
+    shared_mark keyless;
+    shared_mark too_many;
     run_ranges(rows.ranges, [&](std::size_t i, vask_row_range range) {
         if (!number_rows(rows, load, range, found[i], too_many))
-            std::atomic_ref(keyless).store(1, std::memory_order_relaxed);
+            keyless.set();
     });
-    if (keyless != 0)
+    if (keyless.is_set())
         return grouping_outcome::row_without_key;
-    if (too_many != 0)
+    if (too_many.is_set())
         return grouping_outcome::too_many_keys;
     const gdk_vector<new_group> groups = merge(rows, resolve, found);
     run_ranges(rows.ranges,

@@ -39,8 +39,8 @@ public:
 
     std::size_t numbers() const noexcept { return numbers_; }
 
-    //! Counts n rows. Calls `on_first(number, i)` for the first row i of a number, in row order; it
-    //! may be called for up to four rows of a number, of which the first is the first of all.
+    //! Counts n rows. Calls `on_first(number, i)` in row order for the first row i of a number in
+    //! each lane, so up to four times; the first call has the number's first row.
     template <class OnFirst>
     void add(const std::uint32_t *numbers, BUN n, OnFirst on_first) {
         if (lanes_ == 1)

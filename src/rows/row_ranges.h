@@ -15,7 +15,7 @@ struct vask_row_range {
     BUN size() const noexcept { return end > begin ? end - begin : 0; }
 };
 
-//! As many ranges as the kernel has threads, and no more than rows. 0 when either is 0: the roads
+//! As many ranges as the kernel has threads, and no more than rows. 0 when either is 0: the paths
 //! that cut their rows this way then fail or have nothing to do.
 std::uint32_t vask_range_count(const BAT &b) noexcept;
 

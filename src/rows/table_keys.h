@@ -25,8 +25,8 @@ struct bit_pattern_keys {
     VASK_ALWAYS_INLINE static bool equal(Bits a, Bits b) noexcept { return a == b; }
 };
 
-//! The same for values of a column, whose low bits may tell nothing. One and two bytes cannot miss
-//! each other by much in any table.
+//! The same for values of a column, whose low bits may tell nothing. Keys of one and two bytes need
+//! no mixing: they spread over any table as they are.
 template <std::unsigned_integral Bits>
 struct spread_bit_pattern_keys : bit_pattern_keys<Bits> {
     VASK_ALWAYS_INLINE static std::uint32_t hash(Bits key) noexcept {

@@ -1,4 +1,4 @@
-// Tells of most values that are not in a map that they are not.
+// A Bloom filter with one hash: rejects most values that a map does not hold.
 #pragma once
 
 #include "sets/oid_position_map.h"
@@ -10,7 +10,7 @@ namespace vask {
 //! branch that nobody predicts, 17 ns; the bit takes 1 ns. Any number of threads may ask.
 class absence_filter {
 public:
-    //! A filter that holds everything back from nobody.
+    //! An empty filter: every value passes.
     absence_filter() = default;
     absence_filter(const absence_filter &) = delete;
     absence_filter &operator=(const absence_filter &) = delete;
@@ -24,7 +24,7 @@ public:
     //! Enters the values of `left`, which the map holds. Stays without effect if memory is short.
     void enter(const oid_position_map &map, const std::uint32_t *left, std::uint64_t rows);
 
-    //! Whether it holds anything back.
+    //! Whether it rejects any value.
     bool active() const noexcept { return words_ != nullptr; }
 
     //! Copies those of n values that may be present, in order, and gives their number.

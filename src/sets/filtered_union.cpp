@@ -1,4 +1,6 @@
+#include "kernel/element_types.h"
 #include "kernel/frame.h"
+#include "kernel/shared_mark.h"
 #include "rows/atom_nil_test.h"
 #include "rows/gdk_vector.h"
 #include "rows/row_conversion.h"
@@ -6,7 +8,6 @@
 #include "vask/ops.h"
 
 #include <algorithm>
-#include <atomic>
 #include <exception>
 #include <numeric>
 
@@ -18,24 +19,6 @@ namespace union_failure {
 constexpr const char *unsupported_head = "Unsupported head type";
 constexpr const char *unequal_sizes = "Size of BATs is unequal";
 } // namespace union_failure
-
-//! void and oid stand in heads only.
-bool is_union_tail(int type) noexcept {
-    switch (type) {
-        case TYPE_bit:
-        case TYPE_byte:
-        case TYPE_bte:
-        case TYPE_sht:
-        case TYPE_int:
-        case TYPE_wrd:
-        case TYPE_flt:
-        case TYPE_dbl:
-        case TYPE_lng:
-            return true;
-        default:
-            return false;
-    }
-}
 
 bool is_union_head(int type) noexcept {
     return type == TYPE_void || type == TYPE_oid;
@@ -70,7 +53,7 @@ bool run_union_pass(const union_plan &plan, int columns, Task task) {
         return false;
     if (parts == 0)
         return plan.left->info->count == 0;
-    std::uint8_t success = 1;
+    shared_mark failed;
     BATaccess(plan.left, columns, 0, 1);
     BATaccess(plan.right, columns, 0, 1);
     run_partitions(partition_plan(*plan.left, parts), [&](std::uint64_t part, vask_row_range r) {
@@ -80,11 +63,11 @@ bool run_union_pass(const union_plan &plan, int columns, Task task) {
         } catch (...) { // NOLINT(bugprone-empty-catch): nothing but the failure is reported
         }
         if (!done)
-            std::atomic_ref(success).store(0, std::memory_order_relaxed);
+            failed.set();
     });
     BATaccess(plan.left, columns, 0, -1);
     BATaccess(plan.right, columns, 0, -1);
-    return success != 0;
+    return !failed.is_set();
 }
 
 std::uint32_t count_both_non_nil(const BAT &left, const BAT &right, vask_row_range r) {
@@ -200,7 +183,7 @@ bool fill_result(const union_plan &plan, const BAT &result) {
 const char *make_union(union_plan &plan, std::int32_t *result) {
     BAT *left = plan.left;
     BAT *right = plan.right;
-    if (!is_union_tail(left->tail->type) || !is_union_tail(right->tail->type))
+    if (!is_stored_as_number(left->tail->type) || !is_stored_as_number(right->tail->type))
         return failure::unsupported_tail;
     if (!is_union_head(left->head->type) || !is_union_head(right->head->type))
         return union_failure::unsupported_head;

@@ -1,5 +1,4 @@
-// The road of an order statistic between its export and its functor, as far as the whole-column and
-// the grouped form have it in common.
+// What order statistics of a column and of groups share between export and functor.
 #pragma once
 
 #include "kernel/element_types.h"

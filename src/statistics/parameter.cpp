@@ -1,5 +1,6 @@
 #include "statistics/parameter.h"
 
+#include "kernel/element_types.h"
 #include "kernel/frame.h"
 
 #include <cmath>
@@ -11,21 +12,6 @@ namespace {
 
 constexpr const char *invalid_parameter = "Invalid input parameter";
 
-bool is_parameter_type(int type) noexcept {
-    switch (type) {
-        case TYPE_bte:
-        case TYPE_sht:
-        case TYPE_int:
-        case TYPE_wrd:
-        case TYPE_flt:
-        case TYPE_dbl:
-        case TYPE_lng:
-            return true;
-        default:
-            return false;
-    }
-}
-
 //! The first row of the parameter BAT as a record, and its type code. False, with an exception
 //! string unless there was no memory for one, when there is none.
 bool fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid, char **exception) {
@@ -36,7 +22,7 @@ bool fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid, char
     }
     *type = parameter->tail->type;
     const char *text = nullptr;
-    if (is_parameter_type(*type)) {
+    if (is_arithmetic_type(*type)) {
         *record = {0, BATatoms[*type].atom_size, *type};
         const BUN row = 0;
         text = doALGfetch(record, parameter, &row);

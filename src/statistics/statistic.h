@@ -31,23 +31,9 @@ enum class stat_kind : std::uint8_t {
 //! (visit_storage_class). A void column with real oids is let in although it has no storage class:
 //! it is refused one step later, with another message, and that is intended.
 inline bool is_admitted(const BATcol &tail) noexcept {
-    switch (tail.type) {
-        case TYPE_void:
-            return tail.seqbase != oid_nil;
-        case TYPE_bit:
-        case TYPE_byte:
-        case TYPE_bte:
-        case TYPE_sht:
-        case TYPE_int:
-        case TYPE_oid:
-        case TYPE_wrd:
-        case TYPE_flt:
-        case TYPE_dbl:
-        case TYPE_lng:
-            return true;
-        default:
-            return false;
-    }
+    if (tail.type == TYPE_void)
+        return tail.seqbase != oid_nil;
+    return is_stored_as_number(tail.type) || tail.type == TYPE_oid;
 }
 
 //! What a statistic of doubles answers when there is nothing to answer.

@@ -178,7 +178,7 @@ TEST(CountDistinct, OfNumbersByTheirBitsOnAnyShapeAndThreads) {
                 for (const std::int32_t threads : {1, 2, 3, 300}) {
                     const kernel_settings settings(threads);
                     const outcome out = count_distinct(column, g);
-                    // One byte has too few values for the parallel road.
+                    // One byte has too few values for the parallel path.
                     EXPECT_EQ(out.serial, sizeof(T) == 1);
                     if (out.serial && s.without_map != 0)
                         continue; // the serial refinement asks for every row

@@ -23,7 +23,7 @@ using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
 
 // The operators read these once in the life of the process, so they are set before it begins. A
-// sample takes in all rows of these tests, which makes the road certain.
+// sample takes in all rows of these tests, which makes the path certain.
 constexpr BUN serial_rows = 1000;
 constexpr std::uint32_t few_groups = 100;
 [[maybe_unused]] const bool settings_are_made = [] {
@@ -168,7 +168,7 @@ TEST(GroupSelect, ReadsTheSettingsOnce) {
     }
 }
 
-// Every type and head over all roads there are, with the marks of the results.
+// Every type and head over all paths there are, with the marks of the results.
 TEST(Group, AgreesWithThePlainWay) {
     std::uint64_t seed = 0;
     for (const int threads : {1, 2, 5})

@@ -94,7 +94,7 @@ std::vector<std::pair<std::uint64_t, std::size_t>> keys_by_number(const std::vec
     return keys;
 }
 
-//! Map and extents for a road to fill.
+//! Map and extents for a path to fill.
 struct group_results {
     refkernel::bat grp;
     refkernel::bat ext;

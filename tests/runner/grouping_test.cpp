@@ -44,7 +44,7 @@ TEST(Grouping, SortedGroupsHaveMissingValuesLast) {
     EXPECT_EQ(sorted("real,text"), "-0.5,,1\n7,a,2\nnan,b,1\n,,1\n");
 }
 
-//! Rows enough to leave the serial road.
+//! Rows enough to leave the serial path.
 constexpr int rows = 70'000;
 
 //! The value of row i in a column of so many values, in no simple order.

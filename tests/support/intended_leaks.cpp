@@ -5,7 +5,7 @@ extern "C" const char *__lsan_default_suppressions();
 
 extern "C" const char *__lsan_default_suppressions() {
     return
-        // Where a road is chosen by a sample, the exception string of a failing kernel operator is
+        // Where a path is chosen by a sample, the exception string of a failing kernel operator is
         // dropped as it stands.
         "leak:vask_group_select\n"
         "leak:vask_derive_select\n"

@@ -272,7 +272,7 @@ lng GDKusec(void); /* monotonic, microseconds */
  *                         vask/ops.h
  *   GDKnr_threads < 0     counts as more threads than rows: aggregates, moments
  *                         and statistics of two columns cut up to 256 partitions,
- *                         other operators one for each row; the sort road of
+ *                         other operators one for each row; the sort path of
  *                         grouping ends in "operation failed", refinement is left
  *                         to GRPderive
  *   GDKmin_part_size 0    traps (SIGFPE) in aggregates, moments and statistics of

@@ -16,7 +16,7 @@ namespace vask {
 //!
 //! 1 on success; 0 when a row of b has no row in the map, when a row's old group is not in the
 //! histogram, when a row could not be appended to `ext`, or when there is no memory: unlike on the
-//! other roads no exception passes. The result does not depend on the number of threads. A failing
+//! other paths no exception passes. The result does not depend on the number of threads. A failing
 //! build of the map's hash ends the process.
 template <class T>
 int vask_buckets_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool synced);

@@ -30,11 +30,11 @@ struct derive_inputs {
     }
 };
 
-//! The typed body of a road; 0 where there is none for how the tail is stored.
-int run_body(vask_derive_strategy road, BAT *grp, BAT *ext, const derive_inputs &in) {
+//! The typed body of a path; 0 where there is none for how the tail is stored.
+int run_body(vask_derive_strategy path, BAT *grp, BAT *ext, const derive_inputs &in) {
     const bool synced = ALIGNsynced(in.map, in.b) != 0;
     const auto run = [=]<class T>(std::type_identity<T>) {
-        return road == VASK_DERIVE_PAIRS
+        return path == VASK_DERIVE_PAIRS
                    ? vask_pairs_derive<T>(grp, ext, in.b, in.map, in.histo, synced)
                    : vask_buckets_derive<T>(grp, ext, in.b, in.map, in.histo, synced);
     };
@@ -45,7 +45,7 @@ int run_body(vask_derive_strategy road, BAT *grp, BAT *ext, const derive_inputs 
 
 //! Makes the refined grouping; null or a failure text. The BATs made so far are the caller's to
 //! give back after a failure.
-const char *refine(vask_derive_strategy road, const derive_inputs &in, BAT *&grp, BAT *&ext) {
+const char *refine(vask_derive_strategy path, const derive_inputs &in, BAT *&grp, BAT *&ext) {
     tell_ranges(*in.b);
     // Another call on the same extents may be building it in a task.
     if (published(in.histo->head->hash) == nullptr && BAThash(in.histo, 0) == nullptr)
@@ -57,7 +57,7 @@ const char *refine(vask_derive_strategy road, const derive_inputs &in, BAT *&grp
     ext = BATnew(TYPE_oid, TYPE_wrd, 2 * in.histo->info->count);
     if (ext == nullptr)
         return "could not allocate space for ext BAT";
-    return run_body(road, grp, ext, in) == 1 ? nullptr : failure::operation_failed;
+    return run_body(path, grp, ext, in) == 1 ? nullptr : failure::operation_failed;
 }
 
 //! Fetches the column, then the map, then the histogram, and checks the column's head before the
@@ -108,19 +108,19 @@ char *VASKderive(int32_t *rethisto, int32_t *retbid, const int32_t *ct_histoid,
     derive_inputs in{};
     if (const char *text = fetch(in, b_id, map_id, histo_id))
         return make_exception(place, text);
-    // Intended: only a refinement that succeeds here closes what this opens. The serial road and
+    // Intended: only a refinement that succeeds here closes what this opens. The serial path and
     // the failures leave the hints standing.
     in.access(1);
-    const vask_derive_strategy road = vask_derive_select(in.b, in.map, in.histo);
-    if (road == VASK_DERIVE_SERIAL || road == VASK_DERIVE_FAILED) {
+    const vask_derive_strategy path = vask_derive_select(in.b, in.map, in.histo);
+    if (path == VASK_DERIVE_SERIAL || path == VASK_DERIVE_FAILED) {
         in.release();
-        return road == VASK_DERIVE_SERIAL ? GRPderive(rethisto, retbid, ct_histoid, ct_mapid, bid)
+        return path == VASK_DERIVE_SERIAL ? GRPderive(rethisto, retbid, ct_histoid, ct_mapid, bid)
                                           : make_exception(place, "dispatcher failed");
     }
 
     BAT *grp = nullptr;
     BAT *ext = nullptr;
-    const char *text = refine(road, in, grp, ext);
+    const char *text = refine(path, in, grp, ext);
     if (text == nullptr) {
         in.access(-1);
         if (!vask_group_finish(grp, ext, in.b))

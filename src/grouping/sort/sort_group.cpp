@@ -6,10 +6,10 @@
 #include "grouping/sort/sort_bat.h"
 #include "grouping/sort/sorted_runs.h"
 #include "kernel/column.h"
+#include "kernel/shared_mark.h"
 #include "rows/column_keys.h"
 #include "rows/group_by_buckets.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <optional>
@@ -85,7 +85,7 @@ private:
 
 template <class T>
 bool has_nan(const BAT &b, const gdk_vector<vask_row_range> &ranges) {
-    bte found = 0;
+    shared_mark found;
     if constexpr (std::floating_point<T>)
         run_ranges(ranges, [values = rows_of<const T>(*b.tail), &found](std::size_t, auto range) {
             const bool any = with_best_instruction_set(
@@ -96,9 +96,9 @@ bool has_nan(const BAT &b, const gdk_vector<vask_row_range> &ranges) {
                     return nan;
                 });
             if (any)
-                std::atomic_ref(found).store(1, std::memory_order_relaxed);
+                found.set();
         });
-    return found != 0;
+    return found.is_set();
 }
 
 template <class T>
@@ -160,13 +160,13 @@ bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
 template <class T>
 bool group_by_runs(task_extents &exts, BAT &grp, BAT &copy) {
     vask_sort_bat<T, BUNviewTailComparator>(&copy);
-    bte failed = 0;
+    shared_mark failed;
     const auto ranges = vask_split_at_runs<T>(copy, static_cast<std::uint32_t>(exts.size()));
     run_ranges(ranges, [&](std::size_t i, vask_row_range range) {
         if (!vask_group_runs<T>(copy, range, exts[i], grp))
-            std::atomic_ref(failed).store(1, std::memory_order_relaxed);
+            failed.set();
     });
-    return failed == 0 && exts.join(true);
+    return !failed.is_set() && exts.join(true);
 }
 
 //! Groups the copy's rows. False on a failure, after which `exts` can hold BATs.

@@ -1,4 +1,4 @@
-// The sort road of grouping: for columns of many distinct values.
+// The sort path of grouping: for columns of many distinct values.
 #pragma once
 
 #include "vask/kernel/bat.h"

@@ -96,32 +96,33 @@ value_range<T> scan_values(const BAT &b) {
 }
 
 template <class T>
-std::uint32_t get_custom_mask(BAT *b, void *scratch) {
+std::uint32_t get_custom_mask(BAT *b, value_range<T> *scratch) {
     const BATcol &tail = *b->tail;
     const T nil = nil_of<T>(tail.type);
     std::uint32_t n = b->info->count;
-    auto *range = new (scratch) value_range<T>{nil, nil, nil};
+    value_range<T> range{nil, nil, nil};
     if (tail.varsized || n == 0 || is_ascending(tail)) {
-        BATmin(b, &range->min);
-        BATmax(b, &range->max);
+        BATmin(b, &range.min);
+        BATmax(b, &range.max);
     } else {
-        *range = scan_values<T>(*b);
+        range = scan_values<T>(*b);
     }
-    if (range->min != nil && range->max != nil && range->max >= range->min) {
-        const auto d = distance(range->min, range->max);
+    if (range.min != nil && range.max != nil && range.max >= range.min) {
+        const auto d = distance(range.min, range.max);
         if (d < n)
             n = static_cast<std::uint32_t>(d) + 1;
     }
+    *scratch = range;
     return covering_mask(n);
 }
 
 template value_range<bte> scan_values<bte>(const BAT &);
-template std::uint32_t get_custom_mask<bte>(BAT *, void *);
+template std::uint32_t get_custom_mask<bte>(BAT *, value_range<bte> *);
 template value_range<sht> scan_values<sht>(const BAT &);
-template std::uint32_t get_custom_mask<sht>(BAT *, void *);
+template std::uint32_t get_custom_mask<sht>(BAT *, value_range<sht> *);
 template value_range<std::int32_t> scan_values<std::int32_t>(const BAT &);
-template std::uint32_t get_custom_mask<std::int32_t>(BAT *, void *);
+template std::uint32_t get_custom_mask<std::int32_t>(BAT *, value_range<std::int32_t> *);
 template value_range<lng> scan_values<lng>(const BAT &);
-template std::uint32_t get_custom_mask<lng>(BAT *, void *);
+template std::uint32_t get_custom_mask<lng>(BAT *, value_range<lng> *);
 
 } // namespace vask

@@ -21,9 +21,9 @@ value_range<T> scan_values(const BAT &b);
 
 //! The bucket mask for the groups of b's tail. Covers the range of the values where that is shorter
 //! than the column, else the number of rows. The kernel tells the range of a tail that is marked
-//! ascending, others are read. `scratch` is room for a value_range<T>, and what it holds afterwards
-//! is that of scan_values if the tail was read.
+//! ascending, others are read. `scratch` becomes what scan_values gives if the
+//! tail was read.
 template <class T>
-std::uint32_t get_custom_mask(BAT *b, void *scratch);
+std::uint32_t get_custom_mask(BAT *b, value_range<T> *scratch);
 
 } // namespace vask

@@ -26,7 +26,7 @@ struct vask_group_entry {
     }
 
     //! Floats are the same when their bits are, so 0.0 and -0.0 are two groups and a NaN is found
-    //! again; the sort road compares numbers instead. Texts are the same when they read the same,
+    //! again; the sort path compares numbers instead. Texts are the same when they read the same,
     //! wherever they lie.
     VASK_ALWAYS_INLINE bool has(const T &other) const noexcept {
         if constexpr (std::same_as<T, str>)

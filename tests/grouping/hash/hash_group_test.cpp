@@ -1,6 +1,6 @@
 #include "grouping/hash/hash_group.h"
 
-#include "grouping/road_check.h"
+#include "grouping/path_check.h"
 #include "kernel/column.h"
 #include "rows/key_hash.h"
 #include "support/failing_calls.h"
@@ -20,15 +20,15 @@ using refkernel::bat;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
 
-//! The road's answer for a column whose rows have these keys.
+//! The path's answer for a column whose rows have these keys.
 template <class T, class Key>
-void check_road(const bat &b, const std::vector<Key> &keys, const std::vector<oid> &oids,
+void check_path(const bat &b, const std::vector<Key> &keys, const std::vector<oid> &oids,
                 int threads) {
     SCOPED_TRACE(std::to_string(keys.size()) + " rows of type " + std::to_string(b.type()) +
                  ", width " + std::to_string(b->tail->width) + ", " + std::to_string(threads) +
                  " threads");
     const kernel_settings settings(threads);
-    expect_road(vask_hash_group<T>, b, group_rows(keys, oids), oids, sorted_mark(*b->head));
+    expect_path(vask_hash_group<T>, b, group_rows(keys, oids), oids, sorted_mark(*b->head));
 }
 
 template <class T>
@@ -37,7 +37,7 @@ void check_numbers(const std::vector<T> &values, heads kind, int threads, bool s
     refkernel::column_options options = head_options(kind, oids);
     options.tail.sorted = sorted;
     const bat b = refkernel::make_column<T>(std::span<const T>(values), options);
-    check_road<T>(b, keys_by_bits(values), oids, threads);
+    check_path<T>(b, keys_by_bits(values), oids, threads);
 }
 
 //! `distinct` values side by side from `least` on, some nil.
@@ -154,7 +154,7 @@ void check_texts(std::size_t rows, std::uint64_t distinct, int nil_percent,
             builder.append(keys.back());
     }
     const std::vector<oid> oids = head_oids(kind, rows, 100, rows);
-    check_road<str>(builder.finish(head_options(kind, oids)), keys, oids, threads);
+    check_path<str>(builder.finish(head_options(kind, oids)), keys, oids, threads);
 }
 
 TEST(HashGroup, TextsStoredOnceAndAnew) {
@@ -197,7 +197,7 @@ TEST(HashGroup, GroupsThatTurnUpLate) {
                 for (const std::int32_t value : values)
                     builder.append(keys.emplace_back(std::to_string(value)));
                 const std::vector<oid> oids = head_oids(heads::void_head, rows, 100, rows);
-                check_road<str>(builder.finish(head_options(heads::void_head, oids)), keys, oids,
+                check_path<str>(builder.finish(head_options(heads::void_head, oids)), keys, oids,
                                 threads);
             }
         }

@@ -1,6 +1,6 @@
 #include "grouping/sort/sort_group.h"
 
-#include "grouping/road_check.h"
+#include "grouping/path_check.h"
 #include "grouping/sort/sorted_runs.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
@@ -17,16 +17,16 @@ using refkernel::bat;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
 
-//! The road's answer for a column with an ascending dense head.
+//! The path's answer for a column with an ascending dense head.
 template <class T>
-void check_road(const std::vector<T> &values, heads kind, oid base, int threads) {
+void check_path(const std::vector<T> &values, heads kind, oid base, int threads) {
     SCOPED_TRACE(std::to_string(values.size()) + " rows of " + std::to_string(sizeof(T)) +
                  " bytes, head " + std::to_string(static_cast<int>(kind)) + ", " +
                  std::to_string(threads) + " threads");
     const kernel_settings settings(threads);
     const std::vector<oid> oids = head_oids(kind, values.size(), base, 0);
     const bat b = refkernel::make_column<T>(std::span<const T>(values), head_options(kind, oids));
-    expect_road(vask_sort_group<T>, b, in_order_of_id(group_rows(keys_by_number(values), oids)),
+    expect_path(vask_sort_group<T>, b, in_order_of_id(group_rows(keys_by_number(values), oids)),
                 oids, SORTED_ASCENDING);
 }
 
@@ -39,7 +39,7 @@ TEST(SortGroup, AgreesWithThePlainWay) {
                     for_each_number_type([&]<class T>(T) {
                         const int threads[] = {1, 2, 3, 8};
                         ++seed;
-                        check_road(random_values<T>(rows, distinct, nils, seed), kind,
+                        check_path(random_values<T>(rows, distinct, nils, seed), kind,
                                    seed % 2 == 0 ? 0 : 1000, threads[seed / 6 % 4]);
                     });
 }
@@ -49,15 +49,15 @@ TEST(SortGroup, LargeColumnsOfAnyShape) {
     constexpr std::size_t rows = 70000;
     for_each_number_type([&]<class T>(T) {
         for (const int threads : {2, 5}) {
-            check_road(random_values<T>(rows, ~0ULL, 1, 5), heads::void_head, 12, threads);
-            check_road(random_values<T>(rows, 20000, 1, 6), heads::dense, 12, threads);
+            check_path(random_values<T>(rows, ~0ULL, 1, 5), heads::void_head, 12, threads);
+            check_path(random_values<T>(rows, 20000, 1, 6), heads::dense, 12, threads);
             // Nearly all values in one of the buckets, a few far away.
             std::vector<T> skewed = random_values<T>(rows, 50, 0, 7);
             for (std::size_t i = 0; i < rows; ++i)
                 if (i % 1000 != 0)
                     skewed[i] = static_cast<T>(i % 30000);
-            check_road(skewed, heads::void_head, 0, threads);
-            check_road(std::vector<T>(rows, T(1)), heads::void_head, 0, threads);
+            check_path(skewed, heads::void_head, 0, threads);
+            check_path(std::vector<T>(rows, T(1)), heads::void_head, 0, threads);
         }
     });
 }
@@ -67,7 +67,7 @@ TEST(SortGroup, ZerosOfBothSignsAreOneGroupAndInfinitiesTwo) {
     std::vector<double> values;
     for (int i = 0; i < 2000; ++i)
         values.insert(values.end(), {0.0, -0.0, inf, -inf, 1e-310, -1e-310});
-    check_road(values, heads::void_head, 3, 4);
+    check_path(values, heads::void_head, 3, 4);
 }
 
 TEST(SortGroup, LongRunsLeaveSlotsEmpty) {
@@ -75,7 +75,7 @@ TEST(SortGroup, LongRunsLeaveSlotsEmpty) {
         std::vector<std::int32_t> values(1000, 500);
         for (std::size_t i = 0; i < at; ++i)
             values[i] = static_cast<std::int32_t>(i); // the long run is the end of the sorted copy
-        check_road(values, heads::void_head, 0, 16);
+        check_path(values, heads::void_head, 0, 16);
     }
 }
 
@@ -114,7 +114,7 @@ TEST(SortGroup, ANanFailsAtOnceAndSaysSo) {
 }
 
 // The n-th call of an operation fails, for all n there are. A failure is reported and leaves
-// nothing behind, but for the working arrays, whose exception takes the road's BATs with it.
+// nothing behind, but for the working arrays, whose exception takes the path's BATs with it.
 TEST(SortGroup, FailingKernelCalls) {
     const kernel_settings settings(4);
     const bat b = refkernel::make_column(random_values<lng>(70000, 60000, 0, 1));

@@ -1,4 +1,4 @@
-// One of the roads of grouping on one column, checked against the plain groups.
+// One of the paths of grouping on one column, checked against the plain groups.
 #pragma once
 
 #include "grouping/plain_groups.h"
@@ -11,14 +11,14 @@
 
 namespace support {
 
-//! Whether a road, run on the column, gives these groups with their map under the column's head,
+//! Whether a path, run on the column, gives these groups with their map under the column's head,
 //! and the given mark for its ids.
-template <class Road>
-void expect_road(Road road, const refkernel::bat &b, const plain_groups &expected,
+template <class Path>
+void expect_path(Path path, const refkernel::bat &b, const plain_groups &expected,
                  const std::vector<oid> &oids, int ids_sorted) {
     const leak_guard leaks;
     group_results made(b);
-    ASSERT_EQ(road(made.ext.record(), made.grp.record(), b.record()), 1);
+    ASSERT_EQ(path(made.ext.record(), made.grp.record(), b.record()), 1);
     EXPECT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()), expected),
               "");
     if (b->head->type != TYPE_void) {
