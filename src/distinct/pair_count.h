@@ -2,7 +2,7 @@
 // and for all: of any kind, in any number of groups of any size.
 #pragma once
 
-#include "rows/row_groups.h"
+#include "rows/group_of_row.h"
 
 #include <cstdint>
 

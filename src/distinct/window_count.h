@@ -2,7 +2,7 @@
 #pragma once
 
 #include "rows/key_window.h"
-#include "rows/row_groups.h"
+#include "rows/group_of_row.h"
 
 #include <concepts>
 #include <cstdint>

@@ -5,7 +5,7 @@
 #include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
 #include "rows/huge_pages.h"
-#include "rows/row_groups.h"
+#include "rows/group_of_row.h"
 #include "statistics/order_key.h"
 
 #include <algorithm>

@@ -7,7 +7,7 @@
 #include "grouping/table/custom_mask.h"
 #include "rows/column_keys.h"
 #include "rows/group_rows.h"
-#include "rows/row_groups.h"
+#include "rows/group_of_row.h"
 
 #include <algorithm>
 #include <array>

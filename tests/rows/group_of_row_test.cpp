@@ -1,5 +1,5 @@
 // Numbers of the groups of a column's rows against a look at every row of the map.
-#include "rows/row_groups.h"
+#include "rows/group_of_row.h"
 
 #include "vask/embed.h"
 
@@ -116,7 +116,7 @@ const layout layouts[] = {
     {map_order::ascending, head_kind::ascending, head_kind::ascending, 0, 2, 9'000'000, true},
 };
 
-TEST(RowGroups, RowsHaveTheNumbersOfTheirGroups) {
+TEST(GroupOfRow, RowsHaveTheNumbersOfTheirGroups) {
     for (const layout &l : layouts) {
         SCOPED_TRACE(std::to_string(&l - layouts));
         const grouped_column made(l);
@@ -131,7 +131,7 @@ TEST(RowGroups, RowsHaveTheNumbersOfTheirGroups) {
     }
 }
 
-TEST(RowGroups, UnknownGroupsMissingRowsAndUnorderedHeadsAreFailures) {
+TEST(GroupOfRow, UnknownGroupsMissingRowsAndUnorderedHeadsAreFailures) {
     for (const layout &l : layouts) {
         SCOPED_TRACE(std::to_string(&l - layouts));
         const vask_row_range all{l.column_first, l.column_first + rows};
