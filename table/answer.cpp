@@ -1,5 +1,6 @@
 #include "table/answer.h"
 
+#include "kernel/column.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
@@ -9,6 +10,8 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <optional>
+#include <string_view>
 #include <type_traits>
 
 namespace vask::table {
@@ -209,46 +212,45 @@ void finish_numbers(result_column &made, const answer &values, const groups &by)
     });
 }
 
-// Texts by their codes, negative for missing ones, written in tasks once it is known where each
-// task's begin.
-template <class Offset>
-void put_texts(result_column &made, const std::vector<std::string_view> &words,
-               std::span<const std::int32_t> codes, std::span<const std::size_t> begins) {
-    auto offsets = std::make_shared<kept_array<Offset>>(codes.size() + 1);
+// Texts, of which `word_at(i)` gives the i-th or nothing, written in tasks once it is known where
+// each task's begin.
+template <class Offset, class WordAt>
+void put_texts(result_column &made, std::size_t n, const WordAt &word_at,
+               std::span<const std::size_t> begins) {
+    auto offsets = std::make_shared<kept_array<Offset>>(n + 1);
     auto text = std::make_shared<kept_array<char>>(begins.back());
     for_each_number(begins.size() - 1, [&](std::size_t part) {
         std::size_t next = begins[part];
-        const std::size_t end = std::min(codes.size(), (part + 1) * rows_of_a_task);
+        const std::size_t end = std::min(n, (part + 1) * rows_of_a_task);
         for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
             offsets->values[i] = static_cast<Offset>(next);
-            if (codes[i] < 0)
+            const std::optional<std::string_view> word = word_at(i);
+            if (!word || word->empty())
                 continue;
-            const std::string_view word = words[static_cast<std::size_t>(codes[i])];
-            if (!word.empty())
-                std::memcpy(text->values.get() + next, word.data(), word.size());
-            next += word.size();
+            std::memcpy(text->values.get() + next, word->data(), word->size());
+            next += word->size();
         }
     });
-    offsets->values[codes.size()] = static_cast<Offset>(begins.back());
+    offsets->values[n] = static_cast<Offset>(begins.back());
     hold<Offset>(made, std::move(offsets));
     made.bytes = text->values.get();
     made.owners.push_back(std::move(text));
 }
 
-// A source of views or dictionaries becomes plain.
-void finish_texts(result_column &made, const std::vector<std::string_view> &words,
-                  std::span<const std::int32_t> codes) {
-    const std::size_t parts = (codes.size() + rows_of_a_task - 1) / rows_of_a_task;
+// A source of views, dictionaries or a heap becomes plain.
+template <class WordAt>
+void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
+    const std::size_t parts = (n + rows_of_a_task - 1) / rows_of_a_task;
     std::vector<std::size_t> begins(parts + 1, 0);
     std::atomic<bool> any_missing{false};
     for_each_number(parts, [&](std::size_t part) {
         std::size_t bytes = 0;
         bool missing = false;
-        const std::size_t end = std::min(codes.size(), (part + 1) * rows_of_a_task);
+        const std::size_t end = std::min(n, (part + 1) * rows_of_a_task);
         for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
-            missing = missing | (codes[i] < 0);
-            if (codes[i] >= 0)
-                bytes += words[static_cast<std::size_t>(codes[i])].size();
+            const std::optional<std::string_view> word = word_at(i);
+            missing = missing | !word.has_value();
+            bytes += word ? word->size() : 0;
         }
         begins[part + 1] = bytes;
         if (missing)
@@ -257,9 +259,9 @@ void finish_texts(result_column &made, const std::vector<std::string_view> &word
     for (std::size_t part = 0; part < parts; ++part)
         begins[part + 1] += begins[part];
     if (any_missing) {
-        std::vector<std::uint8_t> present(codes.size());
-        for (std::size_t i = 0; i < codes.size(); ++i)
-            present[i] = codes[i] >= 0;
+        std::vector<std::uint8_t> present(n);
+        for (std::size_t i = 0; i < n; ++i)
+            present[i] = word_at(i).has_value();
         set_validity(made, present);
     }
     const bool large =
@@ -268,9 +270,9 @@ void finish_texts(result_column &made, const std::vector<std::string_view> &word
     const char letter = made.type.of == kind::text ? 'u' : 'z';
     made.type.format.assign(1, large ? static_cast<char>(letter - 'u' + 'U') : letter);
     if (large)
-        put_texts<std::int64_t>(made, words, codes, begins);
+        put_texts<std::int64_t>(made, n, word_at, begins);
     else
-        put_texts<std::int32_t>(made, words, codes, begins);
+        put_texts<std::int32_t>(made, n, word_at, begins);
 }
 
 // The values of rows as an answer of the column's own form.
@@ -339,26 +341,40 @@ result_column finish_answer(std::string name, const value_type &type, const answ
         finish_numbers(made, values, by);
         return made;
     }
-    const texts &all =
-        values.stored == form::rank ? source->as_ranked_texts(tell) : source->as_texts(tell);
-    const auto codes = all.codes.values<std::int32_t>();
     const std::span<const std::uint32_t> order = by.order();
-    const kept_array<std::int32_t> shown_codes(order.size());
-    const auto code_of = [&](std::size_t group) {
-        if (!values.present.empty() && values.present[group] == 0)
-            return -1;
-        if (values.stored == form::rank) {
-            const std::int32_t rank = values.as<std::int32_t>(by.count())[group];
-            return rank < 0 ? -1 : all.by_rank[static_cast<std::size_t>(rank)];
-        }
-        const lng row = values.as<lng>(by.count())[group];
-        return row < 0 ? -1 : codes[static_cast<std::size_t>(row)];
+    using word = std::optional<std::string_view>;
+    // `word_of(number)` gives the word that one of an answer's numbers, from 0 on, stands for.
+    const auto look_up = [&]<class Number>(std::span<const Number> numbers, const auto &word_of) {
+        finish_texts(made, order.size(), [&](std::size_t i) -> word {
+            const Number number = numbers[order[i]];
+            if (number < 0 || (!values.present.empty() && values.present[order[i]] == 0))
+                return std::nullopt;
+            return word_of(static_cast<std::size_t>(number));
+        });
     };
-    for_rows(order.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i)
-            shown_codes.values[i] = code_of(order[i]);
-    });
-    finish_texts(made, all.words, {shown_codes.values.get(), order.size()});
+    if (values.stored == form::rank) {
+        const texts &all = source->as_ranked_texts(tell);
+        look_up(values.as<std::int32_t>(by.count()), [&all](std::size_t rank) -> word {
+            return all.words[static_cast<std::size_t>(all.by_rank[rank])];
+        });
+    } else if (source->has_heap()) {
+        const bat &heap = source->heap();
+        const text_reader texts(*heap->tail);
+        const std::string_view nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
+        look_up(values.as<lng>(by.count()),
+                [&, first = heap->info->first](std::size_t row) -> word {
+                    const std::string_view text = texts[first + static_cast<BUN>(row)];
+                    return text == nil ? std::nullopt : word(text);
+                });
+    } else {
+        const texts &all = source->as_texts(tell);
+        const auto codes = all.codes.values<std::int32_t>();
+        look_up(values.as<lng>(by.count()), [&](std::size_t row) -> word {
+            if (codes[row] < 0)
+                return std::nullopt;
+            return all.words[static_cast<std::size_t>(codes[row])];
+        });
+    }
     return made;
 }
 

@@ -1,5 +1,6 @@
 #include "table/column.h"
 
+#include "kernel/column.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
@@ -545,6 +546,10 @@ std::uint64_t look_up_codes(const piece &p, std::int64_t from, std::int64_t rows
     return missing;
 }
 
+bool is_nil_text(const char *text) {
+    return std::strcmp(text, static_cast<const char *>(BATatoms[TYPE_str].atom_null)) == 0;
+}
+
 // ---- keys ---------------------------------------------------------------------------------------
 
 // All NaNs as one value, -0.0 as 0.0. Nothing where a column has neither.
@@ -598,8 +603,14 @@ column::column(std::string name, std::int64_t rows, std::string refusal)
 column::column(std::string name, value_type type, bat values, std::uint64_t missing)
     : name_(std::move(name)),
       type_(std::move(type)),
-      rows_(static_cast<std::int64_t>(values.count())),
-      numbers_(std::make_unique<const numbers>(numbers{std::move(values), missing, false, {}})) {}
+      rows_(static_cast<std::int64_t>(values.count())) {
+    if (is_text(type_.of)) {
+        heap_ = std::move(values);
+        heap_missing_ = missing;
+    } else {
+        numbers_ = std::make_unique<const numbers>(numbers{std::move(values), missing, false, {}});
+    }
+}
 
 std::shared_ptr<const column>
 column::joined(std::string name, const std::vector<std::shared_ptr<const column>> &parts) {
@@ -716,7 +727,41 @@ const numbers &column::as_numbers(bool nan_missing, const teller &tell) const {
     return *numbers_without_nan_;
 }
 
+// A code for each offset that occurs, in the order of rows.
+texts column::texts_of_heap() const {
+    const auto rows = static_cast<std::size_t>(rows_);
+    const text_reader heap(*heap_->tail);
+    const BUN first = heap_->info->first;
+    constexpr std::int32_t none = -1;
+    std::uint32_t last_offset = 0;
+    for (BUN row = 0; row < rows; ++row)
+        last_offset = std::max(last_offset, heap.offset(first + row));
+    std::vector<std::int32_t> code_at(std::size_t{last_offset} + 1, none);
+    fresh_column<std::int32_t> codes(rows);
+    texts result;
+    for (BUN row = 0; row < rows; ++row) {
+        const std::uint32_t offset = heap.offset(first + row);
+        std::int32_t &code = code_at[offset];
+        if (code == none) {
+            const char *const text = heap.at_offset(offset);
+            if (is_nil_text(text)) {
+                code = nil_of<std::int32_t>();
+            } else {
+                code = static_cast<std::int32_t>(result.words.size());
+                result.words.emplace_back(text);
+            }
+        }
+        codes.values[row] = code;
+    }
+    result.missing = heap_missing_;
+    result.codes =
+        std::move(codes).finish({.nil = result.missing > 0, .nonil = result.missing == 0});
+    return result;
+}
+
 texts column::make_texts(const teller &tell) const {
+    if (has_heap())
+        return texts_of_heap();
     fresh_column<std::int32_t> codes(static_cast<std::size_t>(rows_));
     texts result;
     if (!pieces_.empty() && pieces_.front().dictionary != nullptr) {
@@ -787,11 +832,23 @@ const texts &column::as_ranked_texts(const teller &tell) const {
     return all;
 }
 
+std::optional<std::string_view> column::text_at(std::size_t row, const teller &tell) const {
+    if (has_heap()) {
+        const std::string_view text = heap_.text(static_cast<BUN>(row));
+        return is_nil_text(text.data()) ? std::nullopt : std::optional(text);
+    }
+    const texts &all = as_texts(tell);
+    const std::int32_t code = all.codes.values<std::int32_t>()[row];
+    if (code == nil_of<std::int32_t>())
+        return std::nullopt;
+    return all.words[static_cast<std::size_t>(code)];
+}
+
 const std::vector<bat> &column::as_keys(bool nan_missing, const teller &tell) const {
-    if (is_text(type_.of))
-        as_texts(tell);
-    else
+    if (!is_text(type_.of))
         as_numbers(nan_missing, tell);
+    else if (!has_heap())
+        as_texts(tell);
     const bool variant = nan_missing && is_float(type_.of);
     const numbers *const all = is_text(type_.of) ? nullptr : &as_numbers(nan_missing, tell);
     const std::scoped_lock lock(making_);
@@ -799,7 +856,7 @@ const std::vector<bat> &column::as_keys(bool nan_missing, const teller &tell) co
     if (keys == nullptr) {
         std::vector<bat> made;
         if (all == nullptr) {
-            made.push_back(bat::share(texts_->codes.id()));
+            made.push_back(bat::share(has_heap() ? heap_.id() : texts_->codes.id()));
         } else {
             made.push_back(distinct_bits(all->values, !all->beyond));
             if (!all->present.empty())
@@ -831,6 +888,8 @@ std::array<lng, 2> column::bounds(const teller &tell) const {
 }
 
 std::uint64_t column::missing(bool nan_missing, const teller &tell) const {
+    if (has_heap())
+        return heap_missing_;
     return is_text(type_.of) ? as_texts(tell).missing : as_numbers(nan_missing, tell).missing;
 }
 

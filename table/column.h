@@ -72,7 +72,8 @@ public:
     column(std::string name, value_type type, std::int64_t rows, std::vector<piece> pieces);
     //! A column of a type that no query can use, and why.
     column(std::string name, std::int64_t rows, std::string refusal);
-    //! A column whose values are a kernel's already.
+    //! A column whose values are a kernel's already: in the type's storage, or texts of a heap that
+    //! holds each of them once.
     column(std::string name, value_type type, refkernel::bat values, std::uint64_t missing);
 
     //! The rows of several columns of one type, one behind the other. Throws table_error where
@@ -85,11 +86,19 @@ public:
     //! Throws table_error for a type that no query can use.
     const value_type &type() const;
 
+    //! Whether the values are texts of a kernel's heap. Operators that compare nothing but equality
+    //! take these as they stand; codes are made where an order or a dictionary is asked for.
+    bool has_heap() const { return static_cast<bool>(heap_); }
+    const refkernel::bat &heap() const { return heap_; }
+
     //! For all types but texts. With `nan_missing` each NaN is missing, too.
     const numbers &as_numbers(bool nan_missing, const teller &tell) const;
     const texts &as_texts(const teller &tell) const;
     //! The same with the ranks.
     const texts &as_ranked_texts(const teller &tell) const;
+
+    //! The text of a row; nothing for a missing one.
+    std::optional<std::string_view> text_at(std::size_t row, const teller &tell) const;
 
     //! Values to tell apart by their bits, one column or, of those that are `beyond`, perhaps two:
     //! all NaNs are one value, -0.0 is 0.0, and missing ones are equal.
@@ -105,12 +114,15 @@ private:
     numbers make_numbers(const teller &tell) const;
     numbers without_nan(const numbers &all) const;
     texts make_texts(const teller &tell) const;
+    texts texts_of_heap() const;
 
     std::string name_;
     value_type type_;
     std::string refusal_;
     std::int64_t rows_;
     std::vector<piece> pieces_;
+    refkernel::bat heap_;
+    std::uint64_t heap_missing_ = 0;
 
     mutable std::mutex making_;
     mutable std::unique_ptr<const numbers> numbers_;

@@ -119,7 +119,7 @@ bool fits_int(const column &of) {
 
 // By the operator for 32 bits. Missing values of `right` are left out.
 std::vector<lng> int_answers(const comparable_values &left, const comparable_values &right,
-                             const operator_set &operators) {
+                             const operator_set &operators, const std::string &about) {
     std::vector<std::int32_t> known;
     for (std::size_t row = 0; row < right.keys.size(); ++row)
         if (right.present[row] != 0)
@@ -133,7 +133,7 @@ std::vector<lng> int_answers(const comparable_values &left, const comparable_val
     const bat values = refkernel::make_column(std::move(asked));
     const bat others = refkernel::make_column(std::move(known));
     const std::array operands{&values, &others};
-    const bat mask = operators.call("vaskops_are_bat_indexes_contained", operands);
+    const bat mask = operators.call("vaskops_are_bat_indexes_contained", operands, about);
     const auto found = mask.values<bit>();
     for (std::size_t row = 0; row < answers.size(); ++row)
         answers[row] = left.present[row] != 0 && found[row] != 0;
@@ -142,7 +142,7 @@ std::vector<lng> int_answers(const comparable_values &left, const comparable_val
 
 // Both columns are grouped as one: a value is contained where its group has a row of `right`.
 std::vector<lng> grouped_answers(const comparable_values &left, const comparable_values &right,
-                                 const operator_set &operators) {
+                                 const operator_set &operators, const std::string &about) {
     std::vector<lng> answers(left.keys.size());
     std::vector<lng> together;
     std::vector<std::size_t> rows;
@@ -158,7 +158,7 @@ std::vector<lng> grouped_answers(const comparable_values &left, const comparable
     if (others == 0 || rows.empty())
         return answers;
     const operator_set::grouped_rows found =
-        operators.group(refkernel::make_column(std::move(together)));
+        operators.group(refkernel::make_column(std::move(together)), about);
     const oid_reader groups(*found.map->tail, *found.map.record());
     const BUN first = found.map->info->first;
     // A group's id is its first row, and the rows of `right` come first.
@@ -192,8 +192,10 @@ result_column contained(const column &left, const column &right, const operator_
         const bool is_unsigned = asked.of == kind::uint64 && known.of == kind::uint64;
         const comparable_values own = comparable_of(left, floats, is_unsigned);
         const comparable_values others = comparable_of(right, floats, is_unsigned);
-        answers = fits_int(left) && fits_int(right) ? int_answers(own, others, operators)
-                                                    : grouped_answers(own, others, operators);
+        const std::string about = fmt::format("{}, {}", left.name(), right.name());
+        answers = fits_int(left) && fits_int(right)
+                      ? int_answers(own, others, operators, about)
+                      : grouped_answers(own, others, operators, about);
         present = own.present;
     }
     result_column made;

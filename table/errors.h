@@ -3,6 +3,8 @@
 
 #include "vask/vask.h"
 
+#include <cstddef>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,6 +21,23 @@ public:
 
 private:
     vask_code code_;
+};
+
+//! A sum of integers that 64 bits do not hold: of which function, column and group.
+class sum_overflow : public table_error {
+public:
+    struct place {
+        std::string title;
+        const void *column;
+        std::optional<std::size_t> first_row; //!< of the group; none: of all rows
+    };
+    sum_overflow(const std::string &text, place where)
+        : table_error(VASK_BAD_DATA, text), where_(std::move(where)) {}
+
+    const place &where() const noexcept { return where_; }
+
+private:
+    place where_;
 };
 
 //! Throws a table_error. The text says what is wrong, where, and what to do.

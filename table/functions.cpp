@@ -8,12 +8,12 @@
 namespace vask::table {
 namespace {
 
-constexpr parameter_rule quartile_number{
-    0, 4, true, "its parameter is 0, 1, 2, 3 or 4: 0 the smallest value, 2 the median"};
-constexpr parameter_rule fraction{0, 1, false, "its parameter is a fraction from 0 to 1"};
+constexpr parameter_rule quartile_number{0, 4, true, "q",
+                                         "0, 1, 2, 3 or 4: 0 the smallest value, 2 the median"};
+constexpr parameter_rule fraction{0, 1, false, "p", "a fraction from 0 to 1"};
 // Up to here every whole number has a double of its own; columns are shorter by far.
-constexpr parameter_rule rank{1, 0x1p53, true,
-                              "its parameter is a whole number from 1 on: 1 the largest value"};
+constexpr parameter_rule rank{1, 0x1p53, true, "k",
+                              "a whole number from 1 on: 1 the largest value"};
 
 constexpr function_rule part_of_state(std::string_view name, unsigned columns, result_rule result) {
     return {name, family::state, columns, nullptr, accepted::any, result, "", "", false, ""};
@@ -105,7 +105,7 @@ constexpr std::array<function_rule, 49> rules{{
     part_of_state("state.weights", 2, result_rule::number),
 }};
 
-constexpr std::array<function_alias, 35> aliases{{
+constexpr std::array<function_alias, 36> aliases{{
     {"len", "size", {}},
     {"avg", "mean", {}},
     {"average", "mean", {}},
@@ -137,6 +137,7 @@ constexpr std::array<function_alias, 35> aliases{{
     {"pcov", "covarp", {}},
     {"corr", "correl", {}},
     {"pearson", "correl", {}},
+    {"ppearson", "correl", {}},
     {"any_value", "any", {}},
     {"null_count", "count_nulls", {}},
     {"sskew", "skews", {}},
@@ -154,13 +155,35 @@ const function_rule &function(std::string_view name) {
                          [=](const function_rule &rule) { return rule.name == name; });
 }
 
-named_function find_function(std::string_view name) {
+std::span<const function_alias> function_aliases() {
+    return aliases;
+}
+
+std::optional<named_function> function_named(std::string_view name) {
     for (const function_alias &alias : aliases)
         if (alias.name == name)
-            return {&function(alias.of), alias.parameter};
+            return named_function{&function(alias.of), alias.parameter};
     for (const function_rule &rule : rules)
         if (rule.name == name && rule.of != family::state)
-            return {&rule, {}};
+            return named_function{&rule, {}};
+    return std::nullopt;
+}
+
+std::string usage(const function_rule &rule) {
+    // The line gives the first column from the second, as in y = slope * x + intercept.
+    const bool line = rule.name == "slope" || rule.name == "intercept";
+    std::string_view columns = "*";
+    if (rule.columns == 1)
+        columns = "x";
+    else if (rule.columns == 2)
+        columns = line ? "y,x" : rule.of == family::weighted ? "x,w" : "x,y";
+    return fmt::format("{}({}{}{})", rule.name, columns, rule.parameter == nullptr ? "" : ",",
+                       rule.parameter == nullptr ? "" : rule.parameter->letter);
+}
+
+named_function find_function(std::string_view name) {
+    if (const auto found = function_named(name))
+        return *found;
     std::string names;
     for (const function_rule &rule : rules)
         if (rule.of != family::state)

@@ -45,6 +45,7 @@ struct parameter_rule {
     double lowest;
     double highest;
     bool whole;
+    std::string_view letter; //!< that stands for it in the usage
     std::string_view meaning;
 };
 
@@ -75,10 +76,16 @@ struct named_function {
 };
 
 std::span<const function_rule> function_rules();
+std::span<const function_alias> function_aliases();
+//! Nothing for a name that there is not.
+std::optional<named_function> function_named(std::string_view name);
 //! Throws table_error for a name that there is not.
 named_function find_function(std::string_view name);
 //! The rule of a name that there is.
 const function_rule &function(std::string_view name);
+
+//! The name with its arguments, as in quartile(x,q).
+std::string usage(const function_rule &rule);
 
 bool accepts(accepted rule, kind of);
 //! In words.

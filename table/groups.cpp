@@ -61,6 +61,8 @@ span_of_values span_of(std::span<const T> values) {
 
 // Nothing for keys that are no integers, or so far apart that nothing is gained.
 std::optional<close_key> close_key_of(const bat &values) {
+    if (values.type() == TYPE_str)
+        return std::nullopt;
     constexpr auto farthest = std::uint64_t{1} << 40;
     return visit_values(values, [&]<class T>(std::span<const T> all) -> std::optional<close_key> {
         if constexpr (std::is_integral_v<T>) {
@@ -100,30 +102,38 @@ bat one_key(std::span<const close_key> keys, std::size_t rows) {
     return std::move(made).finish({.nonil = true});
 }
 
+struct named_key {
+    bat values;
+    std::string name; // of the columns in it
+};
+
 // The keys of a grouping, with runs of close ones brought together: grouping once by a number that
 // stands for several keys is faster than grouping by one and refining by the others.
-std::vector<bat> joined_keys(const std::vector<const bat *> &keys, std::size_t rows) {
+std::vector<named_key> joined_keys(const std::vector<named_key> &keys, std::size_t rows) {
     constexpr auto widest = wide_unsigned{1} << 62;
     constexpr auto most_int = wide_unsigned{1} << 30;
-    std::vector<bat> result;
+    std::vector<named_key> result;
     for (std::size_t i = 0; i < keys.size();) {
         std::vector<close_key> together;
+        std::string name;
         wide_unsigned product = 1;
         std::size_t next = i;
         for (; next < keys.size() && keys.size() > 1; ++next) {
-            const auto key = close_key_of(*keys[next]);
+            const auto key = close_key_of(keys[next].values);
             if (!key || product * key->values_count > widest)
                 break;
             product *= key->values_count;
             together.push_back(*key);
+            name += fmt::format("{}{}", name.empty() ? "" : ", ", keys[next].name);
         }
         if (together.size() < 2) {
-            result.push_back(bat::share(keys[i]->id()));
+            result.push_back({bat::share(keys[i].values.id()), keys[i].name});
             ++i;
             continue;
         }
-        result.push_back(product < most_int ? one_key<std::int32_t>(together, rows)
-                                            : one_key<std::int64_t>(together, rows));
+        result.push_back({product < most_int ? one_key<std::int32_t>(together, rows)
+                                             : one_key<std::int64_t>(together, rows),
+                          std::move(name)});
         i = next;
     }
     return result;
@@ -187,14 +197,14 @@ groups::groups(std::int64_t rows, group_request request, const operator_set &ope
         whole_size_ = {rows};
         return;
     }
-    std::vector<const bat *> keys;
+    std::vector<named_key> keys;
     for (const column_pointer &key : request_.keys)
         for (const bat &part : key->as_keys(request_.nan_missing, tell))
-            keys.push_back(&part);
-    const std::vector<bat> together = joined_keys(keys, static_cast<std::size_t>(rows));
-    found_ = operators.group(together.front());
+            keys.push_back({bat::share(part.id()), key->name()});
+    const std::vector<named_key> together = joined_keys(keys, static_cast<std::size_t>(rows));
+    found_ = operators.group(together.front().values, together.front().name);
     for (std::size_t i = 1; i < together.size(); ++i)
-        found_ = operators.derive(found_, together[i]);
+        found_ = operators.derive(found_, together[i].values, together[i].name);
     const std::size_t count = found_.extents.count();
     first_rows_.resize(count);
     const oid_reader heads(*found_.extents->head, *found_.extents.record());

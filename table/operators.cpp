@@ -31,6 +31,15 @@ void check(char *exception_string) {
         fmt::format("the operator failed: {}: {}", failure.place, failure.text));
 }
 
+std::string nothing_told() {
+    return {};
+}
+
+std::string number_of(const operator_set::grouped_rows &groups) {
+    const BUN n = groups.extents.count();
+    return fmt::format("{} group{}, ", n, n == 1 ? "" : "s");
+}
+
 // A thread that waits in an operator takes up no work of another query.
 template <class Call>
 void isolated(const Call &call) {
@@ -41,49 +50,70 @@ void isolated(const Call &call) {
 
 } // namespace
 
-void operator_set::call(const std::string &name, void *result,
-                        std::span<const bat *const> bats) const {
-    isolated([&] {
-        switch (bats.size()) {
-            case 1:
-                return call_with(*this, name, result, bats, std::make_index_sequence<1>{});
-            case 2:
-                return call_with(*this, name, result, bats, std::make_index_sequence<2>{});
-            case 3:
-                return call_with(*this, name, result, bats, std::make_index_sequence<3>{});
-            case 4:
-                return call_with(*this, name, result, bats, std::make_index_sequence<4>{});
-            default:
-                throw std::logic_error(fmt::format("{} of {} BATs", name, bats.size()));
-        }
-    });
+void operator_set::call(const std::string &name, void *result, std::span<const bat *const> bats,
+                        std::string_view about) const {
+    const auto call = [&] {
+        isolated([&] {
+            switch (bats.size()) {
+                case 1:
+                    return call_with(*this, name, result, bats, std::make_index_sequence<1>{});
+                case 2:
+                    return call_with(*this, name, result, bats, std::make_index_sequence<2>{});
+                case 3:
+                    return call_with(*this, name, result, bats, std::make_index_sequence<3>{});
+                case 4:
+                    return call_with(*this, name, result, bats, std::make_index_sequence<4>{});
+                default:
+                    throw std::logic_error(fmt::format("{} of {} BATs", name, bats.size()));
+            }
+        });
+    };
+    watched({name, about, bats.empty() ? 0 : bats.front()->count()}, call, nothing_told);
 }
 
-bat operator_set::call(const std::string &name, std::span<const bat *const> bats) const {
+bat operator_set::call(const std::string &name, std::span<const bat *const> bats,
+                       std::string_view about) const {
     std::int32_t id = int_nil;
-    call(name, &id, bats);
+    call(name, &id, bats, about);
     return bat::adopt(id);
 }
 
-operator_set::grouped_rows operator_set::group(const bat &column) const {
+operator_set::grouped_rows operator_set::group(const bat &column, std::string_view about) const {
+    const std::string name = "VASKgroup";
     auto *const group =
-        function<char *(std::int32_t *, std::int32_t *, const std::int32_t *)>("VASKgroup");
+        function<char *(std::int32_t *, std::int32_t *, const std::int32_t *)>(name);
     std::int32_t extents = int_nil;
     std::int32_t map = int_nil;
-    isolated([&] { return group(&extents, &map, column.slot()); });
-    return {bat::adopt(map), bat::adopt(extents)};
+    grouped_rows made;
+    watched(
+        {name, about, column.count()},
+        [&] {
+            isolated([&] { return group(&extents, &map, column.slot()); });
+            made = {bat::adopt(map), bat::adopt(extents)};
+        },
+        [&] { return number_of(made); });
+    return made;
 }
 
-operator_set::grouped_rows operator_set::derive(const grouped_rows &groups,
-                                                const bat &column) const {
+operator_set::grouped_rows operator_set::derive(const grouped_rows &groups, const bat &column,
+                                                std::string_view about) const {
+    const std::string name = "VASKderive";
     auto *const derive = function<char *(std::int32_t *, std::int32_t *, const std::int32_t *,
-                                         const std::int32_t *, const std::int32_t *)>("VASKderive");
+                                         const std::int32_t *, const std::int32_t *)>(name);
     std::int32_t extents = int_nil;
     std::int32_t map = int_nil;
-    isolated([&] {
-        return derive(&extents, &map, groups.extents.slot(), groups.map.slot(), column.slot());
-    });
-    return {bat::adopt(map), bat::adopt(extents)};
+    grouped_rows made;
+    watched(
+        {name, about, column.count()},
+        [&] {
+            isolated([&] {
+                return derive(&extents, &map, groups.extents.slot(), groups.map.slot(),
+                              column.slot());
+            });
+            made = {bat::adopt(map), bat::adopt(extents)};
+        },
+        [&] { return number_of(made); });
+    return made;
 }
 
 } // namespace vask::table

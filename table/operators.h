@@ -7,7 +7,9 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace vask::table {
 
@@ -17,7 +19,19 @@ class operator_set {
 public:
     using lookup = std::function<void *(const std::string &name)>;
 
-    explicit operator_set(lookup find) : find_(std::move(find)) {}
+    //! A call that is about to be made.
+    struct call_notice {
+        const std::string &name;
+        std::string_view about; //!< the columns and the parameter it works on, for a reader
+        BUN rows;
+    };
+    //! Makes the call, and may look at the time or at what the operator tells. `outcome` says after
+    //! it what came of it; perhaps nothing.
+    using watcher = std::function<void(const call_notice &notice, const std::function<void()> &call,
+                                       const std::function<std::string()> &outcome)>;
+
+    explicit operator_set(lookup find, watcher watch = {})
+        : find_(std::move(find)), watch_(std::move(watch)) {}
 
     //! The operator's address as a function of a type that the caller vouches for.
     template <class Function>
@@ -28,20 +42,31 @@ public:
 
     //! Calls an operator that takes a result slot and one to five numbers of BATs. The slot has
     //! room for what the operator stores. Its failure is thrown as std::runtime_error.
-    void call(const std::string &name, void *result,
-              std::span<const refkernel::bat *const> bats) const;
+    void call(const std::string &name, void *result, std::span<const refkernel::bat *const> bats,
+              std::string_view about = {}) const;
     //! Calls an operator that gives a BAT.
-    refkernel::bat call(const std::string &name, std::span<const refkernel::bat *const> bats) const;
+    refkernel::bat call(const std::string &name, std::span<const refkernel::bat *const> bats,
+                        std::string_view about = {}) const;
 
     struct grouped_rows {
         refkernel::bat map;
         refkernel::bat extents;
     };
-    grouped_rows group(const refkernel::bat &column) const;
-    grouped_rows derive(const grouped_rows &groups, const refkernel::bat &column) const;
+    grouped_rows group(const refkernel::bat &column, std::string_view about = {}) const;
+    grouped_rows derive(const grouped_rows &groups, const refkernel::bat &column,
+                        std::string_view about = {}) const;
 
 private:
+    template <class Call, class Outcome>
+    void watched(const call_notice &notice, const Call &call, const Outcome &outcome) const {
+        if (watch_)
+            watch_(notice, call, outcome);
+        else
+            call();
+    }
+
     lookup find_;
+    watcher watch_;
 };
 
 } // namespace vask::table

@@ -287,14 +287,24 @@ private:
                  shown(asked.title), shown(of.name()));
     }
 
+    // What an operator works on, for a reader.
+    static std::string about(const asked_function &asked) {
+        std::string text;
+        for (const column_pointer &column : asked.columns)
+            text += fmt::format("{}{}", text.empty() ? "" : ", ", column->name());
+        if (asked.parameter)
+            text += fmt::format(", {}", *asked.parameter);
+        return text;
+    }
+
     // The groups' map and extents behind an operator's columns, or its whole form's slot.
     answer call(const function_rule &rule, const std::vector<const bat *> &columns,
-                const bat *map = nullptr) {
+                std::string_view about, const bat *map = nullptr) {
         std::vector<const bat *> operands = columns;
         if (!by_.is_whole() || rule.whole.empty()) {
             operands.push_back(map == nullptr ? &by_.map() : map);
             operands.push_back(&by_.extents());
-            return answer_of(context_.operators.call(std::string(rule.grouped), operands));
+            return answer_of(context_.operators.call(std::string(rule.grouped), operands, about));
         }
         std::array<std::byte, sizeof(lng)> slot{};
         std::string name(rule.whole);
@@ -316,7 +326,7 @@ private:
         } else if (rule.result == result_rule::same) {
             type = operand;
         }
-        context_.operators.call(name, slot.data(), operands);
+        context_.operators.call(name, slot.data(), operands, about);
         return visit_storage(type, [&]<class T>(std::type_identity<T>) {
             T value;
             std::memcpy(&value, slot.data(), sizeof value);
@@ -409,9 +419,11 @@ private:
                 counts[static_cast<std::size_t>(numbers[row])] -= own->present[row] == 0 ? 1 : 0;
             return counts;
         }
-        const bat &values = text ? of.as_texts(context_.tell).codes : own->values;
+        const bat &values = !text           ? own->values
+                            : of.has_heap() ? of.heap()
+                                            : of.as_texts(context_.tell).codes;
         const std::array operands{&values, &by_.map(), &by_.extents()};
-        const bat made = context_.operators.call("vask_grp_count", operands);
+        const bat made = context_.operators.call("vask_grp_count", operands, of.name());
         const auto all = made.values<lng>();
         counts.assign(all.begin(), all.end());
         return counts;
@@ -453,7 +465,7 @@ private:
             });
         } else {
             const std::array operands{&keys[0], &by_.map(), &by_.extents()};
-            const bat made = context_.operators.call("AggrX3_countDistinct", operands);
+            const bat made = context_.operators.call("AggrX3_countDistinct", operands, of.name());
             const auto all = made.values<lng>();
             result.assign(all.begin(), all.end());
             // To the operator the missing ones of a group are one more value.
@@ -522,7 +534,7 @@ private:
         const numbers &values = numbers_of(of);
         const bool wide = of.type().of == kind::decimal || (asked_.flags & VASK_WIDE_SUMS) != 0;
         if (!may_leave_lng(of, values)) {
-            answer result = call(*asked.rule, {&values.values});
+            answer result = call(*asked.rule, {&values.values}, about(asked));
             result.no_nil = missing_in(of) == 0 && by_.rows() > 0;
             return result;
         }
@@ -537,10 +549,14 @@ private:
             for (std::size_t i = 0; i < sums.size(); ++i) {
                 narrow[i] = static_cast<lng>(sums[i]);
                 if (narrow[i] != sums[i])
-                    fail(VASK_BAD_DATA,
-                         "{}: the sum of column '{}'{} leaves 64 bits; set VASK_WIDE_SUMS for "
-                         "decimals of 38 digits, or cast the column to float64",
-                         shown(asked.title), shown(of.name()), by_.named(i));
+                    throw sum_overflow(
+                        fmt::format("{}: the sum of column '{}'{} leaves 64 bits; set "
+                                    "VASK_WIDE_SUMS for decimals of 38 digits, or cast the column "
+                                    "to float64",
+                                    shown(asked.title), shown(of.name()), by_.named(i)),
+                        {asked.title, &of,
+                         by_.is_whole() ? std::nullopt
+                                        : std::optional<std::size_t>(by_.first_rows()[i])});
             }
             result = answer_of(form::lng, std::move(narrow));
         }
@@ -550,7 +566,7 @@ private:
 
     // A group's sum may be the number that is the nil.
     answer sum_of_floats(const column &of) {
-        answer result = call(function("sum"), {&doubles_of(of)});
+        answer result = call(function("sum"), {&doubles_of(of)}, of.name());
         const auto all = result.as<dbl>(by_.count());
         if (std::find(all.begin(), all.end(), nil_of<dbl>()) != all.end())
             mark_groups_without_values(of, result);
@@ -565,8 +581,10 @@ private:
         if (values.values.type() == TYPE_dbl && !values.beyond)
             return values.values;
         bat &made = doubles_[&of];
-        if (!made)
+        if (!made) {
+            context_.tell(fmt::format("column '{}' is added up as float64", shown(of.name())));
             made = as_doubles(of, values);
+        }
         return made;
     }
 
@@ -619,7 +637,8 @@ private:
         });
         const bat product_column = std::move(products).finish();
         const bat weight_column = std::move(weights).finish();
-        return {call(function("sum"), {&product_column}), call(function("sum"), {&weight_column})};
+        return {call(function("sum"), {&product_column}, about(asked)),
+                call(function("sum"), {&weight_column}, asked.columns[1]->name())};
     }
 
     answer weighted_mean(const asked_function &asked) {
@@ -639,14 +658,16 @@ private:
     answer extreme(const asked_function &asked) {
         const column &of = *asked.columns[0];
         if (is_text(of.type().of)) {
-            answer result = call(*asked.rule, {&of.as_ranked_texts(context_.tell).ranks});
+            answer result =
+                call(*asked.rule, {&of.as_ranked_texts(context_.tell).ranks}, about(asked));
             result.stored = form::rank;
             return result;
         }
-        refuse_nan(asked);
+        if (!asked_.extremes_of_nan)
+            refuse_nan(asked);
         const numbers &values = numbers_of(of);
         if (!values.beyond)
-            return call(*asked.rule, {&values.values});
+            return call(*asked.rule, {&values.values}, about(asked));
         const bool least = asked.rule->name == "min";
         return by_group(of, [least]<class T>(std::span<T> own) {
             return least ? *std::min_element(own.begin(), own.end())
@@ -693,6 +714,7 @@ private:
 
     answer range(const asked_function &asked) {
         const column &of = *asked.columns[0];
+        refuse_nan(asked);
         const answer low = part("min", asked);
         const answer high = part("max", asked);
         const std::vector<lng> &counts = counts_of(of);
@@ -741,7 +763,7 @@ private:
     }
 
     answer moment(const asked_function &asked) {
-        return call(*asked.rule, {&centred_of(*asked.columns[0]).distances});
+        return call(*asked.rule, {&centred_of(*asked.columns[0]).distances}, about(asked));
     }
 
     answer pair_statistic(const asked_function &asked) {
@@ -750,7 +772,7 @@ private:
             return answer_of(form::dbl, std::vector<dbl>(by_.count(), nil_of<dbl>()));
         const centred_values &first = centred_of(*asked.columns[0]);
         const centred_values &second = centred_of(*asked.columns[1]);
-        answer result = call(*asked.rule, {&first.distances, &second.distances});
+        answer result = call(*asked.rule, {&first.distances, &second.distances}, about(asked));
         if (asked.rule->name != "intercept")
             return result;
         // The line through the distances goes through the values when it is moved by their centres.
@@ -891,7 +913,8 @@ private:
                     : refkernel::make_column(std::vector{*asked.parameter});
             operands.push_back(&parameter);
         }
-        answer result = call(*asked.rule, operands, by_.is_whole() ? nullptr : &present.map);
+        answer result =
+            call(*asked.rule, operands, about(asked), by_.is_whole() ? nullptr : &present.map);
         if (text)
             result.stored = form::rank;
         if (is_quantile(*asked.rule))
@@ -1006,7 +1029,7 @@ private:
                 values.values[row] = value(row);
         });
         const bat column = std::move(values).finish();
-        const answer sums = call(function("sum"), {&column});
+        const answer sums = call(function("sum"), {&column}, "powers of distances");
         const auto all = sums.as<dbl>(by_.count());
         return {all.begin(), all.end()};
     }
@@ -1219,7 +1242,7 @@ asked_function bind_function(std::string_view name, std::vector<column_pointer> 
     // Written so that a NaN is out of bounds, too.
     if (!(parameter >= bounds.lowest && parameter <= bounds.highest) ||
         (bounds.whole && parameter != std::floor(parameter)))
-        fail(VASK_BAD_REQUEST, "{}: the parameter {} of {} is out of bounds; {}",
+        fail(VASK_BAD_REQUEST, "{}: the parameter {} of {} is out of bounds; it is {}",
              shown(result.title), parameter, rule->name, bounds.meaning);
     result.parameter = parameter;
     return result;

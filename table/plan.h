@@ -25,6 +25,9 @@ struct query {
     std::vector<column_pointer> by;
     std::vector<asked_function> functions;
     unsigned flags = 0; //!< vask_flag
+    //! Least and greatest of values with a NaN among them are what the operators give, instead of
+    //! being refused.
+    bool extremes_of_nan = false;
 };
 
 struct query_context {

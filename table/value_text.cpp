@@ -8,11 +8,8 @@ namespace vask::table {
 std::string value_text(const column &of, std::size_t row) {
     const teller silent = [](const std::string &) {};
     if (is_text(of.type().of)) {
-        const texts &all = of.as_texts(silent);
-        const std::int32_t code = all.codes.values<std::int32_t>()[row];
-        if (code == refkernel::nil_of<std::int32_t>())
-            return "null";
-        return fmt::format("'{}'", shown(all.words[static_cast<std::size_t>(code)]));
+        const std::optional<std::string_view> text = of.text_at(row, silent);
+        return text ? fmt::format("'{}'", shown(*text)) : "null";
     }
     const numbers &all = of.as_numbers(false, silent);
     return visit_values(all.values, [&]<class T>(std::span<const T> values) -> std::string {
