@@ -3,9 +3,36 @@
 #include "kernel/column.h"
 
 #include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <utility>
 
 namespace vask::runner {
 namespace {
+
+// Calls `f(std::type_identity<T>{})` with the type of the elements of a result of fixed width.
+template <class F>
+decltype(auto) visit_elements(const table::value_type &type, F f) {
+    using table::kind;
+    switch (type.of) {
+        case kind::int8:
+            return f(std::type_identity<std::int8_t>{});
+        case kind::int16:
+            return f(std::type_identity<std::int16_t>{});
+        case kind::int32:
+            return f(std::type_identity<std::int32_t>{});
+        case kind::int64:
+            return f(std::type_identity<std::int64_t>{});
+        case kind::float32:
+            return f(std::type_identity<float>{});
+        case kind::float64:
+            return f(std::type_identity<double>{});
+        case kind::timestamp:
+            return f(std::type_identity<timestamp>{});
+        default:
+            throw std::logic_error("a result of type " + name_of(type));
+    }
+}
 
 // Cells show numbers in three widths.
 result_cell shown_as(truth value) {
@@ -53,6 +80,47 @@ std::function<result_cell(std::size_t)> cells_of(const refkernel::bat &column, c
     return [base, first, shift = b.tail->shift, type](std::size_t row) {
         return cell_at(base + ((first + row) << shift), type);
     };
+}
+
+std::function<result_cell(std::size_t)> cells_of(table::result_column column) {
+    const auto held = std::make_shared<const table::result_column>(std::move(column));
+    const auto bit_at = [](const void *bits, std::size_t row) {
+        return ((static_cast<const std::uint8_t *>(bits)[row >> 3] >> (row & 7)) & 1) != 0;
+    };
+    const auto with_missing = [&](const auto &value_at) -> std::function<result_cell(std::size_t)> {
+        return [held, bit_at, value_at](std::size_t row) -> result_cell {
+            if (held->validity != nullptr && !bit_at(held->validity, row))
+                return std::monostate{};
+            return value_at(row);
+        };
+    };
+    const void *const values = held->values;
+    if (held->type.of == table::kind::boolean)
+        return with_missing([bit_at, values](std::size_t row) -> result_cell {
+            return truth{static_cast<bit>(bit_at(values, row))};
+        });
+    if (table::is_text(held->type.of)) {
+        const auto texts = [&]<class Offset>(std::type_identity<Offset>) {
+            return with_missing([offsets = static_cast<const Offset *>(values),
+                                 bytes = held->bytes](std::size_t row) -> result_cell {
+                return std::string_view(bytes + offsets[row],
+                                        static_cast<std::size_t>(offsets[row + 1] - offsets[row]));
+            });
+        };
+        return held->type.format == "U" ? texts(std::type_identity<std::int64_t>{})
+                                        : texts(std::type_identity<std::int32_t>{});
+    }
+    // Spans of time are shown in seconds.
+    if (held->type.of == table::kind::duration)
+        return with_missing([values](std::size_t row) -> result_cell {
+            constexpr double microseconds = 1e6;
+            return static_cast<double>(static_cast<const lng *>(values)[row]) / microseconds;
+        });
+    return visit_elements(held->type, [&]<class T>(std::type_identity<T>) {
+        return with_missing([values](std::size_t row) -> result_cell {
+            return shown_as(static_cast<const T *>(values)[row]);
+        });
+    });
 }
 
 } // namespace vask::runner

@@ -4,6 +4,8 @@
 #include "cell_values.h"
 #include "result_table.h"
 
+#include "table/answer.h"
+
 #include "vask/embed.h"
 
 #include <functional>
@@ -17,5 +19,8 @@ result_cell cell_at(const void *value, column_type type);
 //! type or, for values of a user atom in a result, the type that they came from. The column must
 //! outlive the function.
 std::function<result_cell(std::size_t)> cells_of(const refkernel::bat &column, column_type type);
+
+//! The same for a column of a query's result, whose memory the function keeps.
+std::function<result_cell(std::size_t)> cells_of(table::result_column column);
 
 } // namespace vask::runner

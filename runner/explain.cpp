@@ -1,5 +1,7 @@
 #include "explain.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -11,10 +13,19 @@ void explain_log::note(std::string_view text) const {
         fmt::print(stderr, "{}\n", text);
 }
 
-void explain_log::note_call(std::string_view name, std::string_view columns, BUN rows,
-                            std::string_view told,
-                            std::chrono::duration<double, std::milli> time) const {
-    note(fmt::format("{}({}): {} rows, {}{:.3f} ms", name, columns, rows, told, time.count()));
+table::operator_set::watcher explain_log::watcher() const {
+    if (!on_)
+        return {};
+    return [this](const table::operator_set::call_notice &notice, const std::function<void()> &call,
+                  const std::function<std::string()> &outcome) {
+        const plan_capture plan;
+        const auto begin = std::chrono::steady_clock::now();
+        call();
+        const std::chrono::duration<double, std::milli> time =
+            std::chrono::steady_clock::now() - begin;
+        note(fmt::format("{}({}): {} rows, {}{}{:.3f} ms", notice.name, notice.about, notice.rows,
+                         plan.told(), outcome(), time.count()));
+    };
 }
 
 std::string explain_log::plan_capture::told() const {

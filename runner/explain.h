@@ -1,12 +1,12 @@
 // What --explain tells: what was loaded, and each call of an operator.
 #pragma once
 
+#include "table/operators.h"
+
 #include "vask/kernel/bat.h"
 
 #include "vask/refkernel/errors.h"
 
-#include <chrono>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,27 +21,9 @@ public:
     //! One line on standard error. Does nothing when off.
     void note(std::string_view text) const;
 
-    //! Runs `call` and notes its name, the columns it works on, rows, how the operator says it went
-    //! about them, what `result` tells of the outcome, and time.
-    template <class Call, class Result>
-    void timed(std::string_view name, std::string_view columns, BUN rows, Call call,
-               Result result) const {
-        if (!on_) {
-            call();
-            return;
-        }
-        const plan_capture plan;
-        const auto begin = std::chrono::steady_clock::now();
-        call();
-        const std::chrono::duration<double, std::milli> time =
-            std::chrono::steady_clock::now() - begin;
-        note_call(name, columns, rows, plan.told() + std::string(result()), time);
-    }
-
-    template <class Call>
-    void timed(std::string_view name, std::string_view columns, BUN rows, Call call) const {
-        timed(name, columns, rows, call, [] { return ""; });
-    }
+    //! Notes each call of an operator: its name, the columns it works on, rows, how the operator
+    //! says it went about them, the outcome, and time. Nothing when off. The log must outlive it.
+    table::operator_set::watcher watcher() const;
 
 private:
     //! Asks operators for their plans and collects these, as long as it lives.
@@ -58,9 +40,6 @@ private:
     private:
         refkernel::output_capture output_;
     };
-
-    void note_call(std::string_view name, std::string_view columns, BUN rows, std::string_view told,
-                   std::chrono::duration<double, std::milli> time) const;
 
     bool on_;
 };

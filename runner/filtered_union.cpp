@@ -2,7 +2,6 @@
 
 #include "column_cells.h"
 #include "kernel/column.h"
-#include "operator_calls.h"
 #include "query.h"
 
 #include <algorithm>
@@ -25,7 +24,7 @@ column_type type_of(const refkernel::bat &column) {
 } // namespace
 
 result_table filtered_union(input_file &file, const options &request,
-                            const operator_library &operators, const explain_log &explain) {
+                            const table::operator_set &operators, const explain_log &explain) {
     const csv_header &header = file.header();
     std::array<std::size_t, 2> places{};
     std::vector<bool> wanted(header.names.size(), false);
@@ -33,23 +32,17 @@ result_table filtered_union(input_file &file, const options &request,
         places[i] = find_column(header, file.source(), request.union_columns[i], "union");
         wanted[places[i]] = true;
     }
-    const table data = file.load(wanted, request.types, explain);
+    const loaded_table data = file.load(wanted, request.types, explain);
     const loaded_columns loaded{data, file.loading(), header, file.source()};
     for (const std::size_t place : places)
         require_type(accepted, "union", "union", place, loaded);
     const std::string &left_name = header.names[places[0]];
     const std::string &right_name = header.names[places[1]];
 
-    const refkernel::bat &left = data.columns[places[0]].values;
-    const refkernel::bat &right = data.columns[places[1]].values;
-    const std::string name = "vask_coSNNandUnion";
-    std::int32_t id = int_nil;
-    explain.timed(name, left_name + ", " + right_name, left.count(), [&] {
-        call_operator(operators, name, &id, std::array{left.slot(), right.slot()});
-    });
-
+    const std::array both_columns{&data.columns[places[0]].values, &data.columns[places[1]].values};
     result_table result;
-    result.held.push_back(refkernel::bat::adopt(id));
+    result.held.push_back(
+        operators.call("vask_coSNNandUnion", both_columns, left_name + ", " + right_name));
     const refkernel::bat &both = result.held.front();
     result.rows = both.count();
     result.columns.push_back({"row", false,

@@ -3,8 +3,9 @@
 
 #include "explain.h"
 #include "input_file.h"
-#include "operator_library.h"
 #include "result_table.h"
+
+#include "table/operators.h"
 
 namespace vask::runner {
 
@@ -15,6 +16,6 @@ namespace vask::runner {
  * truth values. The result reads the file's header.
  */
 result_table filtered_union(input_file &file, const options &request,
-                            const operator_library &operators, const explain_log &explain);
+                            const table::operator_set &operators, const explain_log &explain);
 
 } // namespace vask::runner

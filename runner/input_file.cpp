@@ -29,15 +29,15 @@ input_file::input_file(const std::string &path, const options &request, const he
       loading_(reading(path, request)),
       header_(read_header(source_, loading_.dialect, rules)) {}
 
-table input_file::load(const std::vector<bool> &wanted,
-                       const std::vector<std::pair<std::string, column_type>> &types,
-                       const explain_log &explain, bool keep_zeros) {
+loaded_table input_file::load(const std::vector<bool> &wanted,
+                              const std::vector<std::pair<std::string, column_type>> &types,
+                              const explain_log &explain, bool keep_zeros) {
     loading_.wanted = wanted;
     loading_.keep_zeros = keep_zeros;
     for (const auto &[name, type] : types)
         loading_.forced.emplace_back(find_column(header_, source_, name, "--types"), type);
     const auto begin = std::chrono::steady_clock::now();
-    table data = load_table(source_, header_, loading_);
+    loaded_table data = load_table(source_, header_, loading_);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
     explain.note(
         fmt::format("{}: loaded {} rows in {:.3f} s", source_.name(), data.rows, time.count()));

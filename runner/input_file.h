@@ -27,9 +27,9 @@ public:
     //! Loads the columns at these places in the file. Types that were asked for by name hold for
     //! columns of this file; without `keep_zeros`, leading zeros mean nothing in the others. Throws
     //! user_error.
-    table load(const std::vector<bool> &wanted,
-               const std::vector<std::pair<std::string, column_type>> &types,
-               const explain_log &explain, bool keep_zeros = true);
+    loaded_table load(const std::vector<bool> &wanted,
+                      const std::vector<std::pair<std::string, column_type>> &types,
+                      const explain_log &explain, bool keep_zeros = true);
 
 private:
     source_text source_;

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <new>
 #include <string>
 #include <system_error>
@@ -25,11 +26,18 @@
 namespace {
 
 using namespace vask::runner;
+namespace table = vask::table;
 
 constexpr int exit_failed = 1;     // of the machine or of the program
 constexpr int exit_user_error = 2; // of the request or of the data
 
 constexpr const char *containment_column = "contained";
+
+table::operator_set operators_of(const options &request, const explain_log &explain) {
+    const auto library = std::make_shared<const operator_library>(request.library);
+    return table::operator_set(
+        [library](const std::string &name) { return library->address(name); }, explain.watcher());
+}
 
 // The columns of a file with the one that --contained-in adds.
 csv_header with_containment(const input_file &file) {
@@ -44,7 +52,7 @@ csv_header with_containment(const input_file &file) {
 }
 
 table_column look_up(const options &request, const input_file &file, std::size_t column,
-                     const table &data, const operator_library &operators,
+                     const loaded_table &data, const table::operator_set &operators,
                      const explain_log &explain) {
     const auto &[path, name] = *request.contained_in;
     input_file other(path, request, {});
@@ -56,16 +64,15 @@ table_column look_up(const options &request, const input_file &file, std::size_t
     const bool typed =
         std::any_of(request.types.begin(), request.types.end(),
                     [&](const auto &given) { return given.first == request.looked_up; });
-    const table known = other.load(wanted, {}, explain, !typed);
+    const loaded_table known = other.load(wanted, {}, explain, !typed);
     const auto called = [](const input_file &of, const std::string &its) {
         return fmt::format("{}: column {}", of.source().name(), its);
     };
     return contained_in({data.columns[column], called(file, request.looked_up)},
-                        {known.columns[place], called(other, name)}, request.looked_up, operators,
-                        explain);
+                        {known.columns[place], called(other, name)}, request.looked_up, operators);
 }
 
-result_table rows_of(const table &data, const csv_header &header,
+result_table rows_of(const loaded_table &data, const csv_header &header,
                      const std::vector<std::size_t> &columns) {
     result_table result;
     result.rows = data.rows;
@@ -90,8 +97,8 @@ void run_aggregates(const options &request, const explain_log &explain) {
                                       : columns;
     if (looks_up)
         wanted[looked_up] = true;
-    const operator_library operators(request.library);
-    table data = file.load(wanted, request.types, explain);
+    const table::operator_set operators = operators_of(request, explain);
+    loaded_table data = file.load(wanted, request.types, explain);
     if (looks_up)
         data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
     check_columns(asked, {data, file.loading(), header, file.source()});
@@ -101,7 +108,7 @@ void run_aggregates(const options &request, const explain_log &explain) {
 }
 
 void run_union(const options &request, const explain_log &explain) {
-    const operator_library operators(request.library);
+    const table::operator_set operators = operators_of(request, explain);
     input_file file(request.file, request, request.header);
     print(filtered_union(file, request, operators, explain), request.format, stdout);
 }

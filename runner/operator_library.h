@@ -3,7 +3,6 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 
 namespace vask::runner {
 
@@ -15,20 +14,13 @@ public:
 
     const std::string &path() const noexcept { return path_; }
 
-    //! The exported function of that name, whose type the caller vouches for. Throws user_error
-    //! when the library has none of that name.
-    template <class Function>
-    Function *function(const std::string &name) const {
-        static_assert(std::is_function_v<Function>);
-        return reinterpret_cast<Function *>(address(name));
-    }
+    //! The exported function of that name. Throws user_error when the library has none of it.
+    void *address(const std::string &name) const;
 
 private:
     struct closer {
         void operator()(void *handle) const noexcept;
     };
-
-    void *address(const std::string &name) const;
 
     std::string path_;
     std::unique_ptr<void, closer> handle_;

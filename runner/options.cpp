@@ -1,6 +1,6 @@
 #include "options.h"
 
-#include "aggregate_table.h"
+#include "aggregates.h"
 #include "nearest_name.h"
 #include "user_error.h"
 #include "vask/version.h"

@@ -2,7 +2,6 @@
 
 #include "load_fault.h"
 #include "nearest_name.h"
-#include "operands.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -29,41 +28,32 @@ std::string suggestion(const std::vector<std::string> &names, std::string_view w
     return list;
 }
 
-struct named_aggregate {
-    const aggregate_rule *rule = nullptr;
-    std::optional<double> parameter{}; // that came with the name
-};
-
 // An alias goes for what it stands for. In perc:90 the parameter is part of the name.
 named_aggregate resolve(const std::string &name, bool all_rows, std::string_view asked_by) {
-    if (const aggregate_rule *const rule = find_aggregate(name, all_rows))
-        return {rule};
     const std::size_t colon = std::min(name.find(':'), name.size());
-    for (const aggregate_alias &alias : aggregate_aliases()) {
-        if (all_rows || alias.name != std::string_view(name).substr(0, colon))
-            continue;
-        named_aggregate result{find_aggregate(alias.of), alias.parameter};
-        if (colon < name.size()) {
-            double percent = 0;
-            if (!alias.takes_percent)
-                fail("{}: {} takes nothing behind its name", asked_by, alias.name);
-            if (!read_cell(std::string_view(name).substr(colon + 1), percent) ||
-                !(percent >= 0 && percent <= 100))
-                fail("{}: behind {}: stands a number of percent from 0 to 100, as in {}:90(x)",
-                     asked_by, alias.name, alias.name);
-            result.parameter = percent / 100;
-        }
-        return result;
+    const std::string_view plain = std::string_view(name).substr(0, colon);
+    if (auto found = find_aggregate(plain, all_rows)) {
+        if (colon == name.size())
+            return *found;
+        double percent = 0;
+        if (!found->takes_percent)
+            fail("{}: {} takes nothing behind its name", asked_by, plain);
+        if (!read_cell(std::string_view(name).substr(colon + 1), percent) ||
+            !(percent >= 0 && percent <= 100))
+            fail("{}: behind {}: stands a number of percent from 0 to 100, as in {}:90(x)",
+                 asked_by, plain, plain);
+        found->parameter = percent / 100;
+        return *found;
     }
     fail("{}: there is no aggregate '{}{}'; there are:{}", asked_by, name, all_rows ? "(*)" : "",
          aggregate_overview());
 }
 
-double read_parameter(const parameter_rule &rule, std::string_view text,
+double read_parameter(const table::parameter_rule &rule, std::string_view text,
                       std::string_view asked_by) {
     double value = 0;
     if (!read_cell(text, value))
-        fail("{}: '{}' is no number; {}", asked_by, shown(text), rule.meaning);
+        fail("{}: '{}' is no number; {}", asked_by, shown(text), meaning_of(rule));
     return value;
 }
 
@@ -72,16 +62,17 @@ bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &hea
     const std::string asked_by = "--agg: " + call.text;
     const argument &first = call.arguments.front();
     const bool all_rows = first.text == "*" && !first.quoted;
-    const auto [rule, parameter] = resolve(call.function, all_rows, asked_by);
-    bound_aggregate result{call.text, rule, {}, parameter};
+    const named_aggregate found = resolve(call.function, all_rows, asked_by);
+    const auto &[rule, parameter, takes_percent] = found;
+    bound_aggregate result{
+        call.text, call.function.substr(0, call.function.find(':')), rule, {}, parameter};
     if (all_rows && call.arguments.size() == 1)
         return result;
     const bool reads_parameter = rule->parameter != nullptr && !parameter;
     const std::size_t expected = rule->columns + (reads_parameter ? 1 : 0);
     if (call.arguments.size() != expected)
-        fail("{}: it is written {}({}){}{}{}", asked_by, call.function,
-             parameter ? rule->arguments.substr(0, rule->arguments.find(',')) : rule->arguments,
-             reads_parameter ? ", where " : "", reads_parameter ? rule->parameter->meaning : "",
+        fail("{}: it is written {}{}{}{}", asked_by, usage_of(found, call.function),
+             reads_parameter ? ", where " : "", reads_parameter ? meaning_of(*rule->parameter) : "",
              call.arguments.size() > expected
                  ? "; a name that holds a comma stands in double quotes"
                  : "");
@@ -90,12 +81,12 @@ bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &hea
     if (reads_parameter)
         result.parameter = read_parameter(*rule->parameter, call.arguments.back().text, asked_by);
     if (result.parameter) {
-        const parameter_rule &bounds = *rule->parameter;
+        const table::parameter_rule &bounds = *rule->parameter;
         const double value = *result.parameter;
         // Written so that a NaN is out of bounds, too.
         if (!(value >= bounds.lowest && value <= bounds.highest) ||
             (bounds.whole && value != std::floor(value)))
-            fail("{}: {} is out of bounds; {}", asked_by, value, bounds.meaning);
+            fail("{}: {} is out of bounds; {}", asked_by, value, meaning_of(bounds));
     }
     return result;
 }
@@ -106,22 +97,46 @@ void add_once(std::vector<std::size_t> &columns, std::size_t column) {
         columns.push_back(column);
 }
 
+std::uint64_t count_nan(const table_column &column) {
+    const auto count = []<class T>(std::span<const T> values) {
+        return static_cast<std::uint64_t>(
+            std::count_if(values.begin(), values.end(), [](T value) { return std::isnan(value); }));
+    };
+    switch (column.type) {
+        case column_type::flt:
+            return count(column.values.values<flt>());
+        case column_type::dbl:
+            return count(column.values.values<dbl>());
+        default:
+            return 0;
+    }
+}
+
+// An aggregate of one column, for messages.
+std::string about(const bound_aggregate &aggregate, const loaded_columns &loaded) {
+    const std::size_t place = aggregate.columns.front();
+    return fmt::format("{}: {}: column {} ({})", loaded.source.name(), aggregate.title, place + 1,
+                       loaded.header.names[place]);
+}
+
+void refuse_nan(const bound_aggregate &aggregate, const loaded_columns &loaded) {
+    const std::size_t place = aggregate.columns.front();
+    if (const std::uint64_t nan = count_nan(loaded.data.columns[place]); nan > 0)
+        fail("{} has {} NaN, without a place in an order; add the spelling to the list of --na and "
+             "give --drop-na",
+             about(aggregate, loaded), nan);
+}
+
 // Order statistics need values that have a place in an order.
 void check_order(const query &asked, const bound_aggregate &aggregate,
                  const loaded_columns &loaded) {
-    const std::size_t place = aggregate.columns.front();
-    const table_column &column = loaded.data.columns[place];
-    const std::string about = fmt::format("{}: {}: column {} ({})", loaded.source.name(),
-                                          aggregate.title, place + 1, loaded.header.names[place]);
+    const table_column &column = loaded.data.columns[aggregate.columns.front()];
     if (!asked.drop_missing && column.missing > 0)
         fail("{} has {} missing value{} in {} rows, and {} takes none; --drop-na leaves such rows "
              "out, for this column's order statistics alone",
-             about, column.missing, column.missing == 1 ? "" : "s", loaded.data.rows,
-             aggregate.rule->name);
-    if (const std::uint64_t nan = count_nan(column); nan > 0)
-        fail("{} has {} NaN, without a place in an order; add the spelling to the list of --na and "
-             "give --drop-na",
-             about, nan);
+             about(aggregate, loaded), column.missing, column.missing == 1 ? "" : "s",
+             loaded.data.rows, aggregate.name);
+    refuse_nan(aggregate, loaded);
 }
 
 // As dbl, whole numbers that differ may be equal.
@@ -226,11 +241,13 @@ void check_columns(const query &asked, const loaded_columns &loaded) {
         refuse_rounded_keys(column, "--group-by", loaded);
     for (const bound_aggregate &aggregate : asked.aggregates)
         for (const std::size_t column : aggregate.columns) {
-            require_type(aggregate.rule->accepts, aggregate.rule->name, aggregate.title, column,
+            require_type(types_of(*aggregate.rule), aggregate.name, aggregate.title, column,
                          loaded);
-            if (aggregate.rule->family == aggregate_family::order)
+            if (aggregate.rule->of == table::family::order)
                 check_order(asked, aggregate, loaded);
-            if (aggregate.rule->family == aggregate_family::distinct)
+            if (aggregate.rule->name == "range")
+                refuse_nan(aggregate, loaded);
+            if (aggregate.rule->of == table::family::distinct)
                 refuse_rounded_keys(column, aggregate.title, loaded);
         }
 }

@@ -1,7 +1,7 @@
 // A request with its names resolved: which columns it needs, and what is computed of them.
 #pragma once
 
-#include "aggregate_table.h"
+#include "aggregates.h"
 #include "csv_header.h"
 #include "options.h"
 #include "table_loader.h"
@@ -16,7 +16,8 @@ namespace vask::runner {
 
 struct bound_aggregate {
     std::string title; //!< as it was written
-    const aggregate_rule *rule;
+    std::string name;  //!< of the aggregate, as it was written
+    const table::function_rule *rule;
     std::vector<std::size_t> columns; //!< its arguments, by their place in the file
     std::optional<double> parameter;  //!< there when the rule has one, and within its bounds
 };
@@ -41,7 +42,7 @@ query bind_query(const options &request, const csv_header &header, const source_
 
 //! Loaded columns, and what messages about them need.
 struct loaded_columns {
-    const table &data;
+    const loaded_table &data;
     const load_request &request;
     const csv_header &header;
     const source_text &source;

@@ -28,7 +28,7 @@ public:
     table_loader(const source_text &source, const csv_header &header, const load_request &request)
         : source_(source), header_(header), request_(request) {}
 
-    table load() {
+    loaded_table load() {
         split();
         plan_columns();
         std::vector<std::size_t> columns;
@@ -191,7 +191,7 @@ private:
     std::uint64_t room_ = 0;                // the most rows there can be
     std::vector<column_target> plan_;
     std::vector<std::unique_ptr<text_merger>> texts_;
-    table table_;
+    loaded_table table_;
 };
 
 bool is_text(std::string_view cell) {
@@ -245,7 +245,8 @@ std::optional<text_cell> first_cell(bool (*wanted)(std::string_view cell),
 
 } // namespace
 
-table load_table(const source_text &source, const csv_header &header, const load_request &request) {
+loaded_table load_table(const source_text &source, const csv_header &header,
+                        const load_request &request) {
     return table_loader(source, header, request).load();
 }
 

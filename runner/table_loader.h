@@ -38,7 +38,7 @@ struct table_column {
     refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
 };
 
-struct table {
+struct loaded_table {
     std::uint64_t rows = 0;
     std::vector<table_column> columns; //!< by place in the file
 };
@@ -52,7 +52,8 @@ struct table {
  * Memory: the columns, the text's table of different texts, and a few chunks; of a mapped file only
  * what is being read.
  */
-table load_table(const source_text &source, const csv_header &header, const load_request &request);
+loaded_table load_table(const source_text &source, const csv_header &header,
+                        const load_request &request);
 
 struct text_cell {
     std::string cell;

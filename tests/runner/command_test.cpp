@@ -60,6 +60,36 @@ TEST(Command, MissingWords) {
     EXPECT_EQ(missing(R"(" ","a,b",null,N/A,)"), "count(x),count(*)\n1,6\n");
 }
 
+TEST(Command, TextsTruthValuesAndTimesInAggregates) {
+    const std::string csv = "g,text,flag,when\n"
+                            "a,b,true,2020-01-01\na,,false,2020-01-03\nb,z\u00fc,,\n"
+                            "a,b,true,2020-01-04\nb,zu,t,2021-01-01 00:00:00.5\n";
+    const auto answer = [&](const std::string &aggregates) {
+        const outcome told =
+            vask({"-", "--types", "flag:bit,when:timestamp", "--na", "", "--drop-na", "--sort",
+                  "--group-by", "g", "--format", "csv", "--agg", aggregates},
+                 csv);
+        return told.err + told.out.substr(told.out.find('\n') + 1);
+    };
+    EXPECT_EQ(answer("min(text),max(text),mode(text),largest(text,2)"),
+              "a,b,b,b,b\nb,zu,z\u00fc,,zu\n");
+    EXPECT_EQ(answer("first(text),last(text),any(when),count_nulls(text),count(text)"),
+              "a,b,b,2020-01-01 00:00:00,1,2\nb,z\u00fc,zu,2021-01-01 00:00:00.5,0,2\n");
+    EXPECT_EQ(answer("sum(flag),mean(flag),max(flag),count_distinct(flag)"),
+              "a,2,0.6666666666666666,true,2\nb,1,1,true,1\n");
+    EXPECT_EQ(answer("mean(when),range(when),iqr(when)"),
+              "a,2020-01-02 16:00:00,259200,129600\nb,2021-01-01 00:00:00.5,0,0\n");
+}
+
+TEST(Command, StatisticsMadeOfOthers) {
+    const std::string csv = "g,x,w\n1,1,1\n1,2,0\n1,3,3\n1,10,NA\n2,5,0\n";
+    const outcome told =
+        vask({"-", "--group-by", "g", "--format", "csv", "--agg",
+              "range(x),iqr(x),mad(x),weighted_mean(x,w),quantile(x,0.25)", "--drop-na"},
+             csv);
+    EXPECT_EQ(told.out.substr(told.out.find('\n') + 1), "1,9,3,1,2.5,1.75\n2,0,0,0,,5\n");
+}
+
 // From 2^24 on the next flt is two away: added up in flt, the ones behind it are lost. The
 // sum of two large ones is beyond flt, too.
 TEST(Command, FltIsAddedUpAsDbl) {
@@ -233,7 +263,21 @@ TEST(Command, ContainedInAColumnOfAnotherFile) {
                    "id\n7\n012\n5\n")
                   .out,
               "id,contained\n7,1\n12,1\n5,0\n");
+    // Any values of one kind, whatever their width: both columns have one beyond 32 bits.
+    const temporary_file wide("id,name,part\n5000000000,x,0.5\n7,NA,8\n");
+    const auto looked_up = [&](const std::string &column, const std::string &other_column) {
+        const outcome told =
+            vask({"-", "--contained-in", wide.path() + ":" + other_column, "--column", column,
+                  "--format", "csv", "--agg", "sum(contained),count(*)"},
+                 "id,name,part\n5000000000,x,0.5\n5000000001,NA,8.0\n0,X,\n");
+        return told.err + told.out.substr(told.out.find('\n') + 1);
+    };
+    EXPECT_EQ(looked_up("id", "id"), "1,3\n");
+    EXPECT_EQ(looked_up("name", "name"), "1,3\n");
+    EXPECT_EQ(looked_up("part", "part"), "2,3\n");
+    EXPECT_EQ(looked_up("id", "part"), "0,3\n");
     const std::vector<std::pair<std::vector<std::string>, std::string>> mistakes{
+        {{"-", "--contained-in", coded, "--column", "customer"}, "id is str, which do not compare"},
         {{"-", "--contained-in", coded, "--column", "customer"}, "give --types 'customer:int'"},
         {{"-", "--contained-in", known.path()}, "FILE:COLUMN"},
         {{"-", "--contained-in", other}, "--column names it): there is no column 'id'"},
@@ -339,13 +383,13 @@ TEST(Command, Mistakes) {
         {{"-", agg, "total(x)"}, "x\n1\n", {"no aggregate 'total'", "sum", "count(*)"}},
         {{"-", agg, "sum(*)"}, "x\n1\n", {"no aggregate 'sum(*)'"}},
         {{"-", agg, "sum(x)", "--group-by", "y"}, "x\n1\n", {"--group-by", "no column 'y'"}},
-        {{"-", agg, "min(x)"}, "x\na\n", {"min takes", "timestamp"}},
+        {{"-", agg, "mean(x)"}, "x\na\n", {"mean takes", "timestamp"}},
         {{"-", agg, "sum(x,y)"}, "x,y\n1,2\n", {"sum(x,y): it is written sum(x)", "double quotes"}},
         {{"-"}, "alpha,beta\n1,2\n", {"--agg", "the columns are alpha, beta"}},
         {{"-", agg, "sum(prise)"}, "price,x\n1,1\n", {"standard input:1", "did you mean price"}},
         {{"-", agg, "sum(Price)"}, "price,x\n1,1\n", {"did you mean price"}},
         {{"", agg, "sum(x)"}, "", {"name of the file is empty"}},
-        {{"-", agg, "min(t)"}, "t\n2024-01-02\n", {"line 2", "--types 't:timestamp'"}},
+        {{"-", agg, "median(t)"}, "t\n2024-01-02\n", {"line 2", "--types 't:timestamp'"}},
         {{"-", agg, "sum(x)", "--types", "x:bte"}, "x\n-128\n", {"'-128' is reserved", "x:int"}},
         {{"-", agg, "sum(x)", "--names", "x,y,x"}, "1,2,3\n", {"columns 1, 3", "with --names"}},
         {{"-", agg, "sum(x)", "--names", "x,y"}, "1,2,3\n", {":1: 3 fields where --names has 2"}},

@@ -98,8 +98,10 @@ TEST(Grouping, EveryPathGivesThePlainGroupsOnAnyThreads) {
          "VASKgroup(text): 70000 rows, hash path: text, 2 ranges, 90 groups, "},
         {"few,text", plain_sums([&](int i) { return number(few)(i) + "," + text(i); }),
          "VASKderive(text): 70000 rows, "},
-        {"few,many", plain_sums([&](int i) { return number(few)(i) + "," + number(many)(i); }),
+        {"text,many", plain_sums([&](int i) { return text(i) + "," + number(many)(i); }),
          "VASKderive(many): 70000 rows, buckets path: "},
+        {"few,many", plain_sums([&](int i) { return number(few)(i) + "," + number(many)(i); }),
+         "VASKgroup(few, many): 70000 rows, "},
     };
     for (const auto &each : cases)
         for (const char *threads : {"1", "2", "5"}) {

@@ -143,7 +143,8 @@ void expect_cells(const expected_column &expected, const table_column &loaded) {
     EXPECT_EQ(loaded.values->tail->nonil != 0, missing == 0);
 }
 
-table load(const std::string &text, load_request request = {}, const csv_dialect &dialect = {}) {
+loaded_table load(const std::string &text, load_request request = {},
+                  const csv_dialect &dialect = {}) {
     const temporary_file file(text);
     const source_text source(file.path());
     const csv_header header = read_header(source, dialect, {});
@@ -170,7 +171,7 @@ TEST(TableLoader, AllWaysOfWritingAFileGiveItsCells) {
             SCOPED_TRACE(testing::Message()
                          << "seed " << seed << ", " << rows << " rows, chunks of " << chunk_bytes
                          << ", threads " << request.threads);
-            const table loaded = load(text, request);
+            const loaded_table loaded = load(text, request);
             EXPECT_EQ(loaded.rows, rows);
             ASSERT_EQ(loaded.columns.size(), expected.size());
             for (std::size_t i = 0; i < expected.size(); ++i)
@@ -185,7 +186,7 @@ TEST(TableLoader, TypesAndColumnsThatWereAskedFor) {
     request.wanted = {true, true, false, true};
     request.forced = {{0, column_type::bte}, {1, column_type::str}, {3, column_type::timestamp}};
     request.missing = missing_words({"-9"});
-    const table loaded = load("a,b,c,d\n1,07,x,2020-01-01\n-9,NA,y,-9\n", request);
+    const loaded_table loaded = load("a,b,c,d\n1,07,x,2020-01-01\n-9,NA,y,-9\n", request);
     EXPECT_EQ(loaded.columns[0].values.type(), TYPE_bte);
     EXPECT_EQ(loaded.columns[0].values.values<bte>()[0], 1);
     EXPECT_TRUE(loaded.columns[0].values.is_nil(1));
@@ -198,16 +199,16 @@ TEST(TableLoader, TypesAndColumnsThatWereAskedFor) {
     load_request plain;
     plain.forced = {{0, column_type::int_}};
     const std::string codes = "a,b,c\n007,001.50,1\n7,1.5,-02\n";
-    const table typed = load(codes, plain);
+    const loaded_table typed = load(codes, plain);
     EXPECT_EQ(typed.columns[0].values.values<std::int32_t>()[0], 7);
     EXPECT_EQ(typed.columns[1].values.text(0), "001.50");
     EXPECT_EQ(typed.columns[2].values.text(0), "1");
     EXPECT_EQ(typed.columns[2].values.text(1), "-02");
     plain.keep_zeros = false;
-    const table numbers = load(codes, plain);
+    const loaded_table numbers = load(codes, plain);
     EXPECT_EQ(numbers.columns[1].values.values<dbl>()[0], 1.5);
     EXPECT_EQ(numbers.columns[2].values.values<std::int32_t>()[1], -2);
-    const table unquoted = load("a\tb\n5\" pipe\t\"x\n", {}, {'\t', false});
+    const loaded_table unquoted = load("a\tb\n5\" pipe\t\"x\n", {}, {'\t', false});
     EXPECT_EQ(unquoted.columns[0].values.text(0), "5\" pipe");
     EXPECT_EQ(unquoted.columns[1].values.text(0), "\"x");
 }
