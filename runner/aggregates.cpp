@@ -66,11 +66,12 @@ std::optional<named_aggregate> find_aggregate(std::string_view name, bool all_ro
 }
 
 std::string usage_of(const named_aggregate &aggregate, std::string_view name) {
-    std::string usage = table::usage(*aggregate.rule);
-    usage.replace(0, aggregate.rule->name.size(), name);
-    if (aggregate.parameter && usage.find(',') != std::string::npos)
-        usage.replace(usage.rfind(','), std::string::npos, ")");
-    return usage;
+    const std::string usage = table::usage(*aggregate.rule);
+    std::string_view arguments = std::string_view(usage).substr(aggregate.rule->name.size());
+    const bool has_own = aggregate.parameter && arguments.find(',') != arguments.npos;
+    if (has_own)
+        arguments = arguments.substr(0, arguments.rfind(','));
+    return fmt::format("{}{}{}", name, arguments, has_own ? ")" : "");
 }
 
 std::string meaning_of(const table::parameter_rule &parameter) {

@@ -9,6 +9,7 @@
 #include "plan.h"
 
 #include "runner/csv_header.h"
+#include "runner/operator_library.h"
 #include "runner/source_text.h"
 #include "runner/table_loader.h"
 #include "runner/user_error.h"
@@ -42,7 +43,7 @@ columns_by_name load(const std::string &file, std::int32_t odd_to) {
     for (std::size_t i = 0; i < header.names.size(); ++i)
         request.forced.emplace_back(i, type_of(header.names[i]));
     request.threads = 2;
-    vask::runner::table table = load_table(source, header, request);
+    vask::runner::loaded_table table = load_table(source, header, request);
 
     columns_by_name columns;
     for (std::size_t i = 0; i < header.names.size(); ++i)
@@ -56,7 +57,9 @@ columns_by_name load(const std::string &file, std::int32_t odd_to) {
 
 class engine {
 public:
-    explicit engine(const std::string &library) : operators_(library) {}
+    explicit engine(const std::string &library)
+        : library_(library),
+          operators_([this](const std::string &name) { return library_.address(name); }) {}
 
     json answer(const json &request) {
         if (request.contains("load")) {
@@ -81,7 +84,8 @@ public:
     }
 
 private:
-    vask::runner::operator_library operators_;
+    vask::runner::operator_library library_;
+    vask::table::operator_set operators_;
     columns_by_name columns_;
 };
 

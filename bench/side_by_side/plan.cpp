@@ -2,8 +2,6 @@
 
 #include "column_numbers.h"
 
-#include "runner/operator_calls.h"
-
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
@@ -14,8 +12,7 @@ namespace side_by_side {
 namespace {
 
 using refkernel::bat;
-using vask::runner::check;
-using vask::runner::operator_library;
+using vask::table::operator_set;
 
 template <class T>
 std::optional<double> scalar(T value) {
@@ -35,8 +32,7 @@ bat quotients(const bat &dividend, const bat &divisor) {
 
 class plan_runner {
 public:
-    plan_runner(const plan &asked, const columns_by_name &columns,
-                const operator_library &operators)
+    plan_runner(const plan &asked, const columns_by_name &columns, const operator_set &operators)
         : asked_(asked), columns_(columns), operators_(operators) {}
 
     plan_outcome run() {
@@ -65,20 +61,16 @@ private:
 
     void group_by(const std::string &key) {
         const bat &column = columns_.at(key);
-        std::int32_t extents = int_nil;
-        std::int32_t map = int_nil;
+        operator_set::grouped_rows made;
         if (outcome_.map)
             timed("VASKderive", key, [&] {
-                check(operators_.function<vask::runner::derive_operator>("VASKderive")(
-                    &extents, &map, outcome_.extents.slot(), outcome_.map.slot(), column.slot()));
+                made = operators_.derive(
+                    {bat::share(outcome_.map.id()), bat::share(outcome_.extents.id())}, column);
             });
         else
-            timed("VASKgroup", key, [&] {
-                check(operators_.function<vask::runner::group_operator>("VASKgroup")(
-                    &extents, &map, column.slot()));
-            });
-        outcome_.extents = bat::adopt(extents);
-        outcome_.map = bat::adopt(map);
+            timed("VASKgroup", key, [&] { made = operators_.group(column); });
+        outcome_.extents = std::move(made.extents);
+        outcome_.map = std::move(made.map);
     }
 
     plan_result result_of(const operator_call &call) {
@@ -106,21 +98,21 @@ private:
 
     template <class Slot>
     Slot run_into(const operator_call &call) {
-        std::vector<const std::int32_t *> arguments;
+        std::vector<const bat *> arguments;
         for (const std::string &name : call.columns)
-            arguments.push_back(columns_.at(name).slot());
+            arguments.push_back(&columns_.at(name));
         bat parameter;
         if (call.parameter) {
             parameter = refkernel::make_column(std::vector{*call.parameter});
-            arguments.push_back(parameter.slot());
+            arguments.push_back(&parameter);
         }
         if (outcome_.map) {
-            arguments.push_back(outcome_.map.slot());
-            arguments.push_back(outcome_.extents.slot());
+            arguments.push_back(&outcome_.map);
+            arguments.push_back(&outcome_.extents);
         }
         Slot result{};
         timed(call.name, call.columns.front(),
-              [&] { vask::runner::call_operator(operators_, call.name, &result, arguments); });
+              [&] { operators_.call(call.name, &result, arguments); });
         return result;
     }
 
@@ -149,7 +141,7 @@ private:
 
     const plan &asked_;
     const columns_by_name &columns_;
-    const operator_library &operators_;
+    const operator_set &operators_;
     plan_outcome outcome_;
 };
 
@@ -179,7 +171,7 @@ plan read_plan(const nlohmann::json &text) {
 }
 
 plan_outcome run_plan(const plan &asked, const columns_by_name &columns,
-                      const operator_library &operators) {
+                      const operator_set &operators) {
     return plan_runner(asked, columns, operators).run();
 }
 

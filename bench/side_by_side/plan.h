@@ -1,7 +1,7 @@
 // A plan: grouping by some columns, and the operators that run on the groups or on whole columns.
 #pragma once
 
-#include "runner/operator_library.h"
+#include "table/operators.h"
 #include "vask/embed.h"
 
 #include <cstdint>
@@ -51,6 +51,6 @@ struct plan_outcome {
 //! Throws user_error for an operator that the library does not have, std::runtime_error for one
 //! that fails.
 plan_outcome run_plan(const plan &asked, const columns_by_name &columns,
-                      const vask::runner::operator_library &operators);
+                      const vask::table::operator_set &operators);
 
 } // namespace side_by_side
