@@ -90,6 +90,44 @@ void set_tail(bat_entry &made, int type, std::size_t width, std::shared_ptr<memo
     tail.adopt_memory(std::move(memory));
 }
 
+namespace {
+
+template <class T>
+bool holds(const void *values, std::size_t count, const char *wanted) {
+    T nil;
+    std::memcpy(&nil, wanted, sizeof nil);
+    const T *const begin = static_cast<const T *>(values);
+    // Counted and not found: without a way out, the loop goes by vectors.
+    return std::count(begin, begin + count, nil) != 0;
+}
+
+// Nils are found by their bits, which no other value of a type has.
+bool holds_nil(const BATcol &c, const BATinfo &info) {
+    const void *const values = element_place(c, info.first);
+    const char *const nil = nil_bytes(c.type).data();
+    switch (c.width) {
+        case 1:
+            return holds<std::uint8_t>(values, info.count, nil);
+        case 2:
+            return holds<std::uint16_t>(values, info.count, nil);
+        case 4:
+            return holds<std::uint32_t>(values, info.count, nil);
+        default:
+            return holds<std::uint64_t>(values, info.count, nil);
+    }
+}
+
+bat insert_numbers(std::unique_ptr<bat_entry> made, const column_options &options) {
+    if (options.look_for_nils && !options.tail.nil && !options.tail.nonil) {
+        const bool found = holds_nil(made->tail, made->info);
+        made->tail.nil = found;
+        made->tail.nonil = !found;
+    }
+    return insert(std::move(made));
+}
+
+} // namespace
+
 std::shared_ptr<memory::block> rows_behind(BUN first, std::size_t count, std::size_t width) {
     auto memory = memory::allocate_block((first + count) * width);
     if (memory == nullptr) {
@@ -156,6 +194,34 @@ int bat::type() const {
     return held().tail->type;
 }
 
+nil_knowledge bat::nils() const {
+    const BATcol &tail = *held().tail;
+    if (tail.nil) {
+        return nil_knowledge::some;
+    }
+    return tail.nonil ? nil_knowledge::none : nil_knowledge::unknown;
+}
+
+std::string describe(const bat &column) {
+    const BAT *const b = column.record();
+    if (b == nullptr) {
+        return "no column";
+    }
+    std::string told = std::to_string(b->info->count) + " rows of ";
+    if (column.is_void()) {
+        return told + (b->tail->seqbase == oid_nil ? "a void column of nils" : "a void column");
+    }
+    told += type_name(b->tail->type);
+    switch (column.nils()) {
+        case nil_knowledge::none:
+            return told + " without nils";
+        case nil_knowledge::some:
+            return told + " with nils";
+        default:
+            return told + " in which nobody looked for nils";
+    }
+}
+
 void *bat::rows(std::size_t width) const {
     const BAT &b = held();
     const BATcol &c = *b.tail;
@@ -207,7 +273,7 @@ bat make_column_from_bytes(const void *values, std::size_t count, std::size_t wi
                     count * width);
     }
     set_tail(*made, type, width, std::move(memory), options);
-    return insert(std::move(made));
+    return insert_numbers(std::move(made), options);
 }
 
 bat make_column_in(std::shared_ptr<memory::block> memory, std::size_t count, std::size_t width,
@@ -218,7 +284,7 @@ bat make_column_in(std::shared_ptr<memory::block> memory, std::size_t count, std
     const int type = tail_type(default_type, width, options);
     auto made = entry_with_head(count, options);
     set_tail(*made, type, width, std::move(memory), options);
-    return insert(std::move(made));
+    return insert_numbers(std::move(made), options);
 }
 
 bat make_void_column(BUN count, oid tail_seqbase, const column_options &options) {
@@ -235,7 +301,7 @@ bat make_empty(int head_type, int tail_type, BUN capacity) {
     return bat::adopt(made);
 }
 
-bat slice(const bat &source, BUN from, BUN count) {
+bat view_rows(const bat &source, BUN from, BUN count) {
     BAT *b = &source.held();
     if (from > b->info->count || count > b->info->count - from) {
         throw kernel_error("the slice reaches beyond the column's rows");

@@ -68,7 +68,7 @@ char *make_exception(const char *place, const char *text) {
     return message;
 }
 
-exception take_exception(char *message) {
+operator_failure take_exception(char *message) {
     if (message == nullptr) {
         return {};
     }
@@ -77,7 +77,8 @@ exception take_exception(char *message) {
     if (colon == std::string_view::npos) {
         return {std::string(whole), std::string(whole)};
     }
-    exception read{std::string(whole.substr(0, colon)), std::string(whole.substr(colon + 1))};
+    operator_failure read{std::string(whole.substr(0, colon)),
+                          std::string(whole.substr(colon + 1))};
     memory::release(message);
     return read;
 }

@@ -203,6 +203,37 @@ std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept {
     });
 }
 
+namespace {
+
+struct borrowed_block final : block {
+    std::function<void()> release;
+
+    ~borrowed_block() override {
+        if (release) {
+            release();
+        }
+    }
+};
+
+} // namespace
+
+std::shared_ptr<block> borrow(const void *lent, std::size_t bytes, std::function<void()> release) {
+    std::shared_ptr<borrowed_block> made;
+    try {
+        made = std::make_shared<borrowed_block>();
+    } catch (...) {
+        if (release) {
+            release();
+        }
+        throw;
+    }
+    made->base = const_cast<void *>(lent);
+    made->bytes = bytes;
+    made->release = std::move(release);
+    made->mark_shared();
+    return made;
+}
+
 void *allocate(std::size_t bytes) noexcept {
     void *made = take_spare_block(bytes).base;
     if (made == nullptr) {

@@ -124,4 +124,37 @@ bat make_text_column(std::span<const std::string_view> texts, const column_optio
     return builder.finish(options);
 }
 
+bat make_dictionary_column(std::span<const std::string_view> words,
+                           std::span<const std::int32_t> codes, const column_options &options,
+                           const text_options &text) {
+    text_builder builder(text);
+    builder.append_all(words);
+    builder.append_nil();
+    builder.pick_rows(codes, words);
+    return builder.finish(options);
+}
+
+void text_builder::pick_rows(std::span<const std::int32_t> codes,
+                             std::span<const std::string_view> words) {
+    flush();
+    const std::vector<std::uint32_t> offsets = std::exchange(offsets_, {});
+    const std::string_view nil = nil_bytes(options_.type);
+    const bool a_word_is_nil = std::ranges::find(words, nil) != words.end();
+    has_nil_ = false;
+    offsets_.reserve(codes.size());
+    for (const std::int32_t code : codes) {
+        if (code == no_word) {
+            offsets_.push_back(offsets.back());
+            has_nil_ = true;
+            continue;
+        }
+        const auto word = static_cast<std::size_t>(code);
+        if (word >= words.size()) { // a negative one, too
+            throw kernel_error("a code has no word");
+        }
+        offsets_.push_back(offsets[word]);
+        has_nil_ = has_nil_ || (a_word_is_nil && words[word] == nil);
+    }
+}
+
 } // namespace refkernel

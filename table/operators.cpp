@@ -26,7 +26,7 @@ char *call_with(const operator_set &operators, const std::string &name, void *re
 void check(char *exception_string) {
     if (exception_string == nullptr)
         return;
-    const refkernel::exception failure = refkernel::take_exception(exception_string);
+    const refkernel::operator_failure failure = refkernel::take_exception(exception_string);
     throw std::runtime_error(
         fmt::format("the operator failed: {}: {}", failure.place, failure.text));
 }

@@ -1,19 +1,21 @@
 /*
- * The reference kernel from C++: make a column, hand its number to an operator,
- * read the result, give it back.
+ * The reference kernel from C++: make a column, hand it to an operator, read the
+ * result.
  *
  *     using namespace refkernel;
  *     bat values = make_column<int32_t>(std::vector{3, nil_of<int32_t>(), 4});
- *     lng sum;
- *     exception failure = take_exception(vask_sum_int(&sum, values.slot()));
+ *     int64_t sum = call<int64_t>(vask_sum_int, values);
  *
  *     text_builder names;
  *     names.append("ash");
  *     names.append_nil();
- *     bat column = names.finish();
+ *     names.append("elm");
+ *     grouping by_name = group_by(names.finish());
+ *     bat sums = call<bat>(vask_grp_sum, values, by_name.map, by_name.extents);
  *
  * Failures of the kernel are thrown: std::bad_alloc when memory runs out,
- * kernel_error for a request that cannot be met.
+ * kernel_error for a request that cannot be met. call() throws what an operator
+ * answers as operator_error.
  *
  * Thread safety: columns may be made, read and dropped from any thread; one
  * handle or builder belongs to one thread at a time.
@@ -25,6 +27,7 @@
 // Without C++20 the one error of contract.h is enough.
 #if __cplusplus >= 202002L
 
+#include "vask/ops.h"
 #include "vask/refkernel/atoms.h"
 #include "vask/refkernel/block.h"
 #include "vask/refkernel/errors.h"
@@ -32,13 +35,16 @@
 #include "vask/refkernel/text_sharing.h"
 
 #include <array>
+#include <concepts>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -75,7 +81,7 @@ concept element = type_code_of<T>
 != TYPE_void;
 
 //! What is known of a column's values. Operators believe these marks: the
-//! truth is the maker's business.
+//! truth is the maker's business. Without nil and nonil nothing is known of nils.
 struct column_marks {
     bool sorted = false; //!< ascending
     bool key = false;    //!< unique
@@ -89,6 +95,8 @@ struct column_options {
     //! be as wide as the C++ type. The type of a text column is in its text_options.
     int type = TYPE_void;
     column_marks tail{};
+    //! Look through values for which neither nil nor nonil is given, and set the one that holds.
+    bool look_for_nils = true;
 
     //! A void head of oids from seqbase on, or, if stored_head is set, stored
     //! oids: those of head_oids, or as many from seqbase on.
@@ -102,6 +110,13 @@ struct column_options {
     BUN first = 0;
     //! May operators and BUNfastins write to the BAT?
     bool writable = false;
+};
+
+//! What a column's marks say of nils.
+enum class nil_knowledge : std::uint8_t {
+    unknown, //!< nobody looked
+    none,    //!< no row is nil
+    some     //!< a row is nil
 };
 
 /*
@@ -136,6 +151,10 @@ public:
 
     [[nodiscard]] BUN count() const;
     [[nodiscard]] int type() const;
+    //! Whether nothing is stored in the tail: its oids are counted, or all nil.
+    [[nodiscard]] bool is_void() const { return type() == TYPE_void; }
+    //! What the marks of the tail say; a void tail's are the truth.
+    [[nodiscard]] nil_knowledge nils() const;
 
     //! The tail's rows. Throws kernel_error if T has another width than the
     //! elements. Valid while the BAT lives and nobody grows it.
@@ -158,7 +177,7 @@ public:
     [[nodiscard]] oid head_oid(BUN row) const;
 
 private:
-    friend REFKERNEL_API bat slice(const bat &source, BUN from, BUN count);
+    friend REFKERNEL_API bat view_rows(const bat &source, BUN from, BUN count);
     explicit bat(int32_t id) : id_(id) {}
     [[nodiscard]] BAT &held() const;
     [[nodiscard]] void *rows(std::size_t width) const;
@@ -193,6 +212,28 @@ bat make_column(std::vector<T> &&values, const column_options &options = {}) {
                           sizeof(T), type_code_of<T>, options);
 }
 
+/*
+ * A column that reads the caller's memory in place. release() is called once, when the last column
+ * over the memory has gone, on the thread that drops it, and also when the column cannot be made;
+ * it may not throw. Until then the values stay where they are and as they are. Copied, and released
+ * at once, if rows are to begin above position 0.
+ */
+template <element T>
+bat borrow_column(std::span<const T> values, std::function<void()> release,
+                  const column_options &options = {}) {
+    const auto lent = memory::borrow(values.data(), values.size_bytes(), std::move(release));
+    if (options.first != 0 || values.empty()) {
+        return make_column(values, options);
+    }
+    return make_column_in(lent, values.size(), sizeof(T), type_code_of<T>, options);
+}
+
+//! A column of one row, as the parameters of operators are.
+template <element T>
+bat scalar(T value) {
+    return make_column(std::span<const T>(&value, 1));
+}
+
 //! A column with nothing stored in its tail: oids from tail_seqbase on, or all nil.
 REFKERNEL_API bat make_void_column(BUN count, oid tail_seqbase = 0,
                                    const column_options &options = {});
@@ -201,7 +242,11 @@ REFKERNEL_API bat make_void_column(BUN count, oid tail_seqbase = 0,
 REFKERNEL_API bat make_empty(int head_type, int tail_type, BUN capacity = 0);
 
 //! A view of the rows from `from` on; it starts at that row's position.
-REFKERNEL_API bat slice(const bat &source, BUN from, BUN count);
+REFKERNEL_API bat view_rows(const bat &source, BUN from, BUN count);
+//! The old name, which stands in the way of std::slice. It goes with the next release.
+inline bat slice(const bat &source, BUN from, BUN count) {
+    return view_rows(source, from, count);
+}
 
 struct text_options {
     int type = TYPE_str; //!< or a user atom stored as text
@@ -236,8 +281,15 @@ private:
     static constexpr std::size_t batch_texts = 16;
     static constexpr std::size_t staging_bytes = 2048;
 
+    friend REFKERNEL_API bat make_dictionary_column(std::span<const std::string_view> words,
+                                                    std::span<const std::int32_t> codes,
+                                                    const column_options &options,
+                                                    const text_options &text);
+
     void put(std::span<const std::string_view> texts);
     void flush();
+    //! Makes rows of the texts put so far: the words and a nil.
+    void pick_rows(std::span<const std::int32_t> codes, std::span<const std::string_view> words);
 
     text_options options_;
     std::shared_ptr<text_heap> heap_;
@@ -257,6 +309,123 @@ REFKERNEL_API bat make_text_column(std::span<const std::optional<std::string_vie
 REFKERNEL_API bat make_text_column(std::span<const std::string_view> texts,
                                    const column_options &options = {},
                                    const text_options &text = {});
+
+//! A text column of one row.
+inline bat scalar(std::string_view text) {
+    return make_text_column(std::span<const std::string_view>(&text, 1));
+}
+
+//! In the codes of a dictionary column: the row has no value.
+inline constexpr std::int32_t no_word = -1;
+
+//! A text column of words[codes[0]], words[codes[1]]..; no_word is a nil. Throws
+//! kernel_error for a code that has no word.
+REFKERNEL_API bat make_dictionary_column(std::span<const std::string_view> words,
+                                         std::span<const std::int32_t> codes,
+                                         const column_options &options = {},
+                                         const text_options &text = {});
+
+//! What call() throws: the failure that an operator answered with. Its text also tells what the
+//! columns of the call were: some operators refuse a nil, a void column and a column of which
+//! nobody knows whether it has nils in the same words.
+class operator_error : public kernel_error {
+public:
+    operator_error(operator_failure failure, const std::string &inputs)
+        : kernel_error(failure.place + ": " + failure.text + inputs),
+          failure_(std::move(failure)) {}
+    [[nodiscard]] const operator_failure &failure() const { return failure_; }
+
+private:
+    operator_failure failure_;
+};
+
+//! A column in some words, such as "3 rows of int without nils".
+REFKERNEL_API std::string describe(const bat &column);
+
+namespace calls {
+
+//! Columns are handed over by the address of their number, pointers as they are.
+inline const std::int32_t *argument(const bat &column) {
+    return column.slot();
+}
+template <class T>
+T *argument(T *pointer) {
+    return pointer;
+}
+
+inline void describe_to(std::string &told, const bat &column) {
+    told += (told.empty() ? " (" : "; ") + refkernel::describe(column);
+}
+template <class T>
+void describe_to(std::string &, T *) {}
+
+} // namespace calls
+
+/*
+ * Calls an operator with columns and pointers in the operator's order; throws
+ * operator_error with what it answers, if it fails.
+ *
+ *     int64_t sum = call<int64_t>(vask_sum_int, prices);
+ *     bat counts = call<bat>(vask_grp_count, prices, groups.map, groups.extents);
+ *     call(VASKgroup, &extents_id, &map_id, cities);
+ *
+ * With a result type, the operator's first argument is left out: it is a slot of that type, which
+ * vask/ops.h tells for each operator, or with `bat` the number of a new one.
+ */
+template <class Result = void, class... Slots, class... Arguments>
+Result call(char *(*function)(Slots...), const Arguments &...arguments) {
+    const auto checked = [&](char *message) {
+        if (message != nullptr) {
+            operator_failure failure = take_exception(message);
+            std::string inputs;
+            (calls::describe_to(inputs, arguments), ...);
+            throw operator_error(std::move(failure), inputs.empty() ? inputs : inputs + ")");
+        }
+    };
+    if constexpr (std::is_void_v<Result>) {
+        checked(function(calls::argument(arguments)...));
+    } else if constexpr (std::same_as<Result, bat>) {
+        std::int32_t id = int_nil;
+        checked(function(&id, calls::argument(arguments)...));
+        return bat::adopt(id);
+    } else {
+        Result result{};
+        checked(function(&result, calls::argument(arguments)...));
+        return result;
+    }
+}
+
+//! A grouping: the group of each row, and the groups with their sizes.
+struct grouping {
+    bat map;     //!< a row per row of the column; in the tail the group's id
+    bat extents; //!< a row per group; in the head its id, in the tail its number of rows
+
+    [[nodiscard]] BUN groups() const { return extents.count(); }
+};
+
+//! The rows of equal values. Needs lib_vask_ops in the program, as refine() does.
+inline grouping group_by(const bat &column) {
+    std::int32_t extents = int_nil;
+    std::int32_t map = int_nil;
+    call(VASKgroup, &extents, &map, column);
+    return {.map = bat::adopt(map), .extents = bat::adopt(extents)};
+}
+
+//! The groups of a grouping split by the values of one more column.
+inline grouping refine(const grouping &coarse, const bat &column) {
+    std::int32_t extents = int_nil;
+    std::int32_t map = int_nil;
+    call(VASKderive, &extents, &map, coarse.extents, coarse.map, column);
+    return {.map = bat::adopt(map), .extents = bat::adopt(extents)};
+}
+
+//! The rows that agree in all columns.
+template <std::same_as<bat>... More>
+grouping group_by(const bat &first, const bat &second, const More &...more) {
+    grouping groups = refine(group_by(first), second);
+    ((groups = refine(groups, more)), ...);
+    return groups;
+}
 
 //! What the kernel holds now.
 struct kernel_usage {

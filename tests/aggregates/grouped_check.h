@@ -117,7 +117,7 @@ void check_row_groups(grouped_function call, int type, int result_type, Expected
                 values.front() = refkernel::nil_of<T>();
             const refkernel::bat source =
                 refkernel::make_column(std::span<const T>(values), {.type = type});
-            const refkernel::bat column = refkernel::slice(source, 3, rows);
+            const refkernel::bat column = refkernel::view_rows(source, 3, rows);
             const refkernel::bat groups = refkernel::make_void_column(rows, 7);
             const kernel_settings settings(2);
             const leak_guard leaks;

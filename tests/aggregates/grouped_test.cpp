@@ -89,7 +89,7 @@ TEST(GroupedFrame, RowsBeyondTheMapHaveNoGroup) {
     for (const BUN mapped : {0U, 1U, 400U, 999U})
         for (const std::int32_t threads : {1, 3}) {
             const kernel_settings settings(threads);
-            const bat map = refkernel::slice(memory, 0, mapped);
+            const bat map = refkernel::view_rows(memory, 0, mapped);
             const bat sums = support::call_grouped(vask_grp_sum, values, map, make_extents({5}));
             EXPECT_EQ(support::unless_nil(sums.values<lng>()[0]).value_or(0), mapped)
                 << threads << " threads";

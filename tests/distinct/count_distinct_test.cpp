@@ -94,7 +94,7 @@ struct grouping {
 };
 
 struct outcome {
-    refkernel::exception failure;
+    refkernel::operator_failure failure;
     std::vector<wrd> counts;
     bool serial = false;
 };
@@ -319,7 +319,7 @@ TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
     std::mt19937 random(35);
     const shape s{.rows = 3000, .groups = 20, .shuffled_extents = true};
     const grouping g(s, random);
-    const refkernel::exception operators_own{"aggr.countd", "operation failed"};
+    const refkernel::operator_failure operators_own{"aggr.countd", "operation failed"};
     std::vector<std::int32_t> values(s.rows);
     std::iota(values.begin(), values.end(), 0);
     const bat far = refkernel::make_column(std::vector<double>(values.begin(), values.end()),

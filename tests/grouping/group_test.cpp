@@ -17,7 +17,7 @@ namespace {
 using namespace vask;
 using namespace support;
 using refkernel::bat;
-using refkernel::exception;
+using refkernel::operator_failure;
 using refkernel::take_exception;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
@@ -33,12 +33,12 @@ constexpr std::uint32_t few_groups = 100;
     return true;
 }();
 
-const exception none{};
+const operator_failure none{};
 
 struct grouping {
     bat ext;
     bat map;
-    exception failure;
+    operator_failure failure;
 
     explicit grouping(std::int32_t id) {
         std::int32_t ids[] = {unset, unset};
@@ -243,7 +243,8 @@ TEST(Group, GoesOnWithWhatTheSealGives) {
         EXPECT_EQ(made.ext->state->access, ACCESS_READ);
         watch kernel;
         kernel.fail_at(operation::bat_setaccess, 2); // of the extents, behind a map in its place
-        EXPECT_EQ(grouping(b.id()).failure, (exception{"group.vask_new", "operation failed"}));
+        EXPECT_EQ(grouping(b.id()).failure,
+                  (operator_failure{"group.vask_new", "operation failed"}));
     }
     EXPECT_EQ(before.leaks(), "");
     refkernel::instrumentation::replace_on_setaccess(false);
@@ -255,12 +256,12 @@ TEST(Group, FailuresReleaseWhatTheyHold) {
     const bat texts = text_cycle(9000, 9000); // more groups than the extents have room for at first
     const bat tags = text_cycle(9000, 9000, refkernel::type_tag);
     const bat nils = refkernel::make_void_column(9000, oid_nil);
-    const auto place = [](const char *text) { return exception{"group.vask_new", text}; };
+    const auto place = [](const char *text) { return operator_failure{"group.vask_new", text}; };
     struct {
         std::int32_t id;
         operation op;
         std::uint64_t nth;
-        exception expected;
+        operator_failure expected;
     } const cases[] = {
         {0, operation::gdk_free, 0, place("Object not found")},
         {int_nil, operation::gdk_free, 0, place("Object not found")},
@@ -294,14 +295,14 @@ TEST(Group, OtherHeadsKeepEverythingOrAreTheKernels) {
             ASSERT_NE(BUNfastins(b.record(), &i, i % 5 == 0 ? "ash" : "oak"), nullptr);
         }
         watch kernel;
-        exception failure;
+        operator_failure failure;
         const auto [bats, references] = left_behind([&] { failure = grouping(b.id()).failure; });
         if (rows == serial_rows) {
             EXPECT_EQ(kernel.calls(operation::grp_group), 1U);
             EXPECT_EQ(kernel.calls(operation::bbp_releaseref), 1U);
         } else {
-            EXPECT_EQ(failure, (exception{"group.VASKgroup",
-                                          "Explicit type required(v)oid head required\n"}));
+            EXPECT_EQ(failure, (operator_failure{"group.VASKgroup",
+                                                 "Explicit type required(v)oid head required\n"}));
             EXPECT_EQ(bats, 2);
             EXPECT_EQ(references, 3) << "on b and the two new BATs";
         }

@@ -58,7 +58,7 @@ TEST(PartitionPlan, CoversEveryRowOnceAndTheLastTakesTheRest) {
     const refkernel::bat whole = refkernel::make_column(std::vector<std::int32_t>(1000, 7));
     for (const BUN first : {0U, 3U}) {
         for (const BUN count : {0U, 1U, 10U, 997U}) {
-            const refkernel::bat view = refkernel::slice(whole, first, count);
+            const refkernel::bat view = refkernel::view_rows(whole, first, count);
             for (const std::uint64_t nparts : {1U, 2U, 3U, 7U, 256U}) {
                 const partition_plan plan(*view.record(), nparts);
                 BUN next = first;
@@ -74,7 +74,7 @@ TEST(PartitionPlan, CoversEveryRowOnceAndTheLastTakesTheRest) {
             }
         }
     }
-    const refkernel::bat ten = refkernel::slice(whole, 0, 10);
+    const refkernel::bat ten = refkernel::view_rows(whole, 0, 10);
     EXPECT_EQ(partition_plan(*ten.record(), 3).partition(2).size(), 4U);
 }
 

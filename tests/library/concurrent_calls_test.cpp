@@ -151,7 +151,7 @@ struct operation {
             given.push_back(&from.at(letter));
         alignas(lng) two_numbers slot{};
         const auto failure = refkernel::take_exception(call(&slot, given));
-        if (failure != refkernel::exception{})
+        if (failure != refkernel::operator_failure{})
             return "failed: " + failure.text;
         std::string bytes;
         if (gives_two_columns)

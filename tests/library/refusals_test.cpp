@@ -17,10 +17,11 @@ namespace {
 
 using namespace support;
 using refkernel::bat;
-using refkernel::exception;
+using refkernel::operator_failure;
 using refkernel::instrumentation::operation;
 
-void expect_refused(const any_operator &call, const columns &inputs, const exception &wanted) {
+void expect_refused(const any_operator &call, const columns &inputs,
+                    const operator_failure &wanted) {
     const leak_guard leaks;
     lng slot = 77;
     EXPECT_EQ(refkernel::take_exception(call(&slot, inputs)), wanted);
@@ -50,7 +51,7 @@ TEST(Refusals, AreNamedAndTouchNothing) {
     const bat none = nonil_column(std::vector<std::int8_t>());
     const bat two = nonil_column(std::vector<std::int32_t>{1, 2});
     const bat three = nonil_column(std::vector<double>{1, 2, 3});
-    const bat unmarked = column_of(std::vector<std::int16_t>{1, 2, 2});
+    const bat unmarked = column_of(std::vector<std::int16_t>{1, 2, 2}, {.look_for_nils = false});
     const bat oids = nonil_column(std::vector<oid>{1, 2, 3});
     const bat no_oids = nonil_column(std::vector<oid>());
     const bat dense = refkernel::make_void_column(3, 10);

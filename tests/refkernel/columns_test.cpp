@@ -214,7 +214,7 @@ TEST_F(Columns, RefuseWhatCannotBeMade) {
     EXPECT_THROW(static_cast<void>(b.text(0)), kernel_error);
     EXPECT_THROW(static_cast<void>(bat().count()), kernel_error);
     EXPECT_THROW(bat::share(-7), kernel_error);
-    EXPECT_THROW(slice(b, 1, 1), kernel_error);
+    EXPECT_THROW(view_rows(b, 1, 1), kernel_error);
     EXPECT_EQ(BATcopy(b.record(), TYPE_oid, TYPE_lng, 1), nullptr);
     clear_error_buffer();
 }

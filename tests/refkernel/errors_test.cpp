@@ -15,14 +15,15 @@ TEST(Errors, ExceptionsReadBackAsTheyWereMade) {
     const checkpoint before;
     const instrumentation::watch kernel;
     EXPECT_EQ(take_exception(createException(0, "vask_sum_wrapper", "Object not found")),
-              (exception{"vask_sum_wrapper", "Object not found"}));
+              (operator_failure{"vask_sum_wrapper", "Object not found"}));
     EXPECT_EQ(take_exception(createException(0, "vask_count_asterisk", nullptr)),
-              (exception{"vask_count_asterisk", ""}));
+              (operator_failure{"vask_count_asterisk", ""}));
     EXPECT_EQ(take_exception(createException(0, "group.new", "a: %d %s\n", 7, "b")),
-              (exception{"group.new", "a: 7 b\n"}));
-    EXPECT_EQ(take_exception(nullptr), exception{});
+              (operator_failure{"group.new", "a: 7 b\n"}));
+    EXPECT_EQ(take_exception(nullptr), operator_failure{});
     char place_alone[] = "statistics.func"; // nobody's to free
-    EXPECT_EQ(take_exception(place_alone), (exception{"statistics.func", "statistics.func"}));
+    EXPECT_EQ(take_exception(place_alone),
+              (operator_failure{"statistics.func", "statistics.func"}));
     char *kept = createException(0, "p", "t");
     EXPECT_STREQ(kept, "p:t");
     EXPECT_EQ(kernel.bytes_outstanding(), 4U);

@@ -56,7 +56,7 @@ TEST_F(Views, ASliceKeepsThePositionsOfItsRows) {
     const bat whole = make_column<oid>(std::vector<oid>{5, 6, 7, 8, 9}, options);
     whole->tail->seqbase = 5;
     ASSERT_NE(BAThash(whole.record(), 0), nullptr);
-    const bat part = slice(slice(whole, 1, 4), 1, 2);
+    const bat part = view_rows(view_rows(whole, 1, 4), 1, 2);
     EXPECT_EQ(part->info->first, 2U);
     EXPECT_EQ(part->tail->base, whole->tail->base);
     EXPECT_EQ(part.values<oid>()[0], 7U);
@@ -149,7 +149,7 @@ TEST_F(Views, HeadsAreAlignedWhenRowsAreKnownToBelongTogether) {
     EXPECT_TRUE(synced(a, b) && synced(a, c) && synced(b, c));
     const bat view = bat::adopt(VIEWcreate(a.record(), b.record()));
     EXPECT_TRUE(synced(view, c));
-    EXPECT_FALSE(synced(slice(a, 0, 2), slice(c, 1, 2)));
+    EXPECT_FALSE(synced(view_rows(a, 0, 2), view_rows(c, 1, 2)));
     const oid next = 3;
     const std::int32_t value = 0;
     BUNfastins(a.record(), &next, &value);

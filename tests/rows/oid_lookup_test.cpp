@@ -15,7 +15,7 @@ TEST(OidLookup, FindsTheFirstOfEqualOidsByArithmeticAndByHash) {
         const support::grouped_inputs inputs(shape);
         // The head of a view is searched in its own rows and answers with its own positions.
         const BUN from = shape.groups / 3;
-        const bat view = refkernel::slice(inputs.extents, from, shape.groups - from);
+        const bat view = refkernel::view_rows(inputs.extents, from, shape.groups - from);
         const vask::oid_lookup lookup(*view.record());
         const auto first = inputs.ids().begin() + from;
         for (const oid v : inputs.ids()) {

@@ -22,8 +22,8 @@
 namespace {
 
 using refkernel::bat;
-using refkernel::exception;
 using refkernel::nil_of;
+using refkernel::operator_failure;
 using refkernel::take_exception;
 using support::kernel_settings;
 
@@ -92,7 +92,7 @@ std::vector<cell> cells_of(const bat &b) {
 void check_union(const side &left, const side &right, int type) {
     std::int32_t id = 0;
     ASSERT_EQ(take_exception(vask_coSNNandUnion(&id, left.column.slot(), right.column.slot())),
-              exception{});
+              operator_failure{});
     const bat result = bat::adopt(id);
 
     std::vector<cell> tails;
@@ -138,7 +138,7 @@ TEST(FilteredUnion, OfAllTypesHoldsTheRowsWithoutNils) {
             }
 }
 
-exception failure_of(const bat &left, const bat &right) {
+operator_failure failure_of(const bat &left, const bat &right) {
     std::int32_t id = -7;
     const auto failure = take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot()));
     EXPECT_EQ(id, -7);
@@ -188,12 +188,13 @@ TEST(FilteredUnion, ItsHeadIsBelievedAsItStandsWhateverMarksTheKernelKeeps) {
 
     refkernel::instrumentation::keep_marks_on_materialize(true);
     std::int32_t id = 0;
-    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())),
+              operator_failure{});
     refkernel::instrumentation::keep_marks_on_materialize(false);
     const bat both = bat::adopt(id);
     EXPECT_TRUE(both->head->sorted == 0 && !both->head->dense && !both->head->nonil);
     EXPECT_EQ(take_exception(vask_grp_count(&id, values.slot(), groups.slot(), both.slot())),
-              exception{});
+              operator_failure{});
     const bat counts = bat::adopt(id);
     EXPECT_TRUE(std::ranges::equal(counts.values<std::int64_t>(), expected));
 }
@@ -224,7 +225,8 @@ TEST(FilteredUnion, TestsEveryElementOncePerPass) {
     const support::replaced_comparison counting(TYPE_int, counting_comparison);
     compared = 0;
     std::int32_t id = 0;
-    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())),
+              operator_failure{});
     bat::adopt(id).reset();
     EXPECT_EQ(compared, 2 * (5 + 3)); // the right element only where the left one is no nil
 }
@@ -249,7 +251,8 @@ TEST(FilteredUnion, ColumnThatChangesBetweenThePassesFails) {
     const support::replaced_comparison replaced(TYPE_int, forgetting_comparison);
     sevens = 0;
     std::int32_t id = 0;
-    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())), exception{});
+    EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())),
+              operator_failure{});
     EXPECT_EQ(bat::adopt(id).count(), 12U);
 }
 

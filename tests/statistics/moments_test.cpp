@@ -134,7 +134,7 @@ TEST(Moments, OfNoRowsAreNil) {
 TEST(GroupedMoments, OfRowsThatAreGroups) {
     const double nil = nil_of<double>();
     const bat values = column_of(std::vector<std::int32_t>{9, 4, nil_of<std::int32_t>(), 7, 8});
-    const bat view = refkernel::slice(values, 1, 4);
+    const bat view = refkernel::view_rows(values, 1, 4);
     const bat map = refkernel::make_void_column(4, 7);
     for (std::size_t i = 0; i < std::size(grouped_statistics); ++i) {
         const leak_guard leaks;

@@ -53,7 +53,7 @@ TEST(OrderStatistics, AreThoseOfTheSortedValues) {
             auto values =
                 statistic_values<T>(rows + from, distinct[random() % 5], 0, random, specials);
             const bat column = nonil_column(values, seed % 4 * 5);
-            const bat b = refkernel::slice(column, from, rows);
+            const bat b = refkernel::view_rows(column, from, rows);
             values.erase(values.begin(), values.begin() + from);
             SCOPED_TRACE(testing::Message() << rows << " rows of " << sizeof(T) << " bytes from "
                                             << from << ", seed " << seed);

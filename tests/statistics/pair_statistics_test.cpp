@@ -28,12 +28,12 @@ using grouped_pair_statistic = char *(*)(std::int32_t *, const std::int32_t *, c
 constexpr grouped_pair_statistic grouped_statistics[] = {
     vask_grp_covars, vask_grp_covarp, vask_grp_correl, vask_grp_slope, vask_grp_intercept};
 
-refkernel::exception refused(const char *text) {
+refkernel::operator_failure refused(const char *text) {
     return {"vask_2_args_statistical_func", text};
 }
 
 //! The call with x and y in the places that make them the first and the second column.
-refkernel::exception call(std::size_t i, double *result, const bat &x, const bat &y) {
+refkernel::operator_failure call(std::size_t i, double *result, const bat &x, const bat &y) {
     const bool is_line = plain_pair_statistics[i].is_line;
     const bat &a = is_line ? y : x;
     const bat &b = is_line ? x : y;
@@ -234,9 +234,9 @@ TEST(GroupedPairStatistics, OfRowsThatAreGroups) {
             const auto classes = *plain_classes(type_x, type_y);
             // Positions count from 0, not from the view's first, and the marks say no nil whatever
             // there is: both intended.
-            const bat view = refkernel::slice(x.view, 2, rows - 2);
+            const bat view = refkernel::view_rows(x.view, 2, rows - 2);
             const bat map = refkernel::make_void_column(rows - 2, 7);
-            const bat other = refkernel::slice(y.view, 0, rows - 2);
+            const bat other = refkernel::view_rows(y.view, 0, rows - 2);
             for (std::size_t i = 0; i < std::size(grouped_statistics); ++i) {
                 const watch kernel;
                 const leak_guard leaks;

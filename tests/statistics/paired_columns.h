@@ -46,7 +46,7 @@ public:
             elements_.assign(bytes.begin(), bytes.end());
             whole_ = column_of(values, {.type = type});
         });
-        view = refkernel::slice(whole_, first, rows);
+        view = refkernel::view_rows(whole_, first, rows);
     }
 
     refkernel::bat view;

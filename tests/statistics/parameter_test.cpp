@@ -76,7 +76,7 @@ TEST(Parameter, OfTheLargest) {
 
 TEST(Parameter, IsTheFirstRowWhateverItsPosition) {
     const bat ranks = refkernel::make_column(std::vector<std::int64_t>{1, 2, 3, 4});
-    EXPECT_EQ(answer(vask_largest, refkernel::slice(ranks, 1, 3)), "30");
+    EXPECT_EQ(answer(vask_largest, refkernel::view_rows(ranks, 1, 3)), "30");
 }
 
 TEST(Parameter, BatsThatAreRefused) {
@@ -95,7 +95,7 @@ TEST(Parameter, ReadersSayWhatIsWrong) {
     const auto read = [&](const bat &p) {
         return take_exception(vask::vask_read_lng_param(&value, &type, p.slot()));
     };
-    EXPECT_EQ(read(parameter(3.0F)), refkernel::exception{});
+    EXPECT_EQ(read(parameter(3.0F)), refkernel::operator_failure{});
     EXPECT_EQ(value, 3);
     EXPECT_EQ(type, TYPE_flt);
     EXPECT_EQ(read(bat()).text, "Object not found");

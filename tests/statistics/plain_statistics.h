@@ -326,14 +326,14 @@ refkernel::bat parameter(T value, int type = refkernel::type_code_of<T>) {
     return column_of(std::vector<T>{value}, {.type = type});
 }
 
-inline refkernel::exception call(char *message) {
+inline refkernel::operator_failure call(char *message) {
     return refkernel::take_exception(message);
 }
 
-inline const refkernel::exception success{};
+inline const refkernel::operator_failure success{};
 
 //! How an order statistic says no.
-inline refkernel::exception refused(const char *text) {
+inline refkernel::operator_failure refused(const char *text) {
     return {"statistics.func", text};
 }
 

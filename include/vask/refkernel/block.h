@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -57,6 +58,11 @@ struct vector_block final : block {
         bytes = values.size() * sizeof(T);
     }
 };
+
+//! A block over memory of the caller's, which is never written to: a column that grows takes memory
+//! of its own. release() is called at the block's end, and if it cannot be made.
+REFKERNEL_API std::shared_ptr<block> borrow(const void *lent, std::size_t bytes,
+                                            std::function<void()> release);
 
 } // namespace refkernel::memory
 

@@ -10,10 +10,10 @@
 namespace refkernel {
 
 //! What an exception string says.
-struct exception {
+struct operator_failure {
     std::string place;
     std::string text;
-    bool operator==(const exception &) const = default;
+    bool operator==(const operator_failure &) const = default;
 };
 
 /*
@@ -23,7 +23,7 @@ struct exception {
  * A text without a colon is no exception string but a place that an operator names
  * in its stead: it reads as both and is not freed.
  */
-REFKERNEL_API exception take_exception(char *message);
+REFKERNEL_API operator_failure take_exception(char *message);
 
 //! What GDKerror recorded on the calling thread since it was last cleared.
 REFKERNEL_API const std::string &error_buffer();

@@ -28,6 +28,13 @@ constexpr oid nil_of<oid>() {
     return 0x80000000;
 }
 
+//! Whether a value is the one that stands for "no value".
+template <class T>
+requires std::integral<T> || std::floating_point<T>
+constexpr bool is_nil(T value) {
+    return value == nil_of<T>();
+}
+
 } // namespace refkernel
 
 #endif

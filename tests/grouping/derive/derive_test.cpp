@@ -16,12 +16,12 @@ namespace {
 using namespace support;
 using refkernel::bat;
 using refkernel::checkpoint;
-using refkernel::exception;
+using refkernel::operator_failure;
 using refkernel::instrumentation::operation;
 using refkernel::instrumentation::watch;
 
 struct derived {
-    exception failure;
+    operator_failure failure;
     bat histo;
     bat map;
 };
@@ -68,7 +68,7 @@ TEST(VaskDerive, SizesAndTheSampleChooseThePath) {
         const bat b = refkernel::make_column<std::int32_t>(values, head_options(l.head, old.heads));
         watch kernel;
         const derived result = call(old.histo, old.map, b);
-        EXPECT_EQ(result.failure, exception());
+        EXPECT_EQ(result.failure, operator_failure());
         EXPECT_EQ(path_of(kernel), c.expected);
         EXPECT_EQ(kernel.unpaired_accesses().size(), c.expected == path::serial ? 3U : 0U);
         EXPECT_EQ(difference(in_order_of_id(
@@ -107,13 +107,15 @@ TEST(VaskDerive, WhatIsMissingOrWrongIsNamed) {
     const bat none;
     const char *place = "group.vask_derive";
     const leak_guard leaks;
-    EXPECT_EQ(call(old.histo, old.map, none).failure, (exception{place, "Object not found"}));
-    EXPECT_EQ(call(old.histo, none, b).failure, (exception{place, "Object not found"}));
-    EXPECT_EQ(call(none, old.map, b).failure, (exception{place, "Object not found"}));
+    EXPECT_EQ(call(old.histo, old.map, none).failure,
+              (operator_failure{place, "Object not found"}));
+    EXPECT_EQ(call(old.histo, none, b).failure, (operator_failure{place, "Object not found"}));
+    EXPECT_EQ(call(none, old.map, b).failure, (operator_failure{place, "Object not found"}));
     EXPECT_EQ(call(none, none, wrong_head).failure,
-              (exception{place, "Explicit type required(v)oid head required\n"}));
-    EXPECT_EQ(call(old.histo, old.map, no_storage).failure, (exception{place, "operation failed"}));
-    EXPECT_EQ(call(old.histo, old.map, oid_tail).failure, exception()); // stored as int
+              (operator_failure{place, "Explicit type required(v)oid head required\n"}));
+    EXPECT_EQ(call(old.histo, old.map, no_storage).failure,
+              (operator_failure{place, "operation failed"}));
+    EXPECT_EQ(call(old.histo, old.map, oid_tail).failure, operator_failure()); // stored as int
 }
 
 //! What comes of a call in which one call of an operation fails.
@@ -159,7 +161,7 @@ std::optional<std::string> failed_text(const bat &b, const old_grouping &old, op
         EXPECT_EQ(kernel.bytes_outstanding(), 0U);
         return thrown;
     }
-    const bool failed = result.failure != exception();
+    const bool failed = result.failure != operator_failure();
     if (failed) {
         EXPECT_EQ(result.failure.place, "group.vask_derive");
     }

@@ -28,13 +28,13 @@ constexpr unsigned seed = 20240611;
 struct result {
     bat histogram;
     bat map;
-    exception failure;
+    operator_failure failure;
 };
 
 result run_group(const bat &b) {
     int32_t histogram = int_nil;
     int32_t map = int_nil;
-    const exception failure = take_exception(GRPgroup(&histogram, &map, b.slot()));
+    const operator_failure failure = take_exception(GRPgroup(&histogram, &map, b.slot()));
     return {bat::adopt(histogram), bat::adopt(map), failure};
 }
 
@@ -42,14 +42,14 @@ result run_group(const bat &b) {
 result run_derive(const bat &extents, const bat &group_map, const bat &b) {
     int32_t histogram = int_nil;
     int32_t map = int_nil;
-    const exception failure =
+    const operator_failure failure =
         take_exception(GRPderive(&histogram, &map, &extents.record()->bat_id,
                                  &group_map.record()->bat_id, &b.record()->bat_id));
     return {bat::adopt(histogram), bat::adopt(map), failure};
 }
 
 void expect_grouping(const result &found, const bat &b, const plain_groups &expected) {
-    ASSERT_EQ(found.failure, exception{});
+    ASSERT_EQ(found.failure, operator_failure{});
     ASSERT_EQ(difference(reference::read(found.histogram, found.map), expected), "");
     EXPECT_EQ(reference::false_mark(found.histogram), "");
     EXPECT_EQ(reference::false_mark(found.map), "");
@@ -200,14 +200,14 @@ TEST_F(Grouping, FailsWithoutTouchingTheOutputs) {
     const auto failure_of = [&](const int32_t *input) {
         return take_exception(GRPgroup(&outputs[0], &outputs[1], input));
     };
-    EXPECT_EQ(failure_of(&none), (exception{"group.new", "Object not found"}));
-    EXPECT_EQ(failure_of(mirrored.slot()), (exception{"group.new", "(v)oid head required"}));
+    EXPECT_EQ(failure_of(&none), (operator_failure{"group.new", "Object not found"}));
+    EXPECT_EQ(failure_of(mirrored.slot()), (operator_failure{"group.new", "(v)oid head required"}));
     instrumentation::watch kernel;
     kernel.fail_at(instrumentation::operation::grp_group, 1);
     EXPECT_EQ(failure_of(good.slot()).place, "group.new");
     EXPECT_EQ(outputs[0], int_nil);
     EXPECT_EQ(outputs[1], int_nil);
-    EXPECT_EQ(failure_of(good.slot()), exception{});
+    EXPECT_EQ(failure_of(good.slot()), operator_failure{});
     EXPECT_EQ(kernel.calls(instrumentation::operation::grp_group), 2U);
     EXPECT_EQ(kernel.calls(instrumentation::operation::bat_new), 0U) << "its own calls do not show";
     bat::adopt(outputs[0]).reset();
@@ -369,7 +369,7 @@ TEST_F(Refinement, FailsForInputsThatDoNotBelongTogether) {
     const int32_t none = 0;
     EXPECT_EQ(
         take_exception(GRPderive(&outputs[0], &outputs[1], old.histogram.slot(), &none, b.slot())),
-        (exception{"group.derive", "Object not found"}));
+        (operator_failure{"group.derive", "Object not found"}));
     EXPECT_EQ(outputs[0], int_nil);
     EXPECT_EQ(outputs[1], int_nil);
 }
@@ -386,7 +386,7 @@ bat count_distinct(const bat &extents, const bat &map, const bat &b) {
     int32_t counts = int_nil;
     EXPECT_EQ(take_exception(AX3aggrX3_count3Nils(&counts, &joined.record()->bat_id, map.slot(),
                                                   &groups.record()->bat_id)),
-              exception{});
+              operator_failure{});
     return bat::adopt(counts);
 }
 
