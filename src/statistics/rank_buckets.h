@@ -88,10 +88,11 @@ std::optional<ranked_keys<T>> rank_by_buckets(const T *values, std::size_t n,
 
     std::array<key, most_sorted + 1> sorted; // one more, to be written before it is dropped
     std::size_t taken = 0;
-    for (std::size_t i = 0; i < n; ++i) {
+    std::size_t i = 0;
+    do { // there is a value: a loop that may not run at all leaves nothing to read, for a compiler
         sorted[taken] = order_key(values[i]);
         taken += bucket_of(values[i]) - lowest <= at - lowest;
-    }
+    } while (++i < n);
     std::sort(sorted.begin(), sorted.begin() + taken);
     ranked_keys<T> found{sorted[taken - k], std::nullopt};
     if (k < taken)
