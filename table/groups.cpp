@@ -255,7 +255,8 @@ void groups::find_order(const teller &tell) {
 
 const bat &groups::map() const {
     if (!found_.map)
-        found_.map = refkernel::make_column(std::vector<oid>(static_cast<std::size_t>(rows_)));
+        found_.map = refkernel::make_column(std::vector<oid>(static_cast<std::size_t>(rows_)),
+                                            {.look_for_nils = false});
     return found_.map;
 }
 

@@ -30,6 +30,7 @@ struct fresh_column {
     refkernel::bat finish(const refkernel::column_marks &marks = {}, int type = TYPE_void) && {
         refkernel::column_options options;
         options.tail = marks;
+        options.look_for_nils = false; // the marks are all that anybody asks for
         options.type = type;
         return refkernel::make_column_in(std::move(memory), values.size(), sizeof(T),
                                          refkernel::type_code_of<T>, options);
@@ -46,6 +47,7 @@ refkernel::bat borrowed_column(const T *values, std::size_t rows,
     memory->bytes = rows * sizeof(T);
     refkernel::column_options options;
     options.tail = marks;
+    options.look_for_nils = false;
     return refkernel::make_column_in(std::move(memory), rows, sizeof(T), refkernel::type_code_of<T>,
                                      options);
 }
