@@ -41,7 +41,7 @@ VALUES = {
 }
 
 ORDERED = ["size", "count", "min", "max", "first", "last", "nunique", "mode"]
-NUMERIC = ["sum", "mean", "median", "std", "var", "skew"]
+NUMERIC = ["sum", "mean", "median", "std", "var", "skew", "any", "all"]
 
 
 def chunked(draw, values, type_):

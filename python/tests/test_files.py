@@ -33,6 +33,10 @@ ASKED = {
     "hi": ("e", "max"),
     "first": ("i", "first"),
     "last": ("i", "last"),
+    "any": ("i", "any"),
+    "all": ("i", "all"),
+    "u": ("i", "nunique"),
+    "mode": ("i", "mode"),
 }
 
 

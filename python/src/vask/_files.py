@@ -15,10 +15,11 @@ __all__ = ["FileSource"]
 #: Rows of a part. Sums of floats depend on it in their last digits, so it is the same everywhere.
 ROWS_OF_A_PART = 1 << 22
 
-#: Functions whose state grows with the rows: all rows of a group are needed at once.
-NEED_ALL_ROWS = frozenset(
-    ("median", "quantile", "quartile", "iqr", "mad", "largest", "mode", "count_distinct")
-)
+#: Functions without a state: all rows of a group are needed at once.
+NEED_ALL_ROWS = frozenset(("median", "quantile", "quartile", "iqr", "mad", "largest", "first_row"))
+#: Functions whose states are their different values, among which a NaN that is left out as a key
+#: would be left out, too.
+STATES_OF_VALUES = frozenset(("count_distinct", "mode"))
 
 
 class FileSource(Source):
@@ -74,9 +75,11 @@ class FileSource(Source):
         return self._read(self._batches(list(columns or self.names[:1])))
 
     def parts(
-        self, columns: Sequence[str], functions: Sequence[str]
+        self, columns: Sequence[str], functions: Sequence[str], dropna: bool
     ) -> Optional[Iterator[NativeTable]]:
         if NEED_ALL_ROWS.intersection(functions):
+            return None
+        if dropna and STATES_OF_VALUES.intersection(functions):
             return None
         return self._parts(list(columns or self.names[:1]))
 

@@ -118,7 +118,8 @@ class Query:
             seen.add(request.name)
 
         notes: list[str] = []
-        parts = self.source.parts(self.columns(), [request.function for request in self.requests])
+        functions = [request.function for request in self.requests]
+        parts = self.source.parts(self.columns(), functions, self.options.dropna)
         if parts is None:
             table = self.source.table(self.columns())
             check_types(self.requests, table.types)

@@ -139,7 +139,7 @@ class Source:
         return self.names
 
     def parts(
-        self, columns: Sequence[str], functions: Sequence[str]
+        self, columns: Sequence[str], functions: Sequence[str], dropna: bool
     ) -> Optional[Iterator[NativeTable]]:
         """Tables that together have all rows, for data that are to be read by parts."""
         return None
