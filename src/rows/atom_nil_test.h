@@ -7,6 +7,22 @@
 
 namespace vask {
 
+//! Whether the kernel says of both columns' types that a nil is what equals atom_null as a plain
+//! number, so that nobody needs to ask it about each element. Not for one-byte types but bte:
+//! beside them operators read other columns by their first byte.
+inline bool have_plain_nils(const BATcol &a, const BATcol &b) noexcept {
+#if defined(__GNUC__)
+    if (&GDKplain_nils == nullptr)
+        return false;
+    const auto is_plain = [](const BATcol &c) {
+        return c.type >= TYPE_bte && c.type <= TYPE_lng && (GDKplain_nils >> c.type & 1) != 0;
+    };
+    return is_plain(a) && is_plain(b);
+#else
+    return false;
+#endif
+}
+
 //! Whether the element at a position is nil, as the column's type itself compares: the comparison
 //! sees every element that is asked for, once, so callers ask for no more than they need. A plain
 //! value for row loops. The column must store its elements.

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <exception>
 #include <numeric>
+#include <optional>
 
 namespace vask {
 
@@ -70,12 +71,51 @@ bool run_union_pass(const union_plan &plan, int columns, Task task) {
     return !failed.is_set();
 }
 
+//! The rows at which neither column is nil, for columns whose nils are plain numbers.
+template <class A, class B>
+struct paired_plain_nil_test {
+    const A *first;
+    const B *second;
+    A first_nil;
+    B second_nil;
+
+    paired_plain_nil_test(const BATcol &a, const BATcol &b) noexcept
+        : first(rows_of<const A>(a)),
+          second(rows_of<const B>(b)),
+          first_nil(nil_of<A>(a.type)),
+          second_nil(nil_of<B>(b.type)) {}
+
+    VASK_ALWAYS_INLINE bool both_values(BUN p) const noexcept {
+        return (first[p] != first_nil) & (second[p] != second_nil);
+    }
+};
+
+//! Calls `f` with the test that finds the rows without a nil.
+template <class F>
+auto visit_nil_test(const BATcol &a, const BATcol &b, F f) {
+    using result = decltype(f(paired_atom_nil_test(a, b)));
+    const auto otherwise = [&] { return f(paired_atom_nil_test(a, b)); };
+    if (!have_plain_nils(a, b))
+        return otherwise();
+    std::optional<result> made;
+    visit_arithmetic_type(a.type, false, [&]<class A>(std::type_identity<A>) {
+        return visit_arithmetic_type(b.type, false, [&]<class B>(std::type_identity<B>) {
+            made = f(paired_plain_nil_test<A, B>(a, b));
+            return true;
+        });
+    });
+    return made ? *made : otherwise();
+}
+
 std::uint32_t count_both_non_nil(const BAT &left, const BAT &right, vask_row_range r) {
-    const paired_atom_nil_test test(*left.tail, *right.tail);
-    std::uint32_t count = 0;
-    for (BUN p = r.begin; p < r.end; ++p)
-        count += test.both_values(p);
-    return count;
+    return visit_nil_test(*left.tail, *right.tail, [r](const auto &test) {
+        return with_best_instruction_set([=]() __attribute__((always_inline)) {
+            std::uint32_t count = 0;
+            for (BUN p = r.begin; p < r.end; ++p)
+                count += test.both_values(p);
+            return count;
+        });
+    });
 }
 
 //! Counts the surviving rows of each partition, and where each one's place in the result begins.
@@ -148,26 +188,27 @@ bool fill_union(const union_plan &plan, std::uint64_t part, const BAT &result, v
     if (left.convert == nullptr || right.convert == nullptr)
         return false;
 
-    constexpr BUN block_rows = 1024;
-    BUN positions[block_rows];
-    const paired_atom_nil_test test(*plan.left->tail, *plan.right->tail);
-    std::uint32_t expected = plan.counts[part];
-    for (BUN p = r.begin; p < r.end;) {
-        // The search for survivors ends with one too many.
-        const BUN wanted = std::min(block_rows, expected + 1);
-        BUN n = 0;
-        for (; p < r.end && n < wanted; ++p) {
-            positions[n] = p;
-            n += test.both_values(p);
+    return visit_nil_test(*plan.left->tail, *plan.right->tail, [&](const auto &test) {
+        constexpr BUN block_rows = 1024;
+        BUN positions[block_rows];
+        std::uint32_t expected = plan.counts[part];
+        for (BUN p = r.begin; p < r.end;) {
+            // The search for survivors ends with one too many.
+            const BUN wanted = std::min(block_rows, expected + 1);
+            BUN n = 0;
+            for (; p < r.end && n < wanted; ++p) {
+                positions[n] = p;
+                n += test.both_values(p);
+            }
+            const auto rows = row_selection::of(positions, std::min(n, expected));
+            left.write(rows);
+            right.write(rows);
+            if (n > expected)
+                return false;
+            expected -= n;
         }
-        const auto rows = row_selection::of(positions, std::min(n, expected));
-        left.write(rows);
-        right.write(rows);
-        if (n > expected)
-            return false;
-        expected -= n;
-    }
-    return true;
+        return true;
+    });
 }
 
 //! The types of the three columns are looked up once per partition.

@@ -76,11 +76,15 @@ char *vask_2_args_statistical_func(dbl *result, const std::int32_t *first_id,
                 return failure::operation_failed;
             return visit_pair_statistic(
                 kind, failure::operation_failed, [&]<class Statistic>(Statistic statistic) {
-                    reduce_columns<pair_sums<typename Statistic::sums>, typename Statistic::rows>(
-                        std::array{first, second}, nparts, [=](const auto &total) {
-                            *result = std::optional<dbl>(statistic(total)).value_or(dbl_nil());
+                    return visit_rows_of<Statistic>(
+                        *first, *second, [&]<class Rows>(std::type_identity<Rows>) {
+                            reduce_columns<pair_sums<typename Statistic::sums>, Rows>(
+                                std::array{first, second}, nparts, [=](const auto &total) {
+                                    *result =
+                                        std::optional<dbl>(statistic(total)).value_or(dbl_nil());
+                                });
+                            return static_cast<const char *>(nullptr);
                         });
-                    return static_cast<const char *>(nullptr);
                 });
         });
 }

@@ -170,6 +170,15 @@ R visit_pair_statistic(stat_kind kind, R otherwise, F f) {
     }
 }
 
+//! Calls `f(std::type_identity<Rows>{})` with the source of rows that a statistic reads two columns
+//! by: its own, or one that finds nils in line where the kernel allows it.
+template <class Statistic, class F>
+auto visit_rows_of(const BAT &first, const BAT &second, F f) {
+    if (have_plain_nils(*first.tail, *second.tail))
+        return f(std::type_identity<plainly_paired_rows>{});
+    return f(std::type_identity<typename Statistic::rows>{});
+}
+
 //! What is wrong with the columns of a statistic of two; null if nothing is.
 inline const char *refusal_of_pair(const BAT &first, const BAT &second) noexcept {
     if (!is_admitted(*first.tail) || !is_admitted(*second.tail))

@@ -67,7 +67,7 @@ TEST(Library, NeedsOnlyTheKernelAndTheRuntime) {
     std::istringstream lines(output_of("nm -D --undefined-only " VASK_LIBRARY));
     std::size_t seen = 0;
     for (std::string kind, name; lines >> kind >> name; ++seen) {
-        if (kind == "w" || is_the_runtimes(name))
+        if (kind == "w" || kind == "v" || is_the_runtimes(name)) // weak: may be missing
             continue;
         EXPECT_TRUE(kernel_names.contains(name)) << name << " is no part of the kernel contract";
     }

@@ -145,7 +145,7 @@ operator_failure failure_of(const bat &left, const bat &right) {
     return failure;
 }
 
-exception failed(const char *text) {
+operator_failure failed(const char *text) {
     return {"vask_ops.coSNNandUnion", text};
 }
 

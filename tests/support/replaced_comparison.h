@@ -3,6 +3,8 @@
 
 #include "vask/kernel/bat.h"
 
+#include <cstdint>
+
 namespace support {
 
 class replaced_comparison {
@@ -12,14 +14,19 @@ public:
     replaced_comparison(int type, comparison replacement)
         : type_(type), original_(BATatoms[type].atom_cmp) {
         BATatoms[type].atom_cmp = replacement;
+        GDKplain_nils &= ~(std::uint64_t{1} << type); // so that it is asked
     }
     replaced_comparison(const replaced_comparison &) = delete;
     replaced_comparison &operator=(const replaced_comparison &) = delete;
-    ~replaced_comparison() { BATatoms[type_].atom_cmp = original_; }
+    ~replaced_comparison() {
+        BATatoms[type_].atom_cmp = original_;
+        GDKplain_nils = plain_nils_;
+    }
 
 private:
     int type_;
     comparison original_;
+    std::uint64_t plain_nils_ = GDKplain_nils;
 };
 
 } // namespace support

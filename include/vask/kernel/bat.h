@@ -311,6 +311,16 @@ extern uint32_t GDKgroup_algo_select_uniqueness_thresh;
  */
 enum { DEBUG_RANGE_ERROR = 1 << 1, DEBUG_GROUP_TIMING = 1 << 21, DEBUG_PLAN = 1 << 22 };
 
+/*
+ * Optional: a kernel may leave it out, and nothing changes. Bit t says of the type with code t that
+ * a value is nil exactly when it equals atom_null as a plain number of its storage (a NaN equals
+ * nothing). Operators that ask atom_cmp about each element then compare in line: correlation, the
+ * covariances and the union.
+ */
+#if defined(__GNUC__)
+extern uint64_t GDKplain_nils __attribute__((weak));
+#endif
+
 /* ---- the kernel's own algebra ------------------------------------------- */
 
 typedef struct ValRecord {
