@@ -220,19 +220,26 @@ private:
             const oid_reader heads = rows_.heads;
             oid *cells = rows_.cells;
             BUN group = std::accumulate(begun.begin(), begun.begin() + i, BUN{0});
-            for (BUN row = range.begin; row < range.end; ++row) {
-                const BUN place = places[cells[row]]++;
-                __builtin_prefetch(from.rows + place + fetched_ahead);
-                __builtin_prefetch(from.keys + place + fetched_ahead / 2);
-                const BUN first = from.rows[place];
-                const oid id = heads[first];
-                if (first == row && extents.ids != nullptr) {
-                    extents.ids[group] = id;
-                    extents.counts[group] = count_of(from.keys[place]);
-                    ++group;
+            for_each_block(range, [&](BUN block, BUN n) {
+                // Of the rows with which groups begin. Whether one does is no branch.
+                std::array<BUN, block_rows> firsts;
+                std::size_t found = 0;
+                for (BUN row = block; row < block + n; ++row) {
+                    const BUN place = places[cells[row]]++;
+                    __builtin_prefetch(from.rows + place + fetched_ahead);
+                    __builtin_prefetch(from.keys + place + fetched_ahead / 2);
+                    const BUN first = from.rows[place];
+                    cells[row] = heads[first];
+                    firsts[found] = place;
+                    found += first == row;
                 }
-                cells[row] = id;
-            }
+                if (extents.ids == nullptr)
+                    return;
+                for (std::size_t k = 0; k < found; ++k, ++group) {
+                    extents.ids[group] = heads[from.rows[firsts[k]]];
+                    extents.counts[group] = count_of(from.keys[firsts[k]]);
+                }
+            });
         });
     }
 
