@@ -38,8 +38,8 @@ struct union_plan {
     BAT *left = nullptr;
     BAT *right = nullptr;
     std::uint32_t total = 0; // surviving rows
-    gdk_vector<std::uint32_t> counts;
-    gdk_vector<std::uint32_t> offsets;
+    gdk_vector<std::uint32_t> partition_counts;
+    gdk_vector<std::uint32_t> partition_offsets;
 };
 
 //! Runs `task(part, range)`, which gives false for a failure, on every partition that was planned:
@@ -49,7 +49,7 @@ struct union_plan {
 //! task that fails stops no other.
 template <class Task>
 bool run_union_pass(const union_plan &plan, int columns, Task task) {
-    const std::size_t parts = plan.counts.size();
+    const std::size_t parts = plan.partition_counts.size();
     if (vask_range_count(*plan.left) != parts)
         return false;
     if (parts == 0)
@@ -123,19 +123,19 @@ bool count_survivors(union_plan &plan) {
     tell_ranges(*plan.left);
     try {
         const std::uint32_t parts = vask_range_count(*plan.left);
-        plan.counts = gdk_vector<std::uint32_t>(parts);
-        plan.offsets = gdk_vector<std::uint32_t>(parts);
+        plan.partition_counts = gdk_vector<std::uint32_t>(parts);
+        plan.partition_offsets = gdk_vector<std::uint32_t>(parts);
     } catch (const std::exception &) {
         return false;
     }
     const bool counted = run_union_pass(plan, 2, [&plan](std::uint64_t part, vask_row_range r) {
-        plan.counts[part] = count_both_non_nil(*plan.left, *plan.right, r);
+        plan.partition_counts[part] = count_both_non_nil(*plan.left, *plan.right, r);
         return true;
     });
     if (counted)
-        for (std::size_t part = 0; part < plan.counts.size(); ++part) {
-            plan.offsets[part] = plan.total;
-            plan.total += plan.counts[part];
+        for (std::size_t part = 0; part < plan.partition_counts.size(); ++part) {
+            plan.partition_offsets[part] = plan.total;
+            plan.total += plan.partition_counts[part];
         }
     return counted;
 }
@@ -183,15 +183,15 @@ struct union_half {
 //! written beyond the partition's own ranges. Also false without a class for a column.
 template <class R>
 bool fill_union(const union_plan &plan, std::uint64_t part, const BAT &result, vask_row_range r) {
-    union_half<R> left(*plan.left, result, plan.offsets[part]);
-    union_half<R> right(*plan.right, result, plan.offsets[part] + plan.total);
+    union_half<R> left(*plan.left, result, plan.partition_offsets[part]);
+    union_half<R> right(*plan.right, result, plan.partition_offsets[part] + plan.total);
     if (left.convert == nullptr || right.convert == nullptr)
         return false;
 
     return visit_nil_test(*plan.left->tail, *plan.right->tail, [&](const auto &test) {
         constexpr BUN block_rows = 1024;
         BUN positions[block_rows];
-        std::uint32_t expected = plan.counts[part];
+        std::uint32_t expected = plan.partition_counts[part];
         for (BUN p = r.begin; p < r.end;) {
             // The search for survivors ends with one too many.
             const BUN wanted = std::min(block_rows, expected + 1);

@@ -72,7 +72,7 @@ char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) 
 }
 
 char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
-    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+    return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         lng k;
         char *exception = nullptr;
         if (!largest_param(&k, rank, &exception))
@@ -82,7 +82,7 @@ char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
 }
 
 char *vask_mode(void *result, const int32_t *bid) {
-    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+    return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>());
     });
 }

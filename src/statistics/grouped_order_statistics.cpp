@@ -215,7 +215,7 @@ char *vask_grp_percentile(int32_t *result, const int32_t *bid, const int32_t *sh
 
 char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank, const int32_t *gid,
                        const int32_t *eid) {
-    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+    return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         lng k;
         char *exception = nullptr;
         if (!largest_param(&k, rank, &exception))
@@ -225,7 +225,7 @@ char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank,
 }
 
 char *vask_grp_mode(int32_t *result, const int32_t *bid, const int32_t *gid, const int32_t *eid) {
-    return with_value_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
+    return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
         return vask_stat_grouped<T>(result, bid, gid, eid, type,
                                     functor_per_group<T>(vask_mode_functor<T>()));
     });

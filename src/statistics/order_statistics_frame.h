@@ -38,7 +38,7 @@ const char *with_gathered_class(const BATcol &tail, F f) {
 //! without a class is answered by the bare place name, which is no exception string and not to be
 //! freed; a plan relies on that it is not null.
 template <class F>
-char *with_value_class(const std::int32_t *bid, F f) {
+char *with_stat_class(const std::int32_t *bid, F f) {
     BAT *b = vask_descriptor(*bid);
     if (b == nullptr)
         return make_exception(order_statistics_place, failure::object_not_found);
@@ -46,7 +46,7 @@ char *with_value_class(const std::int32_t *bid, F f) {
     BBPreleaseref(b->bat_id);
     return visit_storage_class(
         BATatoms[type].atom_storage, const_cast<char *>(order_statistics_place),
-        [&]<class T>(std::type_identity<T> value_class) { return f(value_class, type); });
+        [&]<class T>(std::type_identity<T> stat_class) { return f(stat_class, type); });
 }
 
 } // namespace vask
