@@ -151,9 +151,9 @@ private:
     //! groups alternate.
     template <BUN n>
     VASK_ALWAYS_INLINE bool one_group(BUN p) const noexcept {
+        constexpr std::size_t third = n / 3;
         const oid *gids = gids_ + p;
-        if (((gids[0] ^ gids[n / 3]) | (gids[0] ^ gids[2 * (n / 3)]) | (gids[0] ^ gids[n - 1])) !=
-            0)
+        if (((gids[0] ^ gids[third]) | (gids[0] ^ gids[2 * third]) | (gids[0] ^ gids[n - 1])) != 0)
             return false;
         oid difference = 0;
         for (BUN i = 0; i < n; ++i)
