@@ -119,12 +119,12 @@ struct column {
     std::int64_t nils = 0;
     static constexpr T nil = std::numeric_limits<T>::lowest();
 
-    //! A tenth without a value.
+    //! Half of the rows, at random, have no value: a branch on it would show.
     column() : validity((rows + 10) / 8), validity_from_0((rows + 7) / 8) {
         std::mt19937 random(2);
         for (std::int64_t i = 0; i < rows; ++i) {
             values.push_back(static_cast<T>(random() % 1000));
-            const bool valid = random() % 10 != 0;
+            const bool valid = random() % 2 != 0;
             const auto set = [&](std::vector<std::uint8_t> &bits, std::int64_t bit) {
                 std::uint8_t &byte = bits[static_cast<std::size_t>(bit / 8)];
                 byte = static_cast<std::uint8_t>(byte | (valid ? 1U << bit % 8 : 0U));

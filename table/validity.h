@@ -54,34 +54,22 @@ VASK_ALWAYS_INLINE std::uint64_t bytes_to_bits(std::uint64_t bytes) noexcept {
     return bytes * 0x0102040810204080 >> 56;
 }
 
-//! Copies 64 values, or the nil where the bit of `valid` is 0. The rows are tested in lanes of the
-//! result's width and chosen by masks, which is what lets the compiler use its vectors.
+//! Copies 64 values, or the nil where the bit of `valid` is 0. By way of bytes and masks, which no
+//! compiler turns into branches: those took up to 5 ns a row where half of the rows have no value.
 template <class To, class From>
 VASK_ALWAYS_INLINE void copy_word(const From *values, std::uint64_t valid, To nil,
                                   To *to) noexcept {
-    if constexpr (sizeof(To) == 1) {
-        std::uint64_t nils = 0;
-        std::memset(&nils, static_cast<unsigned char>(nil), sizeof nils);
-        for (unsigned i = 0; i < word_bits; i += 8) {
-            std::uint64_t bytes = 0;
-            std::memcpy(&bytes, values + i, sizeof bytes);
-            const std::uint64_t kept = bits_to_bytes(valid >> i & 0xff) * 0xff;
-            bytes = (bytes & kept) | (nils & ~kept);
-            std::memcpy(to + i, &bytes, sizeof bytes);
-        }
-    } else {
-        using lane = unsigned_of_size<sizeof(To)>;
-        constexpr unsigned lane_bits = 8 * sizeof(To);
-        for (unsigned i = 0; i < word_bits; i += lane_bits) {
-            const auto bits = static_cast<lane>(valid >> i);
-            for (unsigned j = 0; j < lane_bits; ++j) {
-                const auto bit = static_cast<lane>(lane{1} << j);
-                const auto kept = static_cast<lane>((bits & bit) == bit ? ~lane{0} : lane{0});
-                to[i + j] = std::bit_cast<To>(
-                    static_cast<lane>((std::bit_cast<lane>(static_cast<To>(values[i + j])) & kept) |
-                                      (std::bit_cast<lane>(nil) & ~kept)));
-            }
-        }
+    using lane = unsigned_of_size<sizeof(To)>;
+    std::uint8_t is_valid[word_bits];
+    for (unsigned i = 0; i < word_bits; i += 8) {
+        const std::uint64_t bytes = bits_to_bytes(valid >> i & 0xff);
+        std::memcpy(is_valid + i, &bytes, sizeof bytes);
+    }
+    for (unsigned i = 0; i < word_bits; ++i) {
+        const auto kept = static_cast<lane>(0 - static_cast<lane>(is_valid[i]));
+        to[i] = std::bit_cast<To>(
+            static_cast<lane>((std::bit_cast<lane>(static_cast<To>(values[i])) & kept) |
+                              (std::bit_cast<lane>(nil) & ~kept)));
     }
 }
 
@@ -150,31 +138,18 @@ bool holds(const T *values, std::int64_t rows, T value) {
     return holds<T>(values, nullptr, 0, rows, value);
 }
 
-//! The validity bits of 64 values.
+//! The validity bits of 64 values. By way of bytes, which compilers write without a branch: where
+//! bits were set one by one, a row took up to 5 ns when half of the values were nils.
 template <class T>
 VASK_ALWAYS_INLINE std::uint64_t valid_word(const T *values, T nil) noexcept {
+    std::uint8_t valid[word_bits];
+    for (unsigned i = 0; i < word_bits; ++i)
+        valid[i] = values[i] != nil;
     std::uint64_t word = 0;
-    if constexpr (sizeof(T) == 1) {
-        std::uint64_t nils = 0;
-        std::memset(&nils, static_cast<unsigned char>(nil), sizeof nils);
-        constexpr std::uint64_t low_bits = 0x7f7f7f7f7f7f7f7f;
-        for (unsigned i = 0; i < word_bits; i += 8) {
-            std::uint64_t bytes = 0;
-            std::memcpy(&bytes, values + i, sizeof bytes);
-            bytes ^= nils;
-            // The highest bit of each byte that is not zero.
-            const std::uint64_t differs = ((bytes & low_bits) + low_bits) | bytes;
-            word |= bytes_to_bits(differs >> 7 & ~low_bits >> 7) << i;
-        }
-    } else {
-        using lane = unsigned_of_size<sizeof(T)>;
-        constexpr unsigned lane_bits = 8 * sizeof(T);
-        for (unsigned i = 0; i < word_bits; i += lane_bits) {
-            lane bits = 0;
-            for (unsigned j = 0; j < lane_bits; ++j)
-                bits |= static_cast<lane>(values[i + j] != nil ? lane{1} << j : lane{0});
-            word |= std::uint64_t{bits} << i;
-        }
+    for (unsigned i = 0; i < word_bits; i += 8) {
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, valid + i, sizeof bytes);
+        word |= bytes_to_bits(bytes) << i;
     }
     return word;
 }
