@@ -6,8 +6,8 @@
 #include "vask/version.h"
 
 #include <algorithm>
+#include <array>
 #include <iostream>
-#include <map>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -69,11 +69,12 @@ int thread_count_named(const std::string &text) {
     return number;
 }
 
+constexpr std::array<std::pair<const char *, output_format>, 3> formats{
+    {{"table", output_format::table}, {"csv", output_format::csv}, {"json", output_format::json}}};
+
 output_format format_named(const std::string &name) {
-    static const std::map<std::string, output_format> formats{{"table", output_format::table},
-                                                              {"csv", output_format::csv},
-                                                              {"json", output_format::json}};
-    const auto found = formats.find(lower(name));
+    const auto *const found =
+        std::ranges::find(formats, lower(name), [](const auto &known) { return known.first; });
     if (found == formats.end())
         fail("--format: '{}' is no format; the formats are table, csv and json", name);
     return found->second;
@@ -263,12 +264,9 @@ std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, 
 
 } // namespace
 
-std::optional<options> parse_options(int argc, const char *const *argv) {
-    options result;
-    result.threads = default_threads();
-    raw_options raw;
-    const bool is_union = argc > 1 && std::string_view(argv[1]) == union_command;
-    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
+namespace {
+
+void declare(CLI::App &app, bool is_union, options &result, raw_options &raw) {
     declare_file(app, result);
     if (is_union)
         declare_union_columns(app, result);
@@ -277,6 +275,40 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
     declare_reading(app, result, raw);
     declare_running(app, result, raw);
     app.set_version_flag("--version", "vask " VASK_VERSION_STRING);
+}
+
+} // namespace
+
+declared_command declared_options(bool is_union) {
+    options result;
+    raw_options raw;
+    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
+    declare(app, is_union, result, raw);
+    declared_command told{app.get_name(), app.get_description(), {}, {}, app.get_footer()};
+    for (const CLI::Option *const option : app.get_options()) {
+        declared_option one{option->get_name(), {}, option->get_description(), {}};
+        if (option->get_positional()) {
+            told.arguments.push_back(std::move(one));
+            continue;
+        }
+        one.name = "--" + option->get_lnames().front();
+        if (option->get_expected_max() > 0)
+            one.value = option->get_type_name();
+        if (one.name == "--format")
+            for (const auto &[name, format] : formats)
+                one.choices.emplace_back(name);
+        told.options.push_back(std::move(one));
+    }
+    return told;
+}
+
+std::optional<options> parse_options(int argc, const char *const *argv) {
+    options result;
+    result.threads = default_threads();
+    raw_options raw;
+    const bool is_union = argc > 1 && std::string_view(argv[1]) == union_command;
+    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
+    declare(app, is_union, result, raw);
     try {
         // The name of the command is passed over: arguments begin behind it.
         app.parse(argc - (is_union ? 1 : 0), argv + (is_union ? 1 : 0));

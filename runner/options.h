@@ -45,4 +45,22 @@ struct options {
 //! user_error.
 std::optional<options> parse_options(int argc, const char *const *argv);
 
+struct declared_option {
+    std::string name;  //!< with its dashes; of an argument without
+    std::string value; //!< what stands behind it; empty: nothing does
+    std::string description;
+    std::vector<std::string> choices; //!< where only some values make sense
+};
+
+//! A command as it is declared, for texts about it.
+struct declared_command {
+    std::string name;
+    std::string description;
+    std::vector<declared_option> arguments;
+    std::vector<declared_option> options;
+    std::string notes; //!< what --help has behind the options
+};
+
+declared_command declared_options(bool is_union);
+
 } // namespace vask::runner

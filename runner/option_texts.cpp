@@ -1,0 +1,223 @@
+// Prints texts about the command, made from its declared options:
+//
+//   vask_option_texts man|bash|zsh|fish
+#include "options.h"
+#include "vask/version.h"
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace {
+
+using namespace vask::runner;
+
+const declared_command aggregate = declared_options(false);
+const declared_command united = declared_options(true);
+
+//! The text with a `before` in front of each of the characters.
+std::string escaped(std::string_view text, std::string_view characters, std::string_view before) {
+    std::string result;
+    for (const char c : text) {
+        if (characters.find(c) != characters.npos)
+            result += before;
+        result += c;
+    }
+    return result;
+}
+
+std::string one_line(std::string text) {
+    for (char &c : text)
+        if (c == '\n')
+            c = ' ';
+    return text;
+}
+
+// ---- man --------------------------------------------------------------------
+
+//! Text in a manual's language; a dot or quote that begins a line would be a request.
+std::string roff(std::string_view text) {
+    std::string result;
+    bool begins = true;
+    for (const char c : text) {
+        if (begins && (c == '.' || c == '\''))
+            result += "\\&";
+        if (c == '\\')
+            result += "\\e";
+        else if (c == '-')
+            result += "\\-";
+        else
+            result += c;
+        begins = c == '\n';
+    }
+    return result;
+}
+
+std::string shown(const declared_option &option) {
+    std::string text = "\\fB" + roff(option.name) + "\\fR";
+    if (!option.value.empty())
+        text += " \\fI" + roff(option.value) + "\\fR";
+    return text;
+}
+
+void print_man_options(const declared_command &command) {
+    for (const auto *const list : {&command.arguments, &command.options})
+        for (const declared_option &option : *list)
+            fmt::print(".TP\n{}\n{}\n", shown(option), roff(one_line(option.description)));
+}
+
+//! Lines as they stand; those at the left margin that end in a colon are headings.
+void print_man_notes(std::string_view notes) {
+    bool filled = true;
+    while (!notes.empty()) {
+        const std::size_t end = std::min(notes.find('\n'), notes.size());
+        const std::string line(notes.substr(0, end));
+        notes.remove_prefix(std::min(end + 1, notes.size()));
+        if (!line.empty() && line.front() != ' ' && line.ends_with(':')) {
+            fmt::print("{}.SH {}\n.nf\n", filled ? "" : ".fi\n",
+                       roff(line.substr(0, line.size() - 1)));
+            filled = false;
+        } else if (!filled) {
+            fmt::print("{}\n", roff(line));
+        }
+    }
+    if (!filled)
+        fmt::print(".fi\n");
+}
+
+void print_man() {
+    fmt::print(".TH VASK 1 \"\" \"vask {}\" \"User Commands\"\n"
+               ".SH NAME\nvask \\- aggregates columns of CSV and TSV files, whole or by group\n"
+               ".SH SYNOPSIS\n.B vask\n\\fIFILE\\fR \\fB\\-\\-agg\\fR \\fILIST\\fR "
+               "[\\fIOPTION\\fR]...\n.br\n.B vask union\n\\fIFILE\\fR \\fIX\\fR \\fIY\\fR "
+               "[\\fIOPTION\\fR]...\n.SH DESCRIPTION\n{}\n",
+               VASK_VERSION_STRING, roff(aggregate.description));
+    fmt::print(".SH OPTIONS\n");
+    print_man_options(aggregate);
+    fmt::print(".SH UNION\n{}\n", roff(one_line(united.description)));
+    for (const declared_option &argument : united.arguments)
+        fmt::print(".TP\n{}\n{}\n", shown(argument), roff(argument.description));
+    fmt::print(".PP\nThe options");
+    for (const declared_option &option : united.options)
+        fmt::print(" {}", roff(option.name));
+    fmt::print(" mean the same.\n");
+    print_man_notes(aggregate.notes);
+}
+
+// ---- completions ------------------------------------------------------------
+
+std::string option_names(const declared_command &command) {
+    std::string names;
+    for (const declared_option &option : command.options)
+        names += (names.empty() ? "" : " ") + option.name;
+    return names;
+}
+
+bool takes_a_file(const declared_option &option) {
+    return option.value == "PATH" || option.value.starts_with("FILE");
+}
+
+std::string choices(const declared_option &option) {
+    std::string all;
+    for (const std::string &choice : option.choices)
+        all += (all.empty() ? "" : " ") + choice;
+    return all;
+}
+
+void print_bash() {
+    fmt::print(
+        "# Completion of vask's command line.\n"
+        "_vask() {{\n"
+        "    local current=${{COMP_WORDS[COMP_CWORD]}} before=${{COMP_WORDS[COMP_CWORD-1]}}\n"
+        "    local options='{}'\n"
+        "    [ \"${{COMP_WORDS[1]}}\" = union ] && options='{}'\n"
+        "    case $before in\n",
+        option_names(aggregate), option_names(united));
+    for (const declared_option &option : aggregate.options) {
+        if (!option.choices.empty())
+            fmt::print("        {}) COMPREPLY=($(compgen -W '{}' -- \"$current\")); return ;;\n",
+                       option.name, choices(option));
+        else if (!option.value.empty() && !takes_a_file(option))
+            fmt::print("        {}) COMPREPLY=(); return ;;\n", option.name);
+    }
+    fmt::print("    esac\n"
+               "    if [[ $current == -* ]]; then\n"
+               "        COMPREPLY=($(compgen -W \"$options\" -- \"$current\"))\n"
+               "    else\n"
+               "        COMPREPLY=($(compgen -f -- \"$current\"))\n"
+               "        [ \"$COMP_CWORD\" -eq 1 ] &&\n"
+               "            COMPREPLY+=($(compgen -W union -- \"$current\"))\n"
+               "    fi\n"
+               "}}\n"
+               "complete -o filenames -F _vask vask\n");
+}
+
+void print_zsh() {
+    const auto print_options = [](const declared_command &command) {
+        for (const declared_option &option : command.options) {
+            const std::string told = escaped(one_line(option.description), "[]:\\", "\\");
+            std::string action;
+            if (!option.choices.empty())
+                action = ":" + option.value + ":(" + choices(option) + ")";
+            else if (takes_a_file(option))
+                action = ":" + escaped(option.value, ":", "\\") + ":_files";
+            else if (!option.value.empty())
+                action = ":" + escaped(option.value, ":", "\\") + ": ";
+            std::string word = option.name + "[" + told + "]" + action;
+            std::string quoted;
+            for (const char c : word)
+                quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+            fmt::print("        '{}' \\\n", quoted);
+        }
+    };
+    fmt::print("#compdef vask\n"
+               "if [[ ${{words[2]}} == union ]]; then\n"
+               "    _arguments \\\n");
+    print_options(united);
+    fmt::print("        '1:command:(union)' '2:file:_files' '3:column: ' '4:column: '\n"
+               "else\n"
+               "    _arguments \\\n");
+    print_options(aggregate);
+    fmt::print("        '1:file:_files'\n"
+               "fi\n");
+}
+
+void print_fish() {
+    fmt::print("complete -c vask -n __fish_use_subcommand -a union -d '{}'\n",
+               escaped(one_line(united.description), "'\\", "\\"));
+    for (const declared_option &option : aggregate.options) {
+        bool in_both = false;
+        for (const declared_option &other : united.options)
+            in_both = in_both || other.name == option.name;
+        std::string how;
+        if (!option.choices.empty())
+            how = " -x -a '" + choices(option) + "'";
+        else if (takes_a_file(option))
+            how = " -r";
+        else if (!option.value.empty())
+            how = " -x";
+        fmt::print("complete -c vask{} -l {}{} -d '{}'\n",
+                   in_both ? "" : " -n 'not __fish_seen_subcommand_from union'",
+                   option.name.substr(2), how, escaped(one_line(option.description), "'\\", "\\"));
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::string_view kind = argc == 2 ? argv[1] : "";
+    if (kind == "man")
+        print_man();
+    else if (kind == "bash")
+        print_bash();
+    else if (kind == "zsh")
+        print_zsh();
+    else if (kind == "fish")
+        print_fish();
+    else
+        return 2;
+    return 0;
+}
