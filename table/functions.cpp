@@ -19,7 +19,7 @@ constexpr function_rule part_of_state(std::string_view name, unsigned columns, r
     return {name, family::state, columns, nullptr, accepted::any, result, "", "", false, ""};
 }
 
-constexpr std::array<function_rule, 49> rules{{
+constexpr std::array<function_rule, 51> rules{{
     {"size", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
      "rows, nulls and all"},
     {"first_row", family::rows, 0, nullptr, accepted::any, result_rule::count, "", "", false,
@@ -86,6 +86,10 @@ constexpr std::array<function_rule, 49> rules{{
      "the last value that is not null"},
     {"any", family::place, 1, nullptr, accepted::any, result_rule::same, "", "", false,
      "some value that is not null: the first"},
+    {"all_true", family::extreme, 1, nullptr, accepted::sums, result_rule::truth, "", "", false,
+     "whether no value is 0"},
+    {"any_true", family::extreme, 1, nullptr, accepted::sums, result_rule::truth, "", "", false,
+     "whether some value is not 0"},
     part_of_state("state.high", 1, result_rule::count),
     part_of_state("state.low", 1, result_rule::count),
     part_of_state("state.nulls", 1, result_rule::count),
@@ -223,6 +227,8 @@ value_type result_type(const function_rule &rule, const value_type &column, bool
     switch (rule.result) {
         case result_rule::count:
             return plain_type(kind::int64);
+        case result_rule::truth:
+            return plain_type(kind::boolean);
         case result_rule::sum:
             if (of == kind::decimal)
                 return decimal_type(38, column.scale);

@@ -31,13 +31,14 @@ enum class family : std::uint8_t {
 enum class accepted : std::uint8_t { any, numbers, sums, ordered };
 
 enum class result_rule : std::uint8_t {
-    count,   //!< int64
-    sum,     //!< integers give int64, decimals decimals, floats float64
-    mean,    //!< float64; of times a time
-    same,    //!< that of the column
-    number,  //!< float64
-    between, //!< float64; of times a time
-    distance //!< of integers int64, of floats float64, of decimals decimal, of times a duration
+    count,    //!< int64
+    sum,      //!< integers give int64, decimals decimals, floats float64
+    mean,     //!< float64; of times a time
+    same,     //!< that of the column
+    number,   //!< float64
+    between,  //!< float64; of times a time
+    distance, //!< of integers int64, of floats float64, of decimals decimal, of times a duration
+    truth     //!< bool
 };
 
 //! The number that a function takes besides its columns.

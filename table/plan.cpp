@@ -145,7 +145,8 @@ public:
         std::vector<result_column> result;
         for (const column_pointer &key : asked_.by)
             result.push_back(finish_answer(key->name(), key->type(), rows_of_groups(), by_,
-                                           key.get(), nan_missing_, context_.tell));
+                                           key.get(), groups_of(asked_).nan_missing,
+                                           context_.tell));
         for (const asked_function &function : asked_.functions) {
             context_.progress(done / steps);
             result.push_back(column_of(function));
@@ -368,6 +369,8 @@ private:
             case family::weighted:
                 return weighted_mean(asked);
             case family::extreme:
+                if (asked.rule->result == result_rule::truth)
+                    return truth(asked);
                 return asked.rule->name == "range" ? range(asked) : extreme(asked);
             case family::moment:
                 return moment(asked);
@@ -673,6 +676,23 @@ private:
             return least ? *std::min_element(own.begin(), own.end())
                          : *std::max_element(own.begin(), own.end());
         });
+    }
+
+    // The extreme of whether values are 0; a NaN is not.
+    answer truth(const asked_function &asked) {
+        const numbers &values = numbers_of(*asked.columns[0]);
+        const bat truths = visit_values(values.values, [&]<class T>(std::span<const T> all) {
+            const auto present = presence_in<T>(values);
+            fresh_column<bte> made(all.size());
+            for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
+                for (std::size_t row = begin; row < end; ++row)
+                    made.values[row] =
+                        present(row) ? static_cast<bte>(all[row] != T{0}) : nil_of<bte>();
+            });
+            return std::move(made).finish(
+                {.nil = values.missing > 0, .nonil = values.missing == 0});
+        });
+        return call(function(asked.rule->name == "all_true" ? "min" : "max"), {&truths});
     }
 
     // `work` gives a value of the group's values, of which there is at least one.
@@ -1216,7 +1236,7 @@ private:
 } // namespace
 
 group_request groups_of(const query &asked) {
-    return {asked.by, (asked.flags & VASK_NAN_IS_NULL) != 0,
+    return {asked.by, (asked.flags & (VASK_NAN_IS_NULL | VASK_NAN_KEY_IS_NULL)) != 0,
             (asked.flags & VASK_DROP_NULL_KEYS) != 0, (asked.flags & VASK_SORT_GROUPS) != 0};
 }
 

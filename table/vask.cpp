@@ -117,8 +117,8 @@ const column_pointer &find_column(const vask_table &table, const char *name,
 
 // ---- queries ------------------------------------------------------------------------------------
 
-constexpr unsigned known_flags =
-    VASK_KEEP_NULLS | VASK_NAN_IS_NULL | VASK_WIDE_SUMS | VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS;
+constexpr unsigned known_flags = VASK_KEEP_NULLS | VASK_NAN_IS_NULL | VASK_WIDE_SUMS |
+                                 VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS | VASK_NAN_KEY_IS_NULL;
 
 void check_flags(unsigned flags) {
     if ((flags & ~known_flags) != 0)

@@ -139,7 +139,9 @@ enum vask_flag {
      * order of their first rows. */
     VASK_SORT_GROUPS = 8,
     /* Rows with a null among their keys are left out. */
-    VASK_DROP_NULL_KEYS = 16
+    VASK_DROP_NULL_KEYS = 16,
+    /* A NaN counts as null in keys, and stays a value elsewhere. */
+    VASK_NAN_KEY_IS_NULL = 32
 };
 
 /* ---- tables ------------------------------------------------------------------ */
