@@ -11,7 +11,10 @@ ROOT = Path(__file__).resolve().parents[2]
 def test_notebook():
     notebook = nbformat.read(ROOT / "docs/penguins.ipynb", as_version=4)
     NotebookClient(
-        notebook, timeout=120, resources={"metadata": {"path": str(ROOT / "docs")}}
+        notebook,
+        timeout=600,
+        startup_timeout=300,
+        resources={"metadata": {"path": str(ROOT / "docs")}},
     ).execute()
     shown = [
         kind
