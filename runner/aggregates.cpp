@@ -21,6 +21,15 @@ constexpr double usual_fraction = 0.95;
 // What the groups' rows are counted by.
 constexpr std::string_view row_count = "count";
 
+// As in p95 and p99.9.
+std::optional<double> percent_in(std::string_view name) {
+    double percent = 0;
+    if (name.size() < 2 || name[0] != 'p' || name[1] < '0' || name[1] > '9' ||
+        !read_cell(name.substr(1), percent) || !(percent >= 0 && percent <= 100))
+        return std::nullopt;
+    return percent;
+}
+
 struct heading {
     family of;
     std::string_view text;
@@ -59,6 +68,8 @@ std::optional<named_aggregate> find_aggregate(std::string_view name, bool all_ro
                                  : std::nullopt;
     if (name == percent_name)
         return named_aggregate{&table::function("quantile"), usual_fraction, true};
+    if (const auto percent = percent_in(name))
+        return named_aggregate{&table::function("quantile"), *percent / 100};
     const auto found = table::function_named(name);
     if (!found || found->rule->columns == 0)
         return std::nullopt;
@@ -87,6 +98,17 @@ type_set types_of(const function_rule &rule) {
         if (table::accepts(rule.accepts, value_type_of(type).of))
             result.add(type);
     return result;
+}
+
+std::vector<std::string> aggregate_names() {
+    std::vector<std::string> names{std::string(percent_name)};
+    for (const function_rule &rule : table::function_rules())
+        if (rule.columns > 0)
+            names.emplace_back(rule.name);
+    for (const auto &alias : table::function_aliases())
+        if (table::function(alias.of).columns > 0)
+            names.emplace_back(alias.name);
+    return names;
 }
 
 std::string aggregate_overview() {
@@ -118,6 +140,7 @@ std::string aggregate_overview() {
         if (table::function(alias.of).columns > 0)
             add(std::string(alias.name));
     add(fmt::format("{}:P", percent_name));
+    add("pP");
     return text;
 }
 

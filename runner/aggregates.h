@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vask::runner {
 
@@ -49,6 +50,9 @@ std::string meaning_of(const table::parameter_rule &parameter);
 
 //! The types of columns that an aggregate takes.
 type_set types_of(const table::function_rule &rule);
+
+//! All names that stand before a column.
+std::vector<std::string> aggregate_names();
 
 //! All aggregates and aliases, a few lines by family, for the help.
 std::string aggregate_overview();

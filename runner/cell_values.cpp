@@ -5,9 +5,11 @@
 #include "vask/refkernel/atoms.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <concepts>
+#include <utility>
 
 #include <fast_float/fast_float.h>
 
@@ -130,6 +132,29 @@ std::string_view name_of(column_type type) {
 std::optional<column_type> type_named(std::string_view name) {
     for (const column_type type : all_column_types)
         if (name_of(type) == name)
+            return type;
+    // As other programs call them.
+    static constexpr std::array<std::pair<std::string_view, column_type>, 18> others{
+        {{"bool", column_type::bit},
+         {"boolean", column_type::bit},
+         {"int8", column_type::bte},
+         {"int16", column_type::sht},
+         {"int32", column_type::int_},
+         {"int64", column_type::lng},
+         {"integer", column_type::lng},
+         {"bigint", column_type::lng},
+         {"float32", column_type::flt},
+         {"float", column_type::dbl},
+         {"float64", column_type::dbl},
+         {"double", column_type::dbl},
+         {"string", column_type::str},
+         {"text", column_type::str},
+         {"utf8", column_type::str},
+         {"varchar", column_type::str},
+         {"datetime", column_type::timestamp},
+         {"date", column_type::timestamp}}};
+    for (const auto &[other, type] : others)
+        if (other == name)
             return type;
     return std::nullopt;
 }

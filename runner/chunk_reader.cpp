@@ -1,10 +1,28 @@
 #include "chunk_reader.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <type_traits>
+
+#include <fmt/format.h>
 
 namespace vask::runner {
 namespace {
+
+// Whether a number is printed in the spelling in which it was read.
+template <class T>
+bool is_printed_as(T value, std::string_view cell) {
+    if constexpr (std::is_integral_v<T>) {
+        return cell != "-0" && !cell.starts_with('+');
+    } else if constexpr (std::is_floating_point_v<T>) {
+        std::array<char, 32> text{}; // the longest double has 24 characters
+        const auto *const end = fmt::format_to(text.data(), "{}", value);
+        return std::string_view(text.data(), static_cast<std::size_t>(end - text.data())) == cell;
+    } else {
+        return true;
+    }
+}
 
 class chunk_reader {
 public:
@@ -72,6 +90,9 @@ private:
         } else if (!read_cell(cell, value) || (targets_[i].keep_zeros && has_leading_zero(cell))) {
             misfit(cell, i);
             return;
+        } else if (targets_[i].is_key && !outcome_.columns[i].respelled &&
+                   !is_printed_as(value, cell)) {
+            outcome_.columns[i].respelled = cell;
         }
         *place<T>(i) = value;
     }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +21,7 @@ struct column_target {
     column_type type = column_type::int_;
     bool forced = false;     //!< by the user: a cell of another type is a fault
     bool keep_zeros = false; //!< a number with a leading zero needs the type str
+    bool is_key = false;     //!< it is of interest whether numbers are printed in this spelling
     //! Row 0 of the whole column, elements of the type's width. Not used for text.
     void *values = nullptr;
 };
@@ -28,6 +30,8 @@ struct column_outcome {
     //! The type that all cells fit in. Wider than the target's: its values are not of use.
     column_type needed{};
     std::uint64_t missing = 0;
+    //! Of a key, the first number that is printed in another spelling.
+    std::optional<std::string> respelled;
     //! The cells of a text column, the kernel's nil for a missing one. They lie in the outcome's
     //! `text_memory`.
     std::vector<std::string_view> texts;

@@ -5,6 +5,8 @@
 #include "user_error.h"
 
 #include <algorithm>
+#include <array>
+#include <string_view>
 
 namespace vask::runner {
 namespace {
@@ -46,12 +48,60 @@ csv_header parse_first_record(const source_text &source, const csv_dialect &dial
     return {std::move(record.fields), at};
 }
 
-void refuse_data_as_header(const source_text &source, const std::vector<std::string> &names) {
-    const bool all_numbers = std::all_of(names.begin(), names.end(), [](const std::string &name) {
-        dbl value = 0;
-        return read_cell(name, value);
-    });
-    if (all_numbers)
+// What files that are no text begin with.
+struct other_format {
+    std::string_view magic;
+    std::string_view kind;
+    std::string_view remedy;
+};
+
+constexpr std::array other_formats{
+    other_format{"\x1F\x8B", "a file compressed by gzip", "pipe it in, as in zcat FILE | vask -"},
+    other_format{"\x28\xB5\x2F\xFD", "a file compressed by zstd",
+                 "pipe it in, as in zstdcat FILE | vask -"},
+    other_format{std::string_view("\xFD\x37zXZ\0", 6), "a file compressed by xz",
+                 "pipe it in, as in xzcat FILE | vask -"},
+    other_format{"BZh91AY&SY", "a file compressed by bzip2",
+                 "pipe it in, as in bzcat FILE | vask -"},
+    other_format{"PK\x03\x04", "a zip archive or a workbook",
+                 "pipe a file of it in, as in unzip -p FILE | vask -, or save the sheet as CSV"},
+    other_format{"PAR1\x15", "a Parquet file", "convert it to CSV"},
+    other_format{std::string_view("ARROW1\0", 7), "an Arrow file", "convert it to CSV"},
+    other_format{std::string_view("SQLite format 3\0", 16), "a database of SQLite",
+                 "export a table of it as CSV"}};
+
+bool is_number(const std::string &cell) {
+    dbl value = 0;
+    return read_cell(cell, value);
+}
+
+// The fields of the first record from a place on; none where there is no record.
+std::vector<std::string> fields_from(std::string_view text, std::size_t at,
+                                     const csv_dialect &dialect) {
+    first_record record;
+    csv_parser parser(dialect, record);
+    while (at < text.size() && !record.complete) {
+        const std::size_t end = end_of_line(text, at);
+        if (parser.feed(text.substr(at, end - at)) < end - at)
+            return {};
+        at = end;
+    }
+    return parser.finish() ? std::move(record.fields) : std::vector<std::string>{};
+}
+
+// Who gives a file without a header would lose its first row.
+void refuse_data_as_header(const source_text &source, const csv_dialect &dialect,
+                           const csv_header &header) {
+    const std::vector<std::string> &names = header.names;
+    const std::vector<std::string> below = fields_from(source.text(), header.data_begin, dialect);
+    for (std::size_t i = 0; i < std::min(names.size(), below.size()); ++i)
+        if (!std::all_of(names.begin(), names.end(), is_number) && is_number(names[i]) &&
+            is_number(below[i]))
+            fail("{}:1: the first line looks like data: column {} is '{}' there, a number, and "
+                 "'{}' below; give --names a,b,c if the file has no header, or --header if these "
+                 "are the names",
+                 source.name(), i + 1, names[i], below[i]);
+    if (std::all_of(names.begin(), names.end(), is_number))
         fail("{}:1: the first line holds only numbers, so it does not look like a header; give "
              "--names a,b,c if the file has none, or --header if these are the names",
              source.name());
@@ -70,6 +120,9 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
     const std::string_view text = source.text();
     if (text.empty())
         fail("{}: the file is empty; it needs a line with the names of the columns", source.name());
+    for (const auto &[magic, kind, program] : other_formats)
+        if (text.starts_with(magic))
+            fail("{}: this is {}, no text; {}", source.name(), kind, program);
     const std::string_view start = text.substr(0, std::size_t{1} << 16);
     if (const std::size_t nul = start.find('\0'); nul != std::string_view::npos)
         fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 first",
@@ -78,7 +131,7 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
     if (header.names.empty()) {
         header = parse_first_record(source, dialect);
         if (!rules.numeric_names)
-            refuse_data_as_header(source, header.names);
+            refuse_data_as_header(source, dialect, header);
     }
     name_the_nameless(header.names);
     return header;

@@ -31,9 +31,11 @@ input_file::input_file(const std::string &path, const options &request, const he
 
 loaded_table input_file::load(const std::vector<bool> &wanted,
                               const std::vector<std::pair<std::string, column_type>> &types,
-                              const explain_log &explain, bool keep_zeros) {
+                              const explain_log &explain, bool keep_zeros,
+                              const std::vector<bool> &keys) {
     loading_.wanted = wanted;
     loading_.keep_zeros = keep_zeros;
+    loading_.keys = keys;
     for (const auto &[name, type] : types)
         loading_.forced.emplace_back(find_column(header_, source_, name, "--types"), type);
     const auto begin = std::chrono::steady_clock::now();

@@ -25,11 +25,12 @@ public:
     const load_request &loading() const noexcept { return loading_; }
 
     //! Loads the columns at these places in the file. Types that were asked for by name hold for
-    //! columns of this file; without `keep_zeros`, leading zeros mean nothing in the others. Throws
-    //! user_error.
+    //! columns of this file; without `keep_zeros`, leading zeros mean nothing in the others. Of
+    //! `keys`, it is found out whether they are printed as they were read. Throws user_error.
     loaded_table load(const std::vector<bool> &wanted,
                       const std::vector<std::pair<std::string, column_type>> &types,
-                      const explain_log &explain, bool keep_zeros = true);
+                      const explain_log &explain, bool keep_zeros = true,
+                      const std::vector<bool> &keys = {});
 
 private:
     source_text source_;

@@ -98,19 +98,26 @@ void run_aggregates(const options &request, const explain_log &explain) {
     if (looks_up)
         wanted[looked_up] = true;
     const table::operator_set operators = operators_of(request, explain);
-    loaded_table data = file.load(wanted, request.types, explain);
+    std::vector<bool> keys(columns, false);
+    for (const std::size_t column : asked.group_by)
+        if (column < columns)
+            keys[column] = true;
+    loaded_table data = file.load(wanted, request.types, explain, true, keys);
     if (looks_up)
         data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
     check_columns(asked, {data, file.loading(), header, file.source()});
-    print(asked.aggregates.empty() ? rows_of(data, header, {looked_up, columns})
-                                   : execute(asked, data, header, operators, explain),
-          request.format, stdout);
+    result_table result = asked.aggregates.empty()
+                              ? rows_of(data, header, {looked_up, columns})
+                              : execute(asked, data, header, operators, explain);
+    if (request.order.is_asked_for())
+        put_in_order(result, request.order);
+    print(result, request.output, stdout);
 }
 
 void run_union(const options &request, const explain_log &explain) {
     const table::operator_set operators = operators_of(request, explain);
     input_file file(request.file, request, request.header);
-    print(filtered_union(file, request, operators, explain), request.format, stdout);
+    print(filtered_union(file, request, operators, explain), request.output, stdout);
 }
 
 void run(const options &request) {

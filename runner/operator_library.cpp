@@ -4,6 +4,8 @@
 
 #include <array>
 #include <filesystem>
+#include <new>
+#include <string_view>
 #include <system_error>
 
 #include <dlfcn.h>
@@ -40,9 +42,14 @@ operator_library::operator_library(const std::string &path)
       // its code, and tools that look at the process then can name its functions.
       handle_(::dlopen(std::filesystem::absolute(path_).c_str(),
                        RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
-    if (handle_ == nullptr)
-        fail("cannot load the operator library: {}; name another one with --library PATH",
-             ::dlerror());
+    if (handle_ != nullptr)
+        return;
+    const std::string_view reason = ::dlerror();
+    // What the loader says when the system gives it no memory, in two places.
+    if (reason.find("annot allocate memory") != reason.npos ||
+        reason.find("failed to map segment") != reason.npos)
+        throw std::bad_alloc();
+    fail("cannot load the operator library: {}; name another one with --library PATH", reason);
 }
 
 void *operator_library::address(const std::string &name) const {

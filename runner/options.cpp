@@ -12,6 +12,8 @@
 #include <string_view>
 #include <thread>
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 
 namespace vask::runner {
@@ -33,7 +35,8 @@ constexpr const char *aggregate_notes = R"(
 Examples:
   vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
   vask penguins.csv --group-by species,sex --agg 'count(*), mean(body_mass_g)' --sort
-  vask penguins.csv --group-by sex --agg 'median(body_mass_g), perc:90(body_mass_g)' --drop-na
+  vask penguins.csv -g sex -a 'median(body_mass_g), perc:90(body_mass_g)'
+  vask penguins.csv -g island,species -a 'mean(body_mass_g)' --top 3 --digits 4
   zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
   vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
   vask orders.csv --contained-in customers.csv:id --column customer --agg 'mean(contained)'
@@ -69,14 +72,41 @@ int thread_count_named(const std::string &text) {
     return number;
 }
 
-constexpr std::array<std::pair<const char *, output_format>, 3> formats{
-    {{"table", output_format::table}, {"csv", output_format::csv}, {"json", output_format::json}}};
+//! Digits that a number can have: one more than those that tell two doubles apart says nothing.
+constexpr int most_digits = 17;
+
+int digits_named(const std::string &text) {
+    int number = 0;
+    if (!read_cell(text, number) || number < 1 || number > most_digits)
+        fail("--digits: '{}' is no number of digits; give one from 1 to {}", text, most_digits);
+    return number;
+}
+
+std::size_t row_count_named(const std::string &text, std::string_view option) {
+    lng number = 0;
+    if (!read_cell(text, number) || number < 0)
+        fail("{}: '{}' is no number of rows", option, text);
+    return static_cast<std::size_t>(number);
+}
+
+// The first name of each format is the one that is listed.
+constexpr std::array<std::pair<const char *, output_format>, 8> formats{
+    {{"table", output_format::table},
+     {"markdown", output_format::markdown},
+     {"csv", output_format::csv},
+     {"tsv", output_format::tsv},
+     {"json", output_format::json},
+     {"jsonl", output_format::jsonl},
+     {"md", output_format::markdown},
+     {"ndjson", output_format::jsonl}}};
 
 output_format format_named(const std::string &name) {
     const auto *const found =
         std::ranges::find(formats, lower(name), [](const auto &known) { return known.first; });
     if (found == formats.end())
-        fail("--format: '{}' is no format; the formats are table, csv and json", name);
+        fail("--format: '{}' is no format; the formats are table, markdown, csv, tsv, json and "
+             "jsonl",
+             name);
     return found->second;
 }
 
@@ -113,27 +143,39 @@ other_column parse_other_column(const std::string &text) {
 struct raw_options {
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
-        format, threads;
+        format, threads, digits, order_by, limit, top;
 };
 
 void declare_file(CLI::App &app, options &result) {
     app.add_option("FILE", result.file,
-                   "CSV or TSV file with a header line, or - for standard input")
-        ->required();
+                   "CSV or TSV file with a header line, or - for standard input (default: what is "
+                   "piped in)");
 }
 
 void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
     app.footer("\nAggregates:" + aggregate_overview() + aggregate_notes);
-    app.add_option("--agg", raw.aggregates, "Aggregates, e.g. 'sum(v1), sum(\"net price\")'")
+    app.add_option("-a,--agg", raw.aggregates, "Aggregates, e.g. 'sum(v1), sum(\"net price\")'")
         ->type_name("LIST")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--group-by", raw.group_by, "Columns whose equal values make up a group")
+    app.add_option("-g,--group-by", raw.group_by, "Columns whose equal values make up a group")
         ->type_name("COLUMNS");
-    app.add_flag("--sort", result.sort,
+    app.add_flag("-s,--sort", result.sort,
                  "Print groups in ascending order of their columns (default: as they first occur)");
     app.add_flag("--drop-na", result.drop_missing,
-                 "Leave rows with a missing value out of the order statistics of that column");
+                 "Say nothing of rows that order statistics leave out for a missing value");
+    app.add_flag("--strict", result.strict,
+                 "Refuse order statistics of columns with missing values instead of leaving them "
+                 "out");
+    app.add_option("--order-by", raw.order_by,
+                   "Print rows in ascending order of a column of the result, e.g. 'sum(v1)'")
+        ->type_name("TITLE");
+    app.add_flag("--desc", result.order.descending, "Print rows in descending order instead");
+    app.add_option("--limit", raw.limit, "Print the first N rows only")->type_name("N");
+    app.add_option("--top", raw.top,
+                   "Print the N rows with the greatest values of the --order-by column (default: "
+                   "the first aggregate)")
+        ->type_name("N");
     app.add_option(
            "--contained-in", raw.contained_in,
            "Adds a column named contained: 1 where the value of the column of that name "
@@ -151,7 +193,7 @@ void declare_union_columns(CLI::App &app, options &result) {
 }
 
 void declare_reading(CLI::App &app, options &result, raw_options &raw) {
-    app.add_option("--sep", raw.separator,
+    app.add_option("-t,--sep", raw.separator,
                    "Separator: one character or tab (default: comma; tab for .tsv and .tab)")
         ->type_name("CHAR");
     app.add_option("--types", raw.types,
@@ -172,13 +214,36 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
 }
 
 void declare_running(CLI::App &app, options &result, raw_options &raw) {
-    app.add_option("--format", raw.format, "table, csv or json (default: table)")
+    app.add_option("-f,--format", raw.format,
+                   "table, markdown, csv, tsv, json or jsonl (default: table)")
         ->type_name("FORMAT");
+    app.add_option("--digits", raw.digits,
+                   "Round numbers to N significant digits (default: 15 in tables, all elsewhere)")
+        ->type_name("N");
+    app.add_flag_callback(
+        "--no-header", [&result] { result.output.titles = false; },
+        "Print no titles (table, csv, tsv)");
     app.add_option("--threads", raw.threads, "Threads to use (default: one per core)")
         ->type_name("N");
     app.add_flag("--explain", result.explain,
                  "Tell on standard error what was loaded and called, with rows, partitions, time");
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
+}
+
+void read_order(const raw_options &raw, options &result) {
+    result.order.by = raw.order_by;
+    if (raw.limit)
+        result.order.most_rows = row_count_named(*raw.limit, "--limit");
+    if (!raw.top)
+        return;
+    if (raw.limit)
+        fail("--top: it is a --limit as well, so give one of the two");
+    if (result.aggregates.empty() && !raw.order_by)
+        fail("--top: there is no aggregate; say with --order-by what is to be greatest");
+    result.order.most_rows = row_count_named(*raw.top, "--top");
+    result.order.descending = true;
+    if (!raw.order_by)
+        result.order.by = result.aggregates.front().text;
 }
 
 void read_further(const raw_options &raw, options &result) {
@@ -204,7 +269,10 @@ void read_further(const raw_options &raw, options &result) {
     if (raw.separator)
         result.separator = separator_named(*raw.separator);
     if (raw.format)
-        result.format = format_named(*raw.format);
+        result.output.format = format_named(*raw.format);
+    if (raw.digits)
+        result.output.digits = digits_named(*raw.digits);
+    read_order(raw, result);
     if (raw.threads)
         result.threads = thread_count_named(*raw.threads);
 }
@@ -240,6 +308,8 @@ std::string describe_extras(const CLI::App &app, bool is_union) {
     return told;
 }
 
+constexpr const char *nothing_named = "no file is named; name one, or - for standard input";
+
 std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, bool is_union) {
     if (std::string extras = describe_extras(app, is_union); !extras.empty())
         return extras;
@@ -247,7 +317,7 @@ std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, 
     switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
         case CLI::ExitCodes::RequiredError:
             return is_union ? "a file and two columns of it are wanted, as in vask union FILE X Y"
-                            : "no file is named; name one, or - for standard input";
+                            : nothing_named;
         case CLI::ExitCodes::ArgumentMismatch: {
             const CLI::Option *const option = app.get_option(what.substr(0, what.find(':')));
             return option->count() > 1
@@ -319,6 +389,12 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         app.exit(error, std::cout, std::cerr);
         return std::nullopt;
     }
+    const bool is_named = app.get_option("FILE")->count() > 0;
+    const bool asks_for_nothing = argc == 1;
+    if (!is_named && (is_union || asks_for_nothing || ::isatty(STDIN_FILENO) == 1))
+        fail("{}; vask --help tells more", nothing_named);
+    if (!is_named)
+        result.file = "-";
     if (result.file.empty())
         fail("the name of the file is empty; name a file, or - for standard input");
     read_further(raw, result);

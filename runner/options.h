@@ -4,6 +4,7 @@
 #include "cell_values.h"
 #include "csv_header.h"
 #include "name_list.h"
+#include "output_order.h"
 
 #include <optional>
 #include <string>
@@ -12,7 +13,13 @@
 
 namespace vask::runner {
 
-enum class output_format { table, csv, json };
+enum class output_format { table, markdown, csv, tsv, json, jsonl };
+
+struct output_style {
+    output_format format = output_format::table;
+    std::optional<int> digits{}; //!< none: as many as the format likes
+    bool titles = true;
+};
 
 //! A column of another file.
 struct other_column {
@@ -28,6 +35,7 @@ struct options {
     std::vector<std::string> group_by;
     bool sort = false;
     bool drop_missing = false;
+    bool strict = false;
     std::optional<other_column> contained_in;
     std::string looked_up;         //!< the column that --contained-in is about
     std::optional<char> separator; //!< none: by the name of the file
@@ -36,7 +44,8 @@ struct options {
     std::vector<std::string> missing{"", "NA", "NaN"};
     std::vector<std::pair<std::string, column_type>> types;
     int threads = 1;
-    output_format format = output_format::table;
+    output_style output;
+    row_order order;
     bool explain = false;
     std::string library; //!< empty: look where it is installed
 };

@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include "terminal_text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -7,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <type_traits>
 
@@ -15,6 +18,9 @@
 
 namespace vask::runner {
 namespace {
+
+// As many as a double always keeps: what its sums lose shows behind them.
+constexpr int readable_digits = std::numeric_limits<double>::digits10;
 
 // Text on its way to a file, written in large pieces.
 class printer {
@@ -46,6 +52,28 @@ private:
 void append(std::string &out, std::monostate) {
     out.append(0, ' ');
 }
+// The nearest number with so many significant digits.
+template <class Number>
+Number rounded(Number value, int digits) {
+    if constexpr (std::is_floating_point_v<Number>)
+        if (std::isfinite(value))
+            return static_cast<Number>(std::stod(fmt::format("{:.{}e}", value, digits - 1)));
+    return value;
+}
+
+result_cell rounded_cell(const result_cell &cell, std::optional<int> digits) {
+    if (!digits)
+        return cell;
+    return std::visit(
+        [&]<class T>(const T &value) -> result_cell {
+            if constexpr (std::is_floating_point_v<T>)
+                return rounded(value, *digits);
+            else
+                return value;
+        },
+        cell);
+}
+
 template <class Number>
 void append(std::string &out, Number value) {
     // The sign of a NaN tells nothing.
@@ -79,54 +107,117 @@ void append(std::string &out, timestamp value) {
 
 // ---- table --------------------------------------------------------------------------------------
 
-// Columns that a text takes on a terminal, counted as code points.
-std::size_t width_of(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned>(c) & 0xC0) != 0x80;
-    }));
+constexpr std::string_view missing_mark = "NA";
+
+// A text so that it cannot be taken for a missing value or for nothing.
+std::string unmistakable(std::string text) {
+    if (!text.empty() && text != missing_mark && text.front() != '"')
+        return text;
+    std::string quoted = "\"";
+    for (const char c : text)
+        quoted.append(c == '"' ? 2 : 1, c);
+    return quoted + '"';
 }
 
-std::string table_text(const result_cell &cell) {
-    std::string text;
-    append_text(text, cell);
+std::string table_text(const result_cell &cell, std::optional<int> digits) {
     if (std::holds_alternative<std::monostate>(cell))
-        text = "NA";
-    for (char &c : text)
-        if (c == '\n' || c == '\r' || c == '\t')
-            c = ' ';
-    return text;
+        return std::string(missing_mark);
+    std::string text;
+    append_text(text, rounded_cell(cell, digits));
+    if (std::holds_alternative<std::string_view>(cell))
+        text = unmistakable(std::move(text));
+    return terminal_text(text);
 }
 
-void print_table(const result_table &result, printer &out) {
+// Text is aligned to the left, everything else to the right.
+void pad(std::string &line, const std::string &text, std::size_t width, bool left) {
+    const std::size_t padding = width - std::min(width, terminal_width(text));
+    if (!left)
+        line.append(padding, ' ');
+    line += text;
+    if (left)
+        line.append(padding, ' ');
+}
+
+// The texts of a column, its title before them.
+std::vector<std::string> texts_of(const result_table &result, const result_column &column,
+                                  const output_style &style) {
+    std::vector<std::string> texts;
+    texts.reserve(result.rows + 1);
+    texts.push_back(terminal_text(column.title));
+    for (std::size_t row = 0; row < result.rows; ++row)
+        texts.push_back(table_text(column.cell(row), style.digits.value_or(readable_digits)));
+    return texts;
+}
+
+std::size_t widest(const std::vector<std::string> &texts, bool titles) {
+    std::size_t width = 0;
+    for (std::size_t i = titles ? 0 : 1; i < texts.size(); ++i)
+        width = std::max(width, terminal_width(texts[i]));
+    return width;
+}
+
+void print_table(const result_table &result, const output_style &style, printer &out) {
+    std::vector<std::vector<std::string>> texts;
     std::vector<std::size_t> widths;
     for (const result_column &column : result.columns) {
-        std::size_t width = width_of(column.title);
-        for (std::size_t row = 0; row < result.rows; ++row)
-            width = std::max(width, width_of(table_text(column.cell(row))));
-        widths.push_back(width);
+        texts.push_back(texts_of(result, column, style));
+        widths.push_back(widest(texts.back(), style.titles));
     }
-    // Text is aligned to the left, everything else to the right.
-    const auto print_row = [&](const auto &text_of) {
+    for (std::size_t row = style.titles ? 0 : 1; row <= result.rows; ++row) {
         std::string &line = out.buffer();
         const std::size_t begin = line.size();
         for (std::size_t i = 0; i < widths.size(); ++i) {
-            const std::string text = text_of(result.columns[i]);
-            const std::size_t padding = widths[i] - width_of(text);
             if (i > 0)
                 line += "  ";
-            if (!result.columns[i].is_text)
-                line.append(padding, ' ');
-            line += text;
-            if (result.columns[i].is_text)
-                line.append(padding, ' ');
+            pad(line, texts[i][row], widths[i], result.columns[i].is_text);
         }
         while (line.size() > begin && line.back() == ' ')
             line.pop_back();
         out.end_row();
+    }
+}
+
+// ---- markdown -----------------------------------------------------------------------------------
+
+std::string markdown_text(const std::string &text) {
+    std::string escaped;
+    for (const char c : text) {
+        if (c == '|' || c == '\\')
+            escaped += '\\';
+        escaped += c;
+    }
+    return escaped;
+}
+
+void print_markdown(const result_table &result, const output_style &style, printer &out) {
+    std::vector<std::vector<std::string>> texts;
+    std::vector<std::size_t> widths;
+    constexpr std::size_t least_width = 3; // of the line below the titles
+    for (const result_column &column : result.columns) {
+        std::vector<std::string> &own = texts.emplace_back(texts_of(result, column, style));
+        std::transform(own.begin(), own.end(), own.begin(), markdown_text);
+        widths.push_back(std::max(least_width, widest(own, true)));
+    }
+    const auto print_row = [&](std::size_t row) {
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            out.buffer() += "| ";
+            pad(out.buffer(), texts[i][row], widths[i], result.columns[i].is_text);
+            out.buffer() += ' ';
+        }
+        out.buffer() += '|';
+        out.end_row();
     };
-    print_row([](const result_column &column) { return column.title; });
-    for (std::size_t row = 0; row < result.rows; ++row)
-        print_row([row](const result_column &column) { return table_text(column.cell(row)); });
+    print_row(0);
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        const bool left = result.columns[i].is_text;
+        out.buffer() += "| ";
+        out.buffer().append(widths[i] - 1, '-').append(left ? "- " : ": ");
+    }
+    out.buffer() += '|';
+    out.end_row();
+    for (std::size_t row = 1; row <= result.rows; ++row)
+        print_row(row);
 }
 
 // ---- csv ----------------------------------------------------------------------------------------
@@ -150,25 +241,77 @@ void append_csv_field(std::string &out, std::string_view text) {
     out += '"';
 }
 
-void print_csv(const result_table &result, printer &out) {
+void print_csv(const result_table &result, const output_style &style, printer &out) {
     std::string text;
-    for (std::size_t i = 0; i < result.columns.size(); ++i) {
+    for (std::size_t i = 0; style.titles && i < result.columns.size(); ++i) {
         if (i > 0)
             out.buffer() += ',';
         append_csv_field(out.buffer(), result.columns[i].title);
     }
-    out.end_row();
+    if (style.titles)
+        out.end_row();
     for (std::size_t row = 0; row < result.rows; ++row) {
+        bool lone_missing = false;
         for (std::size_t i = 0; i < result.columns.size(); ++i) {
             if (i > 0)
                 out.buffer() += ',';
             text.clear();
-            append_text(text, result.columns[i].cell(row));
-            append_csv_field(out.buffer(), text);
+            const result_cell cell = result.columns[i].cell(row);
+            append_text(text, rounded_cell(cell, style.digits));
+            const bool missing = std::holds_alternative<std::monostate>(cell);
+            // An empty text is no missing value.
+            if (text.empty() && !missing)
+                out.buffer() += "\"\"";
+            else
+                append_csv_field(out.buffer(), text);
+            lone_missing = missing && result.columns.size() == 1;
         }
         // A lone empty field must not become a blank line, which readers pass over.
-        if (result.columns.size() == 1 && text.empty())
+        if (lone_missing)
             out.buffer() += "\"\"";
+        out.end_row();
+    }
+}
+
+// ---- tsv ----------------------------------------------------------------------------------------
+
+void append_tsv_field(std::string &out, std::string_view text) {
+    for (const char c : text)
+        switch (c) {
+            case '\t':
+                out += "\\t";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            default:
+                out += c;
+        }
+}
+
+void print_tsv(const result_table &result, const output_style &style, printer &out) {
+    for (std::size_t i = 0; style.titles && i < result.columns.size(); ++i) {
+        if (i > 0)
+            out.buffer() += '\t';
+        append_tsv_field(out.buffer(), result.columns[i].title);
+    }
+    if (style.titles)
+        out.end_row();
+    std::string text;
+    for (std::size_t row = 0; row < result.rows; ++row) {
+        for (std::size_t i = 0; i < result.columns.size(); ++i) {
+            if (i > 0)
+                out.buffer() += '\t';
+            text.clear();
+            append_text(text, rounded_cell(result.columns[i].cell(row), style.digits));
+            append_tsv_field(out.buffer(), text);
+        }
         out.end_row();
     }
 }
@@ -200,25 +343,35 @@ struct to_json {
     }
 };
 
-void print_json(const result_table &result, printer &out) {
+std::string json_object(const result_table &result, std::size_t row, const output_style &style) {
     constexpr auto compact = -1;
     constexpr bool ascii_only = false;
+    nlohmann::ordered_json object = nlohmann::ordered_json::object();
+    for (const result_column &column : result.columns)
+        object[column.title] = std::visit(to_json{}, rounded_cell(column.cell(row), style.digits));
+    // Bytes that are no UTF-8 are shown as such instead of failing the whole output.
+    return object.dump(compact, ' ', ascii_only, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+void print_json(const result_table &result, const output_style &style, printer &out) {
     out.buffer() += '[';
     for (std::size_t row = 0; row < result.rows; ++row) {
-        nlohmann::ordered_json object = nlohmann::ordered_json::object();
-        for (const result_column &column : result.columns)
-            object[column.title] = std::visit(to_json{}, column.cell(row));
         if (row > 0) {
             out.buffer() += ',';
             out.end_row();
             out.buffer() += ' ';
         }
-        // Bytes that are no UTF-8 are shown as such instead of failing the whole output.
-        out.buffer() +=
-            object.dump(compact, ' ', ascii_only, nlohmann::ordered_json::error_handler_t::replace);
+        out.buffer() += json_object(result, row, style);
     }
     out.buffer() += ']';
     out.end_row();
+}
+
+void print_json_lines(const result_table &result, const output_style &style, printer &out) {
+    for (std::size_t row = 0; row < result.rows; ++row) {
+        out.buffer() += json_object(result, row, style);
+        out.end_row();
+    }
 }
 
 } // namespace
@@ -227,17 +380,26 @@ void append_text(std::string &out, const result_cell &cell) {
     std::visit([&out](const auto &value) { append(out, value); }, cell);
 }
 
-void print(const result_table &result, output_format format, std::FILE *file) {
+void print(const result_table &result, const output_style &style, std::FILE *file) {
     printer out(file);
-    switch (format) {
+    switch (style.format) {
         case output_format::table:
-            print_table(result, out);
+            print_table(result, style, out);
+            break;
+        case output_format::markdown:
+            print_markdown(result, style, out);
             break;
         case output_format::csv:
-            print_csv(result, out);
+            print_csv(result, style, out);
+            break;
+        case output_format::tsv:
+            print_tsv(result, style, out);
             break;
         case output_format::json:
-            print_json(result, out);
+            print_json(result, style, out);
+            break;
+        case output_format::jsonl:
+            print_json_lines(result, style, out);
             break;
     }
     out.flush();

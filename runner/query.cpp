@@ -2,6 +2,7 @@
 
 #include "load_fault.h"
 #include "nearest_name.h"
+#include "notes.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -45,7 +46,9 @@ named_aggregate resolve(const std::string &name, bool all_rows, std::string_view
         found->parameter = percent / 100;
         return *found;
     }
-    fail("{}: there is no aggregate '{}{}'; there are:{}", asked_by, name, all_rows ? "(*)" : "",
+    const auto nearest = nearest_name(aggregate_names(), plain);
+    fail("{}: there is no aggregate '{}{}'{}; there are:{}", asked_by, name, all_rows ? "(*)" : "",
+         nearest && !all_rows ? fmt::format(" (did you mean {}?)", *nearest) : "",
          aggregate_overview());
 }
 
@@ -131,9 +134,9 @@ void refuse_nan(const bound_aggregate &aggregate, const loaded_columns &loaded) 
 void check_order(const query &asked, const bound_aggregate &aggregate,
                  const loaded_columns &loaded) {
     const table_column &column = loaded.data.columns[aggregate.columns.front()];
-    if (!asked.drop_missing && column.missing > 0)
-        fail("{} has {} missing value{} in {} rows, and {} takes none; --drop-na leaves such rows "
-             "out, for this column's order statistics alone",
+    if (asked.strict && column.missing > 0)
+        fail("{} has {} missing value{} in {} rows, and with --strict {} takes none; without it "
+             "such rows are left out, for this column's order statistics alone",
              about(aggregate, loaded), column.missing, column.missing == 1 ? "" : "s",
              loaded.data.rows, aggregate.name);
     refuse_nan(aggregate, loaded);
@@ -149,6 +152,32 @@ void refuse_rounded_keys(std::size_t place, const std::string &title,
              "taken for another one; give --types '{}:str'",
              loaded.source.name(), wide->line, title, place + 1, loaded.header.names[place],
              shown(wide->cell), loaded.header.names[place]);
+}
+
+// Of which columns order statistics leave something out.
+void note_missing(const query &asked, const loaded_columns &loaded) {
+    std::vector<std::size_t> columns;
+    for (const bound_aggregate &aggregate : asked.aggregates)
+        if (aggregate.rule->of == table::family::order)
+            add_once(columns, aggregate.columns.front());
+    for (const std::size_t place : columns)
+        if (const std::uint64_t missing = loaded.data.columns[place].missing; missing > 0)
+            tell_note(fmt::format("{}: column {} ({}) has {} missing value{} in {} rows, which "
+                                  "order statistics leave out; --drop-na says no more of it, "
+                                  "--strict refuses it",
+                                  loaded.source.name(), place + 1, loaded.header.names[place],
+                                  missing, missing == 1 ? "" : "s", loaded.data.rows));
+}
+
+// Keys are shown as the numbers they were read as.
+void note_respelled(const query &asked, const loaded_columns &loaded) {
+    for (const std::size_t place : asked.group_by)
+        if (const auto &cell = loaded.data.columns[place].respelled)
+            tell_note(fmt::format("{}: column {} ({}): '{}' and perhaps other keys were read as "
+                                  "numbers and are printed in another spelling; --types '{}:str' "
+                                  "keeps each as it is",
+                                  loaded.source.name(), place + 1, loaded.header.names[place],
+                                  shown(*cell), loaded.header.names[place]));
 }
 
 } // namespace
@@ -188,6 +217,7 @@ query bind_query(const options &request, const csv_header &header, const source_
     query result;
     result.sorted = request.sort;
     result.drop_missing = request.drop_missing;
+    result.strict = request.strict;
     for (const std::string &name : request.group_by)
         add_once(result.group_by, find_column(header, source, name, "--group-by"));
     for (const aggregate_call &call : request.aggregates) {
@@ -250,6 +280,9 @@ void check_columns(const query &asked, const loaded_columns &loaded) {
             if (aggregate.rule->of == table::family::distinct)
                 refuse_rounded_keys(column, aggregate.title, loaded);
         }
+    if (!asked.drop_missing)
+        note_missing(asked, loaded);
+    note_respelled(asked, loaded);
 }
 
 } // namespace vask::runner

@@ -25,7 +25,8 @@ struct bound_aggregate {
 struct query {
     std::vector<std::size_t> group_by; //!< columns by their place in the file
     bool sorted = false;               //!< groups by their columns, not by first row
-    bool drop_missing = false;         //!< leave out rows that an order statistic cannot take
+    bool strict = false;               //!< order statistics refuse columns with missing values
+    bool drop_missing = false;         //!< else they leave these out; with it, nobody is told
     std::vector<bound_aggregate> aggregates;
 
     //! Which of the file's columns are needed.
@@ -54,7 +55,7 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
                   std::size_t column, const loaded_columns &loaded);
 
 //! Checks that every aggregate can work on its columns: on their types, and on their missing
-//! values. Throws user_error.
+//! values, of which notes tell. Throws user_error.
 void check_columns(const query &asked, const loaded_columns &loaded);
 
 } // namespace vask::runner

@@ -69,11 +69,13 @@ private:
         for (std::size_t i = 0; i < types.size(); ++i)
             plan_.push_back({.wanted = request_.wanted[i],
                              .type = types[i],
-                             .keep_zeros = request_.keep_zeros});
+                             .keep_zeros = request_.keep_zeros,
+                             .is_key = i < request_.keys.size() && request_.keys[i]});
         for (const auto &[column, type] : request_.forced) {
             plan_[column].type = type;
             plan_[column].forced = true;
             plan_[column].keep_zeros = false;
+            plan_[column].is_key = false;
         }
         table_.columns.resize(plan_.size());
     }
@@ -157,6 +159,9 @@ private:
         table_column &column = table_.columns[i];
         column.type = plan_[i].type;
         column.missing = missing;
+        for (const chunk_outcome &outcome : outcomes)
+            if (!column.respelled)
+                column.respelled = outcome.columns[i].respelled;
         if (column.type == column_type::str) {
             column.values = texts_[i]->finish();
             texts_[i].reset();

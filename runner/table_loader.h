@@ -23,6 +23,8 @@ struct load_request {
     std::vector<bool> wanted;
     //! Types asked for, by place; the others are inferred.
     std::vector<std::pair<std::size_t, column_type>> forced;
+    //! Columns whose values are printed as keys, by place; none: there are none.
+    std::vector<bool> keys{};
     missing_words missing{{"", "NA", "NaN"}};
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
     bool keep_zeros = true;
@@ -36,6 +38,8 @@ struct table_column {
     column_type type{};
     std::uint64_t missing = 0;
     refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
+    //! Of a key whose type was inferred: a cell that is not how its number is printed.
+    std::optional<std::string> respelled{};
 };
 
 struct loaded_table {

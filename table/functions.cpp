@@ -109,16 +109,18 @@ constexpr std::array<function_rule, 51> rules{{
     part_of_state("state.weights", 2, result_rule::number),
 }};
 
-constexpr std::array<function_alias, 36> aliases{{
+constexpr std::array<function_alias, 39> aliases{{
     {"len", "size", {}},
     {"avg", "mean", {}},
     {"average", "mean", {}},
     {"wavg", "weighted_mean", {}},
+    {"n", "count", {}},
     {"nunique", "count_distinct", {}},
     {"n_unique", "count_distinct", {}},
     {"minimum", "min", {}},
     {"maximum", "max", {}},
     {"std", "stdev", {}},
+    {"sd", "stdev", {}},
     {"stddev", "stdev", {}},
     {"stddev_samp", "stdev", {}},
     {"sstdev", "stdev", {}},
@@ -140,6 +142,7 @@ constexpr std::array<function_alias, 36> aliases{{
     {"covar_pop", "covarp", {}},
     {"pcov", "covarp", {}},
     {"corr", "correl", {}},
+    {"cor", "correl", {}},
     {"pearson", "correl", {}},
     {"ppearson", "correl", {}},
     {"any_value", "any", {}},

@@ -36,6 +36,68 @@ TEST(Command, FormatsAndInputs) {
     EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "a,x,a\n1,2,3\n").out, "sum(x)\n     2\n");
 }
 
+TEST(Command, OrderAndLimitOfRows) {
+    const std::string csv = "g,x\nb,2\na,\nc,nan\nd,7\ne,2\n";
+    const auto rows = [&](std::vector<std::string> more) {
+        more.insert(more.end(),
+                    {"-", "--na", "", "-g", "g", "-a", "sum(x)", "-f", "csv", "--no-header"});
+        const outcome told = vask(more, csv);
+        return told.err + told.out;
+    };
+    EXPECT_EQ(rows({"--order-by", "sum(x)"}), "b,2\ne,2\nd,7\nc,nan\na,\n");
+    EXPECT_EQ(rows({"--order-by", "sum(x)", "--desc"}), "d,7\nb,2\ne,2\nc,nan\na,\n");
+    EXPECT_EQ(rows({"--top", "2"}), "d,7\nb,2\n");
+    EXPECT_EQ(rows({"--order-by", "g", "--desc", "--limit", "1"}), "e,2\n");
+    EXPECT_EQ(rows({"-s", "--limit", "2"}), "a,\nb,2\n");
+    EXPECT_EQ(rows({"--limit", "0"}), "");
+    EXPECT_EQ(rows({"--limit", "9", "--desc"}), "e,2\nd,7\nc,nan\na,\nb,2\n");
+}
+
+TEST(Command, UsualNames) {
+    const std::string csv = "x,y\n1,2\n2,4\n4,9\n";
+    EXPECT_EQ(vask({"-", "-f", "csv", "--no-header", "-a",
+                    "p50(x),p12.5(x),avg(x),n(x),nunique(x),quantile(x,0.5)"},
+                   csv)
+                  .out,
+              "2,1.25,2.3333333333333335,3,3,2\n");
+    for (const auto &[usual, own] :
+         {std::pair{"sd(x),std(y)", "stdev(x),stdev(y)"}, std::pair{"var(x)", "variance(x)"},
+          std::pair{"cor(x,y),corr(x,y)", "correl(x,y),correl(y,x)"}})
+        EXPECT_EQ(vask({"-", "-f", "csv", "--no-header", "-a", usual}, csv).out,
+                  vask({"-", "-f", "csv", "--no-header", "-a", own}, csv).out);
+    EXPECT_EQ(vask({"-", "-f", "csv", "--no-header", "--types", "x:float,y:string", "-a",
+                    "max(x),max(y),sum(x)"},
+                   csv)
+                  .out,
+              "4,9,7\n");
+    EXPECT_EQ(
+        vask({"-", "--types", "t:date,b:bool", "-f", "csv", "--no-header", "-a", "max(t),sum(b)"},
+             "t,b\n2024-01-02,true\n2023-01-02,f\n")
+            .out,
+        "2024-01-02 00:00:00,1\n");
+}
+
+TEST(Command, NotesOnStandardError) {
+    const std::string csv = "k,x\n1.10,1\n2,\n2,4\n";
+    const outcome noted = vask({"-", "-g", "k", "-a", "median(x),mode(x)", "-f", "csv"}, csv);
+    EXPECT_EQ(noted.status, 0);
+    EXPECT_EQ(noted.out, "k,median(x),mode(x)\n1.1,1,\n2,4,\n");
+    EXPECT_TRUE(holds(noted.err, "column 2 (x) has 1 missing value in 3 rows")) << noted.err;
+    EXPECT_EQ(noted.err.find("missing value"), noted.err.rfind("missing value")) << noted.err;
+    EXPECT_TRUE(holds(noted.err, "column 1 (k): '1.10'")) << noted.err;
+    EXPECT_EQ(
+        vask({"-", "-g", "k", "-a", "median(x)", "--drop-na", "--types", "k:str", "-f", "csv"}, csv)
+            .err,
+        "");
+    EXPECT_EQ(vask({"-", "-g", "k", "-a", "sum(x)"}, "k,x\n0.5,1\n-2.25,1\n1e+20,2\n").err, "");
+}
+
+TEST(Command, StandardInputWhenNoFileIsNamed) {
+    EXPECT_EQ(vask({"-a", "sum(x)", "-t", ";", "-f", "csv"}, "x;y\n1;2\n3;4\n").out, "sum(x)\n4\n");
+    EXPECT_EQ(vask({"--agg", "sum(2020)", "--header"}, "place,2020\nOslo,1\n").out,
+              "sum(2020)\n        1\n");
+}
+
 TEST(Command, SumsOfAllTypesAndThreads) {
     std::string csv = "x\n";
     for (int i = 0; i < 120'000; ++i)
@@ -364,9 +426,20 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)", "--threads", "0"}, "x\n1\n", {"--threads"}},
         {{"-", agg, "sum(x)", "--sep", "ab"}, "x\n1\n", {"--sep", "ab"}},
         {{"-", agg, "sum(x)", "--sep", ""}, "x\n1\n", {"--sep", "nothing"}},
-        {{"-", agg, "mode(x)"},
+        {{"-", agg, "mode(x)", "--strict"},
          "y,x\n1,1\n1,\n1,\n",
-         {"mode(x): column 2 (x) has 2 missing values in 3 rows", "--drop-na"}},
+         {"mode(x): column 2 (x) has 2 missing values in 3 rows", "--strict"}},
+        {{"-", agg, "medain(x)"}, "x\n1\n", {"did you mean median?"}},
+        {{"-", agg, "sum(x)", "--digits", "0"}, "x\n1\n", {"--digits", "from 1 to 17"}},
+        {{"-", agg, "sum(x)", "--limit", "-1"}, "x\n1\n", {"--limit: '-1'"}},
+        {{"-", agg, "sum(x)", "--order-by", "sum(y)"},
+         "x,y\n1,2\n",
+         {"--order-by", "no column 'sum(y)'", "'sum(x)'"}},
+        {{"-", agg, "sum(x)", "--top", "1", "--limit", "2"}, "x\n1\n", {"one of the two"}},
+        {{"-", agg, "sum(x)"},
+         "Oslo,7\nBergen,8\n",
+         {":1: the first line looks like data: column 2 is '7'", "'8' below", "--header"}},
+        {{"-", agg, "sum(x)"}, "\x1f\x8b\x08", {"compressed by gzip", "zcat"}},
         {{"-", agg, "median(x)", "--drop-na"}, "x\n1\nnan\n", {"(x) has 1 NaN", "--na"}},
         {{"-", agg, "median(x)"}, "x\na\n", {"median takes", "timestamp"}},
         {{"-", agg, "quartile(x)"}, "x\n1\n", {"written quartile(x,q)"}},
