@@ -27,9 +27,16 @@ bool is_printed_as(T value, std::string_view cell) {
 class chunk_reader {
 public:
     chunk_reader(const record_chunk &chunk, const missing_words &missing,
-                 const std::vector<column_target> &targets, std::uint64_t first_row)
-        : missing_(missing), targets_(targets), first_row_(first_row) {
+                 const std::vector<column_target> &targets, std::uint64_t first_row,
+                 const row_filter *filter)
+        : missing_(missing), targets_(targets), first_row_(first_row), filter_(filter) {
         outcome_.columns.resize(targets.size());
+        if (filter != nullptr) {
+            filter_cells_.resize(filter->columns().size());
+            slots_.resize(targets.size(), no_slot);
+            for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot)
+                slots_[filter->columns()[slot]] = slot;
+        }
         bool has_text = false;
         for (std::size_t i = 0; i < targets.size(); ++i) {
             outcome_.columns[i].needed = targets[i].type;
@@ -42,11 +49,16 @@ public:
         if (has_text)
             outcome_.text_memory = std::make_shared_for_overwrite<char[]>(chunk.end - chunk.begin);
         text_end_ = outcome_.text_memory.get();
+        row_text_ = text_end_;
     }
 
     void field(std::string_view cell) {
         const std::size_t i = column_++;
-        if (i >= targets_.size() || !targets_[i].wanted || outcome_.fault)
+        if (i >= targets_.size() || outcome_.fault)
+            return;
+        if (filter_ != nullptr && slots_[i] != no_slot)
+            filter_cells_[slots_[i]] = {std::string(cell), missing_.contains(cell)};
+        if (!targets_[i].wanted)
             return;
         if (targets_[i].type == column_type::str)
             store_text(cell, i);
@@ -59,22 +71,60 @@ public:
         if (outcome_.fault)
             return;
         if (column_ != targets_.size())
-            outcome_.fault =
-                load_fault{load_fault::kind::ragged, outcome_.records, column_, 0, {}, {}, 0};
+            outcome_.fault = load_fault{load_fault::kind::ragged, parsed_, column_, 0, {}, {}, 0};
         column_ = 0;
-        ++outcome_.records;
+        const bool kept = filter_ == nullptr || outcome_.fault || keeps_row();
+        ++parsed_;
+        if (kept)
+            ++outcome_.records;
+        if (filter_ == nullptr)
+            return;
+        if (!kept)
+            take_back_row();
+        row_missing_.clear();
+        row_text_ = text_end_;
     }
 
     bool stopped() const { return outcome_.fault.has_value(); }
 
     //! Records that the text cannot be parsed from this place on.
     void refuse(load_fault::kind what, std::size_t position) {
-        outcome_.fault = load_fault{what, outcome_.records, 0, column_, {}, {}, position};
+        outcome_.fault = load_fault{what, parsed_, 0, column_, {}, {}, position};
     }
 
     chunk_outcome take_outcome() { return std::move(outcome_); }
 
 private:
+    bool keeps_row() {
+        std::optional<row_filter::misfit> misfit;
+        const bool kept = filter_->keeps(filter_cells_, misfit);
+        if (misfit) {
+            load_fault &fault = outcome_.fault.emplace();
+            fault.what = load_fault::kind::uncomparable;
+            fault.record = parsed_;
+            fault.column = filter_->columns()[misfit->slot];
+            fault.cell = filter_cells_[misfit->slot].text;
+            fault.wanted = misfit->kind;
+        }
+        return kept;
+    }
+
+    // The next row is stored where this one was.
+    void take_back_row() {
+        for (const std::size_t i : row_missing_)
+            --outcome_.columns[i].missing;
+        for (std::size_t i = 0; i < targets_.size(); ++i)
+            if (targets_[i].wanted && targets_[i].type == column_type::str)
+                outcome_.columns[i].texts.pop_back();
+        text_end_ = row_text_;
+    }
+
+    void count_missing(std::size_t i) {
+        ++outcome_.columns[i].missing;
+        if (filter_ != nullptr)
+            row_missing_.push_back(i);
+    }
+
     template <class T>
     T *place(std::size_t column) const {
         return static_cast<T *>(targets_[column].values) + first_row_ + outcome_.records;
@@ -86,7 +136,7 @@ private:
         // A number can be listed as a missing word, so the list comes first.
         if (missing_.contains(cell)) {
             std::memcpy(&value, BATatoms[type_code(targets_[i].type)].atom_null, sizeof value);
-            ++outcome_.columns[i].missing;
+            count_missing(i);
         } else if (!read_cell(cell, value) || (targets_[i].keep_zeros && has_leading_zero(cell))) {
             misfit(cell, i);
             return;
@@ -101,12 +151,11 @@ private:
         column_outcome &column = outcome_.columns[i];
         if (missing_.contains(cell)) {
             column.texts.emplace_back(nil_text_);
-            ++column.missing;
+            count_missing(i);
             return;
         }
         if (cell == nil_text_) {
-            outcome_.fault =
-                load_fault{load_fault::kind::nil_text, outcome_.records, 0, i, {}, {}, 0};
+            outcome_.fault = load_fault{load_fault::kind::nil_text, parsed_, 0, i, {}, {}, 0};
             return;
         }
         column.texts.emplace_back(text_end_, cell.size());
@@ -116,8 +165,8 @@ private:
     void misfit(std::string_view cell, std::size_t i) {
         const column_target &target = targets_[i];
         if (target.forced)
-            outcome_.fault = load_fault{load_fault::kind::bad_cell, outcome_.records, 0, i,
-                                        std::string(cell),          target.type,      0};
+            outcome_.fault = load_fault{load_fault::kind::bad_cell, parsed_,     0, i,
+                                        std::string(cell),          target.type, 0};
         else
             outcome_.columns[i].needed =
                 std::max(outcome_.columns[i].needed, inferred_type(cell, target.keep_zeros));
@@ -127,8 +176,16 @@ private:
     const std::vector<column_target> &targets_;
     const std::uint64_t first_row_;
     const std::string_view nil_text_ = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
+    std::uint64_t parsed_ = 0; // records, kept or not
     std::size_t column_ = 0;   // of the next field
     char *text_end_ = nullptr; // of the used text memory
+
+    static constexpr std::size_t no_slot = static_cast<std::size_t>(-1);
+    const row_filter *filter_;
+    std::vector<std::size_t> slots_; // by column, the place of its cell among the filter's
+    std::vector<row_filter::cell> filter_cells_;
+    std::vector<std::size_t> row_missing_; // columns in which this row has no value
+    char *row_text_ = nullptr;             // where this row's texts begin
     chunk_outcome outcome_;
 };
 
@@ -136,8 +193,9 @@ private:
 
 chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
                          const csv_dialect &dialect, const missing_words &missing,
-                         const std::vector<column_target> &targets, std::uint64_t first_row) {
-    chunk_reader reader(chunk, missing, targets, first_row);
+                         const std::vector<column_target> &targets, std::uint64_t first_row,
+                         const row_filter *filter) {
+    chunk_reader reader(chunk, missing, targets, first_row, filter);
     csv_parser parser(dialect, reader);
     const std::size_t size = chunk.end - chunk.begin;
     const std::size_t good = parser.feed(text.substr(chunk.begin, size));

@@ -5,6 +5,7 @@
 #include "csv_parser.h"
 #include "load_fault.h"
 #include "record_chunks.h"
+#include "row_filter.h"
 
 #include <cstdint>
 #include <memory>
@@ -38,16 +39,17 @@ struct column_outcome {
 };
 
 struct chunk_outcome {
-    std::uint64_t records = 0;
+    std::uint64_t records = 0; //!< that were kept
     std::vector<column_outcome> columns;
     std::shared_ptr<char[]> text_memory;
     std::optional<load_fault> fault; // with it the rest is not of use
 };
 
-//! Parses one chunk and stores its values from row `first_row` on. Chunks can be read at the same
-//! time.
+//! Parses one chunk and stores its values from row `first_row` on, of the rows that `filter` keeps
+//! or, if it is null, of all. Chunks can be read at the same time.
 chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
                          const csv_dialect &dialect, const missing_words &missing,
-                         const std::vector<column_target> &targets, std::uint64_t first_row);
+                         const std::vector<column_target> &targets, std::uint64_t first_row,
+                         const row_filter *filter = nullptr);
 
 } // namespace vask::runner

@@ -24,6 +24,11 @@ public:
     //! How the columns were read; before load(), without any column.
     const load_request &loading() const noexcept { return loading_; }
 
+    //! Has only the rows loaded that the filter keeps.
+    void keep_rows(std::shared_ptr<const row_filter> filter) {
+        loading_.filter = std::move(filter);
+    }
+
     //! Loads the columns at these places in the file. Types that were asked for by name hold for
     //! columns of this file; without `keep_zeros`, leading zeros mean nothing in the others. Of
     //! `keys`, it is found out whether they are printed as they were read. Throws user_error.

@@ -141,6 +141,14 @@ std::string describe(const load_fault &fault, const source_text &source, const c
             return at_line(record_line(no_field), describe_ragged(fault, header, dialect));
         case load_fault::kind::bad_cell:
             return at_line(record_line(fault.column), describe_bad_cell(fault, header));
+        case load_fault::kind::uncomparable:
+            return at_line(record_line(fault.column),
+                           fmt::format("--where: column {} ({}): '{}' is no {}, but is compared "
+                                       "with one; add it to the list of missing values with "
+                                       "--na{}, or compare with a text in quotes",
+                                       fault.column + 1, header.names[fault.column],
+                                       shown(fault.cell), fault.wanted,
+                                       as_missing_item(fault.cell)));
         case load_fault::kind::nil_text:
             return at_line(record_line(fault.column), describe_nil_text(fault, header));
         case load_fault::kind::stray_quote:

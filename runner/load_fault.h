@@ -9,24 +9,27 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace vask::runner {
 
 struct load_fault {
     enum class kind {
-        ragged,      // another number of fields than the header
-        bad_cell,    // no value of the type that was asked for
-        nil_text,    // a text that the kernel takes for a missing one
-        stray_quote, // a quote inside an unquoted field, or text behind a closing quote
-        open_quote   // a quoted field that the file's end cuts off
+        ragged,       // another number of fields than the header
+        bad_cell,     // no value of the type that was asked for
+        uncomparable, // a cell that a filter compares with what it is no value of
+        nil_text,     // a text that the kernel takes for a missing one
+        stray_quote,  // a quote inside an unquoted field, or text behind a closing quote
+        open_quote    // a quoted field that the file's end cuts off
     };
     kind what;
-    std::uint64_t record = 0; // counted from the chunk's first
-    std::size_t fields = 0;   // ragged: how many there are
-    std::size_t column = 0;   // bad_cell, nil_text
-    std::string cell;         // bad_cell: its text
-    column_type type{};       // bad_cell: what it should have been
-    std::size_t position = 0; // stray_quote: place in the text
+    std::uint64_t record = 0;  // counted from the chunk's first
+    std::size_t fields = 0;    // ragged: how many there are
+    std::size_t column = 0;    // bad_cell, uncomparable, nil_text
+    std::string cell;          // bad_cell, uncomparable: its text
+    column_type type{};        // bad_cell: what it should have been
+    std::size_t position = 0;  // stray_quote: place in the text
+    std::string_view wanted{}; // uncomparable: what it should have been
 };
 
 //! The message for a fault: file, line, column, what it is and what to do. Finding the line parses

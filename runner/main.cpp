@@ -98,6 +98,11 @@ void run_aggregates(const options &request, const explain_log &explain) {
     if (looks_up)
         wanted[looked_up] = true;
     const table::operator_set operators = operators_of(request, explain);
+    if (request.where)
+        file.keep_rows(
+            std::make_shared<const row_filter>(*request.where, [&](const std::string &name) {
+                return find_column(file.header(), file.source(), name, "--where");
+            }));
     std::vector<bool> keys(columns, false);
     for (const std::size_t column : asked.group_by)
         if (column < columns)

@@ -160,6 +160,9 @@ void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("-g,--group-by", raw.group_by, "Columns whose equal values make up a group")
         ->type_name("COLUMNS");
+    app.add_option("-w,--where", result.where,
+                   "Load only rows that fulfil a condition, e.g. 'v1 > 5 and city != \"Oslo\"'")
+        ->type_name("CONDITION");
     app.add_flag("-s,--sort", result.sort,
                  "Print groups in ascending order of their columns (default: as they first occur)");
     app.add_flag("--drop-na", result.drop_missing,

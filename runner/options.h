@@ -31,6 +31,7 @@ struct options {
     std::string file;
     //! Of `vask union`: the columns; without any, the request is one of aggregates.
     std::vector<std::string> union_columns;
+    std::optional<std::string> where; //!< a condition on rows; none: all
     std::vector<aggregate_call> aggregates;
     std::vector<std::string> group_by;
     bool sort = false;

@@ -141,8 +141,9 @@ private:
 
     chunk_outcome read_one(std::size_t i) {
         const record_chunk &chunk = chunks_[i];
-        chunk_outcome outcome = read_chunk(source_.text(), chunk, request_.dialect,
-                                           request_.missing, plan_, first_rows_[i]);
+        chunk_outcome outcome =
+            read_chunk(source_.text(), chunk, request_.dialect, request_.missing, plan_,
+                       first_rows_[i], request_.filter.get());
         // Chunks before this one still run, so the file's first fault is the one that is told.
         if (outcome.fault)
             throw user_error(describe(*outcome.fault, source_, header_, request_.dialect, chunk));

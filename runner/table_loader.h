@@ -4,12 +4,14 @@
 #include "cell_values.h"
 #include "csv_header.h"
 #include "csv_parser.h"
+#include "row_filter.h"
 #include "source_text.h"
 
 #include "vask/embed.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -25,6 +27,8 @@ struct load_request {
     std::vector<std::pair<std::size_t, column_type>> forced;
     //! Columns whose values are printed as keys, by place; none: there are none.
     std::vector<bool> keys{};
+    //! Which rows are loaded; null: all. Types are inferred from all rows.
+    std::shared_ptr<const row_filter> filter{};
     missing_words missing{{"", "NA", "NaN"}};
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
     bool keep_zeros = true;
