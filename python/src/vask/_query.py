@@ -135,6 +135,18 @@ class Query:
                 print(f"vask: {note}", file=sys.stderr)
         return Result(handle, notes, self.by)
 
+    def partial(self) -> Result:
+        """The states of the aggregates by key, of rows that are a part of all."""
+        notes: list[str] = []
+        table = self.source.table(self.columns())
+        check_types(self.requests, table.types)
+        return self.finish(self._call(_library.library.vask_partial, table, notes), notes)
+
+    def merge(self, states: Sequence[NativeTable], finish: bool) -> Result:
+        """States of parts brought together: states again, or with ``finish`` the result."""
+        notes: list[str] = []
+        return self.finish(self._merge(states, finish, notes), notes)
+
     # ---- one table ------------------------------------------------------------------------
 
     def _structure(self, table: Optional[NativeTable], notes: list[str]) -> tuple[Any, Any]:
