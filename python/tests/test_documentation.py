@@ -2,7 +2,10 @@
 
 import doctest
 import importlib
+import importlib.util
+import os
 import pkgutil
+import shutil
 from pathlib import Path
 
 import pytest
@@ -18,10 +21,24 @@ def test_pages(page):
     assert run(ROOT / page) > 0
 
 
+def test_page_of_the_engines():
+    pytest.importorskip("distributed")
+    pytest.importorskip("pyspark")
+    if not (shutil.which("java") or os.environ.get("JAVA_HOME")):
+        pytest.skip("Spark needs a Java")
+    assert run(ROOT / "docs" / "engines.md") == 2
+
+
+#: Modules that need what they are called after.
+ENGINES = {"vask.dask": "distributed", "vask.spark": "pyspark"}
+
+
 def test_docstrings():
     attempted = 0
     for module in pkgutil.iter_modules(vask.__path__, "vask."):
         if module.name == "vask.__main__":
+            continue
+        if not importlib.util.find_spec(ENGINES.get(module.name, "vask")):
             continue
         outcome = doctest.testmod(importlib.import_module(module.name))
         assert outcome.failed == 0, module.name
