@@ -113,7 +113,8 @@ constexpr std::string_view missing_mark = "NA";
 std::string unmistakable(std::string text) {
     if (!text.empty() && text != missing_mark && text.front() != '"')
         return text;
-    std::string quoted = "\"";
+    std::string quoted;
+    quoted.push_back('"');
     for (const char c : text)
         quoted.append(c == '"' ? 2 : 1, c);
     return quoted + '"';

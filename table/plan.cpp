@@ -692,7 +692,8 @@ private:
             return std::move(made).finish(
                 {.nil = values.missing > 0, .nonil = values.missing == 0});
         });
-        return call(function(asked.rule->name == "all_true" ? "min" : "max"), {&truths});
+        return call(function(asked.rule->name == "all_true" ? "min" : "max"), {&truths},
+                    about(asked));
     }
 
     // `work` gives a value of the group's values, of which there is at least one.
