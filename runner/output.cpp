@@ -110,9 +110,9 @@ void append(std::string &out, timestamp value) {
 constexpr std::string_view missing_mark = "NA";
 
 // A text so that it cannot be taken for a missing value or for nothing.
-std::string unmistakable(std::string text) {
+std::string unmistakable(std::string_view text) {
     if (!text.empty() && text != missing_mark && text.front() != '"')
-        return text;
+        return std::string(text);
     std::string quoted;
     quoted.push_back('"');
     for (const char c : text)
