@@ -221,24 +221,26 @@ private:
             oid *cells = rows_.cells;
             BUN group = std::accumulate(begun.begin(), begun.begin() + i, BUN{0});
             for_each_block(range, [&](BUN block, BUN n) {
-                // Of the rows with which groups begin. Whether one does is no branch.
-                std::array<BUN, block_rows> firsts;
+                // Of the groups that begin with a row of the block. Whether one does is no branch.
+                std::array<oid, block_rows> ids;
+                std::array<wrd, block_rows> counts;
                 std::size_t found = 0;
                 for (BUN row = block; row < block + n; ++row) {
                     const BUN place = places[cells[row]]++;
                     __builtin_prefetch(from.rows + place + fetched_ahead);
                     __builtin_prefetch(from.keys + place + fetched_ahead / 2);
                     const BUN first = from.rows[place];
-                    cells[row] = heads[first];
-                    firsts[found] = place;
+                    const oid id = heads[first];
+                    cells[row] = id;
+                    ids[found] = id;
+                    counts[found] = count_of(from.keys[place]);
                     found += first == row;
                 }
                 if (extents.ids == nullptr)
                     return;
-                for (std::size_t k = 0; k < found; ++k, ++group) {
-                    extents.ids[group] = heads[from.rows[firsts[k]]];
-                    extents.counts[group] = count_of(from.keys[firsts[k]]);
-                }
+                std::copy_n(ids.begin(), found, extents.ids + group);
+                std::copy_n(counts.begin(), found, extents.counts + group);
+                group += static_cast<BUN>(found);
             });
         });
     }
