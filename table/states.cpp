@@ -173,7 +173,9 @@ value_rows values_by_key(std::size_t function, std::int64_t rows, std::vector<co
                          const column_pointer &value, asked_function counted, unsigned flags,
                          const query_context &context) {
     query inner;
-    inner.flags = flags & ~unsigned{VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS | VASK_KEEP_NULLS};
+    // Numbers of rows are int64 in all states.
+    inner.flags = flags & ~unsigned{VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS | VASK_KEEP_NULLS |
+                                    VASK_WIDE_SUMS};
     inner.by = std::move(by);
     inner.by.push_back(value);
     inner.functions.push_back(std::move(counted));
@@ -297,7 +299,9 @@ std::optional<double> moment_of(const function_rule &rule, const merged_moments 
     const bool population = rule.name.back() == 'p';
     const double n = of.n;
     if (rule.name.substr(0, 4) == "skew") {
-        if (n <= (population ? 1 : 2) || !(n * n * of.m2 >= smallest_spread))
+        if (n <= (population ? 1 : 2))
+            return std::nullopt;
+        if (!(n * n * of.m2 >= smallest_spread))
             return of.m2 != of.m2 ? std::optional(of.m2) : std::nullopt;
         const double skew = std::sqrt(n) * of.m3 / std::pow(of.m2, 1.5);
         return population ? skew : skew * std::sqrt(n * (n - 1)) / (n - 2);
@@ -422,18 +426,15 @@ private:
                 add_function(inner, "count_distinct", states_[i].part("value", function.title), i,
                              "distinct");
         }
+        // A query has to ask for something; no state is called so.
         if (inner.by.empty() && inner.functions.empty())
-            add_function(inner, "size", nullptr, 0, "rows");
+            inner.functions.push_back({&function("size"), {}, {}, "rows"});
         return run_query(rows_, inner, context_);
     }
 
     void add_function(query &inner, std::string_view name, const column_pointer &of, std::size_t i,
                       std::string_view part) const {
-        std::vector<column_pointer> columns;
-        if (of != nullptr)
-            columns.push_back(of);
-        inner.functions.push_back(
-            {&function(name), std::move(columns), {}, part_name(i, part, states_[i].type)});
+        inner.functions.push_back({&function(name), {of}, {}, part_name(i, part, states_[i].type)});
     }
 
     bool has_nulls(std::size_t function) const {
