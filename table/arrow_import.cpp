@@ -67,15 +67,20 @@ void require(bool holds, const std::string &name, const char *what) {
         fail(VASK_BAD_DATA, "column '{}': malformed array: {}", shown(name), what);
 }
 
+// Positions up to here can be counted in bytes, whatever the width of values.
+constexpr std::int64_t largest_offset = std::int64_t{1} << 58;
+
 // An array's rows from `offset` on as a piece; `owner` keeps it.
 piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t offset,
                std::int64_t rows, const array_owner &owner, const std::string &name) {
+    require(array.length >= 0 && array.offset >= 0, name, "a negative length or offset");
+    require(rows <= array.length && offset <= array.length - rows, name,
+            "it is shorter than its batch");
+    require(array.offset <= largest_offset - array.length, name, "its offset is too large");
     piece result;
     result.rows = rows;
     result.offset = array.offset + offset;
     result.owner = owner;
-    require(array.length >= 0 && array.offset >= 0, name, "a negative length or offset");
-    require(offset + rows <= array.length, name, "it is shorter than its batch");
     const bool is_index = type.index != kind::null;
     const buffer_rule rule = is_index ? buffer_rule{2, true} : buffers_of(type.values);
     require(array.n_buffers >= rule.buffers && (rule.buffers == 0 || array.buffers != nullptr),
@@ -102,14 +107,13 @@ piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t of
         // The last one holds the others' sizes.
         result.n_view_buffers = array.n_buffers > 3 ? array.n_buffers - 3 : 0;
         result.view_buffers = array.buffers + 2;
-        if (result.n_view_buffers > 0)
+        if (result.n_view_buffers > 0) {
             result.view_sizes =
                 static_cast<const std::int64_t *>(array.buffers[array.n_buffers - 1]);
+            require(result.view_sizes != nullptr, name, "the sizes of its buffers are missing");
+        }
     } else {
-        static constexpr char nothing = 0;
         result.bytes = static_cast<const char *>(array.buffers[2]);
-        if (result.bytes == nullptr)
-            result.bytes = &nothing; // all texts are empty, or the producer is at fault
     }
     return result;
 }
@@ -143,6 +147,9 @@ void add_batch(std::vector<made_column> &columns, const array_owner &batch) {
              columns.size());
     if (array.length < 0 || array.offset < 0)
         fail(VASK_BAD_DATA, "a batch has a negative length or offset");
+    check_rows(array.length);
+    if (array.offset > largest_offset)
+        fail(VASK_BAD_DATA, "a batch's offset is too large");
     const bool nulls = array.null_count != 0 && array.n_buffers > 0 && array.buffers != nullptr &&
                        array.buffers[0] != nullptr;
     for (std::int64_t row = 0; nulls && row < array.length; ++row) {
@@ -195,14 +202,13 @@ streamed_columns columns_of_stream(released<ArrowArrayStream> &stream) {
     streamed_columns result;
     std::int64_t &rows = result.rows;
     while (true) {
-        ArrowArray next{};
-        if (const int code = stream.get()->get_next(stream.get(), &next))
+        // Made before there is anything to lose.
+        const auto batch = std::make_shared<released<ArrowArray>>();
+        if (const int code = stream.get()->get_next(stream.get(), batch->get()))
             stream_failed(*stream.get(), code, "next batch");
-        if (next.release == nullptr)
+        if (!batch->is_there())
             break;
-        const auto batch = std::make_shared<const released<ArrowArray>>(&next);
         add_batch(columns, batch);
-        check_rows((*batch)->length);
         check_rows(rows += (*batch)->length);
     }
     for (made_column &made : columns)

@@ -22,12 +22,13 @@ template <class Record>
 class released {
 public:
     released() = default;
-    explicit released(Record *given) {
+    explicit released(Record *given) noexcept {
         if (given != nullptr) {
             held_ = *given;
             given->release = nullptr;
         }
     }
+    released(released &&other) noexcept : released(&other.held_) {}
     released(const released &) = delete;
     released &operator=(const released &) = delete;
     ~released() {

@@ -77,7 +77,7 @@ std::optional<value_type> parse_decimal(std::string_view digits) {
         if (fault != std::errc{})
             return std::nullopt;
         if (next == end)
-            return i >= 1 && numbers[2] == 128 && numbers[0] > 0
+            return i >= 1 && numbers[2] == 128 && numbers[0] > 0 && numbers[1] >= 0
                        ? std::optional(decimal_type(numbers[0], numbers[1]))
                        : std::nullopt;
         if (*next != ',')

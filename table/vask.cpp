@@ -269,8 +269,9 @@ private:
 using namespace vask::table;
 
 int vask_table_from_stream(ArrowArrayStream *batches, vask_table **table, char **error) {
+    // Taken over first: whatever fails from here on releases it.
+    released<ArrowArrayStream> taken(batches);
     return guarded(error, [&] {
-        released<ArrowArrayStream> taken(batches);
         required(table, "table");
         streamed_columns found = columns_of_stream(taken);
         *table = new vask_table{std::move(found.columns), found.rows};
@@ -283,9 +284,10 @@ int vask_table_new(vask_table **table, char **error) {
 
 int vask_table_add_arrow(vask_table *table, const char *name, ArrowSchema *schema,
                          ArrowArray *array, char **error) {
+    const released<ArrowSchema> taken_schema(schema);
+    released<ArrowArray> taken_array(array);
     return guarded(error, [&] {
-        const released<ArrowSchema> taken_schema(schema);
-        const auto taken = std::make_shared<const released<ArrowArray>>(array);
+        const auto taken = std::make_shared<const released<ArrowArray>>(std::move(taken_array));
         required(table, "table");
         const char *const called = name != nullptr ? name : taken_schema->name;
         add_column(*table, column_of_array(called == nullptr ? "" : called, taken_schema, taken));
@@ -296,8 +298,8 @@ int vask_table_add_values(vask_table *table, const char *name, const char *forma
                           std::int64_t rows, const void *values, const std::uint8_t *validity,
                           std::int64_t first_bit, void (*release)(void *), void *owner,
                           char **error) {
+    bare_owner taken(release, owner);
     return guarded(error, [&] {
-        bare_owner taken(release, owner);
         required(table, "table");
         required(name, "name");
         const auto type = parse_format(&required(format, "format"));
