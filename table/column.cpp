@@ -447,6 +447,8 @@ void check_offsets(const piece &p, const std::string &name) {
     check_length(offsets[0], 0, name);
     for (std::int64_t row = 0; row < p.rows; ++row)
         check_length(offsets[row + 1] < offsets[row] ? -1 : 0, row, name);
+    if (p.bytes == nullptr && offsets[p.rows] != offsets[0])
+        fail(VASK_BAD_DATA, "column '{}': the buffer of its texts is missing", shown(name));
 }
 
 void check_views(const piece &p, const std::string &name) {
@@ -465,8 +467,8 @@ void check_views(const piece &p, const std::string &name) {
         check_length(view.length, row, name);
         if (view.length > longest_in_view &&
             (view.buffer < 0 || view.buffer >= p.n_view_buffers || view.offset < 0 ||
-             (p.view_sizes != nullptr &&
-              std::int64_t{view.offset} + view.length > p.view_sizes[view.buffer])))
+             p.view_buffers[view.buffer] == nullptr ||
+             std::int64_t{view.offset} + view.length > p.view_sizes[view.buffer]))
             fail(VASK_BAD_DATA, "column '{}': the view of row {} of a batch leaves its buffers",
                  shown(name), row);
     }
@@ -478,7 +480,9 @@ text_chunk chunk_of(const piece &p, const std::string &name) {
     chunk.rows = p.rows;
     chunk.validity = p.validity;
     chunk.first_bit = p.offset;
-    chunk.bytes = p.bytes;
+    // A producer may leave out the bytes of texts that are all empty.
+    static constexpr char nothing = 0;
+    chunk.bytes = p.bytes != nullptr ? p.bytes : &nothing;
     chunk.view_buffers = p.view_buffers;
     if (p.rows == 0) {
         chunk.kind = text_chunk::layout::views;
@@ -693,7 +697,8 @@ numbers column::without_nan(const numbers &all) const {
                 std::uint64_t here = 0;
                 for (std::size_t row = begin; row < end; ++row) {
                     const bool is_nan = values[row] != values[row];
-                    made.values[row] = is_nan ? nil_of<T>() : values[row];
+                    // Missing values that are told by `present` are equal as keys: 0.
+                    made.values[row] = !is_nan ? values[row] : by_presence ? T{0} : nil_of<T>();
                     if (by_presence && is_nan && result.present[row] != 0)
                         result.present[row] = 0;
                     else if (by_presence)
