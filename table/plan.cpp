@@ -77,11 +77,13 @@ double between(const std::array<T, 2> &found, double share) {
     return share == 0 ? low : low + share * (high - low);
 }
 
-// The same for 64-bit times, of which a dbl would lose digits.
+// The same for 64-bit times, of which a dbl would lose digits. Halves go away from zero.
 lng between_times(const std::array<lng, 2> &found, double share) {
     const auto distance = static_cast<long double>(static_cast<wide_integer>(found[1]) - found[0]);
-    return static_cast<lng>(found[0] + static_cast<wide_integer>(std::llround(
-                                           distance * static_cast<long double>(share))));
+    const long double way = distance * static_cast<long double>(share);
+    const auto below = found[0] + static_cast<wide_integer>(way);
+    const long double rest = way - std::floor(way);
+    return static_cast<lng>(below + (rest > 0.5L || (rest == 0.5L && below >= 0) ? 1 : 0));
 }
 
 template <class T>
@@ -569,12 +571,29 @@ private:
 
     // A group's sum may be the number that is the nil.
     answer sum_of_floats(const column &of) {
+        if (numbers_of(of).beyond)
+            return sum_in_row_order(of);
         answer result = call(function("sum"), {&doubles_of(of)}, of.name());
         const auto all = result.as<dbl>(by_.count());
         if (std::find(all.begin(), all.end(), nil_of<dbl>()) != all.end())
             mark_groups_without_values(of, result);
         else
             result.no_nil = true;
+        return result;
+    }
+
+    // Of values that the operators would take for nils.
+    answer sum_in_row_order(const column &of) {
+        const numbers &values = numbers_of(of);
+        const auto all = values.values.values<dbl>();
+        const auto present = presence_in<dbl>(values);
+        const auto groups = by_.numbers();
+        std::vector<dbl> sums(by_.count());
+        for (std::size_t row = 0; row < all.size(); ++row)
+            if (present(row))
+                sums[groups.empty() ? 0 : static_cast<std::size_t>(groups[row])] += all[row];
+        answer result = answer_of(form::dbl, std::move(sums));
+        mark_groups_without_values(of, result);
         return result;
     }
 
