@@ -30,13 +30,18 @@ std::size_t edit_distance(std::string_view a, std::string_view b) {
 std::optional<std::string> nearest_name(const std::vector<std::string> &names,
                                         std::string_view wanted) {
     // About one letter in three may be wrong: any short name is close to any other.
-    std::size_t least = std::min<std::size_t>(wanted.size() / 3, 2) + 1;
+    const std::size_t most = std::min<std::size_t>(wanted.size() / 3, 2);
     std::optional<std::string> nearest;
+    // Of equally near ones the name of about as many letters: medain is median, not mean.
+    std::pair<std::size_t, std::size_t> least{most, wanted.size() + most + 1};
     for (const std::string &name : names) {
-        const std::size_t distance = edit_distance(lower(name), lower(wanted));
-        if (distance >= least)
+        const std::size_t longer = std::max(name.size(), wanted.size());
+        const std::pair<std::size_t, std::size_t> own{
+            edit_distance(lower(name), lower(wanted)),
+            longer - std::min(name.size(), wanted.size())};
+        if (own >= least)
             continue;
-        least = distance;
+        least = own;
         nearest = name;
     }
     return nearest;

@@ -162,7 +162,9 @@ typedef struct vask_table vask_table;
  *   dictionaries of these, with any integer index
  *
  * Any offset, any length of batches, nulls by bitmap or none. Another type is
- * refused when a query uses its column, not before.
+ * refused when a query uses its column, not before, and so is a decimal with a
+ * negative scale. The least integer of a timestamp or a duration is no time: it
+ * counts as null, as NumPy has it.
  */
 VASK_TABLE_EXPORT int vask_table_from_stream(struct ArrowArrayStream *stream, vask_table **table,
                                              char **error);
@@ -217,7 +219,7 @@ typedef struct vask_query {
      * anything but 0 cancels. May be null. */
     int (*progress)(void *context, double done);
     /* Told once each: what was copied, converted or left out, and which way was
-     * taken. May be null. */
+     * taken. It must not call this library. May be null. */
     void (*note)(void *context, const char *text);
     void *context;
 } vask_query;
