@@ -54,8 +54,10 @@ def quarters(frame):
     return [frame.iloc[a : a + len(frame) // 4] for a in range(0, len(frame), len(frame) // 4)]
 
 
-@pytest.mark.parametrize("by", [[], ["key"], KEYS, ["part"]])
-def test_equals_one_machine(client, frame, by):
+@pytest.mark.parametrize("pieces", [0, 4096], ids=["shuffle", "pieces"])
+@pytest.mark.parametrize("by", [[], KEYS, ["part"]])
+def test_equals_one_machine(client, frame, monkeypatch, by, pieces):
+    monkeypatch.setattr(vask.dask, "_MOST_PIECES", pieces)
     found = vask.dask.aggregate(uneven(frame), by, results=ALL, split_every=2).compute()
     compare(rows_of(of_pandas(found), by), single(frame, by, ALL))
 
@@ -71,8 +73,7 @@ def test_bits_depend_on_the_partitions_alone(client, frame):
     data = uneven(frame)
     first = vask.dask.aggregate(data, KEYS, results=ALL).compute()
     for scheduler in ("synchronous", "threads"):
-        with dask.config.set({"dataframe.shuffle.method": "tasks"}):
-            again = vask.dask.aggregate(data, KEYS, results=ALL).compute(scheduler=scheduler)
+        again = vask.dask.aggregate(data, KEYS, results=ALL).compute(scheduler=scheduler)
         pandas.testing.assert_frame_equal(first, again, check_exact=True)
 
 
@@ -140,8 +141,14 @@ def test_a_parquet_folder(client, frame, tmp_path):
     compare(rows_of(of_pandas(found), KEYS), single(frame, KEYS, ALL))
 
 
-@pytest.mark.parametrize("wanted", [EXACT, ORDERED], ids=["states", "rows"])
-def test_a_worker_is_killed(client, frame, wanted):
+@pytest.mark.parametrize(
+    ("wanted", "pieces"),
+    [(EXACT, 0), (ORDERED, 0), (ORDERED, 4096)],
+    ids=["states", "shuffle", "pieces"],
+)
+def test_a_worker_is_killed(client, frame, monkeypatch, wanted, pieces):
+    monkeypatch.setattr(vask.dask, "_MOST_PIECES", pieces)
+
     def slowly(part):
         time.sleep(0.1)
         return part

@@ -11,6 +11,7 @@ from collections.abc import Mapping
 from typing import Any, Optional
 
 import dask.dataframe as dd
+import numpy
 import pandas
 import pyarrow
 from dask.delayed import delayed
@@ -26,6 +27,11 @@ __all__ = ["aggregate", "is_in"]
 
 #: States that one task merges. Each level of the tree reads all groups of its states once more.
 SPLIT_EVERY = 8
+
+#: Up to so many pieces of partitions, each travels as an Arrow table by a task of its own, which is
+#: cheaper than Dask's shuffle. But pieces grow with the square of the partitions, and the
+#: shuffle's tasks with their number.
+_MOST_PIECES = 4096
 
 #: Where a row goes in the shuffle.
 _OWNER = "vask.owner"
@@ -114,6 +120,11 @@ def _owners_results(frame: Any, plan: Plan, types: dict[str, pyarrow.DataType]) 
     frame = frame[plan.columns]
     types = {name: types[name] for name in plan.columns}
     owners = frame.npartitions if plan.by else 1
+    if owners * frame.npartitions <= _MOST_PIECES:
+        pieces = [
+            delayed(_pieces, nout=owners)(plan, part, types, owners) for part in frame.to_delayed()
+        ]
+        return [delayed(_run_pieces)(plan, [piece[i] for piece in pieces]) for i in range(owners)]
     placed = frame.map_partitions(_place, list(plan.by), owners, types, enforce_metadata=False)
     moved = (
         placed.shuffle(on=_OWNER, npartitions=owners, ignore_index=True)
@@ -132,6 +143,25 @@ def _states(plan: Plan, part: pandas.DataFrame, types: dict[str, pyarrow.DataTyp
 
 def _run(plan: Plan, part: pandas.DataFrame, types: dict[str, pyarrow.DataType]) -> Any:
     return plan.run(_source(part, types))
+
+
+def _pieces(
+    plan: Plan, part: pandas.DataFrame, types: dict[str, pyarrow.DataType], owners: int
+) -> list[pyarrow.Table]:
+    """A partition's rows by owner."""
+    placed = _place(part, list(plan.by), owners, types)
+    owner = placed.pop(_OWNER).to_numpy()
+    schema = pyarrow.schema(list(types.items()))
+    rows = pyarrow.Table.from_pandas(placed[list(types)], schema, preserve_index=False)
+    if owners == 1:
+        return [rows]
+    in_order = rows.take(pyarrow.array(owner.argsort(kind="stable")))
+    ends = numpy.bincount(owner, minlength=owners).cumsum()
+    return [in_order[end - n : end] for end, n in zip(ends, numpy.diff(ends, prepend=0))]
+
+
+def _run_pieces(plan: Plan, pieces: list[pyarrow.Table]) -> Any:
+    return plan.run(pyarrow.concat_tables(pieces))
 
 
 def _source(part: pandas.DataFrame, types: dict[str, pyarrow.DataType]) -> Source:
@@ -173,7 +203,7 @@ def _place(
     placed: pandas.DataFrame = pandas.DataFrame(plain, index=part.index)
     if by:
         hashes = pandas.util.hash_pandas_object(placed[by].apply(_unsigned_zero), index=False)
-        placed[_OWNER] = (hashes % owners).astype("int64")
+        placed[_OWNER] = (hashes % owners).astype("int16" if owners < 1 << 15 else "int64")
     else:
         placed[_OWNER] = 0
     return placed
