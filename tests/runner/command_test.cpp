@@ -276,7 +276,7 @@ TEST(Command, AggregatesOfAllTypes) {
         more.insert(more.end(), {"-", "--types", "t:timestamp", "--format", "csv", "--drop-na"});
         more.insert(more.end(), {"--agg", list});
         const outcome told = vask(more, csv);
-        EXPECT_EQ(told.err, "");
+        EXPECT_TRUE(told.err.empty() || holds(told.err, "printed in another spelling")) << told.err;
         return told.out.substr(told.out.find('\n') + 1);
     };
     EXPECT_EQ(answer("count_distinct(k),count_distinct(x),count_distinct(t),count_distinct(i)"),

@@ -49,7 +49,7 @@ TEST(Output, Table) {
     EXPECT_EQ(printed(sample(), 3, {output_format::table}),
               "na,me  whole  real  single                   when\n"
               "a\"b      -12   0.1     0.1    1970-01-01 00:00:00\n"
-              "\"\"           3   inf       3  1969-12-31 23:59:59.5\n"
+              "\"\"         3   inf       3  1969-12-31 23:59:59.5\n"
               "NA        NA   nan      NA                     NA\n");
 }
 
@@ -64,14 +64,14 @@ TEST(Output, TableOfOddTexts) {
                  column("n", {std::int64_t{1}, std::int64_t{2}, std::int64_t{3}, std::int64_t{4},
                               std::int64_t{5}, std::int64_t{6}, std::int64_t{7}})},
                 7, {output_format::table}),
-        "t?          n\n"
-        "\"NA\"        1\n"
-        "NA          2\n"
+        "t?        n\n"
+        "\"NA\"      1\n"
+        "NA        2\n"
         "\"\"\"NA\"\"\"  3\n"
-        "a?[2Jb      4\n"
-        "\u4e2d\u6587        5\n"
-        "e\u0301           6\n"
-        "??          7\n");
+        "a?[2Jb    4\n"
+        "\u4e2d\u6587      5\n"
+        "e\u0301         6\n"
+        "??        7\n");
 }
 
 TEST(Output, TsvMarkdownAndJsonLines) {
