@@ -177,7 +177,9 @@ def checked(function: Callable[..., int], *arguments: Any) -> None:
         return
     text = error.value.decode(errors="replace") if error.value else f"the library gave code {code}"
     library.vask_free_text(error)
-    raise exception_of(code, text)
+    # What to do, in this language.
+    text = text.replace("VASK_WIDE_SUMS", "wide_sums=True")
+    raise exception_of(code, text.replace("VASK_NAN_IS_NULL", "nan_is_null=True"))
 
 
 def names_array(names: Sequence[str]) -> Any:
