@@ -202,6 +202,11 @@ private:
                 values.present[i] = 0;
     }
 
+    // Whether the result of a group is null because one of its values is.
+    bool is_dropped(const column &of, std::size_t group) {
+        return (asked_.flags & VASK_KEEP_NULLS) != 0 && counts_of(of)[group] < by_.sizes()[group];
+    }
+
     // What the answer's nils say, as bytes.
     std::vector<std::uint8_t> presence_of(const answer &values, const value_type &) const {
         std::vector<std::uint8_t> present(by_.count(), 1);
@@ -553,7 +558,7 @@ private:
             std::vector<lng> narrow(sums.size());
             for (std::size_t i = 0; i < sums.size(); ++i) {
                 narrow[i] = static_cast<lng>(sums[i]);
-                if (narrow[i] != sums[i])
+                if (narrow[i] != sums[i] && !is_dropped(of, i))
                     throw sum_overflow(
                         fmt::format("{}: the sum of column '{}'{} leaves 64 bits; set "
                                     "VASK_WIDE_SUMS for decimals of 38 digits, or cast the column "
@@ -773,7 +778,7 @@ private:
                 } else {
                     const wide_integer distance = static_cast<wide_integer>(highs[i]) - lows[i];
                     whole[i] = static_cast<lng>(distance);
-                    if (distance > largest_lng && !too_far) {
+                    if (distance > largest_lng && !too_far && !is_dropped(of, i)) {
                         too_far = true;
                         farthest = i;
                     }
@@ -1008,10 +1013,17 @@ private:
         answer result;
         if (is_temporal(of.type().of)) {
             std::vector<lng> distance(by_.count());
-            for (std::size_t i = 0; i < distance.size(); ++i)
-                distance[i] =
-                    static_cast<lng>(static_cast<wide_integer>(high.as<lng>(by_.count())[i]) -
-                                     low.as<lng>(by_.count())[i]);
+            const std::vector<lng> &counts = counts_of(of);
+            for (std::size_t i = 0; i < distance.size(); ++i) {
+                const wide_integer wide = static_cast<wide_integer>(high.as<lng>(by_.count())[i]) -
+                                          low.as<lng>(by_.count())[i];
+                distance[i] = static_cast<lng>(wide);
+                if (wide > largest_lng && counts[i] > 0 && !is_dropped(of, i))
+                    fail(VASK_BAD_DATA,
+                         "{}: the distance of the quartiles of column '{}'{} leaves 64 bits; cast "
+                         "the column to float64",
+                         shown(asked.title), shown(of.name()), by_.named(i));
+            }
             result = answer_of(form::lng, std::move(distance));
         } else {
             std::vector<dbl> distance(by_.count());

@@ -809,6 +809,12 @@ std::vector<result_column> partial_states(std::int64_t rows, const query &asked,
         all.states.assign(made.begin() + keys, made.end());
     for (std::size_t i = 0; i < asked.functions.size(); ++i) {
         const asked_function &of = asked.functions[i];
+        if (of.rule->name == "mode" && is_float(of.columns[0]->type().of) &&
+            of.columns[0]->as_numbers((asked.flags & VASK_NAN_IS_NULL) != 0, context.tell).nan)
+            fail(VASK_BAD_DATA,
+                 "{}: column '{}' holds NaN, which has no place in an order; set "
+                 "VASK_NAN_IS_NULL to leave NaN out as nulls, or remove them",
+                 shown(of.title), shown(of.columns[0]->name()));
         if (!is_by_value(*of.rule))
             continue;
         value_rows values =

@@ -86,9 +86,9 @@ class Document:
         source.write_text(text, encoding="utf-8")
         compiler = ([os.environ.get("CXX", "c++"), "-std=c++20"] if language == "cpp" else
                     [os.environ.get("CC", "cc"), "-std=c11"])
+        libraries = ["-lvask"] if "vask/vask.h" in text else ["-lvask_refkernel", "-l_vask_ops"]
         made = run([*compiler, "-Wall", "-Wextra", "-Wno-unused-variable", f"-I{self.prefix}/include", source, "-o", name,
-                    f"-L{self.prefix}/lib", "-lvask_refkernel", "-l_vask_ops",
-                    f"-Wl,-rpath,{self.prefix}/lib"])
+                    f"-L{self.prefix}/lib", *libraries, f"-Wl,-rpath,{self.prefix}/lib"])
         if made.returncode or "warning:" in made.stdout:
             raise Failure(f"{text}\n{made.stdout}")
         ran = run([name])

@@ -677,16 +677,17 @@ inline table_data run(const vask_table *table, const asked_query &asked) {
 }
 
 inline std::string shown(const column_data &of) {
-    std::string text = of.name + " (" + of.format + "):";
+    std::string text = of.name;
+    text.append(" (").append(of.format).append("):");
     for (const cell &value : of.values)
-        text += " " + shown(value);
+        text.append(" ").append(shown(value));
     return text;
 }
 
 inline std::string shown(const table_data &of) {
     std::string text;
     for (const column_data &column : of.columns)
-        text += shown(column) + "\n";
+        text.append(shown(column)).append("\n");
     return text;
 }
 

@@ -394,8 +394,12 @@ private:
     static answer iqr(const column_data &x, const std::vector<std::size_t> &ordered) {
         const answer low = quantile(x, ordered, 0.25);
         const answer high = quantile(x, ordered, 0.75);
-        if (is_time(x))
-            return {cell::of(high.value.whole - low.value.whole)};
+        if (is_time(x)) {
+            const wide distance = high.value.whole - low.value.whole;
+            if (distance > std::numeric_limits<std::int64_t>::max())
+                throw plain_refusal{VASK_BAD_DATA};
+            return {cell::of(distance)};
+        }
         answer made = real(static_cast<long double>(high.value.real) - low.value.real,
                            static_cast<long double>(high.slack) + low.slack +
                                1e-15L * (std::fabs(high.value.real) + std::fabs(low.value.real)));
