@@ -47,7 +47,11 @@ std::string formatted(const char *format, va_list arguments) {
 void record_error(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    thread_errors += formatted(format, arguments);
+    try {
+        thread_errors += formatted(format, arguments);
+    } catch (const std::bad_alloc &) { // NOLINT(bugprone-empty-catch)
+        // Who records that memory has run out goes on to say so in another way.
+    }
     va_end(arguments);
 }
 

@@ -189,7 +189,11 @@ void drop_reference(std::int32_t id, reference kind) noexcept {
         const std::int32_t number = entry->desc.bat_id;
         dead.reset(std::exchange(pool.slot(number), nullptr));
         withdraw(pool.record(number));
-        pool.resting.push_back(number);
+        try {
+            pool.resting.push_back(number);
+        } catch (const std::bad_alloc &) { // NOLINT(bugprone-empty-catch)
+            // The number is not used again, which is no loss: giving back must not fail.
+        }
         --pool.used.bats;
     }
     // Outside the lock: its memory goes back, and then what it held.

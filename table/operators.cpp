@@ -2,6 +2,7 @@
 
 #include "vask/refkernel/errors.h"
 
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -27,8 +28,11 @@ void check(char *exception_string) {
     if (exception_string == nullptr)
         return;
     const refkernel::operator_failure failure = refkernel::take_exception(exception_string);
-    throw std::runtime_error(
-        fmt::format("the operator failed: {}: {}", failure.place, failure.text));
+    if (failure.text.find("allocate") != std::string::npos)
+        throw std::bad_alloc();
+    // Columns were checked before, so that little else is left.
+    throw std::runtime_error(fmt::format("the operator failed: {}: {}; memory may have run out",
+                                         failure.place, failure.text));
 }
 
 std::string nothing_told() {
