@@ -202,9 +202,13 @@ private:
                 values.present[i] = 0;
     }
 
-    // Whether the result of a group is null because one of its values is.
+    // Whether nobody sees what a group's values come to: its result is null because one of them is,
+    // or it is left out.
     bool is_dropped(const column &of, std::size_t group) {
-        return (asked_.flags & VASK_KEEP_NULLS) != 0 && counts_of(of)[group] < by_.sizes()[group];
+        const auto order = by_.order();
+        return ((asked_.flags & VASK_KEEP_NULLS) != 0 &&
+                counts_of(of)[group] < by_.sizes()[group]) ||
+               (!by_.in_order() && std::find(order.begin(), order.end(), group) == order.end());
     }
 
     // What the answer's nils say, as bytes.
@@ -852,16 +856,16 @@ private:
         return at->second;
     }
 
-    // A dbl would lose digits of such times.
-    bool is_long_time(const column &of) const {
+    bool is_wide(const column &of) const {
         constexpr lng most = lng{1} << 53;
-        if (!is_temporal(of.type().of) || width_of(of.type().of) != 8)
+        if (is_text(of.type().of) || numbers_of(of).values.type() != TYPE_lng)
             return false;
         const auto [low, high] = of.bounds(context_.tell);
         return low < -most || high > most;
     }
 
-    // Fractions that several quantiles of one column ask for: one selection gives them all.
+    // Fractions that quantiles of one column ask for: where values are gathered, one selection
+    // gives them all.
     void find_shared_quantiles() {
         for (const asked_function &asked : asked_.functions) {
             if (asked.rule->name == "iqr")
@@ -939,8 +943,9 @@ private:
         }
         const bool beyond = !text && numbers_of(of).beyond;
         if (is_quantile(*asked.rule)) {
-            // A fraction that was not asked for by a query comes from a function made of it.
-            if (beyond || is_long_time(of) || fractions_[&of].size() > 1) {
+            // An operator selects four times as fast as values are gathered. Its last digits are
+            // not exact, which would show in times, as they are whole, and in numbers beyond 2^53.
+            if (beyond || is_temporal(of.type().of) || is_wide(of)) {
                 fractions_[&of].insert(fraction_of(asked));
                 return shared_quantile(of, fraction_of(asked));
             }
@@ -973,18 +978,12 @@ private:
         return result;
     }
 
-    // Times between times are rounded; decimals are divided by their scale.
+    // Decimals are divided by their scale.
     answer as_type_of_values(const column &of, answer numbers) {
         const double unit = scale_of(of);
-        const auto all = numbers.as<dbl>(by_.count());
-        if (is_temporal(of.type().of)) {
-            std::vector<lng> times(all.size());
-            for (std::size_t i = 0; i < all.size(); ++i)
-                times[i] = all[i] == nil_of<dbl>() ? nil_of<lng>() : std::llround(all[i]);
-            return answer_of(form::lng, std::move(times));
-        }
         if (unit == 1)
             return numbers;
+        const auto all = numbers.as<dbl>(by_.count());
         std::vector<dbl> scaled(all.size());
         for (std::size_t i = 0; i < all.size(); ++i)
             scaled[i] = all[i] == nil_of<dbl>() ? nil_of<dbl>() : all[i] / unit;
@@ -1007,9 +1006,8 @@ private:
 
     answer quartile_distance(const asked_function &asked) {
         const column &of = *asked.columns[0];
-        fractions_[&of].insert({0.25, 0.75});
-        const answer low = shared_quantile(of, 0.25);
-        const answer high = shared_quantile(of, 0.75);
+        const answer low = part("quantile", asked, 0.25);
+        const answer high = part("quantile", asked, 0.75);
         answer result;
         if (is_temporal(of.type().of)) {
             std::vector<lng> distance(by_.count());

@@ -653,6 +653,12 @@ private:
         return part_in(merged, i, "value");
     }
 
+    // Whether a group's result is null because one of its values is.
+    bool is_dropped(std::size_t i, const std::vector<result_column> &merged,
+                    std::int64_t row) const {
+        return has_nulls(i) && integer_at(part_in(merged, i, "nulls"), row).value_or(0) > 0;
+    }
+
     std::string group_named(std::int64_t row) const {
         return groups_->named(groups_->order()[static_cast<std::size_t>(row)]);
     }
@@ -666,7 +672,7 @@ private:
                 type, form::wide, [&](std::int64_t row) { return whole_sum(merged, i, row); });
         return result_of<lng>(type, form::lng, [&](std::int64_t row) -> std::optional<lng> {
             const auto sum = whole_sum(merged, i, row);
-            if (sum && *sum != static_cast<lng>(*sum))
+            if (sum && *sum != static_cast<lng>(*sum) && !is_dropped(i, merged, row))
                 fail(VASK_BAD_DATA,
                      "{}: the sum{} leaves 64 bits; set VASK_WIDE_SUMS for decimals of 38 digits, "
                      "or cast the column to float64",
@@ -703,8 +709,11 @@ private:
         const result_column &least = part_in(merged, i, "least");
         const result_column &greatest = part_in(merged, i, "greatest");
         const std::vector<std::int64_t> rows = all_rows(least.rows);
-        const result_column both =
-            stacked("values", least.type, {{&least, rows}, {&greatest, rows}});
+        std::vector<rows_part> parts;
+        for (const result_column *const from : {&least, &greatest})
+            for (const std::int64_t row : rows)
+                parts.push_back({is_dropped(i, merged, row) ? nullptr : from, {row}});
+        const result_column both = stacked("values", least.type, parts);
         std::vector<std::int64_t> twice = rows;
         twice.insert(twice.end(), rows.begin(), rows.end());
         fresh_column<std::int64_t> numbers(twice.size());
