@@ -326,9 +326,9 @@ std::uint64_t from_environment(const char *name, std::uint64_t otherwise) {
 
 TEST(GeneratedQueries, AgreeWithAPlainReference) {
 #ifdef VASK_SLOW_BUILD
-    constexpr std::uint64_t usual = 1500;
+    constexpr std::uint64_t usual = 3000;
 #else
-    constexpr std::uint64_t usual = 7500;
+    constexpr std::uint64_t usual = 25000;
 #endif
     constexpr std::uint64_t queries_of_a_table = 8;
     const std::uint64_t queries = from_environment("VASK_GENERATED_QUERIES", usual);

@@ -370,12 +370,15 @@ private:
         const cell &low = x.values[ordered[below]];
         const cell &high = share > 0 ? x.values[ordered[below + 1]] : low;
         if (is_time(x)) {
-            // Exact for halves and quarters; otherwise off by one at most.
+            // Exact for halves and quarters; otherwise off by one, and by what the share of far
+            // distances loses as a double.
             const bool quarters = fraction * 4 == std::floor(fraction * 4);
             const auto part = static_cast<wide>(std::llround(share * 1'000'000));
             answer made{cell::of(halves_away(
                             low.whole * 1'000'000 + (high.whole - low.whole) * part, 1'000'000)),
-                        quarters ? 0.0 : 1.0};
+                        quarters ? 0.0
+                                 : 1.0 + 1e-14 * std::fabs(static_cast<double>(high.whole) -
+                                                           static_cast<double>(low.whole))};
             return made;
         }
         const long double a = number(x, low);
@@ -492,17 +495,23 @@ private:
             long double products = 0;
             long double weights = 0;
             long double size = 0;
+            long double weight_size = 0;
             for (const std::size_t row : rows) {
                 const long double w = number(y, y.values[row]);
+                weight_size += std::fabs(w);
                 const long double product = number(x, x.values[row]) * w;
                 products += product;
                 weights += w;
                 size += std::fabs(product) + std::fabs(w);
             }
-            if (weights == 0)
+            // What is left of weights that cancel out is rounding.
+            const bool cancelled = std::fabs(weights) < 1e-9L * weight_size;
+            if (weights == 0 && !cancelled)
                 return {};
-            answer made = real(products / weights, 1e-12L * size / std::fabs(weights));
-            made.odd = !(size < 1e100L);
+            answer made = real(cancelled ? 0 : products / weights,
+                               cancelled ? std::numeric_limits<double>::infinity()
+                                         : 1e-12L * size / std::fabs(weights));
+            made.odd = cancelled || !(size < 1e100L);
             return made;
         }
         const centred a = centre(x, rows);
