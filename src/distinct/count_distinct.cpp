@@ -40,13 +40,15 @@ public:
     std::int32_t map = int_nil;
 };
 
-//! Groups a sample and judges by the number of its groups. The exception string of a failed
-//! GRPgroup is dropped as it is: the caller reports a failure of its own.
+//! Groups a sample and judges by the number of its groups. What a failed GRPgroup says is freed:
+//! the caller reports a failure of its own.
 countd_strategy strategy_of_sample(BAT *sample) {
     grouping_numbers numbers;
     // A BAT's number is its record's first field, so its address is that of a number variable.
-    if (GRPgroup(&numbers.histogram, &numbers.map, &sample->bat_id) != nullptr)
+    if (char *const failure = GRPgroup(&numbers.histogram, &numbers.map, &sample->bat_id)) {
+        GDKfree(failure);
         return countd_strategy::failed;
+    }
     const BAT *histogram = vask_descriptor(numbers.histogram);
     if (histogram == nullptr)
         return countd_strategy::failed;
