@@ -20,7 +20,7 @@ BY = ["kind", "part"]
 WANTED = {
     **EXACT,
     **ROUNDED,
-    "any_text": ("text", "any"),
+    "any_text": ("text", "any_value"),
     "spread": ("v", "range"),
 }
 #: The rows of which each file has the states: one of them has none.

@@ -78,6 +78,10 @@ def call(function: Callable[..., int], *arguments: Any) -> None:
         _library.checked(function, *arguments)
 
 
+def _nothing() -> None:
+    pass
+
+
 class _Job:
     """A call on a thread of its own, and what it and the waiting thread tell each other."""
 
@@ -105,6 +109,8 @@ class _Job:
             self._work()
         except BaseException as failure:  # raised again where the call was made
             self.failure = failure
+        # The callbacks' thunks may hold the job; its tables go now.
+        self._work = _nothing
         with self._turn:
             self.finished.set()
             if self._abandoned:

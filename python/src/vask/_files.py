@@ -101,7 +101,20 @@ class FileSource(Source):
             yield self._read(held, columns)
 
     def _batches(self, columns: list[str]) -> Iterator[Any]:
-        scanner = self._dataset.scanner(columns=columns, batch_size=1 << 17, use_threads=True)
+        options: dict[str, Any] = {}
+        if self._dataset.format.default_extname == "parquet":
+            # Else whole columns are read ahead of the part that is worked on.
+            options["fragment_scan_options"] = self._pyarrow.dataset.ParquetFragmentScanOptions(
+                pre_buffer=False
+            )
+        scanner = self._dataset.scanner(
+            columns=columns,
+            batch_size=1 << 17,
+            batch_readahead=4,
+            fragment_readahead=1,
+            use_threads=True,
+            **options,
+        )
         try:
             yield from scanner.to_batches()
         except (self._pyarrow.ArrowInvalid, OSError) as failure:

@@ -88,6 +88,8 @@ def _read_rules() -> dict[str, _Rule]:
 
 
 _rules = _read_rules()
+#: By the library's names, of which some mean something else in Python.
+_library_rules = {rule.function: rule for rule in _rules.values()}
 
 
 def function_names() -> list[str]:
@@ -255,7 +257,7 @@ def _number(label: str, function: str, value: Any) -> float:
 def check_types(requests: Sequence[Request], types: Mapping[str, ColumnType]) -> None:
     """Raises for a column whose type a function does not take."""
     for request in requests:
-        wanted = _rules[request.function].types
+        wanted = _library_rules[request.function].types
         for column in request.columns:
             type_ = types[column]
             allowed = _TYPES.get(wanted)
