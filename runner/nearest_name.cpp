@@ -36,9 +36,9 @@ std::optional<std::string> nearest_name(const std::vector<std::string> &names,
     std::pair<std::size_t, std::size_t> least{most, wanted.size() + most + 1};
     for (const std::string &name : names) {
         const std::size_t longer = std::max(name.size(), wanted.size());
-        const std::pair<std::size_t, std::size_t> own{
-            edit_distance(lower(name), lower(wanted)),
-            longer - std::min(name.size(), wanted.size())};
+        const std::pair<std::size_t, std::size_t> own{edit_distance(lower(name), lower(wanted)),
+                                                      longer -
+                                                          std::min(name.size(), wanted.size())};
         if (own >= least)
             continue;
         least = own;

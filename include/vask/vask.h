@@ -183,8 +183,8 @@ VASK_TABLE_EXPORT int vask_table_add_arrow(vask_table *table, const char *name,
  * on, or null for none. `release`, unless it is null, is called with `owner` once
  * the memory is no longer needed.
  */
-VASK_TABLE_EXPORT int vask_table_add_values(vask_table *table, const char *name,
-                                            const char *format, int64_t rows, const void *values,
+VASK_TABLE_EXPORT int vask_table_add_values(vask_table *table, const char *name, const char *format,
+                                            int64_t rows, const void *values,
                                             const uint8_t *validity, int64_t first_bit,
                                             void (*release)(void *owner), void *owner,
                                             char **error);
@@ -264,9 +264,9 @@ VASK_TABLE_EXPORT int vask_merge(const vask_table *const *states, size_t n_state
  * The group of each row, numbered from 0 in the order of first rows: `codes` has
  * room for the table's rows. A row that VASK_DROP_NULL_KEYS leaves out gets -1.
  */
-VASK_TABLE_EXPORT int vask_group_codes(const vask_table *table, const char *const *by,
-                                       size_t n_by, unsigned flags, int32_t *codes,
-                                       int64_t *groups, char **error);
+VASK_TABLE_EXPORT int vask_group_codes(const vask_table *table, const char *const *by, size_t n_by,
+                                       unsigned flags, int32_t *codes, int64_t *groups,
+                                       char **error);
 
 /*
  * Whether each value of a column occurs among those of another: one column of

@@ -1,8 +1,8 @@
 // Counting the different values of each group by a bit for each value that it may have.
 #pragma once
 
-#include "rows/key_window.h"
 #include "rows/group_of_row.h"
+#include "rows/key_window.h"
 
 #include <concepts>
 #include <cstdint>

@@ -4,8 +4,8 @@
 
 #include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
-#include "rows/huge_pages.h"
 #include "rows/group_of_row.h"
+#include "rows/huge_pages.h"
 #include "statistics/order_key.h"
 
 #include <algorithm>

@@ -7,8 +7,8 @@
 
 #include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
-#include "rows/huge_pages.h"
 #include "rows/group_of_row.h"
+#include "rows/huge_pages.h"
 #include "rows/scatter.h"
 
 #include <algorithm>

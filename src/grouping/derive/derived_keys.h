@@ -6,8 +6,8 @@
 
 #include "grouping/table/custom_mask.h"
 #include "rows/column_keys.h"
-#include "rows/group_rows.h"
 #include "rows/group_of_row.h"
+#include "rows/group_rows.h"
 
 #include <algorithm>
 #include <array>
