@@ -564,8 +564,9 @@ std::optional<bat> keys_of_floats(const bat &column, bool nil_is_missing) {
     for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
         bool here = false;
         for (std::size_t row = begin; row < end; ++row)
-            here = here | (values[row] != values[row]) |
-                   (std::bit_cast<Bits>(values[row]) == std::bit_cast<Bits>(-Float{0}));
+            here |= static_cast<bool>(
+                int{values[row] != values[row]} |
+                int{std::bit_cast<Bits>(values[row]) == std::bit_cast<Bits>(-Float{0})});
         if (here)
             odd.store(true, std::memory_order_relaxed);
     });

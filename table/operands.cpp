@@ -161,7 +161,7 @@ centred_values centred(const bat &values, const groups &by) {
         centred_values result;
         result.distances = std::move(made).finish();
         result.centres.resize(centre.size());
-        std::transform(centre.begin(), centre.end(), result.centres.begin(), [nil](T value) {
+        std::transform(centre.begin(), centre.end(), result.centres.begin(), [&](T value) {
             return value == nil ? std::nan("") : static_cast<double>(value);
         });
         return result;

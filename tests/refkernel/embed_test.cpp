@@ -7,6 +7,7 @@
 #include <cmath>
 #include <exception>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <map>
 #include <memory>
@@ -48,10 +49,10 @@ TEST(Embed, MedianOfThreeNumbersIsTheMiddleOne) {
 template <class T>
 void expect_nils_found() {
     const T nil = nil_of<T>();
-    for (const size_t rows : {1, 2, 7, 64, 1000}) {
-        for (const size_t first : {0, 3}) {
+    for (const size_t rows : initializer_list<size_t>{1, 2, 7, 64, 1000}) {
+        for (const BUN first : initializer_list<BUN>{0, 3}) {
             vector<T> values(rows, T{1});
-            const column_options options{.first = static_cast<BUN>(first)};
+            const column_options options{.first = first};
             EXPECT_EQ(make_column(span<const T>(values), options).nils(), nil_knowledge::none);
             EXPECT_EQ(make_column(vector(values), options).nils(), nil_knowledge::none);
             EXPECT_EQ(borrow_column(span<const T>(values), {}, options).nils(),

@@ -4,6 +4,7 @@
 #include "vask/kernel/bat.h"
 
 #include <cstdint>
+#include <initializer_list>
 
 namespace support {
 
