@@ -310,6 +310,20 @@ answer answer_of(bat values, bool rank) {
     return result;
 }
 
+std::vector<std::uint8_t> presence_of(const answer &values, std::size_t count) {
+    if (!values.present.empty())
+        return values.present;
+    std::vector<std::uint8_t> present(count, 1);
+    if (!values.no_nil)
+        visit_form(values.stored, [&]<class T>(std::type_identity<T>) {
+            const auto all = values.as<T>(count);
+            const bool rows = values.stored == form::row;
+            for (std::size_t i = 0; i < count; ++i)
+                present[i] = rows ? all[i] >= T{0} : all[i] != missing_of<T>();
+        });
+    return present;
+}
+
 result_column finish_answer(std::string name, const value_type &type, const answer &values,
                             const groups &by, const column *source, bool nan_missing,
                             const teller &tell) {
@@ -321,18 +335,9 @@ result_column finish_answer(std::string name, const value_type &type, const answ
         answer picked = rows_of_numbers(source->as_numbers(nan_missing, tell), type,
                                         values.as<lng>(by.count()));
         if (!values.present.empty()) {
-            if (picked.present.empty())
-                picked.present = values.present;
-            else
-                for (std::size_t i = 0; i < values.present.size(); ++i)
-                    picked.present[i] = picked.present[i] & values.present[i];
-            if (!source->as_numbers(nan_missing, tell).beyond)
-                visit_form(picked.stored, [&]<class T>(std::type_identity<T>) {
-                    const auto all = picked.as<T>(by.count());
-                    for (std::size_t i = 0; i < all.size(); ++i)
-                        if (all[i] == missing_of<T>())
-                            picked.present[i] = 0;
-                });
+            picked.present = presence_of(picked, by.count());
+            for (std::size_t i = 0; i < values.present.size(); ++i)
+                picked.present[i] = picked.present[i] & values.present[i];
         }
         finish_numbers(made, picked, by);
         return made;

@@ -60,6 +60,9 @@ answer answer_of(form stored, std::vector<T> values) {
 //! The tail of a BAT. `rank`: integers that are places of words.
 answer answer_of(refkernel::bat values, bool rank = false);
 
+//! By group number, of `count` groups, 1 for those with a value.
+std::vector<std::uint8_t> presence_of(const answer &values, std::size_t count);
+
 //! A column of a result, as the Arrow interface has it.
 struct result_column {
     std::string name;

@@ -586,6 +586,33 @@ std::optional<bat> keys_of_floats(const bat &column, bool nil_is_missing) {
     return std::move(made).finish();
 }
 
+value_bounds bounds_of(const bat &column) {
+    value_bounds result;
+    visit_values(column, [&]<class T>(std::span<const T> values) {
+        if constexpr (std::is_integral_v<T>) {
+            const T nil = nil_of<T>();
+            std::mutex joining;
+            for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
+                T low = std::numeric_limits<T>::max();
+                T high = std::numeric_limits<T>::min();
+                for (std::size_t row = begin; row < end; ++row) {
+                    const T value = values[row];
+                    // The nil is the least number of all and takes no part as the least.
+                    low = std::min(low, value == nil ? low : value);
+                    high = std::max(high, value);
+                }
+                const std::scoped_lock lock(joining);
+                // What is left at the largest number has met nothing but nils.
+                if (low <= high) {
+                    result.low = std::min(result.low, static_cast<lng>(low));
+                    result.high = std::max(result.high, static_cast<lng>(high));
+                }
+            });
+        }
+    });
+    return result;
+}
+
 bat distinct_bits(const bat &column, bool nil_is_missing) {
     std::optional<bat> keys;
     if (column.type() == TYPE_flt)
@@ -875,21 +902,13 @@ const std::vector<bat> &column::as_keys(bool nan_missing, const teller &tell) co
     return *keys;
 }
 
-std::array<lng, 2> column::bounds(const teller &tell) const {
+value_bounds column::bounds(const teller &tell) const {
+    if (is_text(type_.of))
+        return {0, static_cast<lng>(as_texts(tell).words.size()) - 1};
     const numbers &all = as_numbers(false, tell);
     const std::scoped_lock lock(making_);
     if (!bounds_)
-        bounds_ = visit_values(all.values, []<class T>(std::span<const T> values) {
-            T low = 0;
-            T high = 0;
-            const T nil = nil_of<T>();
-            if constexpr (std::is_integral_v<T>)
-                for (const T value : values) {
-                    low = std::min(low, value == nil ? T{0} : value);
-                    high = std::max(high, value == nil ? T{0} : value);
-                }
-            return std::array<lng, 2>{static_cast<lng>(low), static_cast<lng>(high)};
-        });
+        bounds_ = bounds_of(all.values);
     return *bounds_;
 }
 

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -63,6 +64,13 @@ struct texts {
 //! What is told once about how a column was taken: which column, what was done and why.
 using teller = std::function<void(const std::string &)>;
 
+struct value_bounds {
+    lng low = std::numeric_limits<lng>::max();
+    lng high = std::numeric_limits<lng>::min();
+
+    bool is_empty() const { return low > high; }
+};
+
 /*
  * Immutable but for what it keeps of its forms, which are made when they are first asked for, by
  * one thread while others wait.
@@ -104,9 +112,9 @@ public:
     //! all NaNs are one value, -0.0 is 0.0, and missing ones are equal.
     const std::vector<refkernel::bat> &as_keys(bool nan_missing, const teller &tell) const;
 
-    //! Least and greatest of the values of an integer storage that is not `beyond`; 0 and 0
-    //! without.
-    std::array<lng, 2> bounds(const teller &tell) const;
+    //! Least and greatest of the numbers, or of the codes of texts, that are not the nil of their
+    //! integer storage. Not for floats, nor for texts in a heap.
+    value_bounds bounds(const teller &tell) const;
 
     std::uint64_t missing(bool nan_missing, const teller &tell) const;
 
@@ -129,7 +137,7 @@ private:
     mutable std::unique_ptr<const numbers> numbers_without_nan_;
     mutable std::unique_ptr<texts> texts_;
     mutable std::array<std::unique_ptr<const std::vector<refkernel::bat>>, 2> keys_;
-    mutable std::optional<std::array<lng, 2>> bounds_;
+    mutable std::optional<value_bounds> bounds_;
 };
 
 } // namespace vask::table

@@ -25,10 +25,7 @@ public:
     gathered_values(const groups &by, const Value &value, const Present &present) {
         const auto rows = static_cast<std::size_t>(by.rows());
         const std::size_t n = by.count();
-        const std::span<const std::int32_t> numbers = by.numbers();
-        const auto group_of = [&](std::size_t row) {
-            return numbers.empty() ? std::size_t{0} : static_cast<std::size_t>(numbers[row]);
-        };
+        const auto group_of = by.number_of_row();
         // One part where its counters would not stay in the cache.
         constexpr std::size_t most_counters = std::size_t{1} << 20;
         const std::size_t parts = std::clamp<std::size_t>(

@@ -24,6 +24,13 @@ __extension__ using wide_unsigned = unsigned __int128;
 
 // ---- several keys as one ------------------------------------------------------------------------
 
+// A column to group by.
+struct named_key {
+    bat values;
+    std::string name;    // of the columns in it
+    const column *whole; // whose keys these are, with bounds that it knows; else null
+};
+
 // A key of close integers: what is added to make it count from 1, and how many values it can have,
 // the missing one, which is 0, included.
 struct close_key {
@@ -32,50 +39,19 @@ struct close_key {
     std::uint64_t values_count;
 };
 
-struct span_of_values {
-    lng low = std::numeric_limits<lng>::max();
-    lng high = std::numeric_limits<lng>::min();
-};
-
-template <class T>
-span_of_values span_of(std::span<const T> values) {
-    const T nil = nil_of<T>();
-    T low = std::numeric_limits<T>::max();
-    T high = std::numeric_limits<T>::min();
-    std::mutex joining;
-    for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
-        T here_low = std::numeric_limits<T>::max();
-        T here_high = std::numeric_limits<T>::min();
-        for (std::size_t row = begin; row < end; ++row) {
-            const T value = values[row];
-            // The nil is the least number of all and takes no part as the least.
-            here_low = std::min(here_low, value == nil ? here_low : value);
-            here_high = std::max(here_high, value);
-        }
-        const std::scoped_lock lock(joining);
-        low = std::min(low, here_low);
-        high = std::max(high, here_high);
-    });
-    return {static_cast<lng>(low), static_cast<lng>(high)};
-}
-
 // Nothing for keys that are no integers, or so far apart that nothing is gained.
-std::optional<close_key> close_key_of(const bat &values) {
-    if (values.type() == TYPE_str)
+std::optional<close_key> close_key_of(const named_key &key, const teller &tell) {
+    if (key.whole == nullptr)
         return std::nullopt;
     constexpr auto farthest = std::uint64_t{1} << 40;
-    return visit_values(values, [&]<class T>(std::span<const T> all) -> std::optional<close_key> {
-        if constexpr (std::is_integral_v<T>) {
-            const span_of_values found = span_of(all);
-            if (found.low > found.high)
-                return close_key{&values, 0, 1};
-            const auto width =
-                static_cast<std::uint64_t>(found.high) - static_cast<std::uint64_t>(found.low);
-            if (width < farthest)
-                return close_key{&values, found.low, width + 2};
-        }
+    const value_bounds found = key.whole->bounds(tell);
+    if (found.is_empty())
+        return close_key{&key.values, 0, 1};
+    const auto width =
+        static_cast<std::uint64_t>(found.high) - static_cast<std::uint64_t>(found.low);
+    if (width >= farthest)
         return std::nullopt;
-    });
+    return close_key{&key.values, found.low, width + 2};
 }
 
 template <class Code>
@@ -102,14 +78,10 @@ bat one_key(std::span<const close_key> keys, std::size_t rows) {
     return std::move(made).finish({.nonil = true});
 }
 
-struct named_key {
-    bat values;
-    std::string name; // of the columns in it
-};
-
 // The keys of a grouping, with runs of close ones brought together: grouping once by a number that
 // stands for several keys is faster than grouping by one and refining by the others.
-std::vector<named_key> joined_keys(const std::vector<named_key> &keys, std::size_t rows) {
+std::vector<named_key> joined_keys(const std::vector<named_key> &keys, std::size_t rows,
+                                   const teller &tell) {
     constexpr auto widest = wide_unsigned{1} << 62;
     constexpr auto most_int = wide_unsigned{1} << 30;
     std::vector<named_key> result;
@@ -119,7 +91,7 @@ std::vector<named_key> joined_keys(const std::vector<named_key> &keys, std::size
         wide_unsigned product = 1;
         std::size_t next = i;
         for (; next < keys.size() && keys.size() > 1; ++next) {
-            const auto key = close_key_of(keys[next].values);
+            const auto key = close_key_of(keys[next], tell);
             if (!key || product * key->values_count > widest)
                 break;
             product *= key->values_count;
@@ -127,13 +99,13 @@ std::vector<named_key> joined_keys(const std::vector<named_key> &keys, std::size
             name += fmt::format("{}{}", name.empty() ? "" : ", ", keys[next].name);
         }
         if (together.size() < 2) {
-            result.push_back({bat::share(keys[i].values.id()), keys[i].name});
+            result.push_back({bat::share(keys[i].values.id()), keys[i].name, nullptr});
             ++i;
             continue;
         }
         result.push_back({product < most_int ? one_key<std::int32_t>(together, rows)
                                              : one_key<std::int64_t>(together, rows),
-                          std::move(name)});
+                          std::move(name), nullptr});
         i = next;
     }
     return result;
@@ -198,10 +170,13 @@ groups::groups(std::int64_t rows, group_request request, const operator_set &ope
         return;
     }
     std::vector<named_key> keys;
-    for (const column_pointer &key : request_.keys)
-        for (const bat &part : key->as_keys(request_.nan_missing, tell))
-            keys.push_back({bat::share(part.id()), key->name()});
-    const std::vector<named_key> together = joined_keys(keys, static_cast<std::size_t>(rows));
+    for (const column_pointer &key : request_.keys) {
+        const std::vector<bat> &parts = key->as_keys(request_.nan_missing, tell);
+        const bool bounded = parts.size() == 1 && !is_float(key->type().of) && !key->has_heap();
+        for (const bat &part : parts)
+            keys.push_back({bat::share(part.id()), key->name(), bounded ? key.get() : nullptr});
+    }
+    const std::vector<named_key> together = joined_keys(keys, static_cast<std::size_t>(rows), tell);
     found_ = operators.group(together.front().values, together.front().name);
     for (std::size_t i = 1; i < together.size(); ++i)
         found_ = operators.derive(found_, together[i].values, together[i].name);

@@ -4,6 +4,7 @@
 #include "table/column.h"
 #include "table/operators.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -51,6 +52,13 @@ public:
 
     //! By row, the number of its group; empty for the whole.
     std::span<const std::int32_t> numbers() const;
+
+    //! The same as a function of the row, of the whole too.
+    auto number_of_row() const {
+        return [own = numbers()](std::size_t row) {
+            return own.empty() ? std::size_t{0} : static_cast<std::size_t>(own[row]);
+        };
+    }
 
     //! " in the group a 1, b x" for a group's number, for messages; nothing for the whole.
     std::string named(std::size_t number) const;

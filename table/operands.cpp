@@ -135,7 +135,7 @@ bat map_of_present(const bat &values, std::uint64_t missing, const bat &map, con
 centred_values centred(const bat &values, const groups &by) {
     return visit_values(values, [&]<class T>(std::span<const T> all) {
         const T nil = nil_of<T>();
-        const std::span<const std::int32_t> numbers = by.numbers();
+        const auto number_of = by.number_of_row();
         const std::span<const oid> first_rows = by.first_rows();
         std::vector<T> centre(by.count(), nil);
         bool any_without = false;
@@ -144,7 +144,7 @@ centred_values centred(const bat &values, const groups &by) {
             any_without |= centre[group] == nil;
         }
         for (std::size_t row = 0; any_without && row < all.size(); ++row) {
-            T &own = centre[numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row])];
+            T &own = centre[number_of(row)];
             if (own == nil)
                 own = all[row];
         }
@@ -152,11 +152,7 @@ centred_values centred(const bat &values, const groups &by) {
         for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
             for (std::size_t row = begin; row < end; ++row)
                 made.values[row] =
-                    all[row] == nil
-                        ? nil_of<dbl>()
-                        : distance(
-                              all[row],
-                              centre[numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row])]);
+                    all[row] == nil ? nil_of<dbl>() : distance(all[row], centre[number_of(row)]);
         });
         centred_values result;
         result.distances = std::move(made).finish();

@@ -1,0 +1,143 @@
+// What several functions of a query are made of, each made when it is first asked for.
+#pragma once
+
+#include "table/gathered.h"
+#include "table/kernel_column.h"
+#include "table/operands.h"
+#include "table/plan.h"
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace vask::table {
+
+//! Rows with a value. Of the whole there is no map.
+struct present_rows {
+    refkernel::bat values;
+    refkernel::bat map;
+};
+
+//! Quantiles of a column, selected together.
+struct quantiles {
+    std::vector<double> fractions;
+    std::vector<std::vector<dbl>> numbers; //!< by fraction, then group
+    std::vector<std::vector<lng>> times;
+};
+
+//! Sums over the rows that have both a value and a weight; the nil without such a row.
+struct weighted_sums {
+    answer products;
+    answer weights;
+};
+
+//! Mean, less the centre, and centred sums of squares and cubes of a group's values.
+struct moment_states {
+    std::vector<dbl> mean;
+    std::vector<dbl> m2;
+    std::vector<dbl> m3;
+};
+
+//! The same of two columns over the rows with both values.
+struct pair_states {
+    std::vector<lng> n;
+    std::array<std::vector<dbl>, 5> numbers; //!< mean x, mean y, m2 x, m2 y, co-moment
+};
+
+class shared_parts {
+public:
+    shared_parts(std::int64_t rows, const query &asked, const query_context &context);
+
+    const groups &by() const { return by_; }
+
+    std::uint64_t missing_in(const column &of) const;
+    const numbers &numbers_of(const column &of) const;
+    //! By group, how many values.
+    const std::vector<lng> &counts_of(const column &of);
+    //! Whether a sum of the values may not be a lng, of which the nil is none.
+    bool may_leave_lng(const column &of) const;
+    //! By group, in 128 bits. Of integers.
+    const std::vector<wide_integer> &exact_sums(const column &of);
+    //! As dbl: the column's own values where they are.
+    const refkernel::bat &doubles_of(const column &of);
+    const weighted_sums &weighted_sums_of(const column &values, const column &weights);
+    const centred_values &centred_of(const column &of);
+    //! Of a column in the form that an operator takes, which is the same for all of a query.
+    const present_rows &present_in(const column &of, const refkernel::bat &values);
+    //! Those of all fractions that the query asks for.
+    const quantiles &quantiles_of(const column &of);
+    const moment_states &moments_of(const column &of);
+    const pair_states &pairs_of(const column &x, const column &y);
+
+    //! Marks the groups without a value as missing.
+    void mark_groups_without_values(const column &of, answer &values);
+
+    //! Calls an operator with the groups' map, or another one, and extents behind its columns, or
+    //! its whole form.
+    answer call(const function_rule &rule, const std::vector<const refkernel::bat *> &columns,
+                std::string_view about, const refkernel::bat *map = nullptr);
+
+    //! By row, whether there is a value.
+    template <class T>
+    static auto presence_in(const numbers &of) {
+        return [values = of.values.template values<T>(),
+                present = of.present.empty() ? nullptr : of.present.data(),
+                beyond = of.beyond](std::size_t row) {
+            return beyond ? present == nullptr || present[row] != 0
+                          : values[row] != refkernel::nil_of<T>();
+        };
+    }
+
+    //! Calls `f(std::type_identity<T>{})` with the type whose order and arithmetic the values have.
+    template <class F>
+    decltype(auto) visit_true_type(const column &of, F f) const {
+        const numbers &values = numbers_of(of);
+        if (values.beyond && of.type().of == kind::uint64)
+            return f(std::type_identity<std::uint64_t>{});
+        return visit_storage(values.values.type(), f);
+    }
+
+    //! The values by group.
+    template <class T>
+    gathered_values<T> gather(const column &of) const {
+        const numbers &values = numbers_of(of);
+        using stored = std::conditional_t<std::is_same_v<T, std::uint64_t>, lng, T>;
+        const auto all = values.values.template values<stored>();
+        return gathered_values<T>(
+            by_, [all](std::size_t row) { return static_cast<T>(all[row]); },
+            presence_in<stored>(values));
+    }
+
+private:
+    void find_shared_quantiles();
+    template <class Value>
+    std::vector<dbl> sums_of(const Value &value);
+
+    const query &asked_;
+    const query_context &context_;
+    bool nan_missing_;
+    groups by_;
+    std::map<const column *, std::vector<lng>> counts_;
+    std::map<const column *, std::vector<wide_integer>> exact_;
+    std::map<const column *, refkernel::bat> doubles_;
+    std::map<std::pair<const column *, const column *>, weighted_sums> weighted_;
+    std::map<const column *, centred_values> centred_;
+    std::map<const column *, present_rows> present_;
+    std::map<const column *, std::set<double>> fractions_;
+    std::map<const column *, quantiles> quantiles_;
+    std::map<const column *, moment_states> moments_;
+    std::map<std::pair<const column *, const column *>, pair_states> pairs_;
+};
+
+//! Whether a function is a quantile, and of which share.
+bool is_quantile(const function_rule &rule);
+double fraction_of(const asked_function &asked);
+
+double scale_of(const column &of);
+
+} // namespace vask::table
