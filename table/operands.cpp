@@ -35,19 +35,18 @@ constexpr std::size_t parts_of(std::size_t rows) {
     return (rows + rows_of_a_task - 1) / rows_of_a_task;
 }
 
-// Calls `work(row, place)` for rows that are no nil, in tasks, with their places among those.
-template <class T, class Work>
-void for_present(std::span<const T> values, const Work &work) {
-    const T nil = nil_of<T>();
-    const std::size_t parts = parts_of(values.size());
+// Calls `work(row, place)` for rows that `is_present`, in tasks, with their places among those.
+template <class IsPresent, class Work>
+void for_present(std::size_t rows, const IsPresent &is_present, const Work &work) {
+    const std::size_t parts = parts_of(rows);
     std::vector<std::size_t> place(parts + 1, 0);
     const auto end_of = [&](std::size_t part) {
-        return std::min(values.size(), (part + 1) * rows_of_a_task);
+        return std::min(rows, (part + 1) * rows_of_a_task);
     };
     for_each_number(parts, [&](std::size_t part) {
         std::size_t count = 0;
         for (std::size_t row = part * rows_of_a_task; row < end_of(part); ++row)
-            count += values[row] != nil ? 1 : 0;
+            count += is_present(row) ? 1 : 0;
         place[part + 1] = count;
     });
     for (std::size_t part = 0; part < parts; ++part)
@@ -55,9 +54,20 @@ void for_present(std::span<const T> values, const Work &work) {
     for_each_number(parts, [&](std::size_t part) {
         std::size_t next = place[part];
         for (std::size_t row = part * rows_of_a_task; row < end_of(part); ++row)
-            if (values[row] != nil)
+            if (is_present(row))
                 work(row, next++);
     });
+}
+
+template <class T, class Work>
+void for_present(std::span<const T> values, std::span<const std::uint8_t> present,
+                 const Work &work) {
+    if (!present.empty())
+        return for_present(
+            values.size(), [&](std::size_t row) { return present[row] != 0; }, work);
+    for_present(
+        values.size(), [&, nil = nil_of<T>()](std::size_t row) { return values[row] != nil; },
+        work);
 }
 
 } // namespace
@@ -109,21 +119,23 @@ bat as_doubles(const column &of, const numbers &values) {
     });
 }
 
-bat present_values(const bat &values, std::uint64_t missing) {
+bat present_values(const bat &values, std::span<const std::uint8_t> present,
+                   std::uint64_t missing) {
     return visit_values(values, [&]<class T>(std::span<const T> all) {
         fresh_column<T> made(all.size() - missing);
-        for_present(all,
+        for_present(all, present,
                     [&](std::size_t row, std::size_t place) { made.values[place] = all[row]; });
         return std::move(made).finish({.nonil = true});
     });
 }
 
-bat map_of_present(const bat &values, std::uint64_t missing, const bat &map, const bat &aligned) {
+bat map_of_present(const bat &values, std::span<const std::uint8_t> present, std::uint64_t missing,
+                   const bat &map, const bat &aligned) {
     bat result = visit_values(values, [&]<class T>(std::span<const T> all) {
         const oid_reader groups(*map->tail, *map.record());
         const BUN first = map->info->first;
         fresh_column<oid> made(all.size() - missing);
-        for_present(all, [&](std::size_t row, std::size_t place) {
+        for_present(all, present, [&](std::size_t row, std::size_t place) {
             made.values[place] = groups[first + static_cast<BUN>(row)];
         });
         return std::move(made).finish();

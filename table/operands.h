@@ -6,6 +6,7 @@
 #include "table/groups.h"
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace vask::table {
@@ -25,13 +26,16 @@ double scaled_mean(wide_integer sum, lng count, int scale);
 //! The nearest whole number, halves away from 0.
 lng rounded_quotient(wide_integer sum, lng count);
 
-//! The values without the missing ones, of which there are some, marked free of nils.
-refkernel::bat present_values(const refkernel::bat &values, std::uint64_t missing);
+//! The values without the missing ones, of which there are some, marked free of nils. `present` has
+//! by row 1 for a value; where it is empty, a missing one is the nil.
+refkernel::bat present_values(const refkernel::bat &values, std::span<const std::uint8_t> present,
+                              std::uint64_t missing);
 
 //! The rows of a group map that go with present_values, aligned with `aligned`, which is its
 //! result.
-refkernel::bat map_of_present(const refkernel::bat &values, std::uint64_t missing,
-                              const refkernel::bat &map, const refkernel::bat &aligned);
+refkernel::bat map_of_present(const refkernel::bat &values, std::span<const std::uint8_t> present,
+                              std::uint64_t missing, const refkernel::bat &map,
+                              const refkernel::bat &aligned);
 
 //! A column as its distances, as dbl, from the first value of each group, the centre. Sums of
 //! squares of values that lie far from 0 and close to each other lose all their digits; those of

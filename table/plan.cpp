@@ -213,17 +213,11 @@ private:
         std::vector<lng> result;
         if (keys.size() > 1 || (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
             result.resize(by_.count());
-            visit_values(keys[0], [&]<class T>(std::span<const T> all) {
-                const numbers &own = parts_.numbers_of(of);
-                gathered_values<T> values(
-                    by_, [all](std::size_t row) { return all[row]; },
-                    [&own](std::size_t row) {
-                        return own.present.empty() || own.present[row] != 0;
-                    });
-                values.for_each([&](std::size_t group, std::span<T> own_values) {
-                    std::sort(own_values.begin(), own_values.end());
-                    result[group] =
-                        std::unique(own_values.begin(), own_values.end()) - own_values.begin();
+            const present_rows &rows = parts_.present_in(of, keys[0]);
+            visit_values(keys[0], [&]<class T>(std::span<const T>) {
+                gathered_values<T, T>(rows, by_).for_each([&](std::size_t group, std::span<T> own) {
+                    std::sort(own.begin(), own.end());
+                    result[group] = std::unique(own.begin(), own.end()) - own.begin();
                 });
             });
         } else {
@@ -401,10 +395,9 @@ private:
     answer by_group(const column &of, const Work &work) {
         return parts_.visit_true_type(of, [&]<class T>(std::type_identity<T>) {
             using made = typename std::invoke_result_t<const Work &, std::span<T>>::value_type;
-            gathered_values<T> values = parts_.gather<T>(of);
             std::vector<made> found(by_.count());
             std::vector<std::uint8_t> present(by_.count());
-            values.for_each([&](std::size_t group, std::span<T> own) {
+            parts_.for_each_group<T>(of, [&](std::size_t group, std::span<T> own) {
                 const std::optional<made> value = own.empty() ? std::nullopt : work(own);
                 present[group] = value.has_value();
                 found[group] = value.value_or(made{});
@@ -501,14 +494,6 @@ private:
 
     // ---- order statistics ----
 
-    bool is_wide(const column &of) const {
-        constexpr lng most = lng{1} << 53;
-        if (is_text(of.type().of) || parts_.numbers_of(of).values.type() != TYPE_lng)
-            return false;
-        const value_bounds found = of.bounds(context_.tell);
-        return !found.is_empty() && (found.low < -most || found.high > most);
-    }
-
     answer shared_quantile(const column &of, double fraction) {
         const quantiles &all = parts_.quantiles_of(of);
         const auto i = static_cast<std::size_t>(
@@ -538,9 +523,7 @@ private:
         }
         const bool beyond = !text && parts_.numbers_of(of).beyond;
         if (is_quantile(*asked.rule)) {
-            // An operator selects four times as fast as values are gathered. Its last digits are
-            // not exact, which would show in times, as they are whole, and in numbers beyond 2^53.
-            if (beyond || is_temporal(of.type().of) || is_wide(of))
+            if (parts_.are_quantiles_shared(of))
                 return shared_quantile(of, fraction_of(asked));
         } else if (beyond) {
             return ranked(asked);

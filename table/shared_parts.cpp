@@ -3,6 +3,8 @@
 #include "table/errors.h"
 #include "table/value_statistics.h"
 
+#include "statistics/order_statistics.h"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -195,18 +197,23 @@ const centred_values &shared_parts::centred_of(const column &of) {
 }
 
 const present_rows &shared_parts::present_in(const column &of, const bat &values) {
+    const auto [at, is_new] = present_.try_emplace(values.id());
+    if (!is_new)
+        return at->second;
+    present_rows &made = at->second;
     const std::uint64_t missing = missing_in(of);
-    const auto [at, is_new] = present_.try_emplace(&of);
-    if (is_new && missing == 0) {
-        at->second.values = bat::share(values.id());
+    if (missing == 0) {
+        made.values = bat::share(values.id());
         if (!by_.is_whole())
-            at->second.map = bat::share(by_.map().id());
-    } else if (is_new) {
-        at->second.values = present_values(values, missing);
-        if (!by_.is_whole())
-            at->second.map = map_of_present(values, missing, by_.map(), at->second.values);
+            made.map = bat::share(by_.map().id());
+        return made;
     }
-    return at->second;
+    const std::span<const std::uint8_t> present =
+        is_text(of.type().of) ? std::span<const std::uint8_t>() : numbers_of(of).present;
+    made.values = present_values(values, present, missing);
+    if (!by_.is_whole())
+        made.map = map_of_present(values, present, missing, by_.map(), made.values);
+    return made;
 }
 
 // Fractions that quantiles of one column ask for: where values are gathered, one selection
@@ -220,12 +227,27 @@ void shared_parts::find_shared_quantiles() {
     }
 }
 
+bool shared_parts::needs_own_selection(const column &of) const {
+    constexpr lng most = lng{1} << 53;
+    if (numbers_of(of).beyond)
+        return true;
+    if (numbers_of(of).values.type() != TYPE_lng)
+        return false;
+    const value_bounds found = of.bounds(context_.tell);
+    return !found.is_empty() && (found.low < -most || found.high > most);
+}
+
+bool shared_parts::are_quantiles_shared(const column &of) const {
+    return is_temporal(of.type().of) || needs_own_selection(of) ||
+           (!by_.is_whole() && fractions_.at(&of).size() > 1);
+}
+
 const quantiles &shared_parts::quantiles_of(const column &of) {
     const auto [at, is_new] = quantiles_.try_emplace(&of);
     quantiles &made = at->second;
     if (!is_new)
         return made;
-    const std::set<double> &wanted = fractions_[&of];
+    const std::set<double> &wanted = fractions_.at(&of);
     made.fractions.assign(wanted.begin(), wanted.end());
     const std::size_t n = made.fractions.size();
     const bool times = is_temporal(of.type().of);
@@ -234,9 +256,21 @@ const quantiles &shared_parts::quantiles_of(const column &of) {
     else
         made.numbers.assign(n, std::vector<dbl>(by_.count(), nil_of<dbl>()));
     const double unit = scale_of(of);
+    if (!times && !needs_own_selection(of)) {
+        std::vector<stat_functor<dbl>> functors;
+        for (const double fraction : made.fractions)
+            functors.push_back(vask_percentile_functor(fraction));
+        for_each_group<dbl>(of, [&](std::size_t group, std::span<dbl> own) {
+            for (std::size_t i = 0; i < n && !own.empty(); ++i) {
+                stat_flag flag = 0;
+                functors[i](&made.numbers[i][group], &flag, own, TYPE_dbl);
+                made.numbers[i][group] /= unit;
+            }
+        });
+        return made;
+    }
     visit_true_type(of, [&]<class T>(std::type_identity<T>) {
-        gathered_values<T> values = gather<T>(of);
-        values.for_each([&](std::size_t group, std::span<T> own) {
+        for_each_group<T>(of, [&](std::size_t group, std::span<T> own) {
             if (own.empty())
                 return;
             std::vector<std::array<T, 2>> found(n);

@@ -17,12 +17,6 @@
 
 namespace vask::table {
 
-//! Rows with a value. Of the whole there is no map.
-struct present_rows {
-    refkernel::bat values;
-    refkernel::bat map;
-};
-
 //! Quantiles of a column, selected together.
 struct quantiles {
     std::vector<double> fractions;
@@ -67,8 +61,12 @@ public:
     const refkernel::bat &doubles_of(const column &of);
     const weighted_sums &weighted_sums_of(const column &values, const column &weights);
     const centred_values &centred_of(const column &of);
-    //! Of a column in the form that an operator takes, which is the same for all of a query.
+    //! Of a column in one of its forms.
     const present_rows &present_in(const column &of, const refkernel::bat &values);
+    //! Whether quantiles of a column are better selected together than asked of the operators one
+    //! by one: values are brought to their groups once, and the same numbers come of it. Operators
+    //! reckon in dbl, so times, which are whole, and integers beyond 2^53 are never theirs.
+    bool are_quantiles_shared(const column &of) const;
     //! Those of all fractions that the query asks for.
     const quantiles &quantiles_of(const column &of);
     const moment_states &moments_of(const column &of);
@@ -102,18 +100,24 @@ public:
         return visit_storage(values.values.type(), f);
     }
 
-    //! The values by group.
-    template <class T>
-    gathered_values<T> gather(const column &of) const {
-        const numbers &values = numbers_of(of);
-        using stored = std::conditional_t<std::is_same_v<T, std::uint64_t>, lng, T>;
-        const auto all = values.values.template values<stored>();
-        return gathered_values<T>(
-            by_, [all](std::size_t row) { return static_cast<T>(all[row]); },
-            presence_in<stored>(values));
+    //! Calls `work(group, values)` with the values of every group as Ts, in tasks. T is the type
+    //! that visit_true_type gives, or dbl.
+    template <class T, class Work>
+    void for_each_group(const column &of, const Work &work) {
+        const refkernel::bat &all = numbers_of(of).values;
+        const present_rows &rows = present_in(of, all);
+        if constexpr (std::is_same_v<T, std::uint64_t>)
+            gathered_values<T, lng>(rows, by_).for_each(work);
+        else if constexpr (std::is_same_v<T, dbl>)
+            visit_storage(all.type(), [&]<class S>(std::type_identity<S>) {
+                gathered_values<T, S>(rows, by_).for_each(work);
+            });
+        else
+            gathered_values<T, T>(rows, by_).for_each(work);
     }
 
 private:
+    bool needs_own_selection(const column &of) const;
     void find_shared_quantiles();
     template <class Value>
     std::vector<dbl> sums_of(const Value &value);
@@ -127,7 +131,7 @@ private:
     std::map<const column *, refkernel::bat> doubles_;
     std::map<std::pair<const column *, const column *>, weighted_sums> weighted_;
     std::map<const column *, centred_values> centred_;
-    std::map<const column *, present_rows> present_;
+    std::map<int, present_rows> present_; // by the number of the values' BAT
     std::map<const column *, std::set<double>> fractions_;
     std::map<const column *, quantiles> quantiles_;
     std::map<const column *, moment_states> moments_;

@@ -1,6 +1,7 @@
 // Between values beside validity bits and dense arrays in which one number, the nil, is no value.
 #pragma once
 
+#include "table/parallel.h"
 #include "table/validity_bits.h"
 
 #include "rows/isa.h"
@@ -13,9 +14,6 @@
 #include <cstring>
 #include <type_traits>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
-
 namespace vask::table {
 
 // All functions cut many rows into tasks. Validity bits are 1 for values, and null if all rows have
@@ -27,11 +25,10 @@ inline constexpr std::int64_t validity_task_rows = std::int64_t{1} << 17;
 //! Calls body(begin, end) for ranges of 0 .. rows - 1 that begin at multiples of 64, as tasks.
 template <class Body>
 void for_row_ranges(std::int64_t rows, const Body &body) {
-    const auto n = (rows + validity_task_rows - 1) / validity_task_rows;
-    if (n <= 1)
-        return body(std::int64_t{0}, rows);
-    tbb::parallel_for(tbb::blocked_range<std::int64_t>(0, n), [&](const auto &share) {
-        body(share.begin() * validity_task_rows, std::min(share.end() * validity_task_rows, rows));
+    const std::int64_t n = (rows + validity_task_rows - 1) / validity_task_rows;
+    for_each_number(static_cast<std::size_t>(n), [&](std::size_t i) {
+        const std::int64_t begin = static_cast<std::int64_t>(i) * validity_task_rows;
+        body(begin, std::min(begin + validity_task_rows, rows));
     });
 }
 
@@ -98,44 +95,6 @@ void copy_with_nils(const From *values, const std::uint8_t *validity, std::int64
                 to[row] = (valid >> i & 1) != 0 ? static_cast<To>(values[row]) : nil;
         });
     });
-}
-
-//! Whether `value` is among the values, as == tells: a NaN never is.
-template <class T>
-bool holds(const T *values, const std::uint8_t *validity, std::int64_t first_bit, std::int64_t rows,
-           T value) {
-    std::atomic<bool> found{false};
-    for_row_ranges(rows, [&](std::int64_t begin, std::int64_t end) {
-        // Blocks that the first-level cache holds, so that a value is found soon.
-        constexpr std::int64_t block_rows = 4096;
-        for (std::int64_t row = begin; row < end; row += block_rows) {
-            if (found.load(std::memory_order_relaxed))
-                return;
-            const std::int64_t n = std::min(block_rows, end - row);
-            const bool here = with_best_instruction_set([=]() __attribute__((always_inline)) {
-                const T *block = values + row;
-                bool any = false;
-                for (std::int64_t i = 0; i < n; ++i)
-                    any |= block[i] == value;
-                if (!any || validity == nullptr)
-                    return any;
-                // One that has no value can look like it.
-                for (std::int64_t i = 0; i < n; ++i) {
-                    const std::int64_t bit = first_bit + row + i;
-                    if (block[i] == value && (validity[bit / 8] >> bit % 8 & 1) != 0)
-                        return true;
-                }
-                return false;
-            });
-            if (here)
-                found.store(true, std::memory_order_relaxed);
-        }
-    });
-    return found.load(std::memory_order_relaxed);
-}
-template <class T>
-bool holds(const T *values, std::int64_t rows, T value) {
-    return holds<T>(values, nullptr, 0, rows, value);
 }
 
 //! The validity bits of 64 values. By way of bytes, which compilers write without a branch: where

@@ -1,6 +1,7 @@
 // The C interface beyond what generated queries reach: literal cases, refusals, ownership, threads.
 #include "tests/table/plain_query.h"
 
+#include <random>
 #include <thread>
 
 #include <tbb/global_control.h>
@@ -81,6 +82,34 @@ TEST(Interface, MiddlesOfTimesDoNotDependOnOtherFunctions) {
     const auto together = whole(dates, {of("median"), of("quantile", "v", 0.25)});
     EXPECT_EQ(alone[0].whole, -3) << "halves go away from zero";
     EXPECT_EQ(together[0].whole, -3);
+}
+
+// Several share one selection, where one alone is an operator's.
+TEST(Interface, QuantilesAreTheSameAloneAndTogether) {
+    ledger counted;
+    std::mt19937 random(11);
+    column_data keys{"k", "i", {}};
+    column_data values{"v", "g", {}};
+    for (int row = 0; row < 30'000; ++row) {
+        // Groups of one row, of some, and of half of all.
+        const auto key = random() % 2 == 0 ? wide{0} : wide{random() % 8'000};
+        keys.values.push_back(cell::of(key));
+        values.values.push_back(
+            random() % 20 == 0 ? cell::null() : cell::of_real(static_cast<double>(random()) / 7));
+    }
+    const table_pointer table = import_table(counted, {{keys, values}});
+    std::vector<wanted> functions;
+    for (const double share : {0.0, 0.1, 0.5, 0.77, 0.999, 1.0})
+        functions.push_back({"quantile", {"v"}, share, std::to_string(share)});
+    const table_data together = run(table.get(), {{"k"}, functions, 0, 0});
+    for (std::size_t i = 0; i < functions.size(); ++i) {
+        const table_data alone = run(table.get(), {{"k"}, {functions[i]}, 0, 0});
+        ASSERT_EQ(alone.rows(), together.rows());
+        for (std::size_t row = 0; row < alone.rows(); ++row)
+            ASSERT_EQ(shown(alone.columns[1].values[row]),
+                      shown(together.columns[i + 1].values[row]))
+                << functions[i].parameter << " of group " << row;
+    }
 }
 
 TEST(Interface, AliasesGiveWhatTheirFunctionsGive) {

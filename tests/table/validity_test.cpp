@@ -19,10 +19,10 @@ using namespace vask::table;
 template <class T>
 using guarded = support::guarded_memory<T>;
 
-// On either side of a word, of a block of holds(), and of a task.
+// On either side of a word, and of a task.
 constexpr std::int64_t task = validity_task_rows;
-constexpr std::int64_t row_counts[] = {0,    1,    7,    8,        9,    63,       64,           65,
-                                       4095, 4096, 4097, task - 1, task, task + 1, 3 * task + 70};
+constexpr std::int64_t row_counts[] = {0,  1,  7,        8,    9,        63,
+                                       64, 65, task - 1, task, task + 1, 3 * task + 70};
 
 bool bit_at(const std::uint8_t *bits, std::int64_t i) {
     return (bits[i / 8] >> i % 8 & 1) != 0;
@@ -137,39 +137,6 @@ TEST(Validity, BooleansOfBits) {
                 count += bit_at(validity.data(), first_bit + i);
             ASSERT_EQ(count_bits(validity.data(), first_bit, rows), count);
         });
-}
-
-template <class T>
-void check_holds(const std::string &name) {
-    SCOPED_TRACE(name);
-    constexpr T nil = std::numeric_limits<T>::lowest();
-    for_each_shape(
-        [&](std::int64_t rows, std::int64_t first_bit, unsigned ones, std::mt19937 &random) {
-            const auto bits = draw_bits(first_bit + rows, ones, random);
-            const guarded<T> values(static_cast<std::size_t>(rows));
-            for (std::size_t i = 0; i < values.size(); ++i)
-                values[i] = static_cast<T>(random() % 100);
-            ASSERT_FALSE(holds(values.data(), rows, nil));
-            if (rows == 0)
-                return;
-            for (const std::int64_t at : {std::int64_t{0}, rows / 2, rows - 1}) {
-                T &value = values[static_cast<std::size_t>(at)];
-                const T old = std::exchange(value, nil);
-                ASSERT_TRUE(holds(values.data(), rows, nil)) << "at " << at;
-                // Without a value, it is none.
-                ASSERT_EQ(holds(values.data(), bits.data(), first_bit, rows, nil),
-                          bit_at(bits.data(), first_bit + at))
-                    << "at " << at;
-                value = old;
-            }
-        });
-}
-
-TEST(Validity, NilsAmongValuesAreFound) {
-    check_holds<std::int8_t>("int8");
-    check_holds<std::int32_t>("int32");
-    check_holds<std::int64_t>("int64");
-    check_holds<double>("double");
 }
 
 } // namespace
