@@ -435,18 +435,12 @@ numbers decimal_numbers(const fixed_request &asked) {
 
 // ---- texts --------------------------------------------------------------------------------------
 
-void check_length(std::int64_t length, std::int64_t row, const std::string &name) {
-    if (length < 0)
-        fail(VASK_BAD_DATA, "column '{}': the offsets of row {} of a batch go backwards",
-             shown(name), row);
-}
-
+// The offsets between are looked at when the texts are.
 template <class Offset>
 void check_offsets(const piece &p, const std::string &name) {
     const Offset *const offsets = values_of<Offset>(p);
-    check_length(offsets[0], 0, name);
-    for (std::int64_t row = 0; row < p.rows; ++row)
-        check_length(offsets[row + 1] < offsets[row] ? -1 : 0, row, name);
+    if (offsets[0] < 0)
+        fail(VASK_BAD_DATA, "column '{}': the first offset of a batch is negative", shown(name));
     if (p.bytes == nullptr && offsets[p.rows] != offsets[0])
         fail(VASK_BAD_DATA, "column '{}': the buffer of its texts is missing", shown(name));
 }
@@ -460,18 +454,30 @@ void check_views(const piece &p, const std::string &name) {
     };
     const auto *const views = values_of<text_view>(p);
     constexpr std::int32_t longest_in_view = 12;
-    for (std::int64_t row = 0; row < p.rows; ++row) {
-        if (!is_value(p, row))
-            continue;
-        const text_view &view = views[row];
-        check_length(view.length, row, name);
-        if (view.length > longest_in_view &&
-            (view.buffer < 0 || view.buffer >= p.n_view_buffers || view.offset < 0 ||
-             p.view_buffers[view.buffer] == nullptr ||
-             std::int64_t{view.offset} + view.length > p.view_sizes[view.buffer]))
-            fail(VASK_BAD_DATA, "column '{}': the view of row {} of a batch leaves its buffers",
-                 shown(name), row);
-    }
+    constexpr std::int64_t none = std::numeric_limits<std::int64_t>::max();
+    std::atomic<std::int64_t> bad{none};
+    for_rows(static_cast<std::size_t>(p.rows), [&](std::size_t begin, std::size_t end) {
+        for (auto row = static_cast<std::int64_t>(begin); row < static_cast<std::int64_t>(end);
+             ++row) {
+            const text_view &view = views[row];
+            const bool is_bad =
+                view.length < 0 ||
+                (view.length > longest_in_view &&
+                 (view.buffer < 0 || view.buffer >= p.n_view_buffers || view.offset < 0 ||
+                  p.view_buffers[view.buffer] == nullptr ||
+                  std::int64_t{view.offset} + view.length > p.view_sizes[view.buffer]));
+            if (is_bad && is_value(p, row)) {
+                std::int64_t first = bad.load(std::memory_order_relaxed);
+                while (row < first &&
+                       !bad.compare_exchange_weak(first, row, std::memory_order_relaxed)) {
+                }
+                return;
+            }
+        }
+    });
+    if (bad != none)
+        fail(VASK_BAD_DATA, "column '{}': the view of row {} of a batch leaves its buffers",
+             shown(name), bad.load());
 }
 
 // Of an array that was checked.
@@ -504,6 +510,16 @@ text_chunk chunk_of(const piece &p, const std::string &name) {
     return chunk;
 }
 
+encoded_texts encode(std::span<const text_chunk> chunks, std::span<std::int32_t> codes,
+                     const std::string &name) {
+    try {
+        return encode_texts(chunks, codes, nil_of<std::int32_t>());
+    } catch (const malformed_texts &error) {
+        fail(VASK_BAD_DATA, "column '{}': the offsets of row {} go backwards or too far",
+             shown(name), error.row);
+    }
+}
+
 bool same_dictionary(const piece &a, const piece &b) {
     return a.values == b.values && a.bytes == b.bytes && a.rows == b.rows && a.offset == b.offset &&
            a.validity == b.validity && a.view_buffers == b.view_buffers;
@@ -532,7 +548,7 @@ dictionary_codes encode_dictionaries(const std::vector<piece> &pieces, const std
         result.begin.push_back(last_begin);
     }
     result.codes.resize(entries);
-    result.encoded = encode_texts(chunks, result.codes, nil_of<std::int32_t>());
+    result.encoded = encode(chunks, result.codes, name);
     return result;
 }
 
@@ -817,7 +833,7 @@ texts column::make_texts(const teller &tell) const {
         chunks.reserve(pieces_.size());
         for (const piece &p : pieces_)
             chunks.push_back(chunk_of(p, name_));
-        encoded_texts encoded = encode_texts(chunks, codes.values, nil_of<std::int32_t>());
+        encoded_texts encoded = encode(chunks, codes.values, name_);
         result.words = std::move(encoded.words);
         result.missing = encoded.missing;
         tell(fmt::format("column '{}' was encoded: {} different texts", shown(name_),

@@ -1,5 +1,6 @@
 #include "table/text_encoder.h"
 
+#include "table/parallel.h"
 #include "table/text_dictionary.h"
 #include "table/text_key.h"
 #include "table/validity_bits.h"
@@ -12,9 +13,6 @@
 #include <memory>
 #include <random>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
-#include <tbb/partitioner.h>
 #include <tbb/task_arena.h>
 
 namespace vask::table {
@@ -33,13 +31,6 @@ struct row_range {
     const char *malformed = nullptr;
     row_position malformed_row = 0;
 };
-
-//! Calls body(first, last) for shares of 0 .. n - 1 as tasks.
-template <class Body>
-void in_parallel(std::size_t n, std::size_t grain, const Body &body) {
-    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, n, grain),
-                      [&](const auto &share) { body(share.begin(), share.end()); });
-}
 
 // ---- rows to numbers of their range's texts
 // ------------------------------------------------------
@@ -232,20 +223,20 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
     std::size_t texts = 0;
     for (const row_range &range : ranges)
         texts += range.texts.size();
-    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+    for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
             resize_for_words(places[r], ranges[r].texts.size() + std::size_t{1});
     });
     const unsigned prefix_bits =
         std::min(static_cast<unsigned>(std::bit_width(texts / texts_per_prefix)), most_prefix_bits);
-    in_parallel(std::size_t{1} << prefix_bits, 1, [&](std::size_t begin, std::size_t end) {
+    for_parts(std::size_t{1} << prefix_bits, 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t prefix = begin; prefix < end; ++prefix)
             find_first_places(ranges, static_cast<std::uint32_t>(prefix), prefix_bits, places);
     });
 
     const auto is_first = [&](std::size_t r, number word) { return places[r][word].word == 0; };
     std::vector<std::size_t> firsts(ranges.size() + 1);
-    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+    for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
             for (number word = 1; word <= ranges[r].texts.size(); ++word)
                 firsts[r + 1] += is_first(r, word);
@@ -255,7 +246,7 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
     resize_for_words(words, firsts.back());
 
     code_maps codes(ranges.size());
-    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+    for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r) {
             resize_for_words(codes[r], ranges[r].texts.size() + std::size_t{1}, missing_code);
             std::size_t code = firsts[r];
@@ -266,7 +257,7 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
                 }
         }
     });
-    in_parallel(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
+    for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
             for (number word = 1; word <= ranges[r].texts.size(); ++word)
                 if (!is_first(r, word))
@@ -319,16 +310,12 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
         ranges[r].begin = static_cast<row_position>(rows * r / ranges.size());
         ranges[r].end = static_cast<row_position>(rows * (r + 1) / ranges.size());
     }
-    tbb::parallel_for(
-        tbb::blocked_range<std::size_t>(0, ranges.size(), 1),
-        [&](const auto &share) {
-            for (std::size_t r = share.begin(); r < share.end(); ++r)
-                // The first range's numbers are its codes, less one.
-                encode_range(chunks, begins, hash, ranges[r],
-                             r == 0 ? written_codes{codes.data(), -1, missing_code}
-                                    : written_codes{codes.data(), 0, 0});
-        },
-        tbb::simple_partitioner());
+    for_each_number(ranges.size(), [&](std::size_t r) {
+        // The first range's numbers are its codes, less one.
+        encode_range(chunks, begins, hash, ranges[r],
+                     r == 0 ? written_codes{codes.data(), -1, missing_code}
+                            : written_codes{codes.data(), 0, 0});
+    });
     for (const row_range &range : ranges) {
         if (range.malformed != nullptr)
             throw malformed_texts(range.malformed, static_cast<std::uint64_t>(range.malformed_row));
@@ -339,13 +326,13 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
     for (std::size_t r = 1; r < ranges.size(); ++r) {
         const std::int32_t *code_of = maps[r].data();
         std::int32_t *first = codes.data() + ranges[r].begin;
-        in_parallel(static_cast<std::size_t>(ranges[r].end - ranges[r].begin), task_rows,
-                    [=](std::size_t begin, std::size_t end) {
-                        with_best_instruction_set([=]() __attribute__((always_inline)) {
-                            for (std::size_t i = begin; i < end; ++i)
-                                first[i] = code_of[first[i]];
-                        });
-                    });
+        for_parts(static_cast<std::size_t>(ranges[r].end - ranges[r].begin), task_rows,
+                  [=](std::size_t begin, std::size_t end) {
+                      with_best_instruction_set([=]() __attribute__((always_inline)) {
+                          for (std::size_t i = begin; i < end; ++i)
+                              first[i] = code_of[first[i]];
+                      });
+                  });
     }
     return result;
 }

@@ -13,7 +13,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <set>
@@ -53,15 +52,13 @@ std::string digest_of(const bat &b) {
         const oid id = b.head_oid(row);
         head.add(&id, sizeof id);
     }
+    for (BUN row = 0; b.is_void() && row < b.count(); ++row) {
+        const oid id = b.tail_oid(row);
+        tail.add(&id, sizeof id);
+    }
     with_element_of(b.is_void() ? int{TYPE_oid} : b.type(), [&]<class T>(T) {
-        for (BUN row = 0; row < b.count(); ++row) {
-            T value;
-            if (b.is_void()) {
-                const oid id = b.tail_oid(row);
-                std::memcpy(&value, &id, sizeof value);
-            } else {
-                value = b.values<T>()[row];
-            }
+        for (BUN row = 0; !b.is_void() && row < b.count(); ++row) {
+            T value = b.values<T>()[row];
             if constexpr (std::is_floating_point_v<T>)
                 value = std::isnan(value) ? std::numeric_limits<T>::quiet_NaN() : value;
             tail.add(&value, sizeof value);
@@ -161,7 +158,7 @@ bat generated(const shape &s, int type, std::uint32_t seed) {
     std::mt19937 random(seed);
     std::vector<T> values(s.rows);
     for (T &value : values) {
-        const bool is_nil = random() < s.nil_share * 4294967296.0;
+        const bool is_nil = static_cast<double>(random()) < s.nil_share * 4294967296.0;
         const auto number = static_cast<std::int64_t>(random() % s.different) - s.different / 3;
         if (is_nil)
             value = refkernel::nil_of<T>();
@@ -178,7 +175,7 @@ bat generated_texts(const shape &s, std::uint32_t seed) {
     refkernel::text_builder texts;
     for (std::size_t i = 0; i < s.rows; ++i) {
         const std::uint32_t number = static_cast<std::uint32_t>(random()) % s.different;
-        if (random() < s.nil_share * 4294967296.0)
+        if (static_cast<double>(random()) < s.nil_share * 4294967296.0)
             texts.append_nil();
         else
             texts.append("text " + std::to_string(number * 7919));
