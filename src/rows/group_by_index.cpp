@@ -64,6 +64,8 @@ public:
         if (keyless_.is_set())
             return grouping_outcome::row_without_key;
         merge(found);
+        // Nothing is written yet.
+        std::fill(wrong_.begin(), wrong_.end(), bte{0});
 
         gdk_vector<oid> ids(source_.bound);
         find_ids(ids);
@@ -212,9 +214,13 @@ private:
             });
         // Grown by and by it would be there twice, and half of it again, at the last time.
         groups_.reserve(groups_.size() + new_indices);
-        for (noted_rows &range : found)
-            range.filter(open, [&, this](BUN row, BUN k) {
-                numbers_[indices[k]] = number_of(row);
+        for (std::size_t i = 0; i < found.size(); ++i)
+            found[i].filter(open, [&, this](BUN row, BUN k) {
+                const std::size_t known = groups_.size();
+                const std::uint32_t number = numbers_[indices[k]] = number_of(row);
+                // Written as a group of its own, the index is one more of a known group.
+                if (number < known)
+                    wrong_[i] = 1;
                 return true;
             });
         return new_indices;
@@ -240,7 +246,7 @@ private:
     shared_mark keyless_;
     gdk_vector<std::uint32_t> numbers_; // of each index's group
     gdk_vector<std::uint32_t> totals_;  // rows of each index
-    gdk_vector<bte> wrong_;             // whether a range claimed a group that begins before it
+    gdk_vector<bte> wrong_;             // whether a range claimed a group that begins before
     gdk_vector<new_group> groups_;
 };
 
