@@ -76,6 +76,40 @@ public:
         }
     }
 
+    //! Whether the slots lie in the first-level cache. Then texts are looked up one by one: keys
+    //! and hashes stay in registers, and nothing has to be fetched.
+    bool is_cached() const noexcept { return slot_count_ <= cached_slots && slot_count_ != 0; }
+
+    //! The same for texts one by one while the slots are cached. `load(i, key)` gives the i-th key
+    //! or false; `hash(key)` its hash; `put(i, number)` takes the number. Gives how many were put.
+    template <class Load, class Hash, class TextOf, class Put>
+    VASK_ALWAYS_INLINE unsigned find_or_add_cached(unsigned n, const Load &load, const Hash &hash,
+                                                   const TextOf &text_of, const Put &put) {
+        const slot *slots = slots_.get();
+        const text_key *keys = keys_.get();
+        std::size_t mask = slot_count_ - 1;
+        unsigned shift = shift_;
+        for (unsigned i = 0; i < n; ++i) {
+            text_key key;
+            if (!load(i, key)) [[unlikely]]
+                return i;
+            const std::uint32_t own = hash(key);
+            std::size_t at = own >> shift;
+            while (slots[at].word != 0 && slots[at].hash != own)
+                at = (at + 1) & mask;
+            number found = slots[at].word;
+            if (!(keys[found] == key) || !key.is_whole_text()) [[unlikely]] {
+                found = find_or_add(key, own, text_of(i));
+                slots = slots_.get();
+                keys = keys_.get();
+                mask = slot_count_ - 1;
+                shift = shift_;
+            }
+            put(i, found);
+        }
+        return n;
+    }
+
     //! Calls `body(slot)` for the texts whose hashes begin with the bits `prefix`.
     template <class Body>
     void for_each_of_prefix(std::uint32_t prefix, unsigned prefix_bits, Body body) const {

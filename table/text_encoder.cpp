@@ -59,6 +59,13 @@ VASK_ALWAYS_INLINE unsigned encode_block(const Texts &texts, row_position first,
                                          const text_hash &hash, text_dictionary &dictionary,
                                          text_block &block, const written_codes &to,
                                          std::int32_t *codes) {
+    if (dictionary.is_cached())
+        return dictionary.find_or_add_cached(
+            n, [&](unsigned i, text_key &key) { return texts.load(first + i, hash, key); }, hash,
+            [&](unsigned i) { return texts[first + i]; },
+            [&](unsigned i, number found) {
+                codes[i] = static_cast<std::int32_t>(found) + to.bias;
+            });
     for (unsigned i = 0; i < n; ++i) {
         if (!texts.load(first + i, hash, block.keys[i])) [[unlikely]]
             return i;
