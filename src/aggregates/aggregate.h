@@ -4,6 +4,8 @@
 //                               `value`, and `bool seen` if the aggregate must tell "no value"
 //                               from a neutral one; all zero means no rows
 //   add(partial, value)         folds one value in; always inlined, no calls
+//   operand(value, is)          perhaps: what stands for a value where `is`, else for nothing; and
+//   add_operand(partial, operand, is)   folds it in, without a branch
 //   merge(total, partial)       folds the partial of later rows into the total; when the aggregate
 //                               tells seen, only called with a partial that saw a value
 //   scan(rows, range)           partial of a range of a row source; always inlined, no calls
@@ -15,10 +17,13 @@
 #include "rows/isa.h"
 #include "vask/kernel/bat.h"
 
+#include <cstddef>
+
 namespace vask {
 
 //! The rows of a fixed-width column, which are nil by ordinary equality: a NaN is a value. A plain
-//! value, to be copied into a row loop.
+//! value, to be copied into a row loop. Positions are as wide as addresses, since a sum of narrower
+//! ones could wrap, which the compiler would have to keep up with.
 template <class T>
 struct column_rows {
     const T *rows;
@@ -27,8 +32,8 @@ struct column_rows {
     explicit column_rows(const BAT &b) noexcept
         : rows(rows_of<const T>(*b.tail)), nil(nil_of<T>(b.tail->type)) {}
 
-    VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept { return rows[p] == nil; }
-    VASK_ALWAYS_INLINE T operator[](BUN p) const noexcept { return rows[p]; }
+    VASK_ALWAYS_INLINE bool is_nil(std::size_t p) const noexcept { return rows[p] == nil; }
+    VASK_ALWAYS_INLINE T operator[](std::size_t p) const noexcept { return rows[p]; }
 
     //! While n rows from p on are in use, asks for rows to come.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept { prefetch_ahead(rows, p, n); }

@@ -31,8 +31,12 @@ struct text_rows {
         return false;
     }
 
-    VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept { return is_nil_text(texts[p], nil); }
-    VASK_ALWAYS_INLINE const char *operator[](BUN p) const noexcept { return texts[p]; }
+    VASK_ALWAYS_INLINE bool is_nil(std::size_t p) const noexcept {
+        return is_nil_text(texts[static_cast<BUN>(p)], nil);
+    }
+    VASK_ALWAYS_INLINE const char *operator[](std::size_t p) const noexcept {
+        return texts[static_cast<BUN>(p)];
+    }
 };
 
 //! Counts the rows that are not nil, of any row source. A NaN counts unless it is the nil.
@@ -46,6 +50,15 @@ struct count {
     template <class T>
     VASK_ALWAYS_INLINE static void add(partial &p, const T &) noexcept {
         ++p.value;
+    }
+
+    template <class T>
+    VASK_ALWAYS_INLINE static std::uint8_t operand(const T &, bool is_value) noexcept {
+        return is_value;
+    }
+    VASK_ALWAYS_INLINE static void add_operand(partial &p, std::uint8_t,
+                                               std::uint8_t is_value) noexcept {
+        p.value += is_value;
     }
 
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {

@@ -47,6 +47,23 @@ struct min_max {
         p.seen = true;
     }
 
+    //! Nothing is better than the operand of a nil, which is worse than any value.
+    VASK_ALWAYS_INLINE static T operand(T value, bool is_value) noexcept {
+        constexpr T greatest = std::numeric_limits<T>::has_infinity
+                                   ? std::numeric_limits<T>::infinity()
+                                   : std::numeric_limits<T>::max();
+        constexpr T least = std::numeric_limits<T>::has_infinity
+                                ? -std::numeric_limits<T>::infinity()
+                                : std::numeric_limits<T>::min();
+        return is_value ? value : which == extreme::min ? greatest : least;
+    }
+    //! The value of a partial that has seen none is of no account.
+    VASK_ALWAYS_INLINE static void add_operand(partial &p, T of, std::uint8_t is_value) noexcept {
+        const bool seen = p.seen;
+        add(p, of);
+        p.seen = seen || is_value != 0;
+    }
+
     //! Whether a value would change the partial, which few do but for the first ones.
     VASK_ALWAYS_INLINE static bool changes(const partial &p, T value) noexcept {
         return !p.seen || better<which>(value, p.value);

@@ -48,6 +48,18 @@ struct sum {
         p.seen = true;
     }
 
+    //! Adding -0.0 changes no value, not even a sum of -0.0.
+    static constexpr auto nothing = static_cast<accumulator>(std::floating_point<T> ? -0.0 : 0);
+
+    VASK_ALWAYS_INLINE static accumulator operand(T value, bool is_value) noexcept {
+        return is_value ? static_cast<accumulator>(value) : nothing;
+    }
+    VASK_ALWAYS_INLINE static void add_operand(partial &p, accumulator of,
+                                               std::uint8_t is_value) noexcept {
+        p.value = add_wrapping(p.value, of);
+        p.seen |= is_value != 0;
+    }
+
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         add(total, part.value);
     }
@@ -59,10 +71,10 @@ struct sum {
         partial result{0, false};
         if constexpr (std::floating_point<T>) {
             // Additions stay in row order: the latency of the addition is the bound, and a branch
-            // on nil would come on top. Adding -0.0 changes no value, not even a sum of -0.0.
+            // on nil would come on top.
             for (std::size_t i = 0; i < n; ++i) {
                 const bool value = rows[i] != nil;
-                result.value += value ? rows[i] : T(-0.0);
+                result.value += operand(rows[i], value);
                 result.seen |= value;
             }
         } else if constexpr (sizeof(T) < 4) {

@@ -55,6 +55,17 @@ struct moment_sums {
         add(sums, static_cast<dbl>(value));
     }
 
+    //! A zero in place of a value changes no sum: none can be -0.0, as all begin with 0.0.
+    template <class T>
+    VASK_ALWAYS_INLINE static dbl operand(T value, bool is_value) noexcept {
+        return is_value ? static_cast<dbl>(value) : -0.0;
+    }
+    VASK_ALWAYS_INLINE static void add_operand(partial &sums, dbl of,
+                                               std::uint8_t is_value) noexcept {
+        add(sums, of);
+        sums.n += is_value - 1;
+    }
+
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         total.s1 += part.s1;
         total.s2 += part.s2;
@@ -64,15 +75,14 @@ struct moment_sums {
     }
 
     //! The sums are chains of additions in row order, which run side by side; their latency is the
-    //! bound, so a nil costs a blend and never a mispredicted branch. A zero in its place changes
-    //! no sum: none can be -0.0, as all begin with 0.0.
+    //! bound, so a nil costs a blend and never a mispredicted branch.
     template <class T>
     VASK_ALWAYS_INLINE static partial scan(column_rows<T> rows, vask_row_range r) noexcept {
         partial sums{};
         lng nils = 0;
         for (BUN p = r.begin; p < r.end; ++p) {
             const bool nil = rows.is_nil(p);
-            add(sums, nil ? -0.0 : static_cast<dbl>(rows[p]));
+            add(sums, operand(rows[p], !nil));
             nils += nil;
         }
         sums.n -= nils;
