@@ -1,9 +1,15 @@
 #include "chunk_reader.h"
 
+#include "field_index.h"
+#include "plain_numbers.h"
+
+#include "vask/refkernel/nil.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -26,10 +32,14 @@ bool is_printed_as(T value, std::string_view cell) {
 
 class chunk_reader {
 public:
-    chunk_reader(const record_chunk &chunk, const missing_words &missing,
+    chunk_reader(std::string_view text, const missing_words &missing,
                  const std::vector<column_target> &targets, std::uint64_t first_row,
                  const row_filter *filter)
-        : missing_(missing), targets_(targets), first_row_(first_row), filter_(filter) {
+        : text_(text),
+          missing_(missing),
+          targets_(targets),
+          first_row_(first_row),
+          filter_(filter) {
         outcome_.columns.resize(targets.size());
         if (filter != nullptr) {
             filter_cells_.resize(filter->columns().size());
@@ -37,19 +47,8 @@ public:
             for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot)
                 slots_[filter->columns()[slot]] = slot;
         }
-        bool has_text = false;
-        for (std::size_t i = 0; i < targets.size(); ++i) {
+        for (std::size_t i = 0; i < targets.size(); ++i)
             outcome_.columns[i].needed = targets[i].type;
-            if (!targets[i].wanted || targets[i].type != column_type::str)
-                continue;
-            outcome_.columns[i].texts.reserve(chunk.max_records);
-            has_text = true;
-        }
-        // Cells are never longer than what they were written as, so all texts fit in.
-        if (has_text)
-            outcome_.text_memory = std::make_shared_for_overwrite<char[]>(chunk.end - chunk.begin);
-        text_end_ = outcome_.text_memory.get();
-        row_text_ = text_end_;
     }
 
     void field(std::string_view cell) {
@@ -61,10 +60,11 @@ public:
         if (!targets_[i].wanted)
             return;
         if (targets_[i].type == column_type::str)
-            store_text(cell, i);
+            store_text(cell, cell.size(), i, parsed_);
         else
-            visit_cell_type(targets_[i].type,
-                            [&]<class T>(std::type_identity<T>) { store_value<T>(cell, i); });
+            visit_cell_type(targets_[i].type, [&]<class T>(std::type_identity<T>) {
+                store_value(cell, i, parsed_, *place<T>(i));
+            });
     }
 
     void record() {
@@ -82,7 +82,26 @@ public:
         if (!kept)
             take_back_row();
         row_missing_.clear();
-        row_text_ = text_end_;
+    }
+
+    //! Takes plain records at one go: by columns, or with a filter by rows.
+    void take(const field_index &fields) {
+        if (filter_ != nullptr) {
+            for (std::size_t record_number = 0; record_number < fields.records(); ++record_number)
+                take_row(fields, record_number);
+            return;
+        }
+        for (std::size_t i = 0; i < targets_.size(); ++i) {
+            if (!targets_[i].wanted)
+                continue;
+            if (targets_[i].type == column_type::str)
+                take_texts(fields, i);
+            else
+                visit_cell_type(targets_[i].type,
+                                [&]<class T>(std::type_identity<T>) { take_values<T>(fields, i); });
+        }
+        parsed_ += fields.records();
+        outcome_.records += fields.records();
     }
 
     bool stopped() const { return outcome_.fault.has_value(); }
@@ -92,7 +111,11 @@ public:
         outcome_.fault = load_fault{what, parsed_, 0, column_, {}, {}, position};
     }
 
-    chunk_outcome take_outcome() { return std::move(outcome_); }
+    chunk_outcome take_outcome() {
+        for (column_outcome &column : outcome_.columns)
+            column.texts.shrink();
+        return std::move(outcome_);
+    }
 
 private:
     bool keeps_row() {
@@ -115,8 +138,54 @@ private:
             --outcome_.columns[i].missing;
         for (std::size_t i = 0; i < targets_.size(); ++i)
             if (targets_[i].wanted && targets_[i].type == column_type::str)
-                outcome_.columns[i].texts.pop_back();
-        text_end_ = row_text_;
+                outcome_.columns[i].texts.pop();
+    }
+
+    void take_row(const field_index &fields, std::size_t record_number) {
+        for (std::size_t i = 0; i < targets_.size(); ++i) {
+            column_ = i;
+            if (targets_[i].wanted || slots_[i] != no_slot)
+                field(fields.field(record_number, i));
+        }
+        column_ = targets_.size();
+        record();
+    }
+
+    template <class T>
+    void take_values(const field_index &fields, std::size_t i) {
+        T *const to = place<T>(i);
+        const char *const first = text_.data();
+        const bool is_key = targets_[i].is_key;
+        for (std::size_t row = 0; row < fields.records(); ++row) {
+            const std::string_view cell = fields.field(row, i);
+            if (!read_plain(cell, first, is_key, to[row]) || missing_.contains(cell)) [[unlikely]]
+                store_value(cell, i, parsed_ + row, to[row]);
+        }
+    }
+
+    template <class T>
+    static bool read_plain(std::string_view cell, const char *first, bool is_key, T &value) {
+        const char *const begin = cell.data();
+        const char *const end = begin + cell.size();
+        if constexpr (std::is_same_v<T, dbl>) {
+            return read_plain_decimal(begin, end, first, is_key, value);
+        } else if constexpr (std::is_same_v<T, std::int32_t> || std::is_same_v<T, lng>) {
+            std::int64_t number = 0;
+            if (!read_plain_integer(begin, end, first, number))
+                return false;
+            value = static_cast<T>(number);
+            return value == number && value != refkernel::nil_of<T>();
+        } else {
+            return false;
+        }
+    }
+
+    void take_texts(const field_index &fields, std::size_t i) {
+        const auto end = text_.data() + text_.size();
+        for (std::size_t row = 0; row < fields.records(); ++row) {
+            const std::string_view cell = fields.field(row, i);
+            store_text(cell, static_cast<std::size_t>(end - cell.data()), i, parsed_ + row);
+        }
     }
 
     void count_missing(std::size_t i) {
@@ -125,69 +194,91 @@ private:
             row_missing_.push_back(i);
     }
 
+    // Of the next record.
     template <class T>
     T *place(std::size_t column) const {
         return static_cast<T *>(targets_[column].values) + first_row_ + outcome_.records;
     }
 
     template <class T>
-    void store_value(std::string_view cell, std::size_t i) {
+    void store_value(std::string_view cell, std::size_t i, std::uint64_t record_number, T &to) {
         T value;
         // A number can be listed as a missing word, so the list comes first.
         if (missing_.contains(cell)) {
             std::memcpy(&value, BATatoms[type_code(targets_[i].type)].atom_null, sizeof value);
             count_missing(i);
         } else if (!read_cell(cell, value) || (targets_[i].keep_zeros && has_leading_zero(cell))) {
-            misfit(cell, i);
+            misfit(cell, i, record_number);
             return;
         } else if (targets_[i].is_key && !outcome_.columns[i].respelled &&
                    !is_printed_as(value, cell)) {
             outcome_.columns[i].respelled = cell;
         }
-        *place<T>(i) = value;
+        to = value;
     }
 
-    void store_text(std::string_view cell, std::size_t i) {
+    void store_text(std::string_view cell, std::size_t readable, std::size_t i,
+                    std::uint64_t record_number) {
         column_outcome &column = outcome_.columns[i];
         if (missing_.contains(cell)) {
-            column.texts.emplace_back(nil_text_);
+            column.texts.add_missing();
             count_missing(i);
             return;
         }
-        if (cell == nil_text_) {
-            outcome_.fault = load_fault{load_fault::kind::nil_text, parsed_, 0, i, {}, {}, 0};
-            return;
-        }
-        column.texts.emplace_back(text_end_, cell.size());
-        text_end_ = std::copy(cell.begin(), cell.end(), text_end_);
+        if (cell == nil_text_)
+            note_fault({load_fault::kind::nil_text, record_number, 0, i, {}, {}, 0});
+        else
+            column.texts.add(cell, readable);
     }
 
-    void misfit(std::string_view cell, std::size_t i) {
+    void misfit(std::string_view cell, std::size_t i, std::uint64_t record_number) {
         const column_target &target = targets_[i];
         if (target.forced)
-            outcome_.fault = load_fault{load_fault::kind::bad_cell, parsed_,     0, i,
-                                        std::string(cell),          target.type, 0};
+            note_fault({load_fault::kind::bad_cell, record_number, 0, i, std::string(cell),
+                        target.type, 0});
         else
             outcome_.columns[i].needed =
                 std::max(outcome_.columns[i].needed, inferred_type(cell, target.keep_zeros));
     }
 
+    // Columns are read one after the other, but the first fault of the file is told.
+    void note_fault(load_fault fault) {
+        if (!outcome_.fault || std::pair(fault.record, fault.column) <
+                                   std::pair(outcome_.fault->record, outcome_.fault->column))
+            outcome_.fault = std::move(fault);
+    }
+
+    const std::string_view text_; // the whole input's
     const missing_words &missing_;
     const std::vector<column_target> &targets_;
     const std::uint64_t first_row_;
     const std::string_view nil_text_ = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
     std::uint64_t parsed_ = 0; // records, kept or not
     std::size_t column_ = 0;   // of the next field
-    char *text_end_ = nullptr; // of the used text memory
 
     static constexpr std::size_t no_slot = static_cast<std::size_t>(-1);
     const row_filter *filter_;
     std::vector<std::size_t> slots_; // by column, the place of its cell among the filter's
     std::vector<row_filter::cell> filter_cells_;
     std::vector<std::size_t> row_missing_; // columns in which this row has no value
-    char *row_text_ = nullptr;             // where this row's texts begin
     chunk_outcome outcome_;
 };
+
+// Text that is indexed at one go: the index and the text stay in the second-level cache while
+// column after column is read from them.
+constexpr std::size_t piece_bytes = std::size_t{64} << 10;
+
+// Whole records from `begin` on, about a piece of them, if there is no quote among them.
+std::size_t piece_end(std::string_view text, std::size_t begin) {
+    const std::string_view piece = text.substr(begin, piece_bytes);
+    if (piece.size() < piece_bytes)
+        return text.size();
+    const std::size_t last = piece.rfind('\n');
+    if (last != std::string_view::npos)
+        return begin + last + 1;
+    const std::size_t next = text.find('\n', begin + piece.size());
+    return next == std::string_view::npos ? text.size() : next + 1;
+}
 
 } // namespace
 
@@ -195,13 +286,23 @@ chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
                          const csv_dialect &dialect, const missing_words &missing,
                          const std::vector<column_target> &targets, std::uint64_t first_row,
                          const row_filter *filter) {
-    chunk_reader reader(chunk, missing, targets, first_row, filter);
+    chunk_reader reader(text, missing, targets, first_row, filter);
     csv_parser parser(dialect, reader);
-    const std::size_t size = chunk.end - chunk.begin;
-    const std::size_t good = parser.feed(text.substr(chunk.begin, size));
-    if (good < size)
-        reader.refuse(load_fault::kind::stray_quote, chunk.begin + good);
-    else if (!parser.finish())
+    field_index fields(targets.size());
+    const std::string_view records = text.substr(0, chunk.end);
+    for (std::size_t at = chunk.begin; at < chunk.end && !reader.stopped();) {
+        std::size_t end = piece_end(records, at);
+        if (fields.build(records.substr(at, end - at), dialect.separator, dialect.quote())) {
+            reader.take(fields);
+        } else {
+            end = end_outside_quotes(records, at, end, dialect.quote());
+            const std::size_t good = parser.feed(records.substr(at, end - at));
+            if (good < end - at)
+                reader.refuse(load_fault::kind::stray_quote, at + good);
+        }
+        at = end;
+    }
+    if (!reader.stopped() && !parser.finish())
         reader.refuse(load_fault::kind::open_quote, chunk.end);
     return reader.take_outcome();
 }

@@ -6,9 +6,9 @@
 #include "load_fault.h"
 #include "record_chunks.h"
 #include "row_filter.h"
+#include "text_cells.h"
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,15 +33,12 @@ struct column_outcome {
     std::uint64_t missing = 0;
     //! Of a key, the first number that is printed in another spelling.
     std::optional<std::string> respelled;
-    //! The cells of a text column, the kernel's nil for a missing one. They lie in the outcome's
-    //! `text_memory`.
-    std::vector<std::string_view> texts;
+    text_cells texts; //!< of a text column
 };
 
 struct chunk_outcome {
     std::uint64_t records = 0; //!< that were kept
     std::vector<column_outcome> columns;
-    std::shared_ptr<char[]> text_memory;
     std::optional<load_fault> fault; // with it the rest is not of use
 };
 

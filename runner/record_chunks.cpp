@@ -59,6 +59,13 @@ std::size_t record_boundary(std::string_view text, std::size_t from, bool quoted
 
 } // namespace
 
+std::size_t end_outside_quotes(std::string_view text, std::size_t begin, std::size_t end,
+                               char quote) {
+    const std::string_view records = text.substr(begin, end - begin);
+    const bool quoted = std::count(records.begin(), records.end(), quote) % 2 != 0;
+    return quoted ? record_boundary(text, end, true, quote) : end;
+}
+
 std::uint64_t count_line_ends(std::string_view text, char previous) {
     return take_census(text, previous, '\0').line_ends;
 }
@@ -71,13 +78,15 @@ std::size_t end_of_line(std::string_view text, std::size_t from) {
 }
 
 record_chunks split_records(std::string_view text, std::size_t begin, char quote,
-                            std::size_t chunk_bytes, unsigned threads) {
+                            std::size_t chunk_bytes, unsigned threads,
+                            const std::function<void(std::size_t, std::size_t)> &done_with) {
     const std::size_t pieces = (text.size() - begin + chunk_bytes - 1) / chunk_bytes;
     const auto cut = [&](std::size_t i) { return std::min(begin + i * chunk_bytes, text.size()); };
     std::vector<census> counts(pieces);
     run_pieces(pieces, threads, [&](std::size_t i) {
         counts[i] =
             take_census(text.substr(cut(i), cut(i + 1) - cut(i)), byte_before(text, cut(i)), quote);
+        done_with(cut(i), cut(i + 1));
     });
 
     record_chunks result;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -27,9 +28,16 @@ struct record_chunks {
 //! Cuts the bytes from `begin` on into chunks of about `chunk_bytes` bytes. `quote` is the byte
 //! that opens and closes quoted fields, NUL for none. As long as quoting is well-formed a chunk
 //! starts at the start of a record; behind the first malformed field chunks may start anywhere, so
-//! faults are to be reported for the first chunk that has one.
-record_chunks split_records(std::string_view text, std::size_t begin, char quote,
-                            std::size_t chunk_bytes, unsigned threads);
+//! faults are to be reported for the first chunk that has one. `done_with` is told of bytes, begin
+//! and end, that were looked at, from several threads.
+record_chunks split_records(
+    std::string_view text, std::size_t begin, char quote, std::size_t chunk_bytes, unsigned threads,
+    const std::function<void(std::size_t, std::size_t)> &done_with = [](auto, auto) {});
+
+//! The first line end at or behind `end` that lies outside quotes, if those between `begin`, where
+//! a record begins, and `end`, where a line does, are well-formed.
+std::size_t end_outside_quotes(std::string_view text, std::size_t begin, std::size_t end,
+                               char quote);
 
 //! How many lines end in a text: at "\n", "\r\n" or a lone "\r". `previous` is the byte before it.
 std::uint64_t count_line_ends(std::string_view text, char previous = '\0');

@@ -4,7 +4,6 @@
 #include "load_fault.h"
 #include "progress_bar.h"
 #include "record_chunks.h"
-#include "text_merger.h"
 #include "type_inference.h"
 #include "user_error.h"
 #include "worker_pool.h"
@@ -15,6 +14,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <numeric>
 
 namespace vask::runner {
@@ -45,8 +45,11 @@ public:
 private:
     void split() {
         const std::string_view text = source_.text();
-        record_chunks found = split_records(text, header_.data_begin, request_.dialect.quote(),
-                                            request_.chunk_bytes, request_.threads);
+        record_chunks found =
+            split_records(text, header_.data_begin, request_.dialect.quote(), request_.chunk_bytes,
+                          request_.threads, [this](std::size_t begin, std::size_t end) {
+                              source_.release_pages(begin, end);
+                          });
         source_.release_pages(header_.data_begin, text.size());
         if (found.nul_byte)
             fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 "
@@ -87,7 +90,7 @@ private:
             target.wanted = false;
         for (const std::size_t i : columns)
             make_room(i);
-        const std::vector<chunk_outcome> outcomes = read_chunks();
+        std::vector<chunk_outcome> outcomes = read_chunks();
 
         table_.rows = std::accumulate(
             outcomes.begin(), outcomes.end(), std::uint64_t{0},
@@ -113,11 +116,9 @@ private:
     void make_room(std::size_t i) {
         column_target &target = plan_[i];
         target.wanted = true;
-        texts_.resize(plan_.size());
         refkernel::bat &values = table_.columns[i].values;
         if (target.type == column_type::str) {
             values.reset();
-            texts_[i] = std::make_unique<text_merger>(room_);
         } else {
             values =
                 refkernel::make_empty(TYPE_void, type_code(target.type), static_cast<BUN>(room_));
@@ -147,16 +148,11 @@ private:
         // Chunks before this one still run, so the file's first fault is the one that is told.
         if (outcome.fault)
             throw user_error(describe(*outcome.fault, source_, header_, request_.dialect, chunk));
-        for (std::size_t c = 0; c < plan_.size(); ++c)
-            if (plan_[c].wanted && plan_[c].type == column_type::str)
-                texts_[c]->add(i, std::move(outcome.columns[c].texts), outcome.text_memory);
-        outcome.text_memory.reset();
         source_.release_pages(chunk.begin, chunk.end);
         return outcome;
     }
 
-    void finish_column(std::size_t i, const std::vector<chunk_outcome> &outcomes,
-                       std::uint64_t missing) {
+    void finish_column(std::size_t i, std::vector<chunk_outcome> &outcomes, std::uint64_t missing) {
         table_column &column = table_.columns[i];
         column.type = plan_[i].type;
         column.missing = missing;
@@ -164,8 +160,7 @@ private:
             if (!column.respelled)
                 column.respelled = outcome.columns[i].respelled;
         if (column.type == column_type::str) {
-            column.values = texts_[i]->finish();
-            texts_[i].reset();
+            column.values = text_column(i, outcomes);
             return;
         }
         BAT *const values = column.values.record();
@@ -174,6 +169,30 @@ private:
         values->tail->nil = missing > 0;
         values->tail->nonil = missing == 0;
         values->state->access = ACCESS_READ;
+    }
+
+    refkernel::bat text_column(std::size_t i, std::vector<chunk_outcome> &outcomes) const {
+        std::vector<text_cells> texts;
+        for (chunk_outcome &outcome : outcomes)
+            texts.push_back(std::move(outcome.columns[i].texts));
+        if (table_.rows > std::numeric_limits<std::int32_t>::max())
+            return text_column_without_codes(texts);
+        std::vector<table::text_chunk> chunks;
+        for (const text_cells &each : texts)
+            each.append_chunks(chunks);
+        std::vector<std::int32_t> codes(table_.rows);
+        const table::encoded_texts encoded = table::encode_texts(chunks, codes, refkernel::no_word);
+        return refkernel::make_dictionary_column(encoded.words, codes);
+    }
+
+    // Codes have 32 bits.
+    static refkernel::bat text_column_without_codes(const std::vector<text_cells> &texts) {
+        refkernel::text_builder builder;
+        for (const text_cells &each : texts)
+            each.for_each([&builder](const std::string_view *text) {
+                text == nullptr ? builder.append_nil() : builder.append(*text);
+            });
+        return builder.finish();
     }
 
     // A chunk with quoted newlines or blank lines has fewer records than room.
@@ -196,7 +215,6 @@ private:
     std::vector<std::uint64_t> first_rows_; // of each chunk, as if each had all rows it may have
     std::uint64_t room_ = 0;                // the most rows there can be
     std::vector<column_target> plan_;
-    std::vector<std::unique_ptr<text_merger>> texts_;
     loaded_table table_;
 };
 
