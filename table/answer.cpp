@@ -1,6 +1,7 @@
 #include "table/answer.h"
 
 #include "kernel/column.h"
+#include "table/element_types.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
@@ -75,34 +76,13 @@ decltype(auto) visit_form(form stored, F f) {
     return f(std::type_identity<lng>{});
 }
 
-// Calls `f(std::type_identity<T>{})` with the type of the elements of a result.
+// Calls `f(std::type_identity<T>{})` with the type of the elements of a result; of booleans and
+// nulls, with one that is not used.
 template <class F>
 void visit_result(const value_type &type, F f) {
-    switch (type.of) {
-        case kind::int8:
-        case kind::null:
-            return f(std::type_identity<std::int8_t>{});
-        case kind::uint8:
-            return f(std::type_identity<std::uint8_t>{});
-        case kind::int16:
-            return f(std::type_identity<std::int16_t>{});
-        case kind::uint16:
-            return f(std::type_identity<std::uint16_t>{});
-        case kind::uint32:
-            return f(std::type_identity<std::uint32_t>{});
-        case kind::uint64:
-            return f(std::type_identity<std::uint64_t>{});
-        case kind::float32:
-            return f(std::type_identity<float>{});
-        case kind::float64:
-            return f(std::type_identity<double>{});
-        case kind::decimal:
-            return f(std::type_identity<wide_integer>{});
-        default:
-            if (width_of(type.of) == 4)
-                return f(std::type_identity<std::int32_t>{});
-            return f(std::type_identity<std::int64_t>{});
-    }
+    if (type.of == kind::decimal)
+        return f(std::type_identity<wide_integer>{});
+    visit_elements(type.of, f);
 }
 
 template <class T>

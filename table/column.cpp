@@ -1,6 +1,7 @@
 #include "table/column.h"
 
 #include "kernel/column.h"
+#include "table/element_types.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
@@ -36,35 +37,6 @@ bool is_value(const piece &p, std::int64_t row) {
 template <class T>
 const T *values_of(const piece &p) {
     return static_cast<const T *>(p.values) + p.offset;
-}
-
-// Calls `f(std::type_identity<T>{})` with the type of an array's elements.
-template <class F>
-decltype(auto) visit_elements(kind of, F f) {
-    switch (of) {
-        case kind::int8:
-            return f(std::type_identity<std::int8_t>{});
-        case kind::uint8:
-            return f(std::type_identity<std::uint8_t>{});
-        case kind::int16:
-            return f(std::type_identity<std::int16_t>{});
-        case kind::uint16:
-            return f(std::type_identity<std::uint16_t>{});
-        case kind::int32:
-        case kind::date32:
-        case kind::time32:
-            return f(std::type_identity<std::int32_t>{});
-        case kind::uint32:
-            return f(std::type_identity<std::uint32_t>{});
-        case kind::uint64:
-            return f(std::type_identity<std::uint64_t>{});
-        case kind::float32:
-            return f(std::type_identity<float>{});
-        case kind::float64:
-            return f(std::type_identity<double>{});
-        default:
-            return f(std::type_identity<std::int64_t>{});
-    }
 }
 
 // Where the rows of each piece begin, and their number at the end.
