@@ -161,11 +161,31 @@ struct oddities {
 };
 
 template <class T>
-oddities oddities_of(T value, T nil) {
+VASK_ALWAYS_INLINE oddities oddities_of(T value, T nil) {
     if constexpr (std::is_same_v<T, std::uint64_t>)
         return {value > static_cast<T>(std::numeric_limits<std::int64_t>::max()), false};
     else
         return {value == nil, value != value};
+}
+
+// Without a branch, and with answers as wide as the values, so that it becomes vector instructions.
+template <class T>
+oddities oddities_among(const T *values, std::int64_t rows, T nil) {
+    return with_best_instruction_set([=]() __attribute__((always_inline)) {
+        unsigned_of_size<sizeof(T)> nils = 0;
+        unsigned_of_size<sizeof(T)> nans = 0;
+        for (std::int64_t row = 0; row < rows; ++row) {
+            T value;
+            std::memcpy(&value, values + row, sizeof value);
+            if constexpr (std::is_same_v<T, std::uint64_t>) {
+                nils |= value >> 63;
+            } else {
+                nils = static_cast<decltype(nils)>(nils | (value == nil ? 1 : 0));
+                nans = static_cast<decltype(nans)>(nans | (value != value ? 1 : 0));
+            }
+        }
+        return oddities{nils != 0, nans != 0};
+    });
 }
 
 // What lies under nulls does not count.
@@ -174,32 +194,22 @@ oddities find_oddities(const std::vector<piece> &pieces, T nil) {
     std::atomic<bool> any_nil{false};
     std::atomic<bool> any_nan{false};
     for_pieces(pieces, [&](const piece &p, std::int64_t from, std::int64_t rows, std::size_t) {
-        // Without branches first, as most columns have no such value.
         const T *const values = values_of<T>(p);
-        bool here_nil = false;
-        bool here_nan = false;
-        const auto look = [&](std::int64_t row) {
-            T value;
-            std::memcpy(&value, values + row, sizeof value);
-            return oddities_of(value, nil);
-        };
-        for (std::int64_t row = from; row < from + rows; ++row) {
-            const oddities own = look(row);
-            here_nil = here_nil | own.nil;
-            here_nan = here_nan | own.nan;
-        }
-        if ((here_nil || here_nan) && p.validity != nullptr) {
-            here_nil = false;
-            here_nan = false;
+        oddities here = oddities_among(values + from, rows, nil);
+        // Most columns have no such value.
+        if ((here.nil || here.nan) && p.validity != nullptr) {
+            here = {};
             for (std::int64_t row = from; row < from + rows; ++row) {
-                const oddities own = look(row);
-                here_nil |= own.nil && is_value(p, row);
-                here_nan |= own.nan && is_value(p, row);
+                T value;
+                std::memcpy(&value, values + row, sizeof value);
+                const oddities own = oddities_of(value, nil);
+                here.nil |= own.nil && is_value(p, row);
+                here.nan |= own.nan && is_value(p, row);
             }
         }
-        if (here_nil)
+        if (here.nil)
             any_nil.store(true, std::memory_order_relaxed);
-        if (here_nan)
+        if (here.nan)
             any_nan.store(true, std::memory_order_relaxed);
     });
     return {any_nil.load(), any_nan.load()};

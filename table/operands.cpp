@@ -4,6 +4,8 @@
 #include "table/kernel_column.h"
 #include "table/parallel.h"
 
+#include "rows/isa.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -20,15 +22,34 @@ using refkernel::nil_of;
 // The difference of two integers as that of the integers where 64 bits hold it: as dbl, large
 // integers that are close to each other may be equal.
 template <std::integral T>
-double distance(T value, T centre) {
-    lng difference = 0;
-    if (__builtin_sub_overflow(lng{value}, lng{centre}, &difference))
-        return static_cast<double>(value) - static_cast<double>(centre);
-    return static_cast<double>(difference);
+VASK_ALWAYS_INLINE double distance(T value, T centre) {
+    if constexpr (sizeof(T) < sizeof(lng)) {
+        return static_cast<double>(lng{value} - lng{centre});
+    } else {
+        lng difference = 0;
+        if (__builtin_sub_overflow(value, centre, &difference))
+            return static_cast<double>(value) - static_cast<double>(centre);
+        return static_cast<double>(difference);
+    }
 }
 template <std::floating_point T>
-double distance(T value, T centre) {
+VASK_ALWAYS_INLINE double distance(T value, T centre) {
     return static_cast<double>(value) - static_cast<double>(centre);
+}
+
+template <class T, class CentreOf>
+void write_distances(std::span<const T> values, std::span<dbl> distances,
+                     const CentreOf &centre_of) {
+    for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
+        with_best_instruction_set(
+            [ from = values.data(), to = distances.data(), centre_of, begin, end ]()
+                __attribute__((always_inline)) {
+                    const T nil = nil_of<T>();
+                    for (std::size_t row = begin; row < end; ++row)
+                        to[row] =
+                            from[row] == nil ? nil_of<dbl>() : distance(from[row], centre_of(row));
+                });
+    });
 }
 
 constexpr std::size_t parts_of(std::size_t rows) {
@@ -161,11 +182,13 @@ centred_values centred(const bat &values, const groups &by) {
                 own = all[row];
         }
         fresh_column<dbl> made(all.size());
-        for_rows(all.size(), [&](std::size_t begin, std::size_t end) {
-            for (std::size_t row = begin; row < end; ++row)
-                made.values[row] =
-                    all[row] == nil ? nil_of<dbl>() : distance(all[row], centre[number_of(row)]);
-        });
+        // Of the whole there is one centre, and the loop has nothing to look up.
+        if (by.is_whole())
+            write_distances(all, made.values, [c = centre[0]](std::size_t) { return c; });
+        else
+            write_distances(all, made.values, [own = by.numbers(), &centre](std::size_t row) {
+                return centre[static_cast<std::size_t>(own[row])];
+            });
         centred_values result;
         result.distances = std::move(made).finish();
         result.centres.resize(centre.size());
