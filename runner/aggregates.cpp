@@ -20,6 +20,7 @@ constexpr double usual_fraction = 0.95;
 
 // What the groups' rows are counted by.
 constexpr std::string_view row_count = "count";
+constexpr std::string_view short_row_count = "n";
 
 // As in p95 and p99.9.
 std::optional<double> percent_in(std::string_view name) {
@@ -64,8 +65,9 @@ std::string type_set::names() const {
 
 std::optional<named_aggregate> find_aggregate(std::string_view name, bool all_rows) {
     if (all_rows)
-        return name == row_count ? std::optional(named_aggregate{&table::function("size")})
-                                 : std::nullopt;
+        return name == row_count || name == short_row_count
+                   ? std::optional(named_aggregate{&table::function("size")})
+                   : std::nullopt;
     if (name == percent_name)
         return named_aggregate{&table::function("quantile"), usual_fraction, true};
     if (const auto percent = percent_in(name))

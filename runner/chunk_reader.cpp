@@ -42,6 +42,7 @@ public:
           filter_(filter) {
         outcome_.columns.resize(targets.size());
         if (filter != nullptr) {
+            judge_.emplace(*filter);
             filter_cells_.resize(filter->columns().size());
             slots_.resize(targets.size(), no_slot);
             for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot)
@@ -120,7 +121,7 @@ public:
 private:
     bool keeps_row() {
         std::optional<row_filter::misfit> misfit;
-        const bool kept = filter_->keeps(filter_cells_, misfit);
+        const bool kept = judge_->keeps(filter_cells_, misfit);
         if (misfit) {
             load_fault &fault = outcome_.fault.emplace();
             fault.what = load_fault::kind::uncomparable;
@@ -258,6 +259,7 @@ private:
 
     static constexpr std::size_t no_slot = static_cast<std::size_t>(-1);
     const row_filter *filter_;
+    std::optional<row_filter::judge> judge_;
     std::vector<std::size_t> slots_; // by column, the place of its cell among the filter's
     std::vector<row_filter::cell> filter_cells_;
     std::vector<std::size_t> row_missing_; // columns in which this row has no value

@@ -45,11 +45,15 @@ private:
             std::size_t place = 0;
             while (columns_[place].get() != error.where().column)
                 ++place;
+            const std::string group =
+                error.where().first_row ? group_named(*error.where().first_row) : "";
+            if (data_.columns[place].is_derived)
+                fail("{}: the sum of {}{} leaves 64 bits; have it worked out in decimals, as in "
+                     "1.0 * {}",
+                     error.where().title, header_.names[place], group, header_.names[place]);
             fail("{}: the sum of column {} ({}){} leaves 64 bits; give --types '{}:dbl' for one "
                  "that is rounded",
-                 error.where().title, place + 1, header_.names[place],
-                 error.where().first_row ? group_named(*error.where().first_row) : "",
-                 header_.names[place]);
+                 error.where().title, place + 1, header_.names[place], group, header_.names[place]);
         } catch (const table::table_error &error) {
             if (error.code() == VASK_BAD_REQUEST || error.code() == VASK_BAD_DATA)
                 throw user_error(error.what());

@@ -65,6 +65,18 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                        name_of(fitting == fault.type ? column_type::str : fitting));
 }
 
+std::string describe_uncomparable(const load_fault &fault, const csv_header &header) {
+    const std::string begin =
+        fmt::format("--where: column {} ({}): ", fault.column + 1, header.names[fault.column]);
+    if (fault.wanted.empty())
+        return fmt::format("{}with '{}', a whole number leaves 64 bits; have it worked out in "
+                           "decimals, as in 1.0 * {}",
+                           begin, shown(fault.cell), header.names[fault.column]);
+    return fmt::format("{}'{}' is no {}, but is used as one; add it to the list of missing values "
+                       "with --na{}, or compare with a text in quotes",
+                       begin, shown(fault.cell), fault.wanted, as_missing_item(fault.cell));
+}
+
 std::string describe_nil_text(const load_fault &fault, const csv_header &header) {
     return fmt::format("column {} ({}): the field is the single byte 0x80, which would read as a "
                        "missing value; the file is no UTF-8: convert it, for example with iconv",
@@ -142,13 +154,7 @@ std::string describe(const load_fault &fault, const source_text &source, const c
         case load_fault::kind::bad_cell:
             return at_line(record_line(fault.column), describe_bad_cell(fault, header));
         case load_fault::kind::uncomparable:
-            return at_line(record_line(fault.column),
-                           fmt::format("--where: column {} ({}): '{}' is no {}, but is compared "
-                                       "with one; add it to the list of missing values with "
-                                       "--na{}, or compare with a text in quotes",
-                                       fault.column + 1, header.names[fault.column],
-                                       shown(fault.cell), fault.wanted,
-                                       as_missing_item(fault.cell)));
+            return at_line(record_line(fault.column), describe_uncomparable(fault, header));
         case load_fault::kind::nil_text:
             return at_line(record_line(fault.column), describe_nil_text(fault, header));
         case load_fault::kind::stray_quote:

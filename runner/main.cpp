@@ -1,6 +1,8 @@
 // vask: aggregates the columns of a file through the operator library.
+#include "bars.h"
 #include "column_cells.h"
 #include "containment.h"
+#include "derived_columns.h"
 #include "executor.h"
 #include "explain.h"
 #include "filtered_union.h"
@@ -9,6 +11,7 @@
 #include "options.h"
 #include "output.h"
 #include "query.h"
+#include "summary.h"
 #include "user_error.h"
 
 #include <algorithm>
@@ -83,14 +86,34 @@ result_table rows_of(const loaded_table &data, const csv_header &header,
     return result;
 }
 
+void keep_rows(const options &request, input_file &file, const derived_columns &derived,
+               const csv_header &header) {
+    if (!request.where)
+        return;
+    const std::size_t columns = file.header().names.size();
+    file.keep_rows(std::make_shared<const row_filter>(*request.where, [&](const std::string &name) {
+        return derived.in_condition(name, header, file.source(), columns);
+    }));
+}
+
+// A title that stands for the first aggregate is known when the request is bound.
+row_order order_of(const options &request, const query &asked) {
+    row_order order = request.order;
+    if (order.by_first_aggregate)
+        order.by = asked.aggregates.front().title;
+    return order;
+}
+
 void run_aggregates(const options &request, const explain_log &explain) {
     input_file file(request.file, request, request.header);
     const bool looks_up = request.contained_in.has_value();
     const std::size_t columns = file.header().names.size();
-    const csv_header header = looks_up ? with_containment(file) : file.header();
-    const query asked = bind_query(request, header, file.source());
-    std::vector<bool> wanted = asked.needed_columns(header.names.size());
-    wanted.resize(columns);
+    csv_header header = looks_up ? with_containment(file) : file.header();
+    const derived_columns derived(request.definitions, header, file.source());
+    query asked = bind_query(request, header, file.source());
+    std::vector<bool> needed = asked.needed_columns(header.names.size());
+    derived.add_used(needed);
+    std::vector<bool> wanted(needed.begin(), needed.begin() + static_cast<std::ptrdiff_t>(columns));
     const std::size_t looked_up = looks_up
                                       ? find_column(file.header(), file.source(), request.looked_up,
                                                     "the column to look up (--column names it)")
@@ -98,11 +121,7 @@ void run_aggregates(const options &request, const explain_log &explain) {
     if (looks_up)
         wanted[looked_up] = true;
     const table::operator_set operators = operators_of(request, explain);
-    if (request.where)
-        file.keep_rows(
-            std::make_shared<const row_filter>(*request.where, [&](const std::string &name) {
-                return find_column(file.header(), file.source(), name, "--where");
-            }));
+    keep_rows(request, file, derived, header);
     std::vector<bool> keys(columns, false);
     for (const std::size_t column : asked.group_by)
         if (column < columns)
@@ -110,12 +129,16 @@ void run_aggregates(const options &request, const explain_log &explain) {
     loaded_table data = file.load(wanted, request.types, explain, true, keys);
     if (looks_up)
         data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
+    derived.compute(data, needed, static_cast<unsigned>(request.threads));
+    leave_out_unfit(asked, {data, file.loading(), header, file.source()});
     check_columns(asked, {data, file.loading(), header, file.source()});
     result_table result = asked.aggregates.empty()
                               ? rows_of(data, header, {looked_up, columns})
                               : execute(asked, data, header, operators, explain);
     if (request.order.is_asked_for())
-        put_in_order(result, request.order);
+        put_in_order(result, order_of(request, asked));
+    if (request.bar)
+        add_bars(result, *request.bar);
     print(result, request.output, stdout);
 }
 
@@ -125,15 +148,45 @@ void run_union(const options &request, const explain_log &explain) {
     print(filtered_union(file, request, operators, explain), request.output, stdout);
 }
 
+void run_report(const options &request, const explain_log &explain) {
+    const table::operator_set operators = operators_of(request, explain);
+    input_file file(request.file, request, request.header);
+    csv_header header = file.header();
+    const derived_columns derived(request.definitions, header, file.source());
+    keep_rows(request, file, derived, header);
+    loaded_table data =
+        file.load(std::vector<bool>(file.header().names.size(), true), request.types, explain);
+    derived.compute(data, std::vector<bool>(header.names.size(), true),
+                    static_cast<unsigned>(request.threads));
+    if (request.asked == command::schema) {
+        print(schema_of(data, header, operators, explain), request.output, stdout);
+        return;
+    }
+    output_style style = request.output;
+    // A dozen figures stand side by side, to be looked at.
+    constexpr int overview_digits = 6;
+    if (style.format == output_format::table || style.format == output_format::markdown)
+        style.digits = style.digits.value_or(overview_digits);
+    print(summarize(data, header, style.format, operators, explain), style, stdout);
+}
+
 void run(const options &request) {
     GDKnr_threads = request.threads;
     const tbb::global_control limit(tbb::global_control::max_allowed_parallelism,
                                     static_cast<std::size_t>(request.threads));
     const explain_log explain(request.explain);
-    if (request.union_columns.empty())
-        run_aggregates(request, explain);
-    else
-        run_union(request, explain);
+    switch (request.asked) {
+        case command::aggregates:
+            run_aggregates(request, explain);
+            break;
+        case command::column_union:
+            run_union(request, explain);
+            break;
+        case command::summary:
+        case command::schema:
+            run_report(request, explain);
+            break;
+    }
 }
 
 } // namespace

@@ -37,6 +37,18 @@ public:
         return true;
     }
 
+    //! A word in lower case, in any case, with nothing behind it that could belong to it.
+    bool take_word(std::string_view word) {
+        skip_spaces();
+        const std::string_view rest = text_.substr(at_);
+        if (lower(rest.substr(0, word.size())) != word ||
+            (rest.size() > word.size() &&
+             (spaces.find(rest[word.size()]) == spaces.npos && rest[word.size()] != '"')))
+            return false;
+        at_ += word.size();
+        return true;
+    }
+
     void expect(char c, std::string_view where) {
         if (!take(c))
             complain(fmt::format("expected '{}' {}", c, where));
@@ -102,6 +114,17 @@ void scan_list(scanner &scan, Item item) {
         scan.complain("expected a comma");
 }
 
+// In quotes if they are needed so that it is read as one up to one of `ends`.
+std::string quoted_for(std::string_view text, std::string_view ends) {
+    if (!text.empty() && trimmed(text) == text && !text.starts_with('"') &&
+        text.find_first_of(ends) == std::string_view::npos)
+        return std::string(text);
+    std::string word = "\"";
+    for (const char c : text)
+        word.append(c == '"' ? 2 : 1, c);
+    return word + '"';
+}
+
 } // namespace
 
 std::string lower(std::string_view text) {
@@ -118,6 +141,9 @@ std::vector<aggregate_call> parse_aggregates(std::string_view text) {
         aggregate_call call;
         const std::size_t begin = scan.place();
         call.function = lower(scan.take_argument(",()").text);
+        // Behind a colon, commas stand between numbers of percent.
+        while (call.function.find(':') != call.function.npos && scan.take(','))
+            call.function += "," + scan.take_argument(",()").text;
         scan.expect('(',
                     fmt::format("after '{}', as in {}(column),", call.function, call.function));
         do
@@ -125,6 +151,8 @@ std::vector<aggregate_call> parse_aggregates(std::string_view text) {
         while (scan.take(','));
         scan.expect(')', "after the column");
         call.text = scan.since(begin);
+        if (scan.take_word("as"))
+            call.alias = scan.take_argument(",").text;
         calls.push_back(std::move(call));
     });
     return calls;
@@ -145,13 +173,11 @@ std::vector<std::string> parse_words(std::string_view text, std::string_view opt
 }
 
 std::string as_word(std::string_view text) {
-    if (!text.empty() && trimmed(text) == text && !text.starts_with('"') &&
-        text.find(',') == std::string_view::npos)
-        return std::string(text);
-    std::string word = "\"";
-    for (const char c : text)
-        word.append(c == '"' ? 2 : 1, c);
-    return word + '"';
+    return quoted_for(text, ",");
+}
+
+std::string as_argument(std::string_view name) {
+    return quoted_for(name, ",()");
 }
 
 std::vector<std::pair<std::string, std::string>> parse_assignments(std::string_view text,

@@ -4,10 +4,14 @@
 #include "options.h"
 #include "vask/version.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -15,8 +19,14 @@ namespace {
 
 using namespace vask::runner;
 
-const declared_command aggregate = declared_options(false);
-const declared_command united = declared_options(true);
+const declared_command aggregate = declared_options(command::aggregates);
+//! The commands that a word asks for.
+const std::vector<std::pair<std::string, declared_command>> worded = [] {
+    std::vector<std::pair<std::string, declared_command>> result;
+    for (const command each : {command::column_union, command::summary, command::schema})
+        result.emplace_back(word_of(each), declared_options(each));
+    return result;
+}();
 
 //! The text with a `before` in front of each of the characters.
 std::string escaped(std::string_view text, std::string_view characters, std::string_view before) {
@@ -93,17 +103,23 @@ void print_man() {
                ".SH NAME\nvask \\- aggregates columns of CSV and TSV files, whole or by group\n"
                ".SH SYNOPSIS\n.B vask\n\\fIFILE\\fR \\fB\\-\\-agg\\fR \\fILIST\\fR "
                "[\\fIOPTION\\fR]...\n.br\n.B vask union\n\\fIFILE\\fR \\fIX\\fR \\fIY\\fR "
-               "[\\fIOPTION\\fR]...\n.SH DESCRIPTION\n{}\n",
+               "[\\fIOPTION\\fR]...\n.br\n.B vask summary\n\\fIFILE\\fR [\\fIOPTION\\fR]...\n.br\n"
+               ".B vask schema\n\\fIFILE\\fR [\\fIOPTION\\fR]...\n.SH DESCRIPTION\n{}\n",
                VASK_VERSION_STRING, roff(aggregate.description));
     fmt::print(".SH OPTIONS\n");
     print_man_options(aggregate);
-    fmt::print(".SH UNION\n{}\n", roff(one_line(united.description)));
-    for (const declared_option &argument : united.arguments)
-        fmt::print(".TP\n{}\n{}\n", shown(argument), roff(argument.description));
-    fmt::print(".PP\nThe options");
-    for (const declared_option &option : united.options)
-        fmt::print(" {}", roff(option.name));
-    fmt::print(" mean the same.\n");
+    for (const auto &[word, told] : worded) {
+        std::string heading = word;
+        for (char &c : heading)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        fmt::print(".SH {}\n{}\n", heading, roff(one_line(told.description)));
+        for (const declared_option &argument : told.arguments)
+            fmt::print(".TP\n{}\n{}\n", shown(argument), roff(argument.description));
+        fmt::print(".PP\nThe options");
+        for (const declared_option &option : told.options)
+            fmt::print(" {}", roff(option.name));
+        fmt::print(" mean the same.\n");
+    }
     print_man_notes(aggregate.notes);
 }
 
@@ -132,10 +148,15 @@ void print_bash() {
         "# Completion of vask's command line.\n"
         "_vask() {{\n"
         "    local current=${{COMP_WORDS[COMP_CWORD]}} before=${{COMP_WORDS[COMP_CWORD-1]}}\n"
-        "    local options='{}'\n"
-        "    [ \"${{COMP_WORDS[1]}}\" = union ] && options='{}'\n"
-        "    case $before in\n",
-        option_names(aggregate), option_names(united));
+        "    local options='{}'\n",
+        option_names(aggregate));
+    std::string words;
+    for (const auto &[word, told] : worded) {
+        fmt::print("    [ \"${{COMP_WORDS[1]}}\" = {} ] && options='{}'\n", word,
+                   option_names(told));
+        words += (words.empty() ? "" : " ") + word;
+    }
+    fmt::print("    case $before in\n");
     for (const declared_option &option : aggregate.options) {
         if (!option.choices.empty())
             fmt::print("        {}) COMPREPLY=($(compgen -W '{}' -- \"$current\")); return ;;\n",
@@ -149,10 +170,11 @@ void print_bash() {
                "    else\n"
                "        COMPREPLY=($(compgen -f -- \"$current\"))\n"
                "        [ \"$COMP_CWORD\" -eq 1 ] &&\n"
-               "            COMPREPLY+=($(compgen -W union -- \"$current\"))\n"
+               "            COMPREPLY+=($(compgen -W '{}' -- \"$current\"))\n"
                "    fi\n"
                "}}\n"
-               "complete -o filenames -F _vask vask\n");
+               "complete -o filenames -F _vask vask\n",
+               words);
 }
 
 void print_zsh() {
@@ -174,24 +196,33 @@ void print_zsh() {
         }
     };
     fmt::print("#compdef vask\n"
-               "if [[ ${{words[2]}} == union ]]; then\n"
-               "    _arguments \\\n");
-    print_options(united);
-    fmt::print("        '1:command:(union)' '2:file:_files' '3:column: ' '4:column: '\n"
-               "else\n"
-               "    _arguments \\\n");
+               "case ${{words[2]}} in\n");
+    for (const auto &[word, told] : worded) {
+        fmt::print("{})\n    _arguments \\\n", word);
+        print_options(told);
+        fmt::print("        '1:command:({})' '2:file:_files'{} ;;\n", word,
+                   told.arguments.size() > 1 ? " '3:column: ' '4:column: '" : "");
+    }
+    fmt::print("*)\n    _arguments \\\n");
     print_options(aggregate);
-    fmt::print("        '1:file:_files'\n"
-               "fi\n");
+    fmt::print("        '1:file:_files' ;;\n"
+               "esac\n");
 }
 
 void print_fish() {
-    fmt::print("complete -c vask -n __fish_use_subcommand -a union -d '{}'\n",
-               escaped(one_line(united.description), "'\\", "\\"));
+    std::string words;
+    for (const auto &[word, told] : worded) {
+        fmt::print("complete -c vask -n __fish_use_subcommand -a {} -d '{}'\n", word,
+                   escaped(one_line(told.description), "'\\", "\\"));
+        words += " " + word;
+    }
     for (const declared_option &option : aggregate.options) {
-        bool in_both = false;
-        for (const declared_option &other : united.options)
-            in_both = in_both || other.name == option.name;
+        bool in_all = true;
+        for (const auto &[word, told] : worded)
+            in_all = in_all && std::any_of(told.options.begin(), told.options.end(),
+                                           [&](const declared_option &other) {
+                                               return other.name == option.name;
+                                           });
         std::string how;
         if (!option.choices.empty())
             how = " -x -a '" + choices(option) + "'";
@@ -199,8 +230,8 @@ void print_fish() {
             how = " -r";
         else if (!option.value.empty())
             how = " -x";
-        fmt::print("complete -c vask{} -l {}{} -d '{}'\n",
-                   in_both ? "" : " -n 'not __fish_seen_subcommand_from union'",
+        const std::string when = " -n 'not __fish_seen_subcommand_from" + words + "'";
+        fmt::print("complete -c vask{} -l {}{} -d '{}'\n", in_all ? "" : when,
                    option.name.substr(2), how, escaped(one_line(option.description), "'\\", "\\"));
     }
 }

@@ -22,15 +22,36 @@ namespace {
 constexpr const char *description =
     "Aggregates the columns of a CSV or TSV file, whole or by group, on all cores.";
 
-constexpr std::string_view union_command = "union";
 constexpr const char *union_description =
     "Prints the values of two columns, one column's after the other's, from the rows in which "
     "neither is\nmissing, each with the number of its row and the name of its column.";
 
+constexpr const char *summary_description =
+    "Prints a row for each column of a file: its type, missing and different values, least, "
+    "quartiles,\ngreatest, mean, standard deviation, most frequent value, and how the values lie.";
+constexpr const char *schema_description =
+    "Prints a row for each column of a file: its number, name, type, missing values and first "
+    "value.";
+
+constexpr const char *description_of(command asked) {
+    switch (asked) {
+        case command::column_union:
+            return union_description;
+        case command::summary:
+            return summary_description;
+        case command::schema:
+            return schema_description;
+        case command::aggregates:
+            break;
+    }
+    return description;
+}
+
 constexpr const char *aggregate_notes = R"(
   A final p stands for the population instead of a sample. slope(y,x) is that of y
   over x. q is 0 to 4, p 0 to 1, P 0 to 100, k 1 for the largest value. A column whose name has a
-  comma or bracket stands in double quotes.
+  comma or bracket stands in double quotes. mean(*) is that of each column of numbers, mean(v*) of
+  those that are called so, mean(v1:v3) of those from v1 to v3, mean(#2) that of the second.
 
 Examples:
   vask penguins.csv --agg 'sum(body_mass_g), sum(bill_length_mm)'
@@ -39,8 +60,10 @@ Examples:
   vask penguins.csv -g island,species -a 'mean(body_mass_g)' --top 3 --digits 4
   zcat big.tsv.gz | vask - --sep tab --agg 'sum(v1)' --format json
   vask codes.csv --types zip:str,weight:flt --na '-99,' --agg 'sum(weight)'
+  vask sales.csv --let 'total = price * n, m = month(day)' -g m -a 'sum(total) as total' --bar total
   vask orders.csv --contained-in customers.csv:id --column customer --agg 'mean(contained)'
   vask union penguins.csv bill_length_mm bill_depth_mm      (vask union --help tells more)
+  vask summary penguins.csv                                 (and vask schema: the types alone)
 
 The file's first line names the columns. Types are inferred: int, lng, dbl or str; a column with
 numbers that have leading zeros is str. Spaces around a field that is not in quotes do not belong
@@ -143,7 +166,7 @@ other_column parse_other_column(const std::string &text) {
 struct raw_options {
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
-        format, threads, digits, order_by, limit, top;
+        format, threads, digits, order_by, limit, top, bar;
 };
 
 void declare_file(CLI::App &app, options &result) {
@@ -152,17 +175,26 @@ void declare_file(CLI::App &app, options &result) {
                    "piped in)");
 }
 
+void declare_rows(CLI::App &app, options &result) {
+    app.add_option("-w,--where", result.where,
+                   "Load only rows that fulfil a condition, e.g. 'v1 > 5 and city != \"Oslo\"'")
+        ->type_name("CONDITION");
+    app.add_option("--let", result.definitions,
+                   "Define a column to work with, e.g. 'revenue = price * qty', 'm = month(day)'")
+        ->type_name("NAME=EXPRESSION")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->allow_extra_args(false); // one behind each, then perhaps the file
+}
+
 void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
     app.footer("\nAggregates:" + aggregate_overview() + aggregate_notes);
     app.add_option("-a,--agg", raw.aggregates, "Aggregates, e.g. 'sum(v1), sum(\"net price\")'")
         ->type_name("LIST")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->allow_extra_args(false); // one behind each, then perhaps the file
     app.add_option("-g,--group-by", raw.group_by, "Columns whose equal values make up a group")
         ->type_name("COLUMNS");
-    app.add_option("-w,--where", result.where,
-                   "Load only rows that fulfil a condition, e.g. 'v1 > 5 and city != \"Oslo\"'")
-        ->type_name("CONDITION");
+    declare_rows(app, result);
     app.add_flag("-s,--sort", result.sort,
                  "Print groups in ascending order of their columns (default: as they first occur)");
     app.add_flag("--drop-na", result.drop_missing,
@@ -179,6 +211,10 @@ void declare_aggregates(CLI::App &app, options &result, raw_options &raw) {
                    "Print the N rows with the greatest values of the --order-by column (default: "
                    "the first aggregate)")
         ->type_name("N");
+    app.add_option("--bar", raw.bar,
+                   "Draw a bar beside each row for a column of the result, e.g. 'sum(v1)' (table, "
+                   "markdown)")
+        ->type_name("TITLE");
     app.add_option(
            "--contained-in", raw.contained_in,
            "Adds a column named contained: 1 where the value of the column of that name "
@@ -245,8 +281,7 @@ void read_order(const raw_options &raw, options &result) {
         fail("--top: there is no aggregate; say with --order-by what is to be greatest");
     result.order.most_rows = row_count_named(*raw.top, "--top");
     result.order.descending = true;
-    if (!raw.order_by)
-        result.order.by = result.aggregates.front().text;
+    result.order.by_first_aggregate = !raw.order_by;
 }
 
 void read_further(const raw_options &raw, options &result) {
@@ -276,6 +311,10 @@ void read_further(const raw_options &raw, options &result) {
     if (raw.digits)
         result.output.digits = digits_named(*raw.digits);
     read_order(raw, result);
+    result.bar = raw.bar;
+    if (raw.bar && result.output.format != output_format::table &&
+        result.output.format != output_format::markdown)
+        fail("--bar: bars are drawn in the formats table and markdown");
     if (raw.threads)
         result.threads = thread_count_named(*raw.threads);
 }
@@ -291,7 +330,7 @@ std::vector<std::string> option_names(const CLI::App &app) {
 
 // What the command line has too much of, in its order. Other arguments are told only where there
 // is no unknown option: one before them may have been meant to take them.
-std::string describe_extras(const CLI::App &app, bool is_union) {
+std::string describe_extras(const CLI::App &app, command asked) {
     std::string told;
     const std::vector<std::string> extras = app.remaining();
     for (const std::string &extra : extras) {
@@ -304,23 +343,24 @@ std::string describe_extras(const CLI::App &app, bool is_union) {
                             nearest ? fmt::format(" (did you mean --{}?)", *nearest) : "");
     }
     if (told.empty() && !extras.empty())
-        told =
-            fmt::format("'{}' is one argument too many; {}", extras.front(),
-                        is_union ? "a union is of two columns of one file"
-                                 : "one file is read, and a list with blanks in it wants quotes");
+        told = fmt::format("'{}' is one argument too many; {}", extras.front(),
+                           asked == command::column_union
+                               ? "a union is of two columns of one file"
+                               : "one file is read, and a list with blanks in it wants quotes");
     return told;
 }
 
 constexpr const char *nothing_named = "no file is named; name one, or - for standard input";
 
-std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, bool is_union) {
-    if (std::string extras = describe_extras(app, is_union); !extras.empty())
+std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, command asked) {
+    if (std::string extras = describe_extras(app, asked); !extras.empty())
         return extras;
     std::string what = error.what();
     switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
         case CLI::ExitCodes::RequiredError:
-            return is_union ? "a file and two columns of it are wanted, as in vask union FILE X Y"
-                            : nothing_named;
+            return asked == command::column_union
+                       ? "a file and two columns of it are wanted, as in vask union FILE X Y"
+                       : nothing_named;
         case CLI::ExitCodes::ArgumentMismatch: {
             const CLI::Option *const option = app.get_option(what.substr(0, what.find(':')));
             return option->count() > 1
@@ -335,28 +375,52 @@ std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, 
     }
 }
 
-} // namespace
-
-namespace {
-
-void declare(CLI::App &app, bool is_union, options &result, raw_options &raw) {
+void declare(CLI::App &app, command asked, options &result, raw_options &raw) {
     declare_file(app, result);
-    if (is_union)
+    if (asked == command::column_union)
         declare_union_columns(app, result);
-    else
+    else if (asked == command::aggregates)
         declare_aggregates(app, result, raw);
+    else if (asked == command::summary)
+        declare_rows(app, result);
     declare_reading(app, result, raw);
     declare_running(app, result, raw);
     app.set_version_flag("--version", "vask " VASK_VERSION_STRING);
 }
 
+std::string name_of(command asked) {
+    return fmt::format("vask{}{}", asked == command::aggregates ? "" : " ", word_of(asked));
+}
+
+command command_of(int argc, const char *const *argv) {
+    const std::string_view word = argc > 1 ? argv[1] : "";
+    for (const command asked : {command::column_union, command::summary, command::schema})
+        if (word == word_of(asked))
+            return asked;
+    return command::aggregates;
+}
+
 } // namespace
 
-declared_command declared_options(bool is_union) {
+std::string_view word_of(command asked) {
+    switch (asked) {
+        case command::column_union:
+            return "union";
+        case command::summary:
+            return "summary";
+        case command::schema:
+            return "schema";
+        case command::aggregates:
+            break;
+    }
+    return {};
+}
+
+declared_command declared_options(command asked) {
     options result;
     raw_options raw;
-    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
-    declare(app, is_union, result, raw);
+    CLI::App app(description_of(asked), name_of(asked));
+    declare(app, asked, result, raw);
     declared_command told{app.get_name(), app.get_description(), {}, {}, app.get_footer()};
     for (const CLI::Option *const option : app.get_options()) {
         declared_option one{option->get_name(), {}, option->get_description(), {}};
@@ -379,22 +443,24 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
     options result;
     result.threads = default_threads();
     raw_options raw;
-    const bool is_union = argc > 1 && std::string_view(argv[1]) == union_command;
-    CLI::App app(is_union ? union_description : description, is_union ? "vask union" : "vask");
-    declare(app, is_union, result, raw);
+    result.asked = command_of(argc, argv);
+    const bool has_word = result.asked != command::aggregates;
+    CLI::App app(description_of(result.asked), name_of(result.asked));
+    declare(app, result.asked, result, raw);
     try {
         // The name of the command is passed over: arguments begin behind it.
-        app.parse(argc - (is_union ? 1 : 0), argv + (is_union ? 1 : 0));
+        app.parse(argc - (has_word ? 1 : 0), argv + (has_word ? 1 : 0));
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != 0)
-            fail("{}; vask{} --help tells more", describe_refusal(app, error, is_union),
-                 is_union ? " union" : "");
+            fail("{}; {} --help tells more", describe_refusal(app, error, result.asked),
+                 name_of(result.asked));
         app.exit(error, std::cout, std::cerr);
         return std::nullopt;
     }
     const bool is_named = app.get_option("FILE")->count() > 0;
     const bool asks_for_nothing = argc == 1;
-    if (!is_named && (is_union || asks_for_nothing || ::isatty(STDIN_FILENO) == 1))
+    if (!is_named &&
+        (result.asked == command::column_union || asks_for_nothing || ::isatty(STDIN_FILENO) == 1))
         fail("{}; vask --help tells more", nothing_named);
     if (!is_named)
         result.file = "-";

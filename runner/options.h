@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -27,11 +28,15 @@ struct other_column {
     std::string column;
 };
 
+//! What the command is to do. All but the aggregates are asked for by a word before the file.
+enum class command { aggregates, column_union, summary, schema };
+
 struct options {
+    command asked = command::aggregates;
     std::string file;
-    //! Of `vask union`: the columns; without any, the request is one of aggregates.
-    std::vector<std::string> union_columns;
-    std::optional<std::string> where; //!< a condition on rows; none: all
+    std::vector<std::string> union_columns; //!< of a union
+    std::optional<std::string> where;       //!< a condition on rows; none: all
+    std::vector<std::string> definitions;   //!< of columns that are worked out from others
     std::vector<aggregate_call> aggregates;
     std::vector<std::string> group_by;
     bool sort = false;
@@ -47,6 +52,7 @@ struct options {
     int threads = 1;
     output_style output;
     row_order order;
+    std::optional<std::string> bar; //!< the title of a column to draw bars for
     bool explain = false;
     std::string library; //!< empty: look where it is installed
 };
@@ -71,6 +77,8 @@ struct declared_command {
     std::string notes; //!< what --help has behind the options
 };
 
-declared_command declared_options(bool is_union);
+declared_command declared_options(command asked);
+//! The word that asks for a command; empty for the aggregates.
+std::string_view word_of(command asked);
 
 } // namespace vask::runner

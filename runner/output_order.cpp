@@ -57,7 +57,10 @@ bool comes_before(const result_cell &a, const result_cell &b, bool descending) {
         a);
 }
 
-const result_column &column_called(const result_table &result, const std::string &title) {
+} // namespace
+
+const result_column &column_called(const result_table &result, const std::string &title,
+                                   std::string_view asked_by) {
     const auto found =
         std::find_if(result.columns.begin(), result.columns.end(),
                      [&](const result_column &column) { return column.title == title; });
@@ -67,18 +70,16 @@ const result_column &column_called(const result_table &result, const std::string
     for (const result_column &column : result.columns)
         titles.push_back(column.title);
     const auto nearest = nearest_name(titles, title);
-    fail("--order-by: the result has no column '{}'; {}", title,
+    fail("{}: the result has no column '{}'; {}", asked_by, title,
          nearest ? fmt::format("did you mean '{}'?", *nearest)
                  : fmt::format("it has {}", fmt::join(titles, ", ")));
 }
-
-} // namespace
 
 void put_in_order(result_table &result, const row_order &order) {
     std::vector<std::size_t> rows(result.rows);
     std::iota(rows.begin(), rows.end(), std::size_t{0});
     if (order.by) {
-        const result_column &column = column_called(result, *order.by);
+        const result_column &column = column_called(result, *order.by, "--order-by");
         // Cells are read once each: comparing reads them many times over.
         std::vector<result_cell> cells;
         cells.reserve(result.rows);

@@ -1,5 +1,7 @@
 #include "query.h"
 
+#include "aggregate_patterns.h"
+#include "column_cells.h"
 #include "load_fault.h"
 #include "nearest_name.h"
 #include "notes.h"
@@ -63,12 +65,11 @@ double read_parameter(const table::parameter_rule &rule, std::string_view text,
 bound_aggregate bind_aggregate(const aggregate_call &call, const csv_header &header,
                                const source_text &source) {
     const std::string asked_by = "--agg: " + call.text;
-    const argument &first = call.arguments.front();
-    const bool all_rows = first.text == "*" && !first.quoted;
+    const bool all_rows = counts_rows(call);
     const named_aggregate found = resolve(call.function, all_rows, asked_by);
     const auto &[rule, parameter, takes_percent] = found;
     bound_aggregate result{
-        call.text, call.function.substr(0, call.function.find(':')), rule, {}, parameter};
+        call.title(), call.function.substr(0, call.function.find(':')), rule, {}, parameter};
     if (all_rows && call.arguments.size() == 1)
         return result;
     const bool reads_parameter = rule->parameter != nullptr && !parameter;
@@ -145,6 +146,8 @@ void check_order(const query &asked, const bound_aggregate &aggregate,
 // As dbl, whole numbers that differ may be equal.
 void refuse_rounded_keys(std::size_t place, const std::string &title,
                          const loaded_columns &loaded) {
+    if (loaded.data.columns[place].is_derived)
+        return;
     const auto wide = first_wide_integer(loaded.source, loaded.header, loaded.request, place,
                                          loaded.data.columns[place]);
     if (wide)
@@ -192,12 +195,30 @@ std::vector<bool> query::needed_columns(std::size_t columns) const {
     return needed;
 }
 
+namespace {
+
+// As in #3, the third.
+std::optional<std::size_t> number_of_column(const std::string &name) {
+    lng number = 0;
+    if (!name.starts_with('#') || !read_cell(std::string_view(name).substr(1), number))
+        return std::nullopt;
+    return number > 0 ? static_cast<std::size_t>(number) : 0;
+}
+
+} // namespace
+
 std::size_t find_column(const csv_header &header, const source_text &source,
                         const std::string &name, std::string_view asked_by) {
     std::vector<std::size_t> numbers;
     for (std::size_t i = 0; i < header.names.size(); ++i)
         if (header.names[i] == name)
             numbers.push_back(i + 1);
+    if (const auto number = number_of_column(name); number && numbers.empty()) {
+        if (*number == 0 || *number > header.names.size())
+            fail("{}:1: {}: there is no column {}; they are #1 to #{}", source.name(), asked_by,
+                 name, header.names.size());
+        return *number - 1;
+    }
     if (numbers.empty())
         fail("{}:1: {}: there is no column '{}'; {}", source.name(), asked_by, name,
              suggestion(header.names, name));
@@ -210,6 +231,31 @@ std::size_t find_column(const csv_header &header, const source_text &source,
     return numbers.front() - 1;
 }
 
+namespace {
+
+// Objects of JSON hold a title once.
+void add_aggregate(query &asked, bound_aggregate bound, const csv_header &header,
+                   const source_text &source) {
+    for (const std::size_t column : asked.group_by)
+        if (header.names[column] == bound.title)
+            fail("{}: the column {} to group by is called as the aggregate {} is; give it another "
+                 "name, as in 'sum(x) as total'",
+                 source.name(), column + 1, bound.title);
+    for (const bound_aggregate &earlier : asked.aggregates) {
+        if (earlier.title != bound.title)
+            continue;
+        if (earlier.rule != bound.rule || earlier.columns != bound.columns ||
+            earlier.parameter != bound.parameter)
+            fail("--agg: two different results are called '{}'; give one another name, as in "
+                 "'sum(x) as total'",
+                 bound.title);
+        return;
+    }
+    asked.aggregates.push_back(std::move(bound));
+}
+
+} // namespace
+
 query bind_query(const options &request, const csv_header &header, const source_text &source) {
     if (request.aggregates.empty() && !(request.contained_in && request.group_by.empty()))
         fail("{}: nothing to compute; give --agg, as in --agg 'count(*)'; {}", source.name(),
@@ -220,16 +266,13 @@ query bind_query(const options &request, const csv_header &header, const source_
     result.strict = request.strict;
     for (const std::string &name : request.group_by)
         add_once(result.group_by, find_column(header, source, name, "--group-by"));
-    for (const aggregate_call &call : request.aggregates) {
-        bound_aggregate bound = bind_aggregate(call, header, source);
-        for (const std::size_t column : result.group_by)
-            if (header.names[column] == bound.title)
-                fail("{}: the column {} to group by is called as the aggregate {} is; rename it, "
-                     "or write the aggregate with a blank in it",
-                     source.name(), column + 1, bound.title);
-        if (std::none_of(result.aggregates.begin(), result.aggregates.end(),
-                         [&](const auto &earlier) { return earlier.title == bound.title; }))
-            result.aggregates.push_back(std::move(bound));
+    for (const aggregate_call &written : request.aggregates) {
+        const aggregate_choice choice = calls_of(written, header, source, result.group_by);
+        for (const aggregate_call &call : choice.calls) {
+            bound_aggregate bound = bind_aggregate(call, header, source);
+            bound.by_pattern = choice.by_pattern;
+            add_aggregate(result, std::move(bound), header, source);
+        }
     }
     return result;
 }
@@ -266,6 +309,64 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
     throw user_error(reason);
 }
 
+void leave_out_unfit(query &asked, const loaded_columns &loaded) {
+    if (asked.aggregates.empty())
+        return;
+    const auto unfit = [&](const bound_aggregate &aggregate) {
+        return aggregate.by_pattern &&
+               !types_of(*aggregate.rule)
+                    .contains(loaded.data.columns[aggregate.columns.front()].type);
+    };
+    const bound_aggregate first = asked.aggregates.front();
+    std::erase_if(asked.aggregates, unfit);
+    if (asked.aggregates.empty())
+        fail("{}: no column fits: {} takes {}", loaded.source.name(), first.name,
+             types_of(*first.rule).names());
+}
+
+namespace {
+
+// Texts of digits whose order is not that of the numbers they look like.
+bool looks_numeric(const table_column &column) {
+    if (column.type != column_type::str || column.is_derived)
+        return false;
+    const std::function<result_cell(std::size_t)> cell = cells_of(column.values, column.type);
+    bool any = false;
+    for (std::size_t row = 0; row < column.values.count(); ++row) {
+        const result_cell value = cell(row);
+        if (std::holds_alternative<std::monostate>(value))
+            continue;
+        if (narrowest_type(std::get<std::string_view>(value)) == column_type::str)
+            return false;
+        any = true;
+    }
+    return any;
+}
+
+// The least and greatest text of codes may be another than the least and greatest number.
+void note_order_of_texts(const query &asked, const loaded_columns &loaded) {
+    std::vector<std::size_t> told;
+    for (const bound_aggregate &aggregate : asked.aggregates) {
+        if (aggregate.rule->of != table::family::extreme && aggregate.rule->name != "largest")
+            continue;
+        const std::size_t place = aggregate.columns.front();
+        const bool is_given =
+            std::any_of(loaded.request.forced.begin(), loaded.request.forced.end(),
+                        [&](const auto &forced) { return forced.first == place; });
+        if (is_given || std::find(told.begin(), told.end(), place) != told.end() ||
+            !looks_numeric(loaded.data.columns[place]))
+            continue;
+        told.push_back(place);
+        tell_note(fmt::format("{}: column {} ({}) has numbers with leading zeros and was read as "
+                              "text, so {} goes by the order of texts; --types '{}:lng' or ':dbl' "
+                              "reads numbers, ':str' says no more of it",
+                              loaded.source.name(), place + 1, loaded.header.names[place],
+                              aggregate.name, loaded.header.names[place]));
+    }
+}
+
+} // namespace
+
 void check_columns(const query &asked, const loaded_columns &loaded) {
     for (const std::size_t column : asked.group_by)
         refuse_rounded_keys(column, "--group-by", loaded);
@@ -283,6 +384,7 @@ void check_columns(const query &asked, const loaded_columns &loaded) {
     if (!asked.drop_missing)
         note_missing(asked, loaded);
     note_respelled(asked, loaded);
+    note_order_of_texts(asked, loaded);
 }
 
 } // namespace vask::runner

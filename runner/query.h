@@ -15,11 +15,13 @@
 namespace vask::runner {
 
 struct bound_aggregate {
-    std::string title; //!< as it was written
+    std::string title; //!< of its result: as it was written, or what stands behind "as"
     std::string name;  //!< of the aggregate, as it was written
     const table::function_rule *rule;
     std::vector<std::size_t> columns; //!< its arguments, by their place in the file
     std::optional<double> parameter;  //!< there when the rule has one, and within its bounds
+    //! Of the columns that a pattern names: left out where the aggregate does not take the type.
+    bool by_pattern = false;
 };
 
 struct query {
@@ -53,6 +55,10 @@ struct loaded_columns {
 //! user_error, with the cell that made a column text when its type was inferred.
 void require_type(type_set accepted, std::string_view name, std::string_view title,
                   std::size_t column, const loaded_columns &loaded);
+
+//! Leaves out the aggregates of patterns' columns whose types they do not take. Throws user_error
+//! where nothing is left of the request.
+void leave_out_unfit(query &asked, const loaded_columns &loaded);
 
 //! Checks that every aggregate can work on its columns: on their types, and on their missing
 //! values, of which notes tell. Throws user_error.

@@ -44,6 +44,7 @@ struct table_column {
     refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
     //! Of a key whose type was inferred: a cell that is not how its number is printed.
     std::optional<std::string> respelled{};
+    bool is_derived = false; //!< worked out, and in no file
 };
 
 struct loaded_table {
