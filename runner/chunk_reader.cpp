@@ -34,11 +34,12 @@ class chunk_reader {
 public:
     chunk_reader(std::string_view text, const missing_words &missing,
                  const std::vector<column_target> &targets, std::uint64_t first_row,
-                 const row_filter *filter)
+                 std::uint64_t most_records, const row_filter *filter)
         : text_(text),
           missing_(missing),
           targets_(targets),
           first_row_(first_row),
+          most_records_(most_records),
           filter_(filter) {
         outcome_.columns.resize(targets.size());
         if (filter != nullptr) {
@@ -56,6 +57,11 @@ public:
         const std::size_t i = column_++;
         if (i >= targets_.size() || outcome_.fault)
             return;
+        // There is no room for more rows than were counted.
+        if (parsed_ == most_records_) {
+            refuse(load_fault::kind::changed, 0);
+            return;
+        }
         if (filter_ != nullptr && slots_[i] != no_slot)
             filter_cells_[slots_[i]] = {std::string(cell), missing_.contains(cell)};
         if (!targets_[i].wanted)
@@ -87,6 +93,10 @@ public:
 
     //! Takes plain records at one go: by columns, or with a filter by rows.
     void take(const field_index &fields) {
+        if (fields.records() > most_records_ - parsed_) {
+            refuse(load_fault::kind::changed, 0);
+            return;
+        }
         if (filter_ != nullptr) {
             for (std::size_t record_number = 0; record_number < fields.records(); ++record_number)
                 take_row(fields, record_number);
@@ -253,6 +263,7 @@ private:
     const missing_words &missing_;
     const std::vector<column_target> &targets_;
     const std::uint64_t first_row_;
+    const std::uint64_t most_records_;
     const std::string_view nil_text_ = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
     std::uint64_t parsed_ = 0; // records, kept or not
     std::size_t column_ = 0;   // of the next field
@@ -288,7 +299,7 @@ chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
                          const csv_dialect &dialect, const missing_words &missing,
                          const std::vector<column_target> &targets, std::uint64_t first_row,
                          const row_filter *filter) {
-    chunk_reader reader(text, missing, targets, first_row, filter);
+    chunk_reader reader(text, missing, targets, first_row, chunk.max_records, filter);
     csv_parser parser(dialect, reader);
     field_index fields(targets.size());
     const std::string_view records = text.substr(0, chunk.end);

@@ -1,5 +1,7 @@
 #include "explain.h"
 
+#include "notes.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,7 +12,7 @@ namespace vask::runner {
 
 void explain_log::note(std::string_view text) const {
     if (on_)
-        fmt::print(stderr, "{}\n", text);
+        tell(fmt::format("{}\n", text));
 }
 
 table::operator_set::watcher explain_log::watcher() const {

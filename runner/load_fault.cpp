@@ -123,6 +123,12 @@ std::uint64_t line_of(std::string_view text, const csv_dialect &dialect, std::si
     return record_line;
 }
 
+std::string describe_change(const source_text &source) {
+    return fmt::format("{}: the file was changed while it was read; try again when nothing writes "
+                       "to it",
+                       source.name());
+}
+
 std::string shown(std::string_view text) {
     constexpr std::size_t most = 60;
     std::string result(text.substr(0, most));
@@ -161,6 +167,8 @@ std::string describe(const load_fault &fault, const source_text &source, const c
             return at_line(
                 line_at(text, fault.position),
                 describe_stray_quote(fault, line_at(text, fault.position), record_line(no_field)));
+        case load_fault::kind::changed:
+            return describe_change(source);
         case load_fault::kind::open_quote:
             break;
     }

@@ -20,7 +20,8 @@ struct load_fault {
         uncomparable, // a cell that a filter compares with what it is no value of
         nil_text,     // a text that the kernel takes for a missing one
         stray_quote,  // a quote inside an unquoted field, or text behind a closing quote
-        open_quote    // a quoted field that the file's end cuts off
+        open_quote,   // a quoted field that the file's end cuts off
+        changed       // more records than were counted: somebody writes to the file
     };
     kind what;
     std::uint64_t record = 0;  // counted from the chunk's first
@@ -36,6 +37,9 @@ struct load_fault {
 //! the chunk once more.
 std::string describe(const load_fault &fault, const source_text &source, const csv_header &header,
                      const csv_dialect &dialect, const record_chunk &chunk);
+
+//! The message for a file that somebody writes to while it is read.
+std::string describe_change(const source_text &source);
 
 //! A file's text as it can be shown within a message: shortened, control characters replaced.
 std::string shown(std::string_view text);

@@ -7,6 +7,7 @@
 #include "explain.h"
 #include "filtered_union.h"
 #include "input_file.h"
+#include "notes.h"
 #include "operator_library.h"
 #include "options.h"
 #include "output.h"
@@ -197,17 +198,16 @@ int main(int argc, char **argv) {
             run(*request);
         return 0;
     } catch (const user_error &error) {
-        fmt::print(stderr, "vask: {}\n", error.what());
+        tell(fmt::format("vask: {}\n", error.what()));
         return exit_user_error;
     } catch (const std::bad_alloc &) {
-        fmt::print(stderr, "vask: out of memory\n");
+        tell("vask: out of memory\n");
     } catch (const std::system_error &error) {
-        fmt::print(stderr,
-                   "vask: the system refused a thread or another resource ({}); free some, or give "
-                   "--threads 1\n",
-                   error.what());
+        tell(fmt::format("vask: the system refused a thread or another resource ({}); free some, "
+                         "or give --threads 1\n",
+                         error.what()));
     } catch (const std::exception &error) {
-        fmt::print(stderr, "vask: {}\n", error.what());
+        tell(fmt::format("vask: {}\n", error.what()));
     }
     return exit_failed;
 }

@@ -7,7 +7,11 @@
 namespace vask::runner {
 
 void tell_note(std::string_view text) {
-    fmt::print(stderr, "vask: note: {}\n", text);
+    tell(fmt::format("vask: note: {}\n", text));
+}
+
+void tell(std::string_view text) {
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr) == text.size());
 }
 
 } // namespace vask::runner

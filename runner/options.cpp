@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <thread>
 
@@ -455,6 +458,9 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
             fail("{}; {} --help tells more", describe_refusal(app, error, result.asked),
                  name_of(result.asked));
         app.exit(error, std::cout, std::cerr);
+        if (!std::cout.flush())
+            throw std::runtime_error(
+                fmt::format("cannot write the answer: {}", std::strerror(errno)));
         return std::nullopt;
     }
     const bool is_named = app.get_option("FILE")->count() > 0;

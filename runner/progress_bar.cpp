@@ -1,5 +1,7 @@
 #include "progress_bar.h"
 
+#include "notes.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -22,16 +24,16 @@ progress_bar::progress_bar(std::uint64_t total)
 
 progress_bar::~progress_bar() {
     if (drawn_)
-        fmt::print(stderr, "{}", erase_line);
+        tell(erase_line);
 }
 
 void progress_bar::draw(std::uint64_t done) {
     if (!on_terminal_ || std::chrono::steady_clock::now() - begin_ < patience)
         return;
     const std::uint64_t share = std::min(done, total_);
-    fmt::print(stderr, "{}loading [{:<{}}] {:3}%", erase_line,
-               std::string(static_cast<std::size_t>(share * width / total_), '#'), width,
-               share * 100 / total_);
+    tell(fmt::format("{}loading [{:<{}}] {:3}%", erase_line,
+                     std::string(static_cast<std::size_t>(share * width / total_), '#'), width,
+                     share * 100 / total_));
     (void)std::fflush(stderr);
     drawn_ = true;
 }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -27,6 +28,7 @@ public:
         if (descriptor_ > STDIN_FILENO)
             ::close(descriptor_);
     }
+    int keep() noexcept { return std::exchange(descriptor_, -1); }
     open_file(const open_file &) = delete;
     open_file &operator=(const open_file &) = delete;
 
@@ -46,10 +48,14 @@ extern "C" void end_without_page(int) {
     ::_exit(1);
 }
 
+std::int64_t changed_at(const struct stat &status) {
+    return std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
+}
+
 } // namespace
 
 source_text::source_text(const std::string &path) : name_(path == "-" ? "standard input" : path) {
-    const open_file file(path);
+    open_file file(path);
     struct stat status {};
     if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0)
         fail("{}: cannot open the file: {}; check its name and that you may read it", name_,
@@ -58,15 +64,19 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
         fail("{}: is a directory; name a file, or - for standard input", name_);
     // A file that is standard input may already have been read in part.
     const bool from_start = path != "-" || ::lseek(file.descriptor(), 0, SEEK_CUR) == 0;
-    if (S_ISREG(status.st_mode) && status.st_size > 0 && from_start)
+    if (S_ISREG(status.st_mode) && status.st_size > 0 && from_start) {
         map(file.descriptor(), static_cast<std::size_t>(status.st_size));
-    else
+        descriptor_ = file.keep();
+        changed_at_ = changed_at(status);
+    } else
         read_to_end(file.descriptor());
     if (text_.starts_with(byte_order_mark))
         text_.remove_prefix(byte_order_mark.size());
 }
 
 source_text::~source_text() {
+    if (descriptor_ > STDIN_FILENO)
+        ::close(descriptor_);
     if (mapped_bytes_ != 0)
         ::munmap(block_, mapped_bytes_);
     else
@@ -115,6 +125,14 @@ void source_text::read_to_end(int descriptor) {
         block_ = grown;
     }
     throw std::bad_alloc();
+}
+
+bool source_text::was_changed() const noexcept {
+    struct stat status {};
+    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0)
+        return false;
+    const auto size = static_cast<std::size_t>(status.st_size);
+    return size < mapped_bytes_ || (size == mapped_bytes_ && changed_at(status) != changed_at_);
 }
 
 void source_text::release_pages(std::size_t begin, std::size_t end) const noexcept {

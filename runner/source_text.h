@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -25,12 +26,18 @@ public:
     //! memory in use for longer than it is read. They can be read again all the same.
     void release_pages(std::size_t begin, std::size_t end) const noexcept;
 
+    //! Whether a mapped file's bytes may be others than they were when it was opened. One that only
+    //! became longer was added to, behind what is read.
+    bool was_changed() const noexcept;
+
 private:
     void map(int descriptor, std::size_t bytes);
     void read_to_end(int descriptor);
 
     std::string name_;
     std::string_view text_;
+    int descriptor_ = -1;         // of a mapped file
+    std::int64_t changed_at_ = 0; // nanoseconds
     void *block_ = nullptr;
     std::size_t mapped_bytes_ = 0; // 0: block_ is allocated
 };

@@ -39,6 +39,8 @@ public:
         do
             columns = read_columns(columns);
         while (!columns.empty());
+        if (source_.was_changed())
+            fail_changed();
         return std::move(table_);
     }
 
@@ -92,9 +94,13 @@ private:
             make_room(i);
         std::vector<chunk_outcome> outcomes = read_chunks();
 
-        table_.rows = std::accumulate(
+        const std::uint64_t rows = std::accumulate(
             outcomes.begin(), outcomes.end(), std::uint64_t{0},
             [](std::uint64_t sum, const chunk_outcome &o) { return sum + o.records; });
+        // Columns of an earlier pass have that pass's rows.
+        if (passes_++ > 0 && rows != table_.rows)
+            fail_changed();
+        table_.rows = rows;
         std::vector<std::size_t> too_narrow;
         for (const std::size_t i : columns) {
             column_type needed = plan_[i].type;
@@ -112,6 +118,8 @@ private:
         }
         return too_narrow;
     }
+
+    [[noreturn]] void fail_changed() const { throw std::runtime_error(describe_change(source_)); }
 
     void make_room(std::size_t i) {
         column_target &target = plan_[i];
@@ -146,6 +154,8 @@ private:
             read_chunk(source_.text(), chunk, request_.dialect, request_.missing, plan_,
                        first_rows_[i], request_.filter.get());
         // Chunks before this one still run, so the file's first fault is the one that is told.
+        if (outcome.fault && outcome.fault->what == load_fault::kind::changed)
+            fail_changed();
         if (outcome.fault)
             throw user_error(describe(*outcome.fault, source_, header_, request_.dialect, chunk));
         source_.release_pages(chunk.begin, chunk.end);
@@ -216,6 +226,7 @@ private:
     std::uint64_t room_ = 0;                // the most rows there can be
     std::vector<column_target> plan_;
     loaded_table table_;
+    int passes_ = 0;
 };
 
 bool is_text(std::string_view cell) {

@@ -1,0 +1,53 @@
+// Files that somebody writes to while they are read.
+#include "runner/chunk_reader.h"
+#include "runner/source_text.h"
+
+#include "temporary_file.h"
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace vask::runner {
+namespace {
+
+// Somebody puts more records into a place than were counted there.
+TEST(ChangingFile, MoreRecordsThanWereCountedAreNoRows) {
+    // Records that are split at one go, and with quotes one by one.
+    for (const std::string text : {"1\n2\n3\n4\n", "\"1\"\n2\n3\n4\n"}) {
+        std::vector<std::int32_t> values(4, -7);
+        const std::vector<column_target> targets{
+            {.wanted = true, .type = column_type::int_, .values = values.data()}};
+        const chunk_outcome outcome =
+            read_chunk(text, {0, text.size(), 2}, {}, missing_words({}), targets, 0);
+        ASSERT_TRUE(outcome.fault.has_value()) << text;
+        EXPECT_EQ(outcome.fault->what, load_fault::kind::changed);
+        EXPECT_EQ(values[2], -7);
+        EXPECT_EQ(values[3], -7);
+    }
+}
+
+TEST(ChangingFile, ChangesAreNoticedAndGrowthIsNot) {
+    const temporary_file file("x\n1\n2\n");
+    const source_text text(file.path());
+    EXPECT_FALSE(text.was_changed());
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // more than a tick of the clock
+    std::ofstream(file.path(), std::ios::app) << "3\n";
+    EXPECT_FALSE(text.was_changed());
+    EXPECT_EQ(text.text(), "x\n1\n2\n");
+    const source_text other(file.path());
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::fstream(file.path(), std::ios::in | std::ios::out) << "y";
+    EXPECT_TRUE(other.was_changed());
+    const source_text cut(file.path());
+    ASSERT_EQ(::truncate(file.path().c_str(), 2), 0);
+    EXPECT_TRUE(cut.was_changed());
+}
+
+} // namespace
+} // namespace vask::runner
