@@ -154,65 +154,97 @@ void copy_part(const piece &p, std::int64_t from, std::int64_t rows, To *to) {
     copy_with_nils<From, To>(aligned.data(), validity, p.offset + from, rows, nil_of<To>(), to);
 }
 
-// What is to be known of values before they are taken as they are.
-struct oddities {
+// What is to be known of values before they are taken as they are. Bounds are those of all numbers
+// that are no NaN, under nulls as well.
+template <class T>
+struct value_census {
     bool nil = false; // a value equals the number `nil`, or is one beyond the signed integers
     bool nan = false;
+    T low = std::numeric_limits<T>::max();
+    T high = std::numeric_limits<T>::lowest();
+
+    void add(const value_census &other) {
+        nil = nil || other.nil;
+        nan = nan || other.nan;
+        low = std::min(low, other.low);
+        high = std::max(high, other.high);
+    }
 };
 
-template <class T>
-VASK_ALWAYS_INLINE oddities oddities_of(T value, T nil) {
+// Of a value, or of a vector of values by lane.
+template <class T, class Values>
+VASK_ALWAYS_INLINE auto is_like_nil(const Values &values, const Values &nil) {
     if constexpr (std::is_same_v<T, std::uint64_t>)
-        return {value > static_cast<T>(std::numeric_limits<std::int64_t>::max()), false};
+        return values > (nil | (~std::uint64_t{0} >> 1)); // its nil is 0
     else
-        return {value == nil, value != value};
+        return values == nil;
 }
 
-// Without a branch, and with answers as wide as the values, so that it becomes vector instructions.
+// Vectors are written out, as compilers leave minima of floats to a plain loop.
 template <class T>
-oddities oddities_among(const T *values, std::int64_t rows, T nil) {
+value_census<T> census_of(const T *values, std::int64_t rows, T nil) {
     return with_best_instruction_set([=]() __attribute__((always_inline)) {
-        unsigned_of_size<sizeof(T)> nils = 0;
-        unsigned_of_size<sizeof(T)> nans = 0;
-        for (std::int64_t row = 0; row < rows; ++row) {
-            T value;
-            std::memcpy(&value, values + row, sizeof value);
-            if constexpr (std::is_same_v<T, std::uint64_t>) {
-                nils |= value >> 63;
-            } else {
-                nils = static_cast<decltype(nils)>(nils | (value == nil ? 1 : 0));
-                nans = static_cast<decltype(nans)>(nans | (value != value ? 1 : 0));
-            }
+        using lanes [[gnu::vector_size(64)]] = T;
+        constexpr std::int64_t width = sizeof(lanes) / sizeof(T);
+        value_census<T> made;
+        const lanes nils = nil - lanes{};
+        lanes low = made.low - lanes{};
+        lanes high = made.high - lanes{};
+        auto any_nil = low != low;
+        auto any_nan = any_nil;
+        std::int64_t row = 0;
+        for (; rows - row >= width; row += width) {
+            lanes v;
+            std::memcpy(&v, values + row, sizeof v);
+            any_nil |= is_like_nil<T>(v, nils);
+            any_nan |= v != v;
+            low = v < low ? v : low;
+            high = v > high ? v : high;
         }
-        return oddities{nils != 0, nans != 0};
+        for (std::int64_t lane = 0; lane < width; ++lane)
+            made.add({any_nil[lane] != 0, any_nan[lane] != 0, low[lane], high[lane]});
+        for (; row < rows; ++row) {
+            T v;
+            std::memcpy(&v, values + row, sizeof v);
+            // A NaN is no bound.
+            made.add({is_like_nil<T>(v, nil), v != v, v < made.low ? v : made.low,
+                      v > made.high ? v : made.high});
+        }
+        return made;
     });
 }
 
-// What lies under nulls does not count.
+// What lies under nulls is no nil and no NaN.
 template <class T>
-oddities find_oddities(const std::vector<piece> &pieces, T nil) {
-    std::atomic<bool> any_nil{false};
-    std::atomic<bool> any_nan{false};
+value_census<T> census_of(const std::vector<piece> &pieces, T nil) {
+    value_census<T> all;
+    std::mutex joining;
     for_pieces(pieces, [&](const piece &p, std::int64_t from, std::int64_t rows, std::size_t) {
         const T *const values = values_of<T>(p);
-        oddities here = oddities_among(values + from, rows, nil);
+        value_census<T> here = census_of(values + from, rows, nil);
         // Most columns have no such value.
         if ((here.nil || here.nan) && p.validity != nullptr) {
-            here = {};
+            here.nil = false;
+            here.nan = false;
             for (std::int64_t row = from; row < from + rows; ++row) {
                 T value;
                 std::memcpy(&value, values + row, sizeof value);
-                const oddities own = oddities_of(value, nil);
-                here.nil |= own.nil && is_value(p, row);
-                here.nan |= own.nan && is_value(p, row);
+                here.nil |= is_like_nil<T>(value, nil) && is_value(p, row);
+                here.nan |= value != value && is_value(p, row);
             }
         }
-        if (here.nil)
-            any_nil.store(true, std::memory_order_relaxed);
-        if (here.nan)
-            any_nan.store(true, std::memory_order_relaxed);
+        const std::scoped_lock lock(joining);
+        all.add(here);
     });
-    return {any_nil.load(), any_nan.load()};
+    return all;
+}
+
+template <class T>
+void keep_bounds(const value_census<T> &from, numbers &to) {
+    if constexpr (std::is_floating_point_v<T>)
+        to.float_bounds = {from.low, from.high};
+    else
+        to.bounds = {static_cast<lng>(from.low), static_cast<lng>(from.high)};
 }
 
 template <class From, class To>
@@ -316,14 +348,15 @@ numbers fixed_numbers(const fixed_request &asked) {
     using wider = typename wider_of<T>::type;
     numbers result;
     result.missing = asked.nulls;
-    oddities odd;
+    value_census<T> odd;
     if constexpr (std::is_same_v<T, std::uint64_t>) {
-        if (find_oddities<T>(asked.pieces, T{}).nil)
+        odd = census_of<T>(asked.pieces, T{});
+        if (odd.nil)
             return beyond_numbers<T>(asked);
     }
     if constexpr (std::is_same_v<T, stored>) {
         const T nil = nil_of<T>();
-        odd = find_oddities<T>(asked.pieces, nil);
+        odd = census_of<T>(asked.pieces, nil);
         result.nan = odd.nan;
         if (odd.nil) {
             if (asked.no_time) {
@@ -356,6 +389,9 @@ numbers fixed_numbers(const fixed_request &asked) {
             }
         }
     }
+    const bool has_census = std::is_same_v<T, stored> || std::is_same_v<T, std::uint64_t>;
+    if (has_census && asked.nulls == 0 && !odd.nan && asked.rows > 0)
+        keep_bounds(odd, result);
     const refkernel::column_marks marks{.nil = asked.nulls > 0, .nonil = asked.nulls == 0};
     if constexpr (std::is_same_v<T, stored>) {
         if (asked.pieces.size() == 1 && asked.nulls == 0 &&
@@ -638,7 +674,10 @@ column::column(std::string name, value_type type, bat values, std::uint64_t miss
         heap_ = std::move(values);
         heap_missing_ = missing;
     } else {
-        numbers_ = std::make_unique<const numbers>(numbers{std::move(values), missing, false, {}});
+        numbers made;
+        made.values = std::move(values);
+        made.missing = missing;
+        numbers_ = std::make_unique<const numbers>(std::move(made));
     }
 }
 
@@ -904,6 +943,8 @@ value_bounds column::bounds(const teller &tell) const {
     if (is_text(type_.of))
         return {0, static_cast<lng>(as_texts(tell).words.size()) - 1};
     const numbers &all = as_numbers(false, tell);
+    if (all.bounds)
+        return *all.bounds;
     const std::scoped_lock lock(making_);
     if (!bounds_)
         bounds_ = bounds_of(all.values);

@@ -37,6 +37,14 @@ struct piece {
     std::shared_ptr<const piece> dictionary;
 };
 
+//! Least and greatest of integers.
+struct value_bounds {
+    lng low = std::numeric_limits<lng>::max();
+    lng high = std::numeric_limits<lng>::min();
+
+    bool is_empty() const { return low > high; }
+};
+
 //! Values as a kernel's column, missing ones as its nil.
 struct numbers {
     refkernel::bat values;
@@ -48,6 +56,10 @@ struct numbers {
     bool beyond = false;
     std::vector<std::uint8_t> present; //!< of those: by row 1 for a value; empty: all are
     bool nan = false;                  //!< of floats: a value is a NaN
+    //! Least and greatest value, where they were seen in passing: in columns without missing ones,
+    //! nils and NaNs, in their own memory.
+    std::optional<value_bounds> bounds;                //!< of integers
+    std::optional<std::array<double, 2>> float_bounds; //!< of floats
 };
 
 //! Texts as codes of words. A missing one has the nil.
@@ -63,13 +75,6 @@ struct texts {
 
 //! What is told once about how a column was taken: which column, what was done and why.
 using teller = std::function<void(const std::string &)>;
-
-struct value_bounds {
-    lng low = std::numeric_limits<lng>::max();
-    lng high = std::numeric_limits<lng>::min();
-
-    bool is_empty() const { return low > high; }
-};
 
 /*
  * Immutable but for what it keeps of its forms, which are made when they are first asked for, by

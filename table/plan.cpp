@@ -210,6 +210,9 @@ private:
 
     answer distinct(const column &of) {
         const std::vector<bat> &keys = of.as_keys(nan_missing_, context_.tell);
+        // In a group of one row a value is the only one.
+        if (by_.count() == static_cast<std::size_t>(by_.rows()))
+            return counts(of);
         std::vector<lng> result;
         if (keys.size() > 1 || (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
             result.resize(by_.count());
@@ -363,13 +366,37 @@ private:
         if (!asked_.extremes_of_nan)
             refuse_nan(asked);
         const numbers &values = parts_.numbers_of(of);
+        const bool least = asked.rule->name == "min";
+        if (by_.is_whole())
+            if (std::optional<answer> known = known_extreme(values, least))
+                return std::move(*known);
         if (!values.beyond)
             return parts_.call(*asked.rule, {&values.values}, about(asked));
-        const bool least = asked.rule->name == "min";
         return by_group(of, [least]<class T>(std::span<T> own) {
             return std::optional(least ? *std::min_element(own.begin(), own.end())
                                        : *std::max_element(own.begin(), own.end()));
         });
+    }
+
+    // What was seen when the column was looked through. Of -0.0 and 0.0 the first one counts, which
+    // is known to the operator alone.
+    static std::optional<answer> known_extreme(const numbers &values, bool least) {
+        return visit_storage(
+            values.values.type(), [&]<class T>(std::type_identity<T>) -> std::optional<answer> {
+                T known{};
+                if constexpr (std::is_floating_point_v<T>) {
+                    if (!values.float_bounds)
+                        return std::nullopt;
+                    known = static_cast<T>((*values.float_bounds)[least ? 0 : 1]);
+                    if (known == T{0})
+                        return std::nullopt;
+                } else {
+                    if (!values.bounds)
+                        return std::nullopt;
+                    known = static_cast<T>(least ? values.bounds->low : values.bounds->high);
+                }
+                return answer_of(form_of<T>(), std::vector<T>{known});
+            });
     }
 
     // The extreme of whether values are 0; a NaN is not.
