@@ -12,8 +12,10 @@ __all__ = [
     "ArrowArrayStream",
     "ArrowSchema",
     "Record",
+    "array_capsules",
     "capsule_of",
     "release",
+    "stream_capsule",
     "stream_of",
     "struct_pointer",
 ]
@@ -178,6 +180,32 @@ def move(source: Record, target: Record) -> None:
     """Moves a record: the source then counts as released."""
     ctypes.memmove(byref(target), byref(source), ctypes.sizeof(source))
     source.release = None
+
+
+# ---- producers and consumers of releases that do not have the PyCapsule interface yet -----------
+
+
+def stream_capsule(data: Any) -> object:
+    """The stream of a table, of a release that gives PyArrow's tables alone through those."""
+    if hasattr(data, "__arrow_c_stream__"):
+        capsule: object = data.__arrow_c_stream__()
+        return capsule
+    for name in ("to_arrow", "arrow", "to_reader"):  # Polars, DuckDB, PyArrow's tables
+        if hasattr(data, name):
+            return stream_capsule(getattr(data, name)())
+    stream = ArrowArrayStream()
+    data._export_to_c(addressof(stream))
+    return capsule_of(stream, STREAM_CAPSULE)
+
+
+def array_capsules(data: Any) -> tuple[object, object]:
+    """The schema and the array of a column, of an old release of PyArrow by its own export."""
+    if hasattr(data, "__arrow_c_array__"):
+        capsules: tuple[object, object] = data.__arrow_c_array__()
+        return capsules
+    schema, array = ArrowSchema(), ArrowArray()
+    data._export_to_c(addressof(array), addressof(schema))
+    return capsule_of(schema, SCHEMA_CAPSULE), capsule_of(array, ARRAY_CAPSULE)
 
 
 def stream_schema(stream: ArrowArrayStream) -> ArrowSchema:

@@ -149,7 +149,13 @@ class Column:
         """The column as a PyArrow array, without a copy. Needs PyArrow."""
         import pyarrow
 
-        return pyarrow.array(self)
+        if hasattr(pyarrow.Array, "__arrow_c_array__"):
+            return pyarrow.array(self)
+        # A release without the PyCapsule interface.
+        array, schema = _lent_array(self._array, self), _lent_schema(self._schema, self)
+        imported: Any = pyarrow.Array
+        column: pyarrow.Array = imported._import_from_c(addressof(array), addressof(schema))
+        return column
 
     def __arrow_c_schema__(self) -> object:
         return _arrow.capsule_of(_lent_schema(self._schema, self), _arrow.SCHEMA_CAPSULE)

@@ -7,6 +7,7 @@ from collections.abc import Iterator, Sequence
 from pathlib import Path
 from typing import Any, Optional, Union
 
+from . import _arrow
 from ._table import NativeTable, Source
 from .errors import DataError, Error, InvalidTypeError, InvalidValueError
 
@@ -130,6 +131,6 @@ class FileSource(Source):
         else:
             table = self._pyarrow.Table.from_batches(chunks)
         try:
-            return NativeTable.of_stream(table.__arrow_c_stream__())
+            return NativeTable.of_stream(_arrow.stream_capsule(table))
         except Error as failure:
             raise type(failure)(f"{self._path}: {failure}") from failure

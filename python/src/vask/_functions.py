@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import math
 from collections.abc import Iterable, Mapping, Sequence
+from numbers import Integral
 from typing import Any, NamedTuple, Optional, Union
 
 from . import _library
@@ -221,9 +222,9 @@ def _parameters(
         raise InvalidTypeError(f"{label}: {function} needs a parameter")
 
     if function == "nlargest":
-        if not isinstance(given, int) or isinstance(given, bool) or given < 1:
+        if not isinstance(given, Integral) or isinstance(given, bool) or given < 1:
             raise InvalidValueError(f"{label}: nlargest takes a number from 1 on, not {given!r}")
-        return [(rule.function, float(k), f"_{k}") for k in range(1, given + 1)]
+        return [(rule.function, float(k), f"_{k}") for k in range(1, int(given) + 1)]
     if isinstance(given, (list, tuple)) or (hasattr(given, "__array__") and _length(given)):
         return [(rule.function, _number(label, function, q), f"_{float(q):g}") for q in given]
     return [(rule.function, _number(label, function, given), "")]

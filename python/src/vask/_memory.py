@@ -243,15 +243,19 @@ def _is_missing(item: Any) -> bool:
     return item is None or type(item).__name__ in ("NAType", "NaTType")
 
 
+#: Types of values beside which a float can only be the NaN that stands for a null.
+_NO_FLOATS = (str, bytes, datetime.date, datetime.timedelta, decimal.Decimal)
+
+
 def python_column(name: str, items: Sequence[Any], nan_is_null: bool = False) -> MemoryColumn:
     """A column of Python's values: all of one kind, integers and floats may mix.
 
-    ``None`` and pandas' NA and NaT are nulls; a float NaN among values that are no numbers is one
+    ``None`` and pandas' NA and NaT are nulls; a float NaN among values that are no floats is one
     too, as object columns of pandas have it.
     """
     items = [None if _is_missing(item) else item for item in items]
     kinds: set[type] = {type(item) for item in items if item is not None}
-    if float in kinds and any(issubclass(kind, (str, bytes, datetime.date)) for kind in kinds):
+    if float in kinds and any(issubclass(kind, _NO_FLOATS) for kind in kinds):
         items = [None if isinstance(item, float) and item != item else item for item in items]
         kinds = {type(item) for item in items if item is not None}
     if any(hasattr(kind, "dtype") for kind in kinds):  # NumPy's own scalars
@@ -317,7 +321,8 @@ def python_column(name: str, items: Sequence[Any], nan_is_null: bool = False) ->
     elif all_are(decimal.Decimal):
         return _decimal_column(name, items, validity, nulls)
     found = " and ".join(sorted(kind.__name__ for kind in kinds))
-    raise InvalidTypeError(f"column {name!r} holds values of the type {found}; one type is needed")
+    hint = "one type is needed" if len(kinds) > 1 else "convert them, to texts say"
+    raise InvalidTypeError(f"column {name!r} holds values of the type {found}; {hint}")
 
 
 def _since(moment: Optional[datetime.datetime], epoch: datetime.datetime) -> int:

@@ -6,6 +6,7 @@ from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, replace
 from typing import TYPE_CHECKING, Any, Optional
 
+from . import _arrow
 from ._functions import Request, Spec
 from ._query import Options, Query, column_list
 from ._table import MappingSource, NativeTable, source_of
@@ -52,7 +53,7 @@ class Plan:
 
     def merge(self, states: Sequence[Any], finish: bool) -> pyarrow.Table:
         """Several parts' states together: states again, or with ``finish`` the result."""
-        tables = [NativeTable.of_stream(table.__arrow_c_stream__()) for table in states]
+        tables = [NativeTable.of_stream(_arrow.stream_capsule(table)) for table in states]
         query = Query(MappingSource({}), [], self.options, list(self.requests))
         query.by = list(self.by)
         return query.merge(tables, finish).to_arrow()

@@ -6,6 +6,7 @@ import sys
 from collections.abc import Iterable, Sequence
 from ctypes import byref, c_void_p
 from dataclasses import dataclass, field
+from numbers import Integral
 from typing import Any, Optional, Union
 
 from . import _library
@@ -43,7 +44,7 @@ class Options:
                     else ""
                 )
                 raise InvalidTypeError(f"{name} is True or False, not {value!r}{hint}")
-        if not isinstance(self.partitions, int) or not 0 <= self.partitions <= 256:
+        if not isinstance(self.partitions, Integral) or not 0 <= self.partitions <= 256:
             raise InvalidValueError(
                 f"partitions is a number from 1 to 256, or 0 for the default, "
                 f"not {self.partitions!r}"

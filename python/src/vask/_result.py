@@ -108,13 +108,22 @@ class Result:
         """The result as a PyArrow table, without a copy. Needs PyArrow."""
         import pyarrow
 
-        return pyarrow.table(self)
+        if hasattr(pyarrow.Table, "__arrow_c_stream__"):
+            return pyarrow.table(self)
+        # A release without the PyCapsule interface.
+        reader: Any = pyarrow.RecordBatchReader
+        stream = self._stream()
+        table: pyarrow.Table = reader._import_from_c(addressof(stream)).read_all()
+        return table
 
     def to_polars(self) -> polars.DataFrame:
         """The result as a Polars frame, numbers without a copy. Needs Polars."""
         import polars
 
-        return polars.DataFrame(self)
+        try:
+            return polars.DataFrame(self)
+        except TypeError:  # a release that takes PyArrow's tables alone
+            return polars.DataFrame(self.to_arrow())
 
     def to_pandas(self, index: bool = False) -> pandas.DataFrame:
         """The result as a pandas frame. Needs pandas, and uses PyArrow if it is there.
@@ -126,11 +135,11 @@ class Result:
 
         frame: pandas.DataFrame
         try:
-            import pyarrow
+            table = self.to_arrow()
         except ImportError:
             frame = pandas.DataFrame(self.to_numpy())
         else:
-            frame = pyarrow.table(self).to_pandas()
+            frame = table.to_pandas()
         if index and self.key_columns:
             frame = frame.set_index(self.key_columns)
         return frame

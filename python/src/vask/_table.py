@@ -181,7 +181,7 @@ class StreamSource(Source):
 
     def table(self, columns: Sequence[str]) -> NativeTable:
         chosen = self._select(columns or self.names[:1])
-        return NativeTable.of_stream(chosen.__arrow_c_stream__(), self._nan_is_null)
+        return NativeTable.of_stream(_arrow.stream_capsule(chosen), self._nan_is_null)
 
 
 class MappingSource(Source):
@@ -215,10 +215,11 @@ def add_column(table: NativeTable, name: str, values: Any) -> None:
             return
     if module == "numpy":
         table.add_memory(name, numpy_column(name, values))
-    elif hasattr(values, "__arrow_c_array__"):
-        table.add_arrow(name, values.__arrow_c_array__())
-    elif hasattr(values, "__arrow_c_stream__"):
-        table.add_arrow(name, _joined(table, name, values).__arrow_c_array__())
+    elif hasattr(values, "__arrow_c_array__") or hasattr(values, "_export_to_c"):
+        table.add_arrow(name, _arrow.array_capsules(values))
+    # Not by __array__, which old releases have alone: it makes NaNs of nulls.
+    elif hasattr(values, "__arrow_c_stream__") or _in_chunks(values):
+        table.add_arrow(name, _arrow.array_capsules(_joined(table, name, values)))
     elif hasattr(values, "__array__"):
         import numpy
 
@@ -237,6 +238,11 @@ def add_column(table: NativeTable, name: str, values: Any) -> None:
         )
 
 
+def _in_chunks(values: Any) -> bool:
+    """Whether it is PyArrow's or Polars' column in chunks."""
+    return hasattr(values, "num_chunks") or hasattr(values, "n_chunks")
+
+
 def _has_buffer(values: Any) -> bool:
     try:
         memoryview(values)
@@ -248,6 +254,8 @@ def _has_buffer(values: Any) -> bool:
 def _joined(table: NativeTable, name: str, values: Any) -> Any:
     """The one array of a column that comes in chunks."""
     if type(values).__module__.startswith("polars"):
+        if hasattr(values, "columns"):
+            raise InvalidTypeError(f"column {name!r} is a table, not a column of values")
         chunks = values.n_chunks()
         array = values.to_arrow()
     else:
@@ -258,7 +266,7 @@ def _joined(table: NativeTable, name: str, values: Any) -> Any:
                 f"column {name!r} comes in chunks, which PyArrow has to join, and PyArrow is not "
                 "installed; give the whole table"
             ) from None
-        chunked = pyarrow.chunked_array(values)
+        chunked = values if hasattr(values, "num_chunks") else pyarrow.chunked_array(values)
         chunks = chunked.num_chunks
         array = chunked.chunk(0) if chunks == 1 else chunked.combine_chunks()
         if isinstance(array, pyarrow.ChunkedArray):  # more than an array can hold
@@ -291,9 +299,13 @@ def source_of(data: Any) -> Source:
             return source
     if module in ("pyarrow", "vask") and hasattr(data, "null_count"):
         raise InvalidTypeError("the data are one column, not a table; give {'x': column}")
-    if hasattr(data, "__arrow_c_stream__"):
-        return TableSource(NativeTable.of_stream(data.__arrow_c_stream__()))
-    if hasattr(data, "__arrow_c_array__"):
+    if (
+        hasattr(data, "__arrow_c_stream__")
+        or hasattr(data, "to_reader")
+        or hasattr(data, "read_next_batch")
+    ):
+        return TableSource(NativeTable.of_stream(_arrow.stream_capsule(data)))
+    if hasattr(data, "__arrow_c_array__") or hasattr(data, "_export_to_c"):
         return _record_source(data)
     raise InvalidTypeError(
         f"a {type(data).__name__} is no table; give a data frame, an Arrow table, a mapping from "
@@ -302,8 +314,9 @@ def source_of(data: Any) -> Source:
 
 
 def _polars_source(data: Any) -> Source:
-    if hasattr(data, "collect_schema") and hasattr(data, "collect"):  # a lazy frame
-        names = list(data.collect_schema().names())
+    if hasattr(data, "collect"):  # a lazy frame
+        told = hasattr(data, "collect_schema")
+        names = list(data.collect_schema().names() if told else data.columns)
         return StreamSource(names, lambda columns: data.select(list(columns)).collect())
     if hasattr(data, "columns"):
         return StreamSource(list(data.columns), lambda columns: data.select(list(columns)))
@@ -335,4 +348,6 @@ def _record_source(data: Any) -> Source:
         raise InvalidTypeError(
             f"a {type(data).__name__} gives a single Arrow array, which takes PyArrow to open"
         ) from None
-    return source_of(pyarrow.table(pyarrow.record_batch(data)))
+    if not isinstance(data, pyarrow.RecordBatch):
+        data = pyarrow.record_batch(data)
+    return source_of(pyarrow.Table.from_batches([data]))

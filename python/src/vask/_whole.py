@@ -32,7 +32,7 @@ def _ask(
 
 
 def sum(x: Any, *, skipna: bool = True, nan_is_null: bool = False, wide_sums: bool = False) -> Any:
-    """The sum of a column; 0 or null, as the library has it, of no values.
+    """The sum of a column; ``None`` of no values.
 
     Args:
         x: an array of NumPy or Arrow, a series, or a sequence of Python's values.
