@@ -70,6 +70,15 @@ void require(bool holds, const std::string &name, const char *what) {
 // Positions up to here can be counted in bytes, whatever the width of values.
 constexpr std::int64_t largest_offset = std::int64_t{1} << 58;
 
+// Whether the texts in front of row `end` lie within the bytes of all texts, of which the array's
+// last offset tells. Behind the last row of a batch that is shorter than its array lies another
+// one.
+template <class Offset>
+bool ends_within(const ArrowArray &array, std::int64_t end) {
+    const auto *const offsets = static_cast<const Offset *>(array.buffers[1]) + array.offset;
+    return offsets[end] <= offsets[array.length];
+}
+
 // An array's rows from `offset` on as a piece; `owner` keeps it.
 piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t offset,
                std::int64_t rows, const array_owner &owner, const std::string &name) {
@@ -114,6 +123,10 @@ piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t of
         }
     } else {
         result.bytes = static_cast<const char *>(array.buffers[2]);
+        const bool narrow = result.text_format == 'u' || result.text_format == 'z';
+        require(narrow ? ends_within<std::int32_t>(array, offset + rows)
+                       : ends_within<std::int64_t>(array, offset + rows),
+                name, "the offset behind its last row is too large");
     }
     return result;
 }

@@ -337,6 +337,27 @@ TEST(Malformed, ArraysAreRefusedAndReleasedOnce) {
     }
 }
 
+// The offset behind a batch's last row is none of the array's last, which alone is true.
+TEST(Malformed, OffsetsBehindABatchThatIsShorterThanItsArray) {
+    for (const char *const format : {"u", "U"}) {
+        SCOPED_TRACE(format);
+        ledger counted;
+        const column_data values{"v", format, words({"a", "b", "c", "d"})};
+        outcome told;
+        const table_pointer table = import_stream(
+            make_stream(counted, {{values}}, {},
+                        [&](ArrowArray &batch) {
+                            batch.length = 2;
+                            if (format[0] == 'u')
+                                set<std::int32_t>(*batch.children[0], 1, 2, 1 << 24);
+                            else
+                                set<std::int64_t>(*batch.children[0], 1, 2, std::int64_t{1} << 24);
+                        }),
+            &told);
+        EXPECT_EQ(told.code, VASK_BAD_DATA) << told.text;
+    }
+}
+
 TEST(Malformed, StreamsAreRefusedAndReleasedOnce) {
     const table_data data{{{"v", "i", wholes({1, 2, 3, 4})}, {"t", "u", words({"", "", "", ""})}}};
     const auto refused = [&](int code, const table_layout &how,
