@@ -2,6 +2,7 @@
 // aggregates, names and words.
 #include "fuzz_target.h"
 
+#include "runner/derived_columns.h"
 #include "runner/name_list.h"
 #include "runner/options.h"
 #include "runner/query.h"
@@ -51,12 +52,15 @@ void read_command_line(const std::string &text) {
     if (!request)
         return;
     fuzz::require(request->threads >= 1 && request->threads <= 256, "threads out of bounds");
-    const query asked = bind_query(*request, header(), source());
-    fuzz::require(asked.needed_columns(header().names.size()).size() == header().names.size(),
-                  "columns that the file does not have");
+    csv_header all = header();
+    const derived_columns derived(request->definitions, all, source());
+    const query asked = bind_query(*request, all, source());
+    std::vector<bool> needed = asked.needed_columns(all.names.size());
+    derived.add_used(needed);
+    fuzz::require(needed.size() == all.names.size(), "columns that the file does not have");
     if (request->where)
         const row_filter filter(*request->where, [&](const std::string &name) {
-            return find_column(header(), source(), name, "--where");
+            return derived.in_condition(name, all, source(), header().names.size());
         });
 }
 
@@ -77,7 +81,7 @@ std::string kept_rows(const std::string &condition) {
             cells.push_back(row[column]);
         }
         std::optional<row_filter::misfit> fault;
-        const bool kept = filter.keeps(cells, fault);
+        const bool kept = row_filter::judge(filter).keeps(cells, fault);
         if (fault) {
             fuzz::require(fault->slot < cells.size(), "a cell that the row does not have");
             told += '!';
@@ -97,7 +101,9 @@ void read_condition(const std::string &text) {
     } catch (const user_error &) {
         fuzz::require(std::count(text.begin(), text.end(), '(') +
                               std::count_if(text.begin(), text.end(),
-                                            [](char c) { return c == 'n' || c == 'N'; }) >
+                                            [](char c) {
+                                                return c == 'n' || c == 'N' || c == '-' || c == '+';
+                                            }) >
                           50,
                       "a condition cannot be read in brackets");
     }
