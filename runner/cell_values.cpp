@@ -265,8 +265,12 @@ column_type narrowest_type(std::string_view cell) {
     return column_type::str;
 }
 
-column_type inferred_type(std::string_view cell, bool keep_zeros) {
-    return keep_zeros && has_leading_zero(cell) ? column_type::str : narrowest_type(cell);
+column_type inferred_type(std::string_view cell, bool keep_zeros, const number_format &format) {
+    std::string memory;
+    const auto plain = plain_spelling(cell, format, memory);
+    if (!plain || (keep_zeros && has_leading_zero(*plain)))
+        return column_type::str;
+    return narrowest_type(*plain);
 }
 
 missing_words::missing_words(std::vector<std::string> words) : words_(std::move(words)) {

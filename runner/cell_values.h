@@ -1,6 +1,8 @@
 // What a cell of a file can hold: the types of columns, and reading their values from text.
 #pragma once
 
+#include "number_format.h"
+
 #include "vask/kernel/bat.h"
 
 #include <array>
@@ -100,7 +102,7 @@ inline bool has_leading_zero(std::string_view cell) {
 
 //! The type that a column must at least have for the cell when nobody has said what it holds: the
 //! narrowest one or, with `keep_zeros`, str for a leading zero.
-column_type inferred_type(std::string_view cell, bool keep_zeros);
+column_type inferred_type(std::string_view cell, bool keep_zeros, const number_format &format = {});
 
 //! The texts that stand for a missing value.
 class missing_words {

@@ -32,15 +32,18 @@ bool is_printed_as(T value, std::string_view cell) {
 
 class chunk_reader {
 public:
-    chunk_reader(std::string_view text, const missing_words &missing,
+    chunk_reader(std::string_view text, const reading_rules &rules,
                  const std::vector<column_target> &targets, std::uint64_t first_row,
-                 std::uint64_t most_records, const row_filter *filter)
+                 std::uint64_t most_records)
         : text_(text),
-          missing_(missing),
+          missing_(rules.missing),
+          format_(rules.format),
+          ragged_(rules.ragged),
           targets_(targets),
           first_row_(first_row),
           most_records_(most_records),
-          filter_(filter) {
+          filter_(rules.filter) {
+        const row_filter *const filter = filter_;
         outcome_.columns.resize(targets.size());
         if (filter != nullptr) {
             judge_.emplace(*filter);
@@ -54,41 +57,29 @@ public:
     }
 
     void field(std::string_view cell) {
-        const std::size_t i = column_++;
-        if (i >= targets_.size() || outcome_.fault)
-            return;
-        // There is no room for more rows than were counted.
-        if (parsed_ == most_records_) {
-            refuse(load_fault::kind::changed, 0);
-            return;
-        }
-        if (filter_ != nullptr && slots_[i] != no_slot)
-            filter_cells_[slots_[i]] = {std::string(cell), missing_.contains(cell)};
-        if (!targets_[i].wanted)
-            return;
-        if (targets_[i].type == column_type::str)
-            store_text(cell, cell.size(), i, parsed_);
-        else
-            visit_cell_type(targets_[i].type, [&]<class T>(std::type_identity<T>) {
-                store_value(cell, i, parsed_, *place<T>(i));
-            });
+        if (ragged_ == ragged_records::refused)
+            take_field(cell);
+        else // whose record may be left out
+            row_cells_.emplace_back(cell);
     }
 
     void record() {
-        if (outcome_.fault)
+        if (ragged_ == ragged_records::refused) {
+            end_record();
             return;
-        if (column_ != targets_.size())
-            outcome_.fault = load_fault{load_fault::kind::ragged, parsed_, column_, 0, {}, {}, 0};
-        column_ = 0;
-        const bool kept = filter_ == nullptr || outcome_.fault || keeps_row();
-        ++parsed_;
-        if (kept)
-            ++outcome_.records;
-        if (filter_ == nullptr)
-            return;
-        if (!kept)
-            take_back_row();
-        row_missing_.clear();
+        }
+        std::vector<std::string> &cells = row_cells_;
+        const std::size_t columns = targets_.size();
+        if (cells.size() == columns || ragged_ == ragged_records::filled) {
+            for (const std::string &cell : cells)
+                take_field(cell);
+            while (column_ < columns)
+                take_missing_field();
+            end_record();
+        } else if (!outcome_.fault) {
+            ++parsed_;
+        }
+        cells.clear();
     }
 
     //! Takes plain records at one go: by columns, or with a filter by rows.
@@ -119,7 +110,8 @@ public:
 
     //! Records that the text cannot be parsed from this place on.
     void refuse(load_fault::kind what, std::size_t position) {
-        outcome_.fault = load_fault{what, parsed_, 0, column_, {}, {}, position};
+        const std::size_t column = ragged_ == ragged_records::refused ? column_ : row_cells_.size();
+        outcome_.fault = load_fault{what, parsed_, 0, column, {}, {}, position};
     }
 
     chunk_outcome take_outcome() {
@@ -129,6 +121,70 @@ public:
     }
 
 private:
+    void take_field(std::string_view cell) {
+        const std::size_t i = column_++;
+        if (i >= targets_.size() || outcome_.fault)
+            return;
+        // There is no room for more rows than were counted.
+        if (parsed_ == most_records_) {
+            refuse(load_fault::kind::changed, 0);
+            return;
+        }
+        if (filter_ != nullptr && slots_[i] != no_slot)
+            filter_cells_[slots_[i]] = {in_plain_spelling(cell), missing_.contains(cell)};
+        if (!targets_[i].wanted)
+            return;
+        if (targets_[i].type == column_type::str)
+            store_text(cell, cell.size(), i, parsed_);
+        else
+            visit_cell_type(targets_[i].type, [&]<class T>(std::type_identity<T>) {
+                store_value(cell, i, parsed_, *place<T>(i));
+            });
+    }
+
+    void end_record() {
+        if (outcome_.fault)
+            return;
+        if (column_ != targets_.size())
+            outcome_.fault = load_fault{load_fault::kind::ragged, parsed_, column_, 0, {}, {}, 0};
+        column_ = 0;
+        const bool kept = filter_ == nullptr || outcome_.fault || keeps_row();
+        ++parsed_;
+        if (kept)
+            ++outcome_.records;
+        if (filter_ == nullptr)
+            return;
+        if (!kept)
+            take_back_row();
+        row_missing_.clear();
+    }
+
+    // Of a record that ends before its last column.
+    void take_missing_field() {
+        const std::size_t i = column_++;
+        if (outcome_.fault)
+            return;
+        if (filter_ != nullptr && slots_[i] != no_slot)
+            filter_cells_[slots_[i]] = {{}, true};
+        if (!targets_[i].wanted)
+            return;
+        if (targets_[i].type == column_type::str)
+            outcome_.columns[i].texts.add_missing();
+        else
+            visit_cell_type(targets_[i].type, [&]<class T>(std::type_identity<T>) {
+                store_missing(*place<T>(i), targets_[i].type);
+            });
+        count_missing(i);
+    }
+
+    // As conditions read cells.
+    std::string in_plain_spelling(std::string_view cell) const {
+        std::string memory;
+        const auto plain = plain_spelling(cell, format_, memory);
+        dbl value = 0;
+        return std::string(plain && read_cell(*plain, value) ? *plain : cell);
+    }
+
     bool keeps_row() {
         std::optional<row_filter::misfit> misfit;
         const bool kept = judge_->keeps(filter_cells_, misfit);
@@ -156,10 +212,10 @@ private:
         for (std::size_t i = 0; i < targets_.size(); ++i) {
             column_ = i;
             if (targets_[i].wanted || slots_[i] != no_slot)
-                field(fields.field(record_number, i));
+                take_field(fields.field(record_number, i));
         }
         column_ = targets_.size();
-        record();
+        end_record();
     }
 
     template <class T>
@@ -167,9 +223,11 @@ private:
         T *const to = place<T>(i);
         const char *const first = text_.data();
         const bool is_key = targets_[i].is_key;
+        const bool reads_plain = std::is_integral_v<T> || format_.is_plain();
         for (std::size_t row = 0; row < fields.records(); ++row) {
             const std::string_view cell = fields.field(row, i);
-            if (!read_plain(cell, first, is_key, to[row]) || missing_.contains(cell)) [[unlikely]]
+            if (!(reads_plain && read_plain(cell, first, is_key, to[row])) ||
+                missing_.contains(cell)) [[unlikely]]
                 store_value(cell, i, parsed_ + row, to[row]);
         }
     }
@@ -212,13 +270,27 @@ private:
     }
 
     template <class T>
+    static void store_missing(T &to, column_type type) {
+        std::memcpy(&to, BATatoms[type_code(type)].atom_null, sizeof to);
+    }
+
+    template <class T>
+    bool read_value(std::string_view cell, bool keep_zeros, T &value) const {
+        if (!std::is_arithmetic_v<T> || format_.is_plain())
+            return read_cell(cell, value) && !(keep_zeros && has_leading_zero(cell));
+        std::string memory;
+        const auto plain = plain_spelling(cell, format_, memory);
+        return plain && read_cell(*plain, value) && !(keep_zeros && has_leading_zero(*plain));
+    }
+
+    template <class T>
     void store_value(std::string_view cell, std::size_t i, std::uint64_t record_number, T &to) {
         T value;
         // A number can be listed as a missing word, so the list comes first.
         if (missing_.contains(cell)) {
-            std::memcpy(&value, BATatoms[type_code(targets_[i].type)].atom_null, sizeof value);
+            store_missing(value, targets_[i].type);
             count_missing(i);
-        } else if (!read_cell(cell, value) || (targets_[i].keep_zeros && has_leading_zero(cell))) {
+        } else if (!read_value(cell, targets_[i].keep_zeros, value)) {
             misfit(cell, i, record_number);
             return;
         } else if (targets_[i].is_key && !outcome_.columns[i].respelled &&
@@ -248,8 +320,8 @@ private:
             note_fault({load_fault::kind::bad_cell, record_number, 0, i, std::string(cell),
                         target.type, 0});
         else
-            outcome_.columns[i].needed =
-                std::max(outcome_.columns[i].needed, inferred_type(cell, target.keep_zeros));
+            outcome_.columns[i].needed = std::max(outcome_.columns[i].needed,
+                                                  inferred_type(cell, target.keep_zeros, format_));
     }
 
     // Columns are read one after the other, but the first fault of the file is told.
@@ -261,6 +333,9 @@ private:
 
     const std::string_view text_; // the whole input's
     const missing_words &missing_;
+    const number_format format_;
+    const ragged_records ragged_;
+    std::vector<std::string> row_cells_; // of the open record, where it may be left out
     const std::vector<column_target> &targets_;
     const std::uint64_t first_row_;
     const std::uint64_t most_records_;
@@ -296,10 +371,10 @@ std::size_t piece_end(std::string_view text, std::size_t begin) {
 } // namespace
 
 chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
-                         const csv_dialect &dialect, const missing_words &missing,
-                         const std::vector<column_target> &targets, std::uint64_t first_row,
-                         const row_filter *filter) {
-    chunk_reader reader(text, missing, targets, first_row, chunk.max_records, filter);
+                         const reading_rules &rules, const std::vector<column_target> &targets,
+                         std::uint64_t first_row) {
+    const csv_dialect &dialect = rules.dialect;
+    chunk_reader reader(text, rules, targets, first_row, chunk.max_records);
     csv_parser parser(dialect, reader);
     field_index fields(targets.size());
     const std::string_view records = text.substr(0, chunk.end);

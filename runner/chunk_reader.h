@@ -42,11 +42,20 @@ struct chunk_outcome {
     std::optional<load_fault> fault; // with it the rest is not of use
 };
 
-//! Parses one chunk and stores its values from row `first_row` on, of the rows that `filter` keeps
-//! or, if it is null, of all. Chunks can be read at the same time.
+//! How the text of all chunks is read.
+struct reading_rules {
+    const csv_dialect &dialect;
+    const missing_words &missing;
+    number_format format{};
+    ragged_records ragged = ragged_records::refused;
+    //! Which rows are kept; null: all.
+    const row_filter *filter = nullptr;
+};
+
+//! Parses one chunk and stores the values of the rows that are kept from row `first_row` on. Chunks
+//! can be read at the same time.
 chunk_outcome read_chunk(std::string_view text, const record_chunk &chunk,
-                         const csv_dialect &dialect, const missing_words &missing,
-                         const std::vector<column_target> &targets, std::uint64_t first_row,
-                         const row_filter *filter = nullptr);
+                         const reading_rules &rules, const std::vector<column_target> &targets,
+                         std::uint64_t first_row);
 
 } // namespace vask::runner

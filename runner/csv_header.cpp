@@ -45,7 +45,9 @@ csv_header parse_first_record(const source_text &source, const csv_dialect &dial
         fail("{}: the file has no header; its first line must name the columns (or give "
              "--names a,b,c for a file without a header)",
              source.name());
-    return {std::move(record.fields), at};
+    // Blank lines may stand before it.
+    const std::size_t begin = text.find_first_not_of(" \t\r\n");
+    return {std::move(record.fields), at, 1 + count_line_ends(text.substr(0, begin))};
 }
 
 // What files that are no text begin with.
@@ -56,13 +58,6 @@ struct other_format {
 };
 
 constexpr std::array other_formats{
-    other_format{"\x1F\x8B", "a file compressed by gzip", "pipe it in, as in zcat FILE | vask -"},
-    other_format{"\x28\xB5\x2F\xFD", "a file compressed by zstd",
-                 "pipe it in, as in zstdcat FILE | vask -"},
-    other_format{std::string_view("\xFD\x37zXZ\0", 6), "a file compressed by xz",
-                 "pipe it in, as in xzcat FILE | vask -"},
-    other_format{"BZh91AY&SY", "a file compressed by bzip2",
-                 "pipe it in, as in bzcat FILE | vask -"},
     other_format{"PK\x03\x04", "a zip archive or a workbook",
                  "pipe a file of it in, as in unzip -p FILE | vask -, or save the sheet as CSV"},
     other_format{"PAR1\x15", "a Parquet file", "convert it to CSV"},
@@ -97,14 +92,14 @@ void refuse_data_as_header(const source_text &source, const csv_dialect &dialect
     for (std::size_t i = 0; i < std::min(names.size(), below.size()); ++i)
         if (!std::all_of(names.begin(), names.end(), is_number) && is_number(names[i]) &&
             is_number(below[i]))
-            fail("{}:1: the first line looks like data: column {} is '{}' there, a number, and "
+            fail("{}:{}: the first line looks like data: column {} is '{}' there, a number, and "
                  "'{}' below; give --names a,b,c if the file has no header, or --header if these "
                  "are the names",
-                 source.name(), i + 1, names[i], below[i]);
+                 source.name(), header.line, i + 1, names[i], below[i]);
     if (std::all_of(names.begin(), names.end(), is_number))
-        fail("{}:1: the first line holds only numbers, so it does not look like a header; give "
+        fail("{}:{}: the first line holds only numbers, so it does not look like a header; give "
              "--names a,b,c if the file has none, or --header if these are the names",
-             source.name());
+             source.name(), header.line);
 }
 
 void name_the_nameless(std::vector<std::string> &names) {
@@ -127,7 +122,7 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
     if (const std::size_t nul = start.find('\0'); nul != std::string_view::npos)
         fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 first",
              source.name(), 1 + count_line_ends(start.substr(0, nul)));
-    csv_header header{rules.names, 0};
+    csv_header header{rules.names, 0, 1};
     if (header.names.empty()) {
         header = parse_first_record(source, dialect);
         if (!rules.numeric_names)

@@ -12,7 +12,8 @@ namespace vask::runner {
 
 struct csv_header {
     std::vector<std::string> names;
-    std::size_t data_begin; // place of the first byte behind the header's line
+    std::size_t data_begin = 0; // place of the first byte behind the header's line
+    std::size_t line = 1;       // of the header
 
     //! Whether the user gave the names, and the file has no line for them.
     bool is_given() const noexcept { return data_begin == 0; }

@@ -1,5 +1,6 @@
 #include "input_file.h"
 
+#include "compressed_text.h"
 #include "query.h"
 
 #include <chrono>
@@ -9,7 +10,8 @@
 namespace vask::runner {
 namespace {
 
-bool looks_tab_separated(const std::string &file) {
+bool looks_tab_separated(std::string_view file) {
+    file = without_compression(file);
     return file.ends_with(".tsv") || file.ends_with(".tab");
 }
 
@@ -17,7 +19,11 @@ load_request reading(const std::string &path, const options &request) {
     load_request result;
     result.dialect.quotes = request.quotes;
     result.dialect.separator = request.separator.value_or(looks_tab_separated(path) ? '\t' : ',');
+    if (request.form.blank_runs)
+        result.dialect.separator = blank_run_separator;
     result.missing = missing_words(request.missing);
+    result.format = request.numbers;
+    result.ragged = request.ragged;
     result.threads = static_cast<unsigned>(request.threads);
     return result;
 }
@@ -25,9 +31,10 @@ load_request reading(const std::string &path, const options &request) {
 } // namespace
 
 input_file::input_file(const std::string &path, const options &request, const header_rules &rules)
-    : source_(path),
-      loading_(reading(path, request)),
-      header_(read_header(source_, loading_.dialect, rules)) {}
+    : source_(path), loading_(reading(path, request)) {
+    source_.bring_into_form(request.form, loading_.dialect.quote());
+    header_ = read_header(source_, loading_.dialect, rules);
+}
 
 loaded_table input_file::load(const std::vector<bool> &wanted,
                               const std::vector<std::pair<std::string, column_type>> &types,

@@ -1,6 +1,7 @@
 #include "load_fault.h"
 
 #include "name_list.h"
+#include "number_format.h"
 
 #include <limits>
 
@@ -39,15 +40,32 @@ std::string separator_name(char separator) {
 }
 
 std::string describe_ragged(const load_fault &fault, const csv_header &header,
-                            const csv_dialect &dialect) {
+                            const csv_dialect &dialect, std::string_view line,
+                            std::string_view header_line) {
     const std::size_t expected = header.names.size();
+    const std::string separator = separator_name(dialect.separator);
+    const auto ends_with_separator = [&](std::string_view text) {
+        const std::size_t last = text.find_last_not_of("\r\n");
+        return last != text.npos && text[last] == dialect.separator;
+    };
+    std::string remedy;
+    if (fault.fields == expected + 1 && ends_with_separator(line))
+        remedy = fmt::format("the line ends with {}, behind which another field is: remove it, or "
+                             "give --ragged skip to leave such lines out",
+                             separator);
+    else if (fault.fields + 1 == expected && ends_with_separator(header_line))
+        remedy = fmt::format("the header ends with {}, behind which another name is: remove it, or "
+                             "give --ragged fill",
+                             separator);
+    else if (fault.fields < expected)
+        remedy = "complete the line (an empty field stands for a missing value), or give --ragged "
+                 "fill to have it completed, --ragged skip to leave it out";
+    else
+        remedy = fmt::format("{}put fields that contain {} in quotes, or give --ragged skip to "
+                             "leave such lines out",
+                             header.is_given() ? "name all columns, or " : "", separator);
     return fmt::format("{} field{} where {} has {}; {}", fault.fields, fault.fields == 1 ? "" : "s",
-                       header.is_given() ? "--names" : "the header", expected,
-                       fault.fields < expected
-                           ? "complete the line (an empty field stands for a missing value)"
-                           : fmt::format("{}put fields that contain {} in quotes",
-                                         header.is_given() ? "name all columns, or " : "",
-                                         separator_name(dialect.separator)));
+                       header.is_given() ? "--names" : "the header", expected, remedy);
 }
 
 std::string describe_bad_cell(const load_fault &fault, const csv_header &header) {
@@ -58,11 +76,15 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                            "to the list of missing values with --na, or give --types '{}:{}'",
                            fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
                            name_of(fitting));
+    std::string hint;
+    if (fault.type != column_type::timestamp && fault.type != column_type::bit)
+        hint = cell_hint(fault.cell, name);
     return fmt::format("column {} ({}): '{}' is no {}; correct it, add it to the list of missing "
-                       "values with --na{}, or give --types '{}:{}'",
+                       "values with --na{}, or give --types '{}:{}'{}{}",
                        fault.column + 1, name, shown(fault.cell), name_of(fault.type),
                        as_missing_item(fault.cell), name,
-                       name_of(fitting == fault.type ? column_type::str : fitting));
+                       name_of(fitting == fault.type ? column_type::str : fitting),
+                       hint.empty() ? "" : ".", hint);
 }
 
 std::string describe_uncomparable(const load_fault &fault, const csv_header &header) {
@@ -83,9 +105,25 @@ std::string describe_nil_text(const load_fault &fault, const csv_header &header)
                        fault.column + 1, header.names[fault.column]);
 }
 
+// The text of a line, counted from 1.
+std::string_view line_numbered(std::string_view text, std::uint64_t number) {
+    std::size_t begin = 0;
+    for (; number > 1; --number)
+        begin = end_of_line(text, begin);
+    return text.substr(begin, end_of_line(text, begin) - begin);
+}
+
 // A quote that an earlier line left open is found out here only.
-std::string describe_stray_quote(const load_fault &fault, std::uint64_t line,
+std::string describe_stray_quote(const load_fault &fault, std::string_view text, std::uint64_t line,
                                  std::uint64_t record_line) {
+    // The fault is found at the quote in an unquoted field, or behind one that ends a quoted field.
+    const std::string_view before = text.substr(0, fault.position);
+    if (before.ends_with("\\\"") || before.ends_with('\\'))
+        return fmt::format(
+            "column {}: a quote behind a backslash; quotes within a field are doubled, "
+            "as in \"5\"\" pipe\", not escaped: replace each \\\" by \"\", or give "
+            "--no-quotes to read quotes as ordinary characters",
+            fault.column + 1);
     return fmt::format(
         "column {}: a quote inside a field that is not in quotes as a whole{}; put "
         "the whole field in quotes and double the quotes in it, or give "
@@ -95,6 +133,14 @@ std::string describe_stray_quote(const load_fault &fault, std::uint64_t line,
 }
 
 } // namespace
+
+std::string cell_hint(std::string_view cell, const std::string &column_name) {
+    if (cell == column_name)
+        return " It is the column's name: the header stands there once more, so remove that line, "
+               "or "
+               "give the files that were put together one by one.";
+    return number_hint(cell);
+}
 
 std::uint64_t line_at(std::string_view text, std::size_t position) {
     return 1 + count_line_ends(text.substr(0, position));
@@ -156,7 +202,10 @@ std::string describe(const load_fault &fault, const source_text &source, const c
     };
     switch (fault.what) {
         case load_fault::kind::ragged:
-            return at_line(record_line(no_field), describe_ragged(fault, header, dialect));
+            return at_line(
+                record_line(no_field),
+                describe_ragged(fault, header, dialect, line_numbered(text, record_line(no_field)),
+                                header.is_given() ? "" : line_numbered(text, header.line)));
         case load_fault::kind::bad_cell:
             return at_line(record_line(fault.column), describe_bad_cell(fault, header));
         case load_fault::kind::uncomparable:
@@ -164,9 +213,9 @@ std::string describe(const load_fault &fault, const source_text &source, const c
         case load_fault::kind::nil_text:
             return at_line(record_line(fault.column), describe_nil_text(fault, header));
         case load_fault::kind::stray_quote:
-            return at_line(
-                line_at(text, fault.position),
-                describe_stray_quote(fault, line_at(text, fault.position), record_line(no_field)));
+            return at_line(line_at(text, fault.position),
+                           describe_stray_quote(fault, text, line_at(text, fault.position),
+                                                record_line(no_field)));
         case load_fault::kind::changed:
             return describe_change(source);
         case load_fault::kind::open_quote:

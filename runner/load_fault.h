@@ -13,6 +13,13 @@
 
 namespace vask::runner {
 
+//! What becomes of records with another number of fields than the header.
+enum class ragged_records : std::uint8_t {
+    refused,
+    filled, //!< fields that lack at the end are missing values; too many are refused
+    skipped
+};
+
 struct load_fault {
     enum class kind {
         ragged,       // another number of fields than the header
@@ -47,6 +54,10 @@ std::string shown(std::string_view text);
 //! How a cell is written in the list of --na, within a message; nothing if it stands there as it
 //! is.
 std::string as_missing_item(std::string_view cell);
+
+//! What a cell that is no number may be instead, and what to do; a sentence from a blank on, or
+//! nothing.
+std::string cell_hint(std::string_view cell, const std::string &column_name);
 
 //! The number of the line, from 1 on, that holds the given place.
 std::uint64_t line_at(std::string_view text, std::size_t position);

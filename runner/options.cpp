@@ -81,6 +81,25 @@ int default_threads() {
     return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, most_threads);
 }
 
+//! What --sep takes for a run of blanks.
+constexpr std::string_view blanks = "blanks";
+
+char mark_named(const std::string &text, std::string_view option) {
+    if (text.size() != 1 || (text[0] >= '0' && text[0] <= '9') || text == "-" || text == "+" ||
+        text == "e" || text == "E" || text == "\n" || text == "\r")
+        fail("{}: '{}' is no mark within numbers; give one character, such as . or ,", option,
+             text);
+    return text.front();
+}
+
+ragged_records ragged_named(const std::string &text) {
+    if (text == "fill")
+        return ragged_records::filled;
+    if (text == "skip")
+        return ragged_records::skipped;
+    fail("--ragged: '{}' is neither fill nor skip", text);
+}
+
 char separator_named(const std::string &text) {
     if (text == "tab" || text == "\\t")
         return '\t';
@@ -169,7 +188,8 @@ other_column parse_other_column(const std::string &text) {
 struct raw_options {
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
-        format, threads, digits, order_by, limit, top, bar;
+        format, threads, digits, decimal, thousands, comment, skip, ragged, order_by, limit, top,
+        bar;
 };
 
 void declare_file(CLI::App &app, options &result) {
@@ -235,9 +255,23 @@ void declare_union_columns(CLI::App &app, options &result) {
 }
 
 void declare_reading(CLI::App &app, options &result, raw_options &raw) {
-    app.add_option("-t,--sep", raw.separator,
-                   "Separator: one character or tab (default: comma; tab for .tsv and .tab)")
+    app.add_option(
+           "-t,--sep", raw.separator,
+           "Separator: one character, tab, or blanks for any number of blanks (default: comma; "
+           "tab for .tsv and .tab)")
         ->type_name("CHAR");
+    app.add_option("--decimal", raw.decimal, "The decimal mark of numbers (default: .)")
+        ->type_name("CHAR");
+    app.add_option("--thousands", raw.thousands,
+                   "The mark between groups of three digits (default: none)")
+        ->type_name("CHAR");
+    app.add_option("--comment", raw.comment, "Pass over lines that begin with this character")
+        ->type_name("CHAR");
+    app.add_option("--skip", raw.skip, "Pass over the first N lines")->type_name("N");
+    app.add_option("--ragged", raw.ragged,
+                   "Of records with another number of fields than the header: fill up the short "
+                   "ones with missing values, or skip all of them (default: refuse)")
+        ->type_name("fill|skip");
     app.add_option("--types", raw.types,
                    "Types of columns instead of the inferred ones: bit, bte, sht, int, lng, flt, "
                    "dbl, str, timestamp")
@@ -270,6 +304,35 @@ void declare_running(CLI::App &app, options &result, raw_options &raw) {
     app.add_flag("--explain", result.explain,
                  "Tell on standard error what was loaded and called, with rows, partitions, time");
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
+}
+
+void read_input_form(const raw_options &raw, options &result) {
+    if (raw.separator == blanks)
+        result.form.blank_runs = true;
+    else if (raw.separator)
+        result.separator = separator_named(*raw.separator);
+    if (raw.decimal)
+        result.numbers.decimal = mark_named(*raw.decimal, "--decimal");
+    if (raw.thousands)
+        result.numbers.thousands = mark_named(*raw.thousands, "--thousands");
+    if (result.numbers.decimal == result.numbers.thousands)
+        fail("--thousands: '{}' is the decimal mark; give another one, and the decimal mark with "
+             "--decimal",
+             result.numbers.thousands);
+    if (raw.comment) {
+        if (raw.comment->size() != 1 || *raw.comment == "\"" || *raw.comment == "\n" ||
+            *raw.comment == "\r")
+            fail("--comment: '{}' cannot begin a comment; give one character", *raw.comment);
+        result.form.comment = raw.comment->front();
+    }
+    if (raw.skip) {
+        lng number = 0;
+        if (!read_cell(*raw.skip, number) || number < 0)
+            fail("--skip: '{}' is no number of lines", *raw.skip);
+        result.form.skipped_lines = static_cast<std::size_t>(number);
+    }
+    if (raw.ragged)
+        result.ragged = ragged_named(*raw.ragged);
 }
 
 void read_order(const raw_options &raw, options &result) {
@@ -307,8 +370,7 @@ void read_further(const raw_options &raw, options &result) {
         result.types = parse_types(*raw.types);
     if (raw.missing)
         result.missing = parse_words(*raw.missing, "--na");
-    if (raw.separator)
-        result.separator = separator_named(*raw.separator);
+    read_input_form(raw, result);
     if (raw.format)
         result.output.format = format_named(*raw.format);
     if (raw.digits)

@@ -3,8 +3,10 @@
 
 #include "cell_values.h"
 #include "csv_header.h"
+#include "load_fault.h"
 #include "name_list.h"
 #include "output_order.h"
+#include "source_text.h"
 
 #include <optional>
 #include <string>
@@ -48,6 +50,9 @@ struct options {
     bool quotes = true;
     header_rules header;
     std::vector<std::string> missing{"", "NA", "NaN"};
+    text_form form{};
+    number_format numbers{};
+    ragged_records ragged = ragged_records::refused;
     std::vector<std::pair<std::string, column_type>> types;
     int threads = 1;
     output_style output;

@@ -220,11 +220,11 @@ std::size_t find_column(const csv_header &header, const source_text &source,
         return *number - 1;
     }
     if (numbers.empty())
-        fail("{}:1: {}: there is no column '{}'; {}", source.name(), asked_by, name,
+        fail("{}:{}: {}: there is no column '{}'; {}", source.name(), header.line, asked_by, name,
              suggestion(header.names, name));
     if (numbers.size() > 1)
-        fail("{}:1: {}: the columns {} are all called '{}'; {}", source.name(), asked_by,
-             fmt::join(numbers, ", "), name,
+        fail("{}:{}: {}: the columns {} are all called '{}'; {}", source.name(), header.line,
+             asked_by, fmt::join(numbers, ", "), name,
              header.is_given() ? "give different names with --names"
                                : "rename those that are not meant, or remove the header line and "
                                  "name all columns with --names");
@@ -298,7 +298,8 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
     else if (text)
         reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
                               "stands for a missing value, add it to the list of --na{}",
-                              shown(text->cell), text->line, as_missing_item(text->cell));
+                              shown(text->cell), text->line, as_missing_item(text->cell)) +
+                  cell_hint(text->cell, loaded.header.names[column]);
     else if (const auto code =
                  first_leading_zero(loaded.source, loaded.header, loaded.request, column))
         reason += fmt::format(

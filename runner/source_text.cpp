@@ -1,6 +1,12 @@
 #include "source_text.h"
 
+#include "compressed_text.h"
+#include "field_index.h"
+#include "growing_text.h"
+#include "record_chunks.h"
 #include "user_error.h"
+
+#include <algorithm>
 
 #include <cerrno>
 #include <csignal>
@@ -70,6 +76,7 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
         changed_at_ = changed_at(status);
     } else
         read_to_end(file.descriptor());
+    decompress();
     if (text_.starts_with(byte_order_mark))
         text_.remove_prefix(byte_order_mark.size());
 }
@@ -77,6 +84,10 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
 source_text::~source_text() {
     if (descriptor_ > STDIN_FILENO)
         ::close(descriptor_);
+    free_block();
+}
+
+void source_text::free_block() noexcept {
     if (mapped_bytes_ != 0)
         ::munmap(block_, mapped_bytes_);
     else
@@ -96,35 +107,87 @@ void source_text::map(int descriptor, std::size_t bytes) {
     text_ = {static_cast<const char *>(address), bytes};
 }
 
+void source_text::hold(growing_text &text) noexcept {
+    free_block();
+    mapped_bytes_ = 0;
+    const std::size_t size = text.size();
+    block_ = text.release();
+    text_ = {static_cast<const char *>(block_), size};
+}
+
 void source_text::read_to_end(int descriptor) {
-    // Growing a large block with realloc moves pages instead of copying them, and the part not yet
-    // written takes no memory, so the input is never held twice.
-    std::size_t room = std::size_t{1} << 20;
-    std::size_t used = 0;
-    block_ = std::malloc(room);
-    while (block_ != nullptr) {
-        const ssize_t got = ::read(descriptor, static_cast<char *>(block_) + used, room - used);
+    growing_text text;
+    for (;;) {
+        const std::span<char> room = text.room();
+        const ssize_t got = ::read(descriptor, room.data(), room.size());
         if (got < 0 && errno == EINTR)
             continue;
-        if (got < 0) {
-            const int reason = errno;
-            std::free(block_);
-            fail("{}: cannot read: {}", name_, std::strerror(reason));
-        }
-        if (got == 0) {
-            text_ = {static_cast<const char *>(block_), used};
-            return;
-        }
-        used += static_cast<std::size_t>(got);
-        if (used < room)
-            continue;
-        room += room / 2;
-        void *const grown = std::realloc(block_, room);
-        if (grown == nullptr)
-            std::free(block_);
-        block_ = grown;
+        if (got < 0)
+            fail("{}: cannot read: {}", name_, std::strerror(errno));
+        if (got == 0)
+            break;
+        text.add(static_cast<std::size_t>(got));
     }
-    throw std::bad_alloc();
+    hold(text);
+}
+
+void source_text::decompress() {
+    const auto kind = compression_of(text_);
+    if (!kind)
+        return;
+    growing_text text;
+    runner::decompress(*kind, text_, name_, text);
+    hold(text);
+}
+
+namespace {
+
+// A line's fields with one separator between them, which are written over the line's bytes.
+char *join_blank_runs(std::string_view line, bool &quoted, char quote, char *to) {
+    bool separate = false; // a run of blanks lies before the next byte
+    bool begun = quoted;
+    for (const char c : line) {
+        quoted ^= quote != '\0' && c == quote;
+        if (!quoted && is_blank(c)) {
+            separate = begun;
+            continue;
+        }
+        if (separate && c != '\n' && c != '\r')
+            *to++ = blank_run_separator;
+        separate = false;
+        begun = true;
+        *to++ = c;
+    }
+    return to;
+}
+
+} // namespace
+
+void source_text::bring_into_form(const text_form &form, char quote) {
+    if (form.is_plain())
+        return;
+    growing_text text;
+    std::size_t line_number = 0;
+    bool quoted = false;
+    for (std::size_t at = 0; at < text_.size(); ++line_number) {
+        const std::size_t end = end_of_line(text_, at);
+        const std::string_view line = text_.substr(at, end - at);
+        const std::size_t content = std::min(line.find_first_of("\r\n"), line.size());
+        const bool is_record = line_number >= form.skipped_lines &&
+                               (quoted || !form.comment || !line.starts_with(*form.comment));
+        const std::string_view kept = line.substr(is_record ? 0 : content);
+        char *const to = text.room(kept.size() + 1).data();
+        if (form.blank_runs) {
+            text.add(static_cast<std::size_t>(join_blank_runs(kept, quoted, quote, to) - to));
+        } else {
+            if (quote != '\0')
+                quoted ^= std::count(kept.begin(), kept.end(), quote) % 2 != 0;
+            std::copy(kept.begin(), kept.end(), to);
+            text.add(kept.size());
+        }
+        at = end;
+    }
+    hold(text);
 }
 
 bool source_text::was_changed() const noexcept {

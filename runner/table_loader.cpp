@@ -68,9 +68,9 @@ private:
     }
 
     void plan_columns() {
-        const std::vector<column_type> types =
-            guess_types(source_.text(), chunks_, request_.dialect, request_.missing,
-                        request_.keep_zeros, header_.names.size());
+        const std::vector<column_type> types = guess_types(
+            source_.text(), chunks_, request_.dialect, request_.missing, request_.keep_zeros,
+            request_.format, request_.ragged, header_.names.size());
         for (std::size_t i = 0; i < types.size(); ++i)
             plan_.push_back({.wanted = request_.wanted[i],
                              .type = types[i],
@@ -150,9 +150,10 @@ private:
 
     chunk_outcome read_one(std::size_t i) {
         const record_chunk &chunk = chunks_[i];
-        chunk_outcome outcome =
-            read_chunk(source_.text(), chunk, request_.dialect, request_.missing, plan_,
-                       first_rows_[i], request_.filter.get());
+        chunk_outcome outcome = read_chunk(source_.text(), chunk,
+                                           {request_.dialect, request_.missing, request_.format,
+                                            request_.ragged, request_.filter.get()},
+                                           plan_, first_rows_[i]);
         // Chunks before this one still run, so the file's first fault is the one that is told.
         if (outcome.fault && outcome.fault->what == load_fault::kind::changed)
             fail_changed();
@@ -241,6 +242,7 @@ bool is_wide_integer(std::string_view cell) {
 
 struct cell_finder {
     const missing_words &missing;
+    const number_format &format;
     bool (*wanted)(std::string_view cell);
     std::size_t target;
     std::size_t column = 0;
@@ -250,7 +252,9 @@ struct cell_finder {
     void field(std::string_view cell) {
         if (column++ != target || !found.empty() || missing.contains(cell))
             return;
-        if (wanted(cell))
+        std::string memory;
+        const auto plain = plain_spelling(cell, format, memory);
+        if (wanted(plain.value_or("no number")))
             found = cell.empty() ? "(empty)" : cell;
     }
     void record() {
@@ -267,7 +271,7 @@ std::optional<text_cell> first_cell(bool (*wanted)(std::string_view cell),
     for (const auto &[forced, type] : request.forced)
         if (forced == column)
             return std::nullopt;
-    cell_finder finder{request.missing, wanted, column, 0, 0, {}};
+    cell_finder finder{request.missing, request.format, wanted, column, 0, 0, {}};
     csv_parser parser(request.dialect, finder);
     const std::string_view data = source.text().substr(header.data_begin);
     parser.feed(data);

@@ -4,6 +4,7 @@
 #include "cell_values.h"
 #include "csv_header.h"
 #include "csv_parser.h"
+#include "load_fault.h"
 #include "row_filter.h"
 #include "source_text.h"
 
@@ -30,6 +31,8 @@ struct load_request {
     //! Which rows are loaded; null: all. Types are inferred from all rows.
     std::shared_ptr<const row_filter> filter{};
     missing_words missing{{"", "NA", "NaN"}};
+    number_format format{};
+    ragged_records ragged = ragged_records::refused;
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
     bool keep_zeros = true;
     unsigned threads = 1;

@@ -12,16 +12,27 @@ constexpr std::size_t sampled_records = 256;
 
 class type_sampler {
 public:
-    type_sampler(const missing_words &missing, bool keep_zeros, std::vector<column_type> &types)
-        : missing_(missing), keep_zeros_(keep_zeros), types_(types) {}
+    type_sampler(const missing_words &missing, bool keep_zeros, const number_format &format,
+                 ragged_records ragged, std::vector<column_type> &types)
+        : missing_(missing),
+          keep_zeros_(keep_zeros),
+          format_(format),
+          ragged_(ragged),
+          types_(types),
+          row_(types) {}
 
     void field(std::string_view cell) {
         const std::size_t i = column_++;
-        if (i >= types_.size() || types_[i] == column_type::str || missing_.contains(cell))
+        if (i >= types_.size() || row_[i] == column_type::str || missing_.contains(cell))
             return;
-        types_[i] = std::max(types_[i], inferred_type(cell, keep_zeros_));
+        row_[i] = std::max(row_[i], inferred_type(cell, keep_zeros_, format_));
     }
     void record() {
+        // The cells of a record that is left out have no say.
+        if (ragged_ == ragged_records::skipped && column_ != types_.size())
+            row_ = types_;
+        else
+            types_ = row_;
         column_ = 0;
         ++records_;
     }
@@ -30,7 +41,10 @@ public:
 private:
     const missing_words &missing_;
     const bool keep_zeros_;
+    const number_format &format_;
+    const ragged_records ragged_;
     std::vector<column_type> &types_;
+    std::vector<column_type> row_; // the types with the cells of the open record
     std::size_t column_ = 0;
     std::size_t records_ = 0;
 };
@@ -39,11 +53,12 @@ private:
 
 std::vector<column_type> guess_types(std::string_view text, const std::vector<record_chunk> &chunks,
                                      const csv_dialect &dialect, const missing_words &missing,
-                                     bool keep_zeros, std::size_t columns) {
+                                     bool keep_zeros, const number_format &format,
+                                     ragged_records ragged, std::size_t columns) {
     std::vector<column_type> types(columns, column_type::int_);
     const std::size_t step = std::max<std::size_t>(chunks.size() / sampled_chunks, 1);
     for (std::size_t i = 0; i < chunks.size(); i += step) {
-        type_sampler sampler(missing, keep_zeros, types);
+        type_sampler sampler(missing, keep_zeros, format, ragged, types);
         csv_parser parser(dialect, sampler);
         if (parser.feed(text.substr(chunks[i].begin, chunks[i].end - chunks[i].begin)) ==
             chunks[i].end - chunks[i].begin)

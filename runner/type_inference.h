@@ -3,6 +3,7 @@
 
 #include "cell_values.h"
 #include "csv_parser.h"
+#include "load_fault.h"
 #include "record_chunks.h"
 
 #include <string_view>
@@ -15,6 +16,7 @@ namespace vask::runner {
 //! with no value among them counts as int. Faults of the text are passed over here.
 std::vector<column_type> guess_types(std::string_view text, const std::vector<record_chunk> &chunks,
                                      const csv_dialect &dialect, const missing_words &missing,
-                                     bool keep_zeros, std::size_t columns);
+                                     bool keep_zeros, const number_format &format,
+                                     ragged_records ragged, std::size_t columns);
 
 } // namespace vask::runner

@@ -23,8 +23,10 @@ TEST(ChangingFile, MoreRecordsThanWereCountedAreNoRows) {
         std::vector<std::int32_t> values(4, -7);
         const std::vector<column_target> targets{
             {.wanted = true, .type = column_type::int_, .values = values.data()}};
-        const chunk_outcome outcome =
-            read_chunk(text, {0, text.size(), 2}, {}, missing_words({}), targets, 0);
+        const csv_dialect dialect;
+        const missing_words missing({});
+        const chunk_outcome outcome = read_chunk(
+            text, {0, text.size(), 2}, {.dialect = dialect, .missing = missing}, targets, 0);
         ASSERT_TRUE(outcome.fault.has_value()) << text;
         EXPECT_EQ(outcome.fault->what, load_fault::kind::changed);
         EXPECT_EQ(values[2], -7);

@@ -36,6 +36,128 @@ TEST(Command, FormatsAndInputs) {
     EXPECT_EQ(vask({"-", "--agg", "sum(x)"}, "a,x,a\n1,2,3\n").out, "sum(x)\n     2\n");
 }
 
+TEST(Command, NumbersInOtherSpellings) {
+    const auto printed = [](std::vector<std::string> options, const std::string &csv) {
+        options.insert(options.begin(), {"-", "-f", "csv", "--no-header"});
+        const outcome told = vask(options, csv);
+        EXPECT_EQ(told.err, "");
+        return told.out;
+    };
+    const std::string german = "x;y\n1.234,5;1.000.000\n-12,25;7\n;12\n";
+    EXPECT_EQ(
+        printed({"-t", ";", "--decimal", ",", "--thousands", ".", "-a", "sum(x),sum(y)"}, german),
+        "1222.25,1000019\n");
+    EXPECT_EQ(
+        printed({"--thousands", ",", "-a", "sum(x)"}, "x\n\"1,234.5\"\n\"12,345,678\"\n1e3\n"),
+        "12347912.5\n");
+    EXPECT_EQ(printed({"-t", ";", "--decimal", ",", "-w", "x > 1.25", "-a", "sum(x)"},
+                      "x\n1,5\n2\n1,25\n"),
+              "3.5\n");
+    // Groups of other than three digits, and a point that is no mark, make a text.
+    for (const std::string cell :
+         {"1.23", "12.3456", "1234.567", ".123", "1..234", "1.234.", "1,2.345"})
+        EXPECT_EQ(printed({"-t", ";", "--decimal", ",", "--thousands", ".", "-a", "mode(x)"},
+                          "x\n" + cell + "\n" + cell + "\n"),
+                  cell.find(',') == cell.npos ? cell + "\n" : "\"" + cell + "\"\n");
+    EXPECT_EQ(printed({"-t", ";", "--decimal", ",", "-a", "mode(x)"}, "x\n1.5\n1.5\n"), "1.5\n");
+}
+
+TEST(Command, LinesThatAreNoRecords) {
+    const auto sum = [](std::vector<std::string> options, const std::string &csv) {
+        options.insert(options.begin(), {"-", "-f", "csv", "--no-header", "-a", "count(*),sum(x)"});
+        const outcome told = vask(options, csv);
+        return told.out + told.err;
+    };
+    const std::string commented = "# a \"file\nx,y\n1,\"q\n#no comment\"\n#2,3\n4,5\n";
+    EXPECT_EQ(sum({"--comment", "#"}, commented), "2,5\n");
+    EXPECT_EQ(sum({"--skip", "2"}, "an \"export\nof today\nx,y\n1,2\n"), "1,1\n");
+    EXPECT_EQ(sum({"--skip", "2"}, "an\nexport\nx,y\n1,2\n3\n"),
+              "vask: standard input:5: 1 field where the header has 2; complete the line (an empty "
+              "field stands for a missing value), or give --ragged fill to have it completed, "
+              "--ragged skip to leave it out\n");
+    EXPECT_EQ(sum({"--skip", "9"}, "x\n1\n").substr(0, 5), "vask:");
+    EXPECT_EQ(sum({"--sep", "blanks"}, "  x \t y\n 1   2\n3\t\"a  b\" \r\n\n  10 z"), "3,14\n");
+    EXPECT_EQ(sum({"--sep", "blanks", "-w", "y = 'a  b'"}, "x y\n1   2\n3\t\"a  b\"\n"), "1,3\n");
+    const std::string ragged = "x,y\n1,2\n3\n4,5,6\ntotal\n7,8\n";
+    EXPECT_EQ(sum({"--ragged", "skip"}, ragged), "2,8\n");
+    EXPECT_EQ(sum({"--ragged", "skip", "-w", "y > 2"}, ragged), "1,7\n");
+    EXPECT_EQ(sum({"--ragged", "fill"}, "x,y\n1,2\n3\n\"7\",8\n"), "3,11\n");
+    EXPECT_EQ(sum({"--ragged", "fill", "-w", "y is missing"}, "x,y\n1,2\n3\n7,8\n"), "1,3\n");
+    EXPECT_TRUE(holds(sum({"--ragged", "fill"}, ragged), ":4: 3 fields where the header has 2"));
+}
+
+TEST(Command, WhatCellsMayBe) {
+    const auto told = [](const std::string &csv, const std::string &types = "x:dbl") {
+        return vask({"-", "-t", ";", "--types", types, "-a", "sum(x)"}, csv).err;
+    };
+    for (const auto &[cell, hint] : std::vector<std::pair<std::string, std::string>>{
+             {"12,50", "--decimal , reads it"},
+             {"1,234.50", "--thousands , reads it"},
+             {"1.234,50", "--decimal , --thousands . reads it"},
+             {"1,234", "--thousands , reads, or with a decimal comma, which --decimal , reads"},
+             {"1 234", "--thousands \" \" reads it"},
+             {"1'234,5", "--decimal , --thousands \"'\" reads it"},
+             {"12%", "a percentage"},
+             {"$ 5", "an amount of money"},
+             {"-5.20 €", "an amount of money"},
+             {"0x1F", "a hexadecimal number"},
+             {"x", "the header stands there once more"}}) {
+        EXPECT_TRUE(holds(told("x\n1\n" + cell + "\n"), hint)) << told("x\n1\n" + cell + "\n");
+        const std::string inferred =
+            vask({"-", "-t", ";", "-a", "sum(x)"}, "x\n" + cell + "\n").err;
+        EXPECT_TRUE(holds(inferred, hint)) << inferred;
+    }
+    for (const std::string cell : {"abc", "1.2.3", "12,34,56", "0x", "%", "$", "a%"})
+        EXPECT_FALSE(holds(told("x\n1\n" + cell + "\n"), "looks like")) << cell;
+    const auto about = [](const std::string &csv) { return vask({"-", "-a", "sum(x)"}, csv).err; };
+    EXPECT_TRUE(holds(about("x,y\n1,\"a \\\"b\\\" c\"\n"), "a quote behind a backslash"));
+    EXPECT_TRUE(holds(about("x,y\n1,2,\n"), "the line ends with ','"));
+    EXPECT_TRUE(holds(about("x,y,\n1,2\n"), "the header ends with ','"));
+}
+
+TEST(Command, CompressedFiles) {
+    const std::vector<std::pair<std::string, std::string>> programs{
+        {"gzip", ".gz"}, {"zstd -q", ".zst"}, {"bzip2", ".bz2"}, {"xz", ".xz"}};
+    std::string rows = "a\tx\n";
+    for (int i = 0; i < 20000; ++i)
+        rows += std::to_string(i * 7919 % 10007) + "\t" + std::to_string(i) + "\n";
+    const temporary_file first(rows);
+    const temporary_file second("1\t2\n");
+    const std::vector<std::string> asked{"-a", "count(*),sum(x)", "-f", "csv", "--no-header"};
+    const auto answer = [&](std::vector<std::string> words, const std::string &input = "") {
+        words.insert(words.end(), asked.begin(), asked.end());
+        const outcome told = vask(words, input);
+        return told.out + told.err;
+    };
+    for (const auto &[program, ending] : programs) {
+        SCOPED_TRACE(program);
+        const temporary_file packed("", ".tsv" + ending);
+        const auto pack = [&](const std::string &from, const std::string &how) {
+            return std::system((program + " -c < " + from + how + packed.path()).c_str());
+        };
+        if (pack(first.path(), " > ") != 0)
+            GTEST_SKIP() << program << " is not there";
+        EXPECT_EQ(answer({packed.path()}), "20000,199990000\n");
+        const std::string bytes = packed.content();
+        EXPECT_EQ(answer({"-", "-t", "tab"}, bytes), "20000,199990000\n");
+        // Cut at the start, in the middle and before the last byte.
+        for (const std::size_t size : {std::size_t{10}, bytes.size() / 2, bytes.size() - 1}) {
+            const temporary_file cut(bytes.substr(0, size), ending);
+            EXPECT_TRUE(holds(answer({cut.path()}), "the file is cut short")) << size;
+        }
+        std::string wrong = bytes;
+        for (std::size_t i = wrong.size() / 2; i < wrong.size() / 2 + 8; ++i)
+            wrong[i] = static_cast<char>(~wrong[i]);
+        EXPECT_TRUE(holds(answer({temporary_file(wrong).path()}), "the file is damaged"));
+        EXPECT_TRUE(holds(answer({temporary_file(bytes + "rest").path()}), "did not write"));
+        // Several members are one file, and zeros may stand behind the last one.
+        pack(second.path(), " >> ");
+        EXPECT_EQ(answer({packed.path()}), "20001,199990002\n");
+        EXPECT_EQ(answer({"-", "-t", "tab"}, packed.content() + std::string(512, '\0')),
+                  "20001,199990002\n");
+    }
+}
+
 TEST(Command, RowsThatFulfilACondition) {
     const std::string csv = "id,city,n,day,flag,other city\n"
                             "1,Oslo,5,2024-01-31,true,Oslo\n"
@@ -526,7 +648,7 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)"},
          "Oslo,7\nBergen,8\n",
          {":1: the first line looks like data: column 2 is '7'", "'8' below", "--header"}},
-        {{"-", agg, "sum(x)"}, "\x1f\x8b\x08", {"compressed by gzip", "zcat"}},
+        {{"-", agg, "sum(x)"}, "\x1f\x8b\x08", {"standard input: the file is cut short"}},
         {{"-", agg, "median(x)", "--drop-na"}, "x\n1\nnan\n", {"(x) has 1 NaN", "--na"}},
         {{"-", agg, "median(x)"}, "x\na\n", {"median takes", "timestamp"}},
         {{"-", agg, "quartile(x)"}, "x\n1\n", {"written quartile(x,q)"}},
