@@ -68,6 +68,8 @@ std::string roff(std::string_view text) {
 
 std::string shown(const declared_option &option) {
     std::string text = "\\fB" + roff(option.name) + "\\fR";
+    if (!option.short_name.empty())
+        text = "\\fB" + roff(option.short_name) + "\\fR, " + text;
     if (!option.value.empty())
         text += " \\fI" + roff(option.value) + "\\fR";
     return text;
@@ -87,8 +89,10 @@ void print_man_notes(std::string_view notes) {
         const std::string line(notes.substr(0, end));
         notes.remove_prefix(std::min(end + 1, notes.size()));
         if (!line.empty() && line.front() != ' ' && line.ends_with(':')) {
-            fmt::print("{}.SH {}\n.nf\n", filled ? "" : ".fi\n",
-                       roff(line.substr(0, line.size() - 1)));
+            std::string heading = line.substr(0, line.size() - 1);
+            for (char &c : heading)
+                c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+            fmt::print("{}.SH {}\n.nf\n", filled ? "" : ".fi\n", roff(heading));
             filled = false;
         } else if (!filled) {
             fmt::print("{}\n", roff(line));
@@ -127,8 +131,11 @@ void print_man() {
 
 std::string option_names(const declared_command &command) {
     std::string names;
-    for (const declared_option &option : command.options)
+    for (const declared_option &option : command.options) {
         names += (names.empty() ? "" : " ") + option.name;
+        if (!option.short_name.empty())
+            names += " " + option.short_name;
+    }
     return names;
 }
 
@@ -148,7 +155,13 @@ void print_bash() {
         "# Completion of vask's command line.\n"
         "_vask() {{\n"
         "    local current=${{COMP_WORDS[COMP_CWORD]}} before=${{COMP_WORDS[COMP_CWORD-1]}}\n"
-        "    local options='{}'\n",
+        "    local options='{}' IFS=$' \\t\\n'\n"
+        "    # --format=csv is three words to readline.\n"
+        "    if [ \"$current\" = = ]; then\n"
+        "        current=\n"
+        "    elif [ \"$before\" = = ]; then\n"
+        "        before=${{COMP_WORDS[COMP_CWORD-2]}}\n"
+        "    fi\n",
         option_names(aggregate));
     std::string words;
     for (const auto &[word, told] : worded) {
@@ -158,17 +171,19 @@ void print_bash() {
     }
     fmt::print("    case $before in\n");
     for (const declared_option &option : aggregate.options) {
+        const std::string names =
+            option.name + (option.short_name.empty() ? "" : "|" + option.short_name);
         if (!option.choices.empty())
             fmt::print("        {}) COMPREPLY=($(compgen -W '{}' -- \"$current\")); return ;;\n",
-                       option.name, choices(option));
+                       names, choices(option));
         else if (!option.value.empty() && !takes_a_file(option))
-            fmt::print("        {}) COMPREPLY=(); return ;;\n", option.name);
+            fmt::print("        {}) COMPREPLY=(); return ;;\n", names);
     }
     fmt::print("    esac\n"
                "    if [[ $current == -* ]]; then\n"
                "        COMPREPLY=($(compgen -W \"$options\" -- \"$current\"))\n"
                "    else\n"
-               "        COMPREPLY=($(compgen -f -- \"$current\"))\n"
+               "        mapfile -t COMPREPLY < <(compgen -f -- \"$current\")\n"
                "        [ \"$COMP_CWORD\" -eq 1 ] &&\n"
                "            COMPREPLY+=($(compgen -W '{}' -- \"$current\"))\n"
                "    fi\n"
@@ -188,11 +203,21 @@ void print_zsh() {
                 action = ":" + escaped(option.value, ":", "\\") + ":_files";
             else if (!option.value.empty())
                 action = ":" + escaped(option.value, ":", "\\") + ": ";
-            std::string word = option.name + "[" + told + "]" + action;
+            // A value may stand in the word of the option or behind it.
+            const bool has_value = !option.value.empty();
+            const std::string text = "[" + told + "]" + action;
             std::string quoted;
-            for (const char c : word)
+            for (const char c : text)
                 quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-            fmt::print("        '{}' \\\n", quoted);
+            std::string names = option.name + (has_value ? "=" : "");
+            std::string others; // options that make no sense beside this one: it itself
+            if (!option.short_name.empty()) {
+                names = "{" + option.short_name + (has_value ? "+" : "") + "," + names + "}";
+                others = "'(" + option.short_name + " " + option.name + ")'";
+            }
+            if (option.can_repeat)
+                others = "'*'";
+            fmt::print("        {}{}'{}' \\\n", others, names, quoted);
         }
     };
     fmt::print("#compdef vask\n"
@@ -205,24 +230,26 @@ void print_zsh() {
     }
     fmt::print("*)\n    _arguments \\\n");
     print_options(aggregate);
-    fmt::print("        '1:file:_files' ;;\n"
-               "esac\n");
+    std::string words;
+    for (const auto &[word, told] : worded)
+        words += (words.empty() ? "" : " ") + word;
+    fmt::print(
+        "        '1:file:{{_alternative \"commands:command:({})\" \"files:file:_files\"}}' ;;\n"
+        "esac\n",
+        words);
 }
 
 void print_fish() {
-    std::string words;
-    for (const auto &[word, told] : worded) {
+    for (const auto &[word, told] : worded)
         fmt::print("complete -c vask -n __fish_use_subcommand -a {} -d '{}'\n", word,
                    escaped(one_line(told.description), "'\\", "\\"));
-        words += " " + word;
-    }
     for (const declared_option &option : aggregate.options) {
-        bool in_all = true;
+        std::string lacking; // words of the commands that do not have the option
         for (const auto &[word, told] : worded)
-            in_all = in_all && std::any_of(told.options.begin(), told.options.end(),
-                                           [&](const declared_option &other) {
-                                               return other.name == option.name;
-                                           });
+            if (std::none_of(
+                    told.options.begin(), told.options.end(),
+                    [&](const declared_option &other) { return other.name == option.name; }))
+                lacking += " " + word;
         std::string how;
         if (!option.choices.empty())
             how = " -x -a '" + choices(option) + "'";
@@ -230,8 +257,11 @@ void print_fish() {
             how = " -r";
         else if (!option.value.empty())
             how = " -x";
-        const std::string when = " -n 'not __fish_seen_subcommand_from" + words + "'";
-        fmt::print("complete -c vask{} -l {}{} -d '{}'\n", in_all ? "" : when,
+        const std::string when =
+            lacking.empty() ? "" : " -n 'not __fish_seen_subcommand_from" + lacking + "'";
+        const std::string short_name =
+            option.short_name.empty() ? "" : " -s " + option.short_name.substr(1);
+        fmt::print("complete -c vask{}{} -l {}{} -d '{}'\n", when, short_name,
                    option.name.substr(2), how, escaped(one_line(option.description), "'\\", "\\"));
     }
 }

@@ -488,12 +488,15 @@ declared_command declared_options(command asked) {
     declare(app, asked, result, raw);
     declared_command told{app.get_name(), app.get_description(), {}, {}, app.get_footer()};
     for (const CLI::Option *const option : app.get_options()) {
-        declared_option one{option->get_name(), {}, option->get_description(), {}};
+        declared_option one{option->get_name(), {}, option->get_description()};
         if (option->get_positional()) {
             told.arguments.push_back(std::move(one));
             continue;
         }
         one.name = "--" + option->get_lnames().front();
+        if (!option->get_snames().empty())
+            one.short_name = "-" + option->get_snames().front();
+        one.can_repeat = option->get_expected_max() > 1;
         if (option->get_expected_max() > 0)
             one.value = option->get_type_name();
         if (one.name == "--format")

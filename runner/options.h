@@ -70,7 +70,9 @@ struct declared_option {
     std::string name;  //!< with its dashes; of an argument without
     std::string value; //!< what stands behind it; empty: nothing does
     std::string description;
-    std::vector<std::string> choices; //!< where only some values make sense
+    std::vector<std::string> choices{}; //!< where only some values make sense
+    std::string short_name{};           //!< such as -f, where there is one
+    bool can_repeat = false;
 };
 
 //! A command as it is declared, for texts about it.
