@@ -1,5 +1,6 @@
 // Calls that overlap on the same columns: each gives the answer that it gives alone. Under the
 // thread sanitizer this also shows that neither the operators nor the kernel beneath them race.
+// VASK_STRESS_SECONDS sets how long the last test goes on.
 #include "library/any_operator.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
@@ -11,8 +12,10 @@
 #include <array>
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <numeric>
 #include <random>
@@ -276,6 +279,77 @@ TEST(ConcurrentCalls, FindTheirColumnsWhileThePoolGrows) {
     while (held.back().id() <= size)
         hold_one_more();
     grown.store(true, std::memory_order_relaxed);
+}
+
+std::chrono::seconds stress_time() {
+    const char *const given = std::getenv("VASK_STRESS_SECONDS");
+    return std::chrono::seconds(given == nullptr ? 2 : std::strtol(given, nullptr, 10));
+}
+
+// All operators from eight threads on columns that all share, each of which its last user drops,
+// while other threads make columns, so that the pool grows, and take records out of it, so that
+// they are loaded again.
+TEST(ConcurrentCalls, HoldWhileThePoolGrowsAndColumnsAreUnloaded) {
+    constexpr std::uint32_t threads = 8;
+    constexpr std::size_t calls = 24;
+    const auto end = std::chrono::steady_clock::now() + stress_time();
+    const leak_guard leaks;
+    const kernel_settings settings(4, 1000);
+    const inputs all_inputs;
+    const std::vector<operation> operations = all_operations();
+    std::vector<std::string> alone;
+    for (const operation &op : operations)
+        alone.push_back(op.answer(all_inputs.make()));
+    std::atomic<int> wrong = 0;
+    std::atomic<std::uint64_t> answers = 0;
+    std::vector<bat> standing; // of the thread that makes the pool grow
+    for (std::uint32_t round = 0; round == 0 || std::chrono::steady_clock::now() < end; ++round) {
+        std::vector<table> shared(threads);
+        std::vector<std::int32_t> numbers;
+        for (const auto &[letter, column] : all_inputs.make()) {
+            for (table &mine : shared)
+                mine[letter] = bat::share(column.id());
+            numbers.push_back(column.id());
+        }
+        std::atomic<std::uint32_t> busy = threads;
+        std::barrier start(threads + 2);
+        std::vector<std::jthread> running;
+        for (std::uint32_t thread = 0; thread < threads; ++thread)
+            running.emplace_back([&, thread, mine = std::move(shared[thread])]() mutable {
+                std::mt19937 random(round * threads + thread);
+                start.arrive_and_wait();
+                for (std::size_t call = 0; call < calls; ++call) {
+                    const std::size_t which = random() % operations.size();
+                    const operation &op = operations[which];
+                    if (op.answer(mine) != alone[which] && wrong++ < 10)
+                        ADD_FAILURE() << op.name << " of " << op.inputs << " in thread " << thread
+                                      << " of round " << round;
+                    ++answers;
+                }
+                mine.clear();
+                --busy;
+            });
+        running.emplace_back([&] {
+            start.arrive_and_wait();
+            while (busy != 0) {
+                standing.push_back(refkernel::make_void_column(3));
+                if (standing.size() > 3000)
+                    standing.clear();
+                std::this_thread::yield();
+            }
+        });
+        running.emplace_back([&] {
+            std::mt19937 random(round);
+            start.arrive_and_wait();
+            while (busy != 0) {
+                refkernel::instrumentation::unload(numbers[random() % numbers.size()]);
+                std::this_thread::yield();
+            }
+        });
+    }
+    standing.clear();
+    EXPECT_EQ(wrong, 0);
+    RecordProperty("answers", std::to_string(answers));
 }
 
 } // namespace
