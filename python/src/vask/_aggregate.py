@@ -7,10 +7,10 @@ from ctypes import POINTER, byref, c_int32, c_int64, cast
 from typing import TYPE_CHECKING, Any, Optional, Union
 
 from . import _library
-from ._calls import call
+from ._calls import run_query
 from ._functions import Selector, Spec
 from ._progress import Progress
-from ._query import Options, Query, column_list
+from ._query import Options, Query, column_list, on
 from ._result import Result
 from ._table import source_of
 from .errors import InvalidValueError
@@ -347,14 +347,22 @@ class GroupBy:
         table = self._source.table(self._by)
         codes = numpy.empty(table.rows, dtype=numpy.int32)
         groups = c_int64()
-        call(
-            _library.library.vask_group_codes,
-            table.handle,
-            _library.names_array(self._by),
-            len(self._by),
-            self._options.flags(table),
-            cast(codes.ctypes.data, POINTER(c_int32)),
-            byref(groups),
+        run_query(
+            on(
+                _library.library.vask_group_codes,
+                table.handle,
+                _library.names_array(self._by),
+                len(self._by),
+                self._options.flags(table),
+                cast(codes.ctypes.data, POINTER(c_int32)),
+                byref(groups),
+                keep=(table, codes),
+            ),
+            None,
+            table.rows,
+            False,
+            lambda: None,
+            not table.lent_by_others,
         )
         return codes
 

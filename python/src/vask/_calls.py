@@ -158,18 +158,18 @@ def _wait_for_abandoned() -> None:
 
 def run_query(
     function: Callable[..., int],
-    query: _library.Query,
+    query: Optional[_library.Query],
     rows: int,
     progress: Union[bool, Progress],
     discard: Callable[[], None],
     may_go_on: bool,
 ) -> None:
-    """A call with a query, whose progress function it sets. `function` takes the error's place.
+    """A long call. `function` takes the error's place; the progress function of a `query` is set.
 
     Signals are handled on the main thread alone, and there only while it runs Python code. So a
     long call of the main thread goes to another thread and the main thread waits for it: Ctrl-C
-    ends the wait, and the progress function the call. `discard` frees the result of a call that
-    went on (:meth:`_Job.stop`).
+    ends the wait, and the progress function the call; one without goes on to its end. `discard`
+    frees the result of a call that went on (:meth:`_Job.stop`).
     """
     on_main = threading.current_thread() is threading.main_thread()
     if not progress and (not on_main or rows < _ROWS_OF_A_LONG_CALL):
@@ -177,7 +177,8 @@ def run_query(
         return
 
     job = _Job(lambda: call(function), discard)
-    query.progress = _library.PROGRESS(job.tell)
+    if query is not None:
+        query.progress = _library.PROGRESS(job.tell)
     with show_progress(progress) as show:
         try:
             job.start()

@@ -17,7 +17,7 @@ from ._result import Result
 from ._table import NativeTable, Source
 from .errors import InvalidTypeError, InvalidValueError
 
-__all__ = ["Options", "Query", "column_list"]
+__all__ = ["Options", "Query", "column_list", "on"]
 
 
 @dataclass(frozen=True)
@@ -178,7 +178,7 @@ class Query:
         query, kept = self._structure(table, notes)
         handle = c_void_p()
         run_query(
-            _on(function, table.handle, byref(query), byref(handle), keep=(table, kept)),
+            on(function, table.handle, byref(query), byref(handle), keep=(table, kept)),
             query,
             table.rows,
             self.options.progress,
@@ -206,7 +206,7 @@ class Query:
         handles = (c_void_p * len(states))(*(state.handle for state in states))
         handle = c_void_p()
         run_query(
-            _on(
+            on(
                 _library.library.vask_merge,
                 handles,
                 len(states),
@@ -228,14 +228,14 @@ class Query:
 _MOST_STATES = 8
 
 
-def _on(function: Any, *arguments: Any, keep: Any) -> Any:
+def on(function: Any, *arguments: Any, keep: Any) -> Any:
     """A function of the library that still takes the error's place, with what it needs."""
 
-    def on(error: Any, _kept: Any = keep) -> int:
+    def call(error: Any, _kept: Any = keep) -> int:
         code: int = function(*arguments, error)
         return code
 
-    return on
+    return call
 
 
 def _states_table(handle: c_void_p) -> NativeTable:

@@ -6,10 +6,10 @@ from ctypes import byref, c_void_p
 from typing import Any, Optional, Union, overload
 
 from . import _library
-from ._calls import call
+from ._calls import run_query
 from ._column import Column
 from ._functions import Selector
-from ._query import Options, Query
+from ._query import Options, Query, on
 from ._result import Result
 from ._table import MappingSource, NativeTable, add_column
 
@@ -220,5 +220,20 @@ def is_in(values: Any, among: Any) -> Column:
         add_column(table, "x", column)
         tables.append(table)
     handle = c_void_p()
-    call(_library.library.vask_is_in, tables[0].handle, b"x", tables[1].handle, b"x", byref(handle))
+    run_query(
+        on(
+            _library.library.vask_is_in,
+            tables[0].handle,
+            b"x",
+            tables[1].handle,
+            b"x",
+            byref(handle),
+            keep=tables,
+        ),
+        None,
+        tables[0].rows + tables[1].rows,
+        False,
+        lambda: _library.library.vask_result_free(handle),
+        not (tables[0].lent_by_others or tables[1].lent_by_others),
+    )
     return Result(handle, [*tables[0].notes, *tables[1].notes])["contained"]
