@@ -9,9 +9,13 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -103,6 +107,48 @@ void append(std::string &out, timestamp value) {
         return;
     fmt::format_to(std::back_inserter(out), ".{:06}", clock.subseconds().count());
     out.erase(out.find_last_not_of('0') + 1);
+}
+
+// ---- dates ------------------------------------------------------------------------------------
+
+constexpr lng microseconds_of_day = 24 * 3600 * lng{1'000'000};
+
+bool is_midnight(timestamp value) {
+    return value.microseconds % microseconds_of_day == 0;
+}
+
+// Whether a column has times, and all of them are midnights.
+bool has_dates_alone(const result_column &column, std::size_t rows) {
+    bool any = false;
+    for (std::size_t row = 0; row < rows; ++row) {
+        const result_cell cell = column.cell(row);
+        const auto *const time = std::get_if<timestamp>(&cell);
+        if (time != nullptr && !is_midnight(*time))
+            return false;
+        if (time == nullptr && !std::holds_alternative<std::monostate>(cell) && !column.is_mixed)
+            return false;
+        any = any || time != nullptr;
+    }
+    return any;
+}
+
+// The column with its midnights as dates.
+result_column with_dates(result_column column, std::size_t rows) {
+    const auto dates = std::make_shared<std::vector<std::string>>(rows);
+    for (std::size_t row = 0; row < rows; ++row) {
+        const result_cell cell = column.cell(row);
+        if (!std::holds_alternative<timestamp>(cell))
+            continue;
+        std::string &text = (*dates)[row];
+        append_text(text, cell);
+        text.resize(std::min(text.size(), text.find(' ')));
+    }
+    column.cell = [dates, cell = std::move(column.cell)](std::size_t row) -> result_cell {
+        if (const std::string &date = (*dates)[row]; !date.empty())
+            return std::string_view(date);
+        return cell(row);
+    };
+    return column;
 }
 
 // ---- table --------------------------------------------------------------------------------------
@@ -381,8 +427,13 @@ void append_text(std::string &out, const result_cell &cell) {
     std::visit([&out](const auto &value) { append(out, value); }, cell);
 }
 
-void print(const result_table &result, const output_style &style, std::FILE *file) {
+void print(const result_table &asked, const output_style &style, std::FILE *file) {
     printer out(file);
+    // The cells are read from what the one that was asked for holds.
+    result_table result{asked.columns, asked.rows, {}};
+    for (result_column &column : result.columns)
+        if (has_dates_alone(column, result.rows))
+            column = with_dates(std::move(column), result.rows);
     switch (style.format) {
         case output_format::table:
             print_table(result, style, out);

@@ -21,6 +21,7 @@ namespace vask::runner {
  *   json      an array of objects; a missing value is null, and since JSON has no such numbers NaN
  *             and the infinities are the texts "NaN", "Infinity" and "-Infinity"
  *   jsonl     the objects, one a line
+ * Times of which all in a column are midnights are printed as dates.
  * What would be a control character to a terminal is shown as a question mark in tables, and as a
  * blank where it is white space. Throws std::runtime_error when writing fails.
  */

@@ -23,6 +23,7 @@ struct result_column {
     bool is_text = false;
     //! The cell of a row. Text lives as long as the table's columns.
     std::function<result_cell(std::size_t row)> cell;
+    bool is_mixed = false; //!< its cells can be of several kinds; else they are of one, or missing
 };
 
 struct result_table {

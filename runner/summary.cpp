@@ -119,7 +119,8 @@ public:
         for (std::size_t i = 0; i < figures.size(); ++i)
             result_.columns.push_back({std::string(figures[i].title), false,
                                        [held = found_, cells = std::move(cells[i])](
-                                           std::size_t place) { return cells[place]; }});
+                                           std::size_t place) { return cells[place]; },
+                                       true});
     }
 
     result_table take() { return std::move(result_); }

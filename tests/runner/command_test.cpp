@@ -283,7 +283,7 @@ TEST(Command, UsualNames) {
         vask({"-", "--types", "t:date,b:bool", "-f", "csv", "--no-header", "-a", "max(t),sum(b)"},
              "t,b\n2024-01-02,true\n2023-01-02,f\n")
             .out,
-        "2024-01-02 00:00:00,1\n");
+        "2024-01-02,1\n");
 }
 
 TEST(Command, NotesOnStandardError) {
