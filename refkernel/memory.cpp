@@ -2,6 +2,7 @@
 
 #include "refkernel/block_reserve.h"
 #include "refkernel/instrumented.h"
+#include "refkernel/poison.h"
 
 #include <algorithm>
 #include <array>
@@ -40,17 +41,24 @@ spare_block fresh_block(std::size_t bytes) noexcept {
 struct allocated_block final : block {
     std::size_t capacity = 0; // bytes that base has; a spare block has some more
 
-    ~allocated_block() override { give_spare_block({base, capacity}); }
+    ~allocated_block() override {
+        poison_behind(base, capacity, capacity);
+        give_spare_block({base, capacity});
+    }
 
     bool grow(std::size_t new_bytes) noexcept override {
         if (new_bytes <= capacity) {
             bytes = std::max(bytes, new_bytes);
+            poison_behind(base, bytes, capacity);
             return true;
         }
         if (bytes >= remap_threshold) {
+            poison_behind(base, capacity, capacity);
             void *grown = std::realloc(base, new_bytes);
-            if (grown == nullptr)
+            if (grown == nullptr) {
+                poison_behind(base, bytes, capacity);
                 return false;
+            }
             advise_huge_pages(grown, new_bytes);
             hold({grown, new_bytes}, new_bytes);
             return true;
@@ -61,6 +69,7 @@ struct allocated_block final : block {
         if (larger.base == nullptr)
             return false;
         std::memcpy(larger.base, base, bytes);
+        poison_behind(base, capacity, capacity);
         give_spare_block({base, capacity});
         hold(larger, new_bytes);
         return true;
@@ -70,6 +79,8 @@ struct allocated_block final : block {
         base = memory.base;
         bytes = used;
         capacity = memory.bytes;
+        // What was allocated beyond what was asked for is no memory of a column.
+        poison_behind(base, bytes, capacity);
     }
 };
 
