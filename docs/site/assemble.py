@@ -102,7 +102,7 @@ def prose(words):
             continue
         end_code()
         # A word before a colon begins a part of a contract.
-        line = re.sub(r"^([A-Z][A-Za-z, ]{2,40}):(?= |$)", r"\n**\1:**", line)
+        line = re.sub(r"^((?!An? )[A-Z][A-Za-z, ]{2,40}):(?= |$)", r"\n**\1:**", line)
         result.append(re.sub(r"([*_<])(?=\w)", r"\\\1", line) if not line.startswith("\n**") else line)
     while code and not code[-1]:
         code.pop()
@@ -118,6 +118,8 @@ def title_of(words):
 
 def rendered_header(name, text):
     """A block comment at the margin is a contract; what stands under it is declared by it."""
+    # What stands above an #if is about that, not about what is declared.
+    text = re.sub(r"^(?://[^!\n][^\n]*\n)+(?=#if)", "", text, flags=re.M)
     comment = re.compile(r"^(?:/\*(?!.*\*/ *\S).*?\*/|(?://[^\n]*\n)+)", re.M | re.S)
     pieces, at = [], 0
     for found in comment.finditer(text):
@@ -159,6 +161,7 @@ def main():
         to = output / picture.relative_to(repository / "docs")
         to.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(picture, to)
+    shutil.copy(repository / "docs/site/tables.css", output)
     for header in (repository / "include/vask").rglob("*.h"):
         site.header(str(header.relative_to(repository)))
 

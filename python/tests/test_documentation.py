@@ -16,7 +16,9 @@ import vask
 ROOT = Path(__file__).resolve().parents[2]
 
 
-@pytest.mark.parametrize("page", ["README.md", "docs/python.md", "python/README.md"])
+@pytest.mark.parametrize(
+    "page", ["README.md", "docs/start/python.md", "docs/python.md", "python/README.md"]
+)
 def test_pages(page):
     assert run(ROOT / page) > 0
 
