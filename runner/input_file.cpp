@@ -1,9 +1,13 @@
 #include "input_file.h"
 
 #include "compressed_text.h"
+#include "load_fault.h"
 #include "query.h"
+#include "user_error.h"
 
+#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -34,6 +38,39 @@ input_file::input_file(const std::string &path, const options &request, const he
     : source_(path), loading_(reading(path, request)) {
     source_.bring_into_form(request.form, loading_.dialect.quote());
     header_ = read_header(source_, loading_.dialect, rules);
+}
+
+void input_file::append(const std::string &path, const options &request,
+                        const header_rules &rules) {
+    auto source = std::make_unique<source_text>(path);
+    source->bring_into_form(request.form, loading_.dialect.quote());
+    const csv_header header = read_header(*source, loading_.dialect, rules);
+    const std::vector<std::string> &names = header_.names;
+    for (std::size_t i = 0; i < std::min(names.size(), header.names.size()); ++i)
+        if (header.names[i] != names[i])
+            fail("{}:{}: column {} is called '{}', and '{}' in {}; files that are read together "
+                 "need "
+                 "the same header",
+                 source->name(), header.line, i + 1, shown(header.names[i]), shown(names[i]),
+                 source_.name());
+    if (header.names.size() != names.size())
+        fail("{}:{}: the header has {} name{}, and {} in {}; files that are read together need the "
+             "same header",
+             source->name(), header.line, header.names.size(), header.names.size() == 1 ? "" : "s",
+             names.size(), source_.name());
+    loading_.further.push_back({source.get(), header.data_begin});
+    further_.push_back(std::move(source));
+}
+
+table_column input_file::file_names(const loaded_table &loaded) const {
+    std::vector<std::string_view> names{source_.name()};
+    for (const auto &source : further_)
+        names.push_back(source->name());
+    std::vector<std::int32_t> codes;
+    codes.reserve(loaded.rows);
+    for (std::size_t file = 0; file < names.size(); ++file)
+        codes.insert(codes.end(), loaded.file_rows[file], static_cast<std::int32_t>(file));
+    return {column_type::str, 0, refkernel::make_dictionary_column(names, codes)};
 }
 
 loaded_table input_file::load(const std::vector<bool> &wanted,

@@ -8,6 +8,7 @@
 #include "table_loader.h"
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,10 +20,16 @@ public:
     //! of this file. Throws user_error.
     input_file(const std::string &path, const options &request, const header_rules &rules);
 
+    //! Has another file read behind this one. Throws user_error if its header is not the same.
+    void append(const std::string &path, const options &request, const header_rules &rules);
+
     const source_text &source() const noexcept { return source_; }
     const csv_header &header() const noexcept { return header_; }
     //! How the columns were read; before load(), without any column.
     const load_request &loading() const noexcept { return loading_; }
+
+    //! A column with the name of the file that each row comes from.
+    table_column file_names(const loaded_table &loaded) const;
 
     //! Has only the rows loaded that the filter keeps.
     void keep_rows(std::shared_ptr<const row_filter> filter) {
@@ -39,6 +46,7 @@ public:
 
 private:
     source_text source_;
+    std::vector<std::unique_ptr<source_text>> further_;
     load_request loading_;
     csv_header header_;
 };

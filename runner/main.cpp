@@ -22,6 +22,7 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -52,6 +53,14 @@ csv_header with_containment(const input_file &file) {
             "be added; rename it",
             file.source().name(), containment_column);
     header.names.emplace_back(containment_column);
+    return header;
+}
+
+csv_header with_file_column(const input_file &file, csv_header header, const std::string &name) {
+    if (std::count(header.names.begin(), header.names.end(), name) != 0)
+        fail("{}:{}: --file-column: there is a column '{}' already; give another name",
+             file.source().name(), header.line, name);
+    header.names.push_back(name);
     return header;
 }
 
@@ -109,7 +118,11 @@ void run_aggregates(const options &request, const explain_log &explain) {
     input_file file(request.file, request, request.header);
     const bool looks_up = request.contained_in.has_value();
     const std::size_t columns = file.header().names.size();
+    for (const std::string &path : request.further_files)
+        file.append(path, request, request.header);
     csv_header header = looks_up ? with_containment(file) : file.header();
+    if (request.file_column)
+        header = with_file_column(file, std::move(header), *request.file_column);
     const derived_columns derived(request.definitions, header, file.source());
     query asked = bind_query(request, header, file.source());
     std::vector<bool> needed = asked.needed_columns(header.names.size());
@@ -130,6 +143,8 @@ void run_aggregates(const options &request, const explain_log &explain) {
     loaded_table data = file.load(wanted, request.types, explain, true, keys);
     if (looks_up)
         data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
+    if (request.file_column)
+        data.columns.push_back(file.file_names(data));
     derived.compute(data, needed, static_cast<unsigned>(request.threads));
     leave_out_unfit(asked, {data, file.loading(), header, file.source()});
     check_columns(asked, {data, file.loading(), header, file.source()});

@@ -10,11 +10,13 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
 
+#include <glob.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -186,16 +188,27 @@ other_column parse_other_column(const std::string &text) {
 
 // Values of options that are read further once the whole command line is known to be well-formed.
 struct raw_options {
+    std::vector<std::string> files;
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
         format, threads, digits, decimal, thousands, comment, skip, ragged, order_by, limit, top,
         bar;
 };
 
-void declare_file(CLI::App &app, options &result) {
-    app.add_option("FILE", result.file,
-                   "CSV or TSV file with a header line, or - for standard input (default: what is "
-                   "piped in)");
+void declare_file(CLI::App &app, options &result, raw_options &raw, bool several) {
+    if (!several) {
+        app.add_option("FILE", result.file,
+                       "CSV or TSV file with a header line, or - for standard "
+                       "input");
+        return;
+    }
+    app.add_option(
+        "FILE", raw.files,
+        "CSV or TSV files with one header line, patterns such as 'sales-*.csv', or - for "
+        "standard input (default: what is piped in)");
+    app.add_option("--file-column", result.file_column,
+                   "Add a column of this name that has the name of each row's file")
+        ->type_name("NAME");
 }
 
 void declare_rows(CLI::App &app, options &result) {
@@ -306,6 +319,38 @@ void declare_running(CLI::App &app, options &result, raw_options &raw) {
     app.add_option("--library", result.library, "The operator library to load")->type_name("PATH");
 }
 
+// The files that a pattern stands for, in order of their names; a name of a file is one itself.
+std::vector<std::string> files_named(const std::string &name) {
+    if (name.find_first_of("*?[") == name.npos || ::access(name.c_str(), F_OK) == 0)
+        return {name};
+    ::glob_t found{};
+    const int result = ::glob(name.c_str(), GLOB_ERR, nullptr, &found);
+    std::vector<std::string> names(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    ::globfree(&found);
+    if (result == GLOB_NOSPACE)
+        throw std::bad_alloc();
+    if (result == GLOB_ABORTED)
+        fail("{}: a directory of the pattern cannot be read", name);
+    if (names.empty())
+        fail("{}: no file is called so", name);
+    return names;
+}
+
+void read_files(const raw_options &raw, options &result) {
+    if (raw.files.empty())
+        return;
+    std::vector<std::string> names;
+    for (const std::string &each : raw.files)
+        for (std::string &name : files_named(each))
+            names.push_back(std::move(name));
+    if (std::ranges::count(names, "-") > 1)
+        fail("standard input can be read once only");
+    result.file = names.front();
+    result.further_files.assign(names.begin() + 1, names.end());
+    if (std::ranges::count(names, "") > 0)
+        fail("the name of the file is empty; name a file, or - for standard input");
+}
+
 void read_input_form(const raw_options &raw, options &result) {
     if (raw.separator == blanks)
         result.form.blank_runs = true;
@@ -359,7 +404,8 @@ void read_further(const raw_options &raw, options &result) {
     if (raw.contained_in) {
         result.contained_in = parse_other_column(*raw.contained_in);
         result.looked_up = raw.looked_up.value_or(result.contained_in->column);
-        if (result.contained_in->file == "-" && result.file == "-")
+        if (result.contained_in->file == "-" &&
+            (result.file == "-" || std::ranges::count(result.further_files, "-") > 0))
             fail("--contained-in: standard input can be read as one of the two files only");
     } else if (raw.looked_up) {
         fail("--column: it goes with --contained-in, which is not there");
@@ -441,7 +487,7 @@ std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, 
 }
 
 void declare(CLI::App &app, command asked, options &result, raw_options &raw) {
-    declare_file(app, result);
+    declare_file(app, result, raw, asked == command::aggregates);
     if (asked == command::column_union)
         declare_union_columns(app, result);
     else if (asked == command::aggregates)
@@ -535,6 +581,7 @@ std::optional<options> parse_options(int argc, const char *const *argv) {
         fail("{}; vask --help tells more", nothing_named);
     if (!is_named)
         result.file = "-";
+    read_files(raw, result);
     if (result.file.empty())
         fail("the name of the file is empty; name a file, or - for standard input");
     read_further(raw, result);

@@ -36,6 +36,9 @@ enum class command { aggregates, column_union, summary, schema };
 struct options {
     command asked = command::aggregates;
     std::string file;
+    std::vector<std::string> further_files; //!< read behind it
+    //! The name of a column to be added that has the files' names; none: there is none.
+    std::optional<std::string> file_column;
     std::vector<std::string> union_columns; //!< of a union
     std::optional<std::string> where;       //!< a condition on rows; none: all
     std::vector<std::string> definitions;   //!< of columns that are worked out from others

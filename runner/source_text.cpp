@@ -64,8 +64,10 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
     open_file file(path);
     struct stat status {};
     if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0)
-        fail("{}: cannot open the file: {}; check its name and that you may read it", name_,
-             std::strerror(errno));
+        fail(
+            "{}: cannot open the file: {}; check its name and that you may read it, and put a list "
+            "with blanks in it in quotes",
+            name_, std::strerror(errno));
     if (S_ISDIR(status.st_mode))
         fail("{}: is a directory; name a file, or - for standard input", name_);
     // A file that is standard input may already have been read in part.

@@ -23,10 +23,20 @@ namespace {
 //! The largest number of rows of a kernel's column.
 constexpr std::uint64_t most_rows = NO_BUN - 1;
 
+std::vector<further_file> files_of(const source_text &source, const csv_header &header,
+                                   const load_request &request) {
+    std::vector<further_file> files{{&source, header.data_begin}};
+    files.insert(files.end(), request.further.begin(), request.further.end());
+    return files;
+}
+
 class table_loader {
 public:
     table_loader(const source_text &source, const csv_header &header, const load_request &request)
-        : source_(source), header_(header), request_(request) {}
+        : source_(source),
+          header_(header),
+          request_(request),
+          files_(files_of(source, header, request)) {}
 
     loaded_table load() {
         split();
@@ -45,35 +55,50 @@ public:
     }
 
 private:
+    struct file_chunk : record_chunk {
+        const source_text *source;
+    };
+
     void split() {
-        const std::string_view text = source_.text();
-        record_chunks found =
-            split_records(text, header_.data_begin, request_.dialect.quote(), request_.chunk_bytes,
-                          request_.threads, [this](std::size_t begin, std::size_t end) {
-                              source_.release_pages(begin, end);
-                          });
-        source_.release_pages(header_.data_begin, text.size());
-        if (found.nul_byte)
-            fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 "
-                 "first",
-                 source_.name(), line_at(text, *found.nul_byte));
-        chunks_ = std::move(found.chunks);
-        for (const record_chunk &chunk : chunks_) {
-            first_rows_.push_back(room_);
-            room_ += chunk.max_records;
+        for (const further_file &file : files_) {
+            const std::string_view text = file.source->text();
+            const auto release = [&file](std::size_t begin, std::size_t end) {
+                file.source->release_pages(begin, end);
+            };
+            record_chunks found = split_records(text, file.data_begin, request_.dialect.quote(),
+                                                request_.chunk_bytes, request_.threads, release);
+            release(file.data_begin, text.size());
+            if (found.nul_byte)
+                fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 "
+                     "first",
+                     file.source->name(), line_at(text, *found.nul_byte));
+            guess(file, found.chunks);
+            for (const record_chunk &chunk : found.chunks) {
+                chunks_.push_back({chunk, file.source});
+                first_rows_.push_back(room_);
+                room_ += chunk.max_records;
+            }
+            bytes_ += text.size();
         }
         if (room_ > most_rows)
             fail("{}: {} lines are more rows than a column can have ({}); split the file",
                  source_.name(), room_, most_rows);
     }
 
-    void plan_columns() {
+    // Of several files, each type is the widest.
+    void guess(const further_file &file, const std::vector<record_chunk> &chunks) {
         const std::vector<column_type> types = guess_types(
-            source_.text(), chunks_, request_.dialect, request_.missing, request_.keep_zeros,
+            file.source->text(), chunks, request_.dialect, request_.missing, request_.keep_zeros,
             request_.format, request_.ragged, header_.names.size());
+        types_.resize(types.size(), column_type::int_);
         for (std::size_t i = 0; i < types.size(); ++i)
+            types_[i] = std::max(types_[i], types[i]);
+    }
+
+    void plan_columns() {
+        for (std::size_t i = 0; i < types_.size(); ++i)
             plan_.push_back({.wanted = request_.wanted[i],
-                             .type = types[i],
+                             .type = types_[i],
                              .keep_zeros = request_.keep_zeros,
                              .is_key = i < request_.keys.size() && request_.keys[i]});
         for (const auto &[column, type] : request_.forced) {
@@ -101,6 +126,12 @@ private:
         if (passes_++ > 0 && rows != table_.rows)
             fail_changed();
         table_.rows = rows;
+        table_.file_rows.assign(files_.size(), 0);
+        for (std::size_t i = 0, file = 0; i < outcomes.size(); ++i) {
+            while (files_[file].source != chunks_[i].source)
+                ++file;
+            table_.file_rows[file] += outcomes[i].records;
+        }
         std::vector<std::size_t> too_narrow;
         for (const std::size_t i : columns) {
             column_type needed = plan_[i].type;
@@ -137,7 +168,7 @@ private:
     std::vector<chunk_outcome> read_chunks() {
         std::vector<chunk_outcome> outcomes(chunks_.size());
         std::atomic<std::uint64_t> bytes_done = 0;
-        progress_bar progress(source_.text().size());
+        progress_bar progress(bytes_);
         run_pieces(
             chunks_.size(), request_.threads,
             [&](std::size_t i) {
@@ -149,8 +180,8 @@ private:
     }
 
     chunk_outcome read_one(std::size_t i) {
-        const record_chunk &chunk = chunks_[i];
-        chunk_outcome outcome = read_chunk(source_.text(), chunk,
+        const file_chunk &chunk = chunks_[i];
+        chunk_outcome outcome = read_chunk(chunk.source->text(), chunk,
                                            {request_.dialect, request_.missing, request_.format,
                                             request_.ragged, request_.filter.get()},
                                            plan_, first_rows_[i]);
@@ -158,8 +189,9 @@ private:
         if (outcome.fault && outcome.fault->what == load_fault::kind::changed)
             fail_changed();
         if (outcome.fault)
-            throw user_error(describe(*outcome.fault, source_, header_, request_.dialect, chunk));
-        source_.release_pages(chunk.begin, chunk.end);
+            throw user_error(
+                describe(*outcome.fault, *chunk.source, header_, request_.dialect, chunk));
+        chunk.source->release_pages(chunk.begin, chunk.end);
         return outcome;
     }
 
@@ -222,7 +254,10 @@ private:
     const source_text &source_;
     const csv_header &header_;
     const load_request &request_;
-    std::vector<record_chunk> chunks_;
+    std::vector<further_file> files_; // in order, the first one before the others
+    std::uint64_t bytes_ = 0;
+    std::vector<column_type> types_; // guessed
+    std::vector<file_chunk> chunks_;
     std::vector<std::uint64_t> first_rows_; // of each chunk, as if each had all rows it may have
     std::uint64_t room_ = 0;                // the most rows there can be
     std::vector<column_target> plan_;
@@ -271,15 +306,21 @@ std::optional<text_cell> first_cell(bool (*wanted)(std::string_view cell),
     for (const auto &[forced, type] : request.forced)
         if (forced == column)
             return std::nullopt;
-    cell_finder finder{request.missing, request.format, wanted, column, 0, 0, {}};
-    csv_parser parser(request.dialect, finder);
-    const std::string_view data = source.text().substr(header.data_begin);
-    parser.feed(data);
-    parser.finish();
-    if (finder.found.empty())
-        return std::nullopt;
-    return text_cell{finder.found, line_of(source.text(), request.dialect, header.data_begin,
-                                           finder.records, column)};
+    for (const further_file &file : files_of(source, header, request)) {
+        cell_finder finder{request.missing, request.format, wanted, column, 0, 0, {}};
+        csv_parser parser(request.dialect, finder);
+        const std::string_view text = file.source->text();
+        parser.feed(text.substr(file.data_begin));
+        parser.finish();
+        if (finder.found.empty())
+            continue;
+        const std::uint64_t line =
+            line_of(text, request.dialect, file.data_begin, finder.records, column);
+        return text_cell{finder.found, request.further.empty()
+                                           ? fmt::format("{}", line)
+                                           : fmt::format("{} of {}", line, file.source->name())};
+    }
+    return std::nullopt;
 }
 
 } // namespace

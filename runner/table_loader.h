@@ -20,6 +20,12 @@
 
 namespace vask::runner {
 
+//! A file that is read behind the first one, with the same columns.
+struct further_file {
+    const source_text *source;
+    std::size_t data_begin; //!< place of the first byte behind its header
+};
+
 struct load_request {
     csv_dialect dialect;
     //! The columns to load, by place in the file; the others are passed over.
@@ -31,6 +37,7 @@ struct load_request {
     //! Which rows are loaded; null: all. Types are inferred from all rows.
     std::shared_ptr<const row_filter> filter{};
     missing_words missing{{"", "NA", "NaN"}};
+    std::vector<further_file> further{};
     number_format format{};
     ragged_records ragged = ragged_records::refused;
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
@@ -52,7 +59,8 @@ struct table_column {
 
 struct loaded_table {
     std::uint64_t rows = 0;
-    std::vector<table_column> columns; //!< by place in the file
+    std::vector<table_column> columns;      //!< by place in the file
+    std::vector<std::uint64_t> file_rows{}; //!< of each file
 };
 
 /*
@@ -69,7 +77,7 @@ loaded_table load_table(const source_text &source, const csv_header &header,
 
 struct text_cell {
     std::string cell;
-    std::uint64_t line;
+    std::string line; //!< its number, and of several files the name
 };
 
 //! The first whole number of a column that 64 bits do not hold, which as a dbl may be equal to

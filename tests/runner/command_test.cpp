@@ -115,6 +115,53 @@ TEST(Command, WhatCellsMayBe) {
     EXPECT_TRUE(holds(about("x,y,\n1,2\n"), "the header ends with ','"));
 }
 
+TEST(Command, SeveralFiles) {
+    const temporary_file first("k,x\na,1\nb,2\n", ".part1.csv");
+    const temporary_file second("k,x\r\n\"a\",2.5", ".part2.csv");
+    const temporary_file third("k,x\n", ".part3.csv");
+    const auto asked = [&](std::vector<std::string> words, const std::string &input = "") {
+        words.insert(words.end(), {"-f", "csv", "--no-header"});
+        const outcome told = vask(words, input);
+        return told.out + told.err;
+    };
+    const std::vector<std::string> files{first.path(), second.path(), third.path()};
+    const auto about = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), files.begin(), files.end());
+        return asked(words);
+    };
+    EXPECT_EQ(about({"-g", "k", "-a", "count(*),sum(x)"}), "a,2,3.5\nb,1,2\n");
+    EXPECT_EQ(about({"-g", "file", "-a", "sum(x)", "--file-column", "file", "--threads", "2"}),
+              first.path() + ",3\n" + second.path() + ",2.5\n");
+    EXPECT_EQ(about({"-g", "file", "-a", "sum(x)", "--file-column", "file", "-w", "k = 'a'"}),
+              first.path() + ",1\n" + second.path() + ",2.5\n");
+    EXPECT_TRUE(
+        holds(about({"-a", "sum(x)", "--file-column", "k"}), "there is a column 'k' already"));
+    EXPECT_EQ(asked({first.path(), "-", "-a", "sum(x)"}, "k,x\nc,10\n"), "13\n");
+    EXPECT_TRUE(holds(asked({"-", "-", "-a", "sum(x)"}, "k,x\n"), "once only"));
+    // A pattern stands for its files in the order of their names.
+    const std::string &name = first.path();
+    const std::string own = name.substr(0, name.size() - 9) + "?art1.csv";
+    EXPECT_EQ(asked({own, "-a", "sum(x)"}), "3\n");
+    EXPECT_TRUE(holds(asked({own + "7*", "-a", "sum(x)"}), "no file is called so"));
+    // Faults are told with the file that they are in.
+    const temporary_file wrong("k,x\n\nc,4\nd\n");
+    EXPECT_TRUE(holds(asked({first.path(), wrong.path(), "-a", "sum(x)"}),
+                      wrong.path() + ":4: 1 field where the header has 2"));
+    const temporary_file text("k,x\nc,4\nd,word\n");
+    EXPECT_TRUE(holds(asked({first.path(), text.path(), "-a", "sum(x)"}),
+                      "'word', on line 3 of " + text.path()));
+    const temporary_file renamed("k,y\nc,4\n");
+    EXPECT_TRUE(holds(asked({first.path(), renamed.path(), "-a", "sum(x)"}),
+                      renamed.path() + ":1: column 2 is called 'y', and 'x' in " + first.path()));
+    const temporary_file narrow("k\nc\n");
+    EXPECT_TRUE(holds(asked({first.path(), narrow.path(), "-a", "sum(x)"}),
+                      narrow.path() + ":1: the header has 1 name, and 2 in " + first.path()));
+    // A quote that one file leaves open does not reach into the next one.
+    const temporary_file open("k,x\n\"c,4\n");
+    EXPECT_TRUE(holds(asked({open.path(), first.path(), "-a", "sum(x)"}),
+                      open.path() + ":2: a quoted field begins here"));
+}
+
 TEST(Command, CompressedFiles) {
     const std::vector<std::pair<std::string, std::string>> programs{
         {"gzip", ".gz"}, {"zstd -q", ".zst"}, {"bzip2", ".bz2"}, {"xz", ".xz"}};
@@ -622,7 +669,9 @@ TEST(Command, Mistakes) {
         {{"--no", "--formt=csv", "-"},
          "",
          {"no option --no; there is no option --formt (did you mean --format?)"}},
-        {{"-", "y.csv", agg, "sum(x)"}, "", {"'y.csv' is one argument too many"}},
+        {{"-", "y.csv", agg, "sum(x)"},
+         "x\n1\n",
+         {"y.csv: cannot open the file", "put a list with blanks in it in quotes"}},
         {{"-", agg}, "", {"--agg: nothing stands behind it"}},
         {{"-", "--na", "1", "--na", "2"}, "", {"--na: given 2 times"}},
         {{"-", agg, "sum(x)", "--na", "NA, \"a,b"},

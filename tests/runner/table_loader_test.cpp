@@ -270,7 +270,7 @@ TEST(TableLoader, FirstText) {
     const auto a = first_text(source, header, request, 0);
     ASSERT_TRUE(a.has_value());
     EXPECT_EQ(a->cell, "z");
-    EXPECT_EQ(a->line, 7U);
+    EXPECT_EQ(a->line, "7");
     request.missing = missing_words({"NA", "z"});
     EXPECT_FALSE(first_text(source, header, request, 0).has_value());
 }
