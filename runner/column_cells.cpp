@@ -107,8 +107,9 @@ std::function<result_cell(std::size_t)> cells_of(table::result_column column) {
                                         static_cast<std::size_t>(offsets[row + 1] - offsets[row]));
             });
         };
-        return held->type.format == "U" ? texts(std::type_identity<std::int64_t>{})
-                                        : texts(std::type_identity<std::int32_t>{});
+        if (held->type.format == "U")
+            return texts(std::type_identity<std::int64_t>{});
+        return texts(std::type_identity<std::int32_t>{});
     }
     // Spans of time are shown in seconds.
     if (held->type.of == table::kind::duration)

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -269,16 +270,21 @@ void print_fish() {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::string_view kind = argc == 2 ? argv[1] : "";
-    if (kind == "man")
-        print_man();
-    else if (kind == "bash")
-        print_bash();
-    else if (kind == "zsh")
-        print_zsh();
-    else if (kind == "fish")
-        print_fish();
-    else
-        return 2;
-    return 0;
+    try {
+        const std::string_view kind = argc == 2 ? argv[1] : "";
+        if (kind == "man")
+            print_man();
+        else if (kind == "bash")
+            print_bash();
+        else if (kind == "zsh")
+            print_zsh();
+        else if (kind == "fish")
+            print_fish();
+        else
+            return 2;
+        return 0;
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "option_texts: %s\n", error.what());
+        return 1;
+    }
 }

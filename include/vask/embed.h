@@ -219,6 +219,7 @@ bat make_column(std::vector<T> &&values, const column_options &options = {}) {
  * at once, if rows are to begin above position 0.
  */
 template <element T>
+// NOLINTNEXTLINE(performance-unnecessary-value-param): moved on, unseen in a template
 bat borrow_column(std::span<const T> values, std::function<void()> release,
                   const column_options &options = {}) {
     const auto lent = memory::borrow(values.data(), values.size_bytes(), std::move(release));

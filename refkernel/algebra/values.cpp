@@ -68,7 +68,8 @@ std::optional<To> fitted(From value) {
         // Both ends are powers of two, or zero, and so exact in either format. A NaN is not
         // between them.
         constexpr auto low = static_cast<From>(std::numeric_limits<To>::lowest());
-        constexpr auto end = From{2} * static_cast<From>(std::numeric_limits<To>::max() / 2 + 1);
+        constexpr To half = std::numeric_limits<To>::max() / 2 + 1;
+        constexpr auto end = From{2} * static_cast<From>(half);
         const From whole = std::trunc(value);
         return whole >= low && whole < end ? std::optional(static_cast<To>(whole)) : std::nullopt;
     } else if constexpr (std::integral<From>) {

@@ -4,6 +4,7 @@
 #include "aggregates/aggregate.h"
 #include "kernel/frame.h"
 
+#include <cmath>
 #include <concepts>
 #include <cstring>
 #include <limits>
@@ -87,7 +88,7 @@ struct min_max {
             return {nil, false};
         const T first = rows[p];
         if constexpr (std::floating_point<T>)
-            if (first != first)
+            if (std::isnan(first))
                 return {first, true};
 
         using lanes [[gnu::vector_size(64)]] = T;
