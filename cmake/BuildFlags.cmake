@@ -23,6 +23,10 @@ if(VASK_WARNINGS_AS_ERRORS)
   target_compile_options(vask_build_flags INTERFACE -Werror)
 endif()
 
+if(VASK_HOSTILE)
+  target_compile_definitions(vask_build_flags INTERFACE VASK_HOSTILE)
+endif()
+
 if(VASK_SANITIZE)
   target_compile_options(vask_build_flags INTERFACE
     -fsanitize=${VASK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

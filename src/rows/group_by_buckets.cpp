@@ -1,6 +1,7 @@
 #include "rows/group_by_buckets.h"
 
 #include "kernel/frame.h"
+#include "kernel/hostile.h"
 #include "rows/huge_pages.h"
 #include "rows/key_table.h"
 #include "rows/range_tasks.h"
@@ -19,7 +20,7 @@ namespace {
 // Of so many rows or half of them, a bucket's table just leaves the second-level cache. Dealing
 // rows out takes 4 ns a row to 512 buckets and 6.5 to 2048, whose ends leave the first-level cache;
 // the smaller tables save 1.5.
-constexpr BUN bucket_rows = 1 << 15;
+constexpr BUN bucket_rows = unless_hostile<BUN>(1 << 15, 1);
 // More places to write to at once leave the second-level cache, and the address cache with it.
 constexpr BUN most_buckets = 1 << 12;
 // Rows ahead of which the streams of the buckets are asked for: there are too many for the

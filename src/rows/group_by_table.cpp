@@ -1,6 +1,7 @@
 #include "rows/group_by_table.h"
 
 #include "kernel/frame.h"
+#include "kernel/hostile.h"
 #include "kernel/shared_mark.h"
 #include "rows/key_table.h"
 #include "rows/range_tasks.h"
@@ -16,7 +17,7 @@ namespace {
 
 // A range with more keys than that is left to buckets: its table would leave the second-level
 // cache, and bringing the ranges together is the calling thread's work alone.
-constexpr std::uint32_t most_keys = 1 << 17;
+constexpr std::uint32_t most_keys = unless_hostile<std::uint32_t>(1 << 17, 1);
 // Where half of so many first rows have a key of their own, the rest is not waited for.
 constexpr BUN judged_rows = 1 << 15;
 
@@ -54,8 +55,9 @@ bool number_rows(const grouping_rows &rows, const key_loader<Key> &load, vask_ro
                     found.entries.push_back({row + i, 0});
                     ++next;
                 }
-            const bool many = table.size() > most_keys ||
-                              (row - range.begin < judged_rows && table.size() > judged_rows / 2);
+            const bool many = forced_way() != grouping_way::table &&
+                              (table.size() > most_keys ||
+                               (row - range.begin < judged_rows && table.size() > judged_rows / 2));
             if (many)
                 too_many.set();
             if (table.size() > found.counts.numbers())

@@ -1,6 +1,7 @@
 // Which of the ways a grouping takes.
 #pragma once
 
+#include "kernel/hostile.h"
 #include "rows/group_by_buckets.h"
 #include "rows/group_by_index.h"
 #include "rows/group_by_table.h"
@@ -38,6 +39,20 @@ struct grouping_keys {
 template <class Key, class Kind>
 grouping_outcome group_rows(const grouping_rows &rows, const grouping_keys<Key, Kind> &keys,
                             const group_sink &sink) {
+    switch (forced_way()) {
+        case grouping_way::best:
+            break;
+        case grouping_way::index:
+            if (keys.index && keys.index->bound <= (std::uint32_t{1} << 22))
+                return group_by_index(rows, *keys.index,
+                                      keys.one_index_per_value ? group_resolver() : keys.resolve,
+                                      sink);
+            break;
+        case grouping_way::table:
+            return group_by_table(rows, keys.load, keys.resolve, sink);
+        case grouping_way::buckets:
+            return group_by_buckets(rows, keys.kind, keys.load_for_buckets, sink);
+    }
     // Texts of several places are resolved by their first rows: with a table as much, but slower.
     const std::uint32_t cached_indices = std::uint32_t{1} << (keys.one_index_per_value ? 18 : 19);
     const group_resolver resolve_indices =

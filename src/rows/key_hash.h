@@ -1,6 +1,7 @@
 // Hashing of keys: of groups, of pairs, of distinct values.
 #pragma once
 
+#include "kernel/hostile.h"
 #include "rows/isa.h"
 #include "vask/kernel/bat.h"
 
@@ -17,7 +18,7 @@ using str = const char *;
 //! where the kernel's own bucket function of oids rotates to the right: its chains are the kernel's
 //! interface, these are not, and neither may become the other.
 VASK_ALWAYS_INLINE std::uint32_t vask_hash_mix(std::uint32_t x) noexcept {
-    return std::rotl(x, 7) ^ (((x >> 8) ^ x) >> 13) ^ x;
+    return unless_hostile_hash(std::rotl(x, 7) ^ (((x >> 8) ^ x) >> 13) ^ x);
 }
 
 //! Lets every bit of a hash take part in the low ones. Whole numbers in floats, midnights in
@@ -26,7 +27,7 @@ VASK_ALWAYS_INLINE std::uint32_t vask_hash_mix(std::uint32_t x) noexcept {
 VASK_ALWAYS_INLINE std::uint32_t spread_hash(std::uint32_t hash) noexcept {
     constexpr std::uint32_t golden_ratio = 0x9e3779b1; // 2^32 divided by it, odd
     hash *= golden_ratio;
-    return hash ^ hash >> 16;
+    return unless_hostile_hash(hash ^ hash >> 16);
 }
 
 //! Polynomial hash of a zero-terminated text with the customary factor 31, over signed bytes, in

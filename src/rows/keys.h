@@ -7,6 +7,7 @@
 #pragma once
 
 #include "kernel/column.h"
+#include "kernel/hostile.h"
 #include "rows/isa.h"
 #include "rows/key_hash.h"
 
@@ -24,7 +25,7 @@ VASK_ALWAYS_INLINE std::uint64_t spread_bits(std::uint64_t bits) noexcept {
     constexpr std::uint64_t second_factor = 0xd6e8feb86659fd93; // any odd number without a pattern
     bits *= golden_ratio;
     bits ^= bits >> 32;
-    return bits * second_factor;
+    return unless_hostile_hash(bits * second_factor);
 }
 
 //! 64 bits of a value and a number of 32 beside them, without padding.

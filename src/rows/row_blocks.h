@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kernel/frame.h"
+#include "kernel/hostile.h"
 #include "rows/row_ranges.h"
 #include "vask/kernel/bat.h"
 
@@ -10,7 +11,7 @@
 namespace vask {
 
 //! Rows that are worked on at one go.
-inline constexpr BUN block_rows = 1024;
+inline constexpr BUN block_rows = unless_hostile<BUN>(1024, 2);
 
 //! Calls `body(row, n)` for each block row .. row + n - 1 of the rows.
 template <class Body>

@@ -1,6 +1,7 @@
 #include "rows/slot_table.h"
 
 #include "kernel/column.h"
+#include "kernel/hostile.h"
 
 #include <algorithm>
 
@@ -35,7 +36,7 @@ constexpr std::uint64_t most_touched_per_row = 1;
 // hash.
 constexpr std::uint64_t most_touched_per_group = 16;
 // A table that fits into the second-level cache.
-constexpr std::uint64_t small_span = 1U << 16;
+constexpr std::uint64_t small_span = unless_hostile<std::uint64_t>(1U << 16, 1);
 // A bound on address space. Ids are oids of rows: a grouping of the whole column spans at most its
 // rows, one of a selection spans more.
 constexpr std::uint64_t most_ids_per_row = 8;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kernel/column.h"
+#include "kernel/hostile.h"
 
 #include <cstdint>
 #include <cstring>
@@ -25,7 +26,7 @@ struct text_hash {
             hash = (hash ^ word) * golden_ratio;
             hash ^= hash >> 32;
         }
-        return static_cast<std::uint32_t>(hash);
+        return unless_hostile_hash(static_cast<std::uint32_t>(hash));
     }
 
 private:
