@@ -201,6 +201,31 @@ TEST(FieldIndex, ChunksGiveTheCellsOfTheLibrary) {
     }
 }
 
+// Columns are read one after the other, but the first fault of the file is told.
+TEST(FieldIndex, TheFirstFaultOfPlainRecordsIsTold) {
+    std::string text = "a,b,c\n";
+    for (int row = 0; row < 3000; ++row)
+        text += row == 2000   ? "1,2,x\n"
+                : row == 2001 ? "y,2,3\n"
+                : row == 2500 ? "1,z,3\n"
+                              : "1,2,3\n";
+    const temporary_file file(text);
+    const source_text source(file.path());
+    const csv_header header = read_header(source, {}, {});
+    load_request request;
+    request.wanted.assign(3, true);
+    for (std::size_t c = 0; c < 3; ++c)
+        request.forced.emplace_back(c, column_type::int_);
+    try {
+        load_table(source, header, request);
+        ADD_FAILURE() << "no error";
+    } catch (const user_error &error) {
+        EXPECT_NE(std::string(error.what()).find(":2002: column 3 (c): 'x' is no int"),
+                  std::string::npos)
+            << error.what();
+    }
+}
+
 // The readers of plain numbers agree with those that take everything, and refuse what these would
 // print in another spelling.
 TEST(PlainNumbers, AgreeWithTheGeneralReaders) {
