@@ -76,7 +76,7 @@ private:
         std::uint32_t code = 0; // plus the base
     };
 
-    static constexpr std::size_t first_slots = 2 * block_rows;
+    static constexpr std::size_t first_slots = std::size_t{2} * block_rows;
     static constexpr std::size_t growth = 4;
     // From this many on the slots leave the second-level cache and are fetched ahead of their use.
     static constexpr std::size_t cached_slots = std::size_t{1} << 15;

@@ -61,7 +61,7 @@ void value_set::mark(const std::uint32_t *values, vask_row_range rows, bit *cont
     for (BUN i = rows.begin; i < rows.end; ++i) {
         if (rows.end - i > values_ahead)
             table_.prefetch(values[i + values_ahead]);
-        contained[i] = table_.find(values[i]) != table_.bucket_count();
+        contained[i] = static_cast<bit>(table_.find(values[i]) != table_.bucket_count());
     }
 }
 
