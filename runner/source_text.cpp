@@ -78,12 +78,21 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
         changed_at_ = changed_at(status);
     } else
         read_to_end(file.descriptor());
-    decompress();
+    try {
+        decompress();
+    } catch (...) { // nobody destroys what was not made
+        close();
+        throw;
+    }
     if (text_.starts_with(byte_order_mark))
         text_.remove_prefix(byte_order_mark.size());
 }
 
 source_text::~source_text() {
+    close();
+}
+
+void source_text::close() noexcept {
     if (descriptor_ > STDIN_FILENO)
         ::close(descriptor_);
     free_block();

@@ -56,6 +56,7 @@ private:
     void decompress();
     void hold(growing_text &text) noexcept;
     void free_block() noexcept;
+    void close() noexcept;
 
     std::string name_;
     std::string_view text_;

@@ -115,11 +115,18 @@ bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Fin
     inputs.access(1);
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
     const partition_plan plan(*inputs.values[0], nparts);
-    const std::optional<bool> dealt =
-        aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
-    const bool any = dealt ? *dealt
-                           : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents,
-                                                           blocks, finish);
+    bool any = false;
+    try {
+        const std::optional<bool> dealt =
+            aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
+        any = dealt ? *dealt
+                    : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents,
+                                                    blocks, finish);
+    } catch (...) { // a kernel that throws when it runs out of memory loses nothing
+        blocks.release();
+        inputs.access(-1);
+        throw;
+    }
     blocks.release();
     inputs.access(-1);
     return any;

@@ -67,8 +67,15 @@ template <class State>
 class state_blocks {
 public:
     explicit state_blocks(std::uint64_t nparts) : nparts_(nparts) {
-        for (void **&array : arrays_)
-            array = zeroed_array<void *>(nparts);
+        try {
+            for (void **&array : arrays_)
+                array = zeroed_array<void *>(nparts);
+        } catch (...) { // of a kernel that throws when it runs out of memory
+            for (void **array : arrays_)
+                if (array != nullptr)
+                    GDKfree(array);
+            throw;
+        }
     }
 
     //! The blocks of a partition, zeroed, for so many groups.
@@ -110,7 +117,7 @@ private:
     }
 
     std::uint64_t nparts_;
-    std::array<void **, state_columns<State>::size> arrays_;
+    std::array<void **, state_columns<State>::size> arrays_{};
 };
 
 } // namespace vask
