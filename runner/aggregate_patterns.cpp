@@ -74,6 +74,7 @@ std::vector<std::string> functions_of(const std::string &function) {
 
 std::string written(const std::string &function, const std::vector<argument> &arguments) {
     std::vector<std::string> names;
+    names.reserve(arguments.size());
     for (const argument &each : arguments)
         names.push_back(as_argument(each.text));
     return fmt::format("{}({})", function, fmt::join(names, ","));

@@ -285,11 +285,11 @@ void expression_evaluator::decide(std::size_t i, value_block &result, Order orde
                 result.wholes[row] = holds(order(row)) ? 1 : 0;
     };
     if (whole_.nodes[i].what == operation::equal)
-        each([](auto o) { return o == 0; });
+        each([](auto o) { return std::is_eq(o); });
     else if (whole_.nodes[i].what == operation::less)
-        each([](auto o) { return o < 0; });
+        each([](auto o) { return std::is_lt(o); });
     else
-        each([](auto o) { return o <= 0; });
+        each([](auto o) { return std::is_lteq(o); });
 }
 
 value_block &expression_evaluator::comparison(std::size_t i, rows_mask active) {

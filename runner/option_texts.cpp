@@ -208,13 +208,17 @@ void print_zsh() {
             const bool has_value = !option.value.empty();
             const std::string text = "[" + told + "]" + action;
             std::string quoted;
-            for (const char c : text)
-                quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+            for (const char c : text) {
+                if (c == '\'')
+                    quoted += "'\\''";
+                else
+                    quoted += c;
+            }
             std::string names = option.name + (has_value ? "=" : "");
             std::string others; // options that make no sense beside this one: it itself
             if (!option.short_name.empty()) {
-                names = "{" + option.short_name + (has_value ? "+" : "") + "," + names + "}";
-                others = "'(" + option.short_name + " " + option.name + ")'";
+                names = fmt::format("{{{}{},{}}}", option.short_name, has_value ? "+" : "", names);
+                others = fmt::format("'({} {})'", option.short_name, option.name);
             }
             if (option.can_repeat)
                 others = "'*'";

@@ -111,7 +111,7 @@ void append(std::string &out, timestamp value) {
 
 // ---- dates ------------------------------------------------------------------------------------
 
-constexpr lng microseconds_of_day = 24 * 3600 * lng{1'000'000};
+constexpr lng microseconds_of_day = lng{24} * 3600 * 1'000'000;
 
 bool is_midnight(timestamp value) {
     return value.microseconds % microseconds_of_day == 0;

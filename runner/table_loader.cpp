@@ -216,6 +216,7 @@ private:
 
     refkernel::bat text_column(std::size_t i, std::vector<chunk_outcome> &outcomes) const {
         std::vector<text_cells> texts;
+        texts.reserve(outcomes.size());
         for (chunk_outcome &outcome : outcomes)
             texts.push_back(std::move(outcome.columns[i].texts));
         if (table_.rows > std::numeric_limits<std::int32_t>::max())
