@@ -25,6 +25,8 @@ class Case:
     keys: list[str]
     results: list[str]
     ask: dict[str, Ask] = field(default_factory=dict)
+    #: Whether the libraries mean the same where cells are missing.
+    with_missing: bool = True
 
 
 def grouped(
@@ -113,31 +115,33 @@ def mode_pandas(table: pd.DataFrame, key: str) -> pd.DataFrame:
     return pd.DataFrame({key: most[key], "m": most["v3"].where(most["c"] > 1)})
 
 
-def order_statistics(key: str, groups: str) -> list[Case]:
+def order_statistics(key: str) -> list[Case]:
     """What pandas calls holistic: all values of a group are needed."""
-    mode = Case(f"mode_{groups}", f"mode v3 by {groups} groups", [key], ["m"])
+    mode = Case(f"mode_{key}", f"mode v3 by {key}", [key], ["m"], with_missing=False)
     mode.ask = {
         "vask": lambda t: vask.aggregate(t, key, m=("v3", "mode")),
         "Polars": lambda t: mode_polars(t, key),
         "DuckDB": lambda t: t.sql(mode_sql(key)).to_arrow_table(),
         "pandas": lambda t: mode_pandas(t, key),
     }
+    distinct = grouped(
+        f"nunique_{key}", f"distinct v3 by {key}", [key], {"u": ("v3", "nunique")},
+        f"SELECT {key}, count(*) AS u FROM (SELECT {key}, v3 FROM x GROUP BY {key}, v3) q "
+        f"GROUP BY {key}",
+        [v3.n_unique().alias("u")],
+        lambda g: g["v3"].nunique().rename("u"), [("v3", "count_distinct")],
+    )  # fmt: skip
+    distinct.with_missing = False
     return [
         grouped(
-            f"median_{groups}", f"median v3 by {groups} groups", [key], {"m": ("v3", "median")},
+            f"median_{key}", f"median v3 by {key}", [key], {"m": ("v3", "median")},
             "median(v3) AS m", [v3.median().alias("m")],
             lambda g: g["v3"].median().rename("m"),
         ),
         mode,
+        distinct,
         grouped(
-            f"nunique_{groups}", f"distinct v3 by {groups} groups", [key], {"u": ("v3", "nunique")},
-            f"SELECT {key}, count(*) AS u FROM (SELECT {key}, v3 FROM x GROUP BY {key}, v3) q "
-            f"GROUP BY {key}",
-            [v3.n_unique().alias("u")],
-            lambda g: g["v3"].nunique().rename("u"), [("v3", "count_distinct")],
-        ),
-        grouped(
-            f"quantile_{groups}", f"90 % quantile v3 by {groups} groups", [key],
+            f"quantile_{key}", f"90 % quantile v3 by {key}", [key],
             {"q": ("v3", "quantile", 0.9)},
             "quantile_cont(v3, 0.9) AS q", [v3.quantile(0.9, "linear").alias("q")],
             lambda g: g["v3"].quantile(0.9).rename("q"),
@@ -148,11 +152,13 @@ def order_statistics(key: str, groups: str) -> list[Case]:
 def pandas_r2(groups: Any) -> Any:
     """From sums, which is how a pandas user avoids a function call for each group."""
     frame = groups.obj
-    frame = frame.assign(xx=frame.v1 * frame.v1, yy=frame.v2 * frame.v2, xy=frame.v1 * frame.v2)
-    s = frame.groupby(groups.keys, sort=False)[["v1", "v2", "xx", "yy", "xy"]].sum()
-    n = groups.size()
-    cov = n * s.xy - s.v1 * s.v2
-    r = cov / ((n * s.xx - s.v1**2) ** 0.5 * (n * s.yy - s.v2**2) ** 0.5)
+    pair = frame.v1.notna() & frame.v2.notna()
+    a, b = (frame[v].astype("f8").where(pair) for v in ("v1", "v2"))
+    columns = {"a": a, "b": b, "aa": a * a, "bb": b * b, "ab": a * b, "n": pair}
+    frame = pd.concat([frame[groups.keys], pd.DataFrame(columns)], axis=1)
+    s = frame.groupby(groups.keys, sort=False, dropna=False).sum()
+    cov = s.n * s.ab - s.a * s.b
+    r = cov / ((s.n * s.aa - s.a**2) ** 0.5 * (s.n * s.bb - s.b**2) ** 0.5)
     return r.rename("r").to_frame()
 
 
@@ -163,6 +169,25 @@ def pandas_two_largest(groups: Any) -> Any:
     return pd.DataFrame({"l_1": ranked.nth(0).set_axis(frame.loc[ranked.nth(0).index, "id6"]),
                          "l_2": ranked.nth(1).set_axis(frame.loc[ranked.nth(1).index, "id6"])
                          }).rename_axis("id6")  # fmt: skip
+
+
+def eight_aggregates(key: str) -> Case:
+    """Eight aggregates of one column, which passes may be shared by."""
+    functions = ["count", "sum", "mean", "min", "max", "std", "var", "skew"]
+    sql = ["count", "sum", "avg", "min", "max", "stddev_samp", "var_samp", "skewness"]
+    polars = [v3.count(), v3.sum(), v3.mean(), v3.min(), v3.max(), v3.std(), v3.var(),
+              v3.skew(bias=False)]  # fmt: skip
+    sample = pc.VarianceOptions(ddof=1)
+    options = {"std": ("stddev", sample), "var": ("variance", sample)}
+    options["skew"] = ("skew", pc.SkewOptions(biased=False))
+    return grouped(
+        f"eight_{key}", f"eight aggregates of v3 by {key}", [key],
+        {f: ("v3", f) for f in functions},
+        ", ".join(f"{name}(v3) AS {f}" for f, name in zip(functions, sql)),
+        [expression.alias(f) for f, expression in zip(functions, polars)],
+        lambda g: g["v3"].agg(functions),
+        [("v3", *options.get(f, (f,))) for f in functions],
+    )  # fmt: skip
 
 
 six = ["id1", "id2", "id3", "id4", "id5", "id6"]
@@ -206,6 +231,18 @@ CASES = [
         "sum(v3) AS s, count(*) AS n", [v3.sum().alias("s"), pl.len().alias("n")],
         lambda g: g["v3"].agg(s="sum", n="count"), [("v3", "sum"), ("v3", "count")],
     ),
+    grouped(
+        "five", "five aggregates by id1, id4", ["id1", "id4"],
+        {"a": ("v1", "sum"), "b": ("v2", "mean"), "c": ("v3", "min"), "d": ("v3", "max"),
+         "e": ("v3", "std")},
+        "sum(v1) AS a, avg(v2) AS b, min(v3) AS c, max(v3) AS d, stddev_samp(v3) AS e",
+        [v1.sum().alias("a"), v2.mean().alias("b"), v3.min().alias("c"), v3.max().alias("d"),
+         v3.std().alias("e")],
+        lambda g: g.agg(a=("v1", "sum"), b=("v2", "mean"), c=("v3", "min"), d=("v3", "max"),
+                        e=("v3", "std")),
+        [("v1", "sum"), ("v2", "mean"), ("v3", "min"), ("v3", "max"),
+         ("v3", "stddev", pc.VarianceOptions(ddof=1))],
+    ),
     whole("sum", "sum v3", {"s": ("v3", "sum")}, "sum(v3) AS s", [v3.sum().alias("s")],
           lambda t: [t["v3"].sum()], lambda t: [pc.sum(t["v3"]).as_py()]),
     whole("min_max", "min, max v3", {"a": ("v3", "min"), "b": ("v3", "max")},
@@ -228,7 +265,21 @@ CASES = [
     whole("nunique", "distinct id6", {"u": ("id6", "nunique")}, "count(DISTINCT id6) AS u",
           [pl.col("id6").n_unique().alias("u")], lambda t: [t["id6"].nunique()],
           lambda t: [pc.count_distinct(t["id6"]).as_py()]),
-    *order_statistics("id4", "100"),
-    *order_statistics("id6", "1e5"),
-    *order_statistics("row", "1e7"),
+    *(eight_aggregates(key) for key in ("id4", "id6")),
+    *(case for key in ("id4", "id6", "row") for case in order_statistics(key)),
 ]  # fmt: skip
+
+#: The only ones whose answer is the same for every shape of the keys.
+OF_VALUES_ALONE = {"sum", "min_max", "median", "mode", "sd_skew", "corr"}
+for each in CASES:
+    if each.id in ("q8", "q10", "mode", "nunique"):
+        each.with_missing = False
+
+
+def asked_of(shape: str, k: int) -> list[Case]:
+    """The questions that are worth asking of a table beside the plain one with K = 100."""
+    if shape == "missing":
+        return [case for case in CASES if case.with_missing]
+    if (shape, k) == ("plain", 100):
+        return CASES
+    return [case for case in CASES if case.id not in OF_VALUES_ALONE and case.keys != ["row"]]
