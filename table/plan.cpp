@@ -214,7 +214,10 @@ private:
         if (by_.count() == static_cast<std::size_t>(by_.rows()))
             return counts(of);
         std::vector<lng> result;
-        if (keys.size() > 1 || (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
+        // Of more groups the operator leaves the work to one thread.
+        constexpr std::size_t most_groups = 1'000'000;
+        if (keys.size() > 1 || by_.count() > most_groups ||
+            (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
             result.resize(by_.count());
             const present_rows &rows = parts_.present_in(of, keys[0]);
             visit_values(keys[0], [&]<class T>(std::span<const T>) {

@@ -140,7 +140,7 @@ def main() -> None:
     for asked, known in ((shapes, list(SHAPES)), (wanted, ["", *(case.id for case in CASES)])):
         unknown = set(asked) - set(known)
         if unknown:
-            parser.error(f"there is no {sorted(unknown)[0]}; there are {', '.join(known)}")
+            parser.error(f"there is no {min(unknown)}; there are {', '.join(known)}")
 
     if "missing" in shapes and arguments.values not in ("100", parser.get_default("values")):
         parser.error("missing cells go with K = 100: libraries differ on a sum of no value")

@@ -5,6 +5,7 @@ import datetime as dt
 import math
 
 import duckdb
+import numpy as np
 import pandas as pd
 import polars as pl
 import pyarrow as pa
@@ -330,6 +331,32 @@ def test_many_keys(rows):
             u=pl.col("v").drop_nulls().n_unique().cast(pl.Int64),
         )
         assert ours.equals(theirs)
+
+
+def test_distinct_values_of_more_than_a_million_groups():
+    """So many are counted in another way than fewer."""
+    rows = 1_900_000
+    keys = np.random.default_rng(3).integers(0, 1_500_000, rows)
+    drawn = np.arange(rows) % 5
+    values = {
+        "float": pa.array(np.array([0.0, -0.0, math.nan, 1.5, 2.5])[drawn], mask=drawn == 4),
+        "wide": pa.array(np.array([0, 2**64 - 1, 2**63, 0, 7], "u8")[drawn], mask=drawn == 4),
+        "text": pa.array(["a", "", "b", "b", "z"]).take(pa.array(drawn)),
+    }
+    classes = {  # which of the five drawn ones are the same value; the last is none
+        "float": [0, 0, 1, 2, None],
+        "wide": [0, 1, 2, 0, None],
+        "text": [0, 1, 2, 2, 3],
+    }
+    asked = {name: (name, "nunique") for name in values}
+    ours = vask.aggregate({"k": keys, **values}, "k", **asked)
+    assert len(ours) > 1_000_000
+    for name, numbers in classes.items():
+        there = np.array([number is not None for number in numbers])[drawn]
+        number = np.array([number or 0 for number in numbers])[drawn]
+        pairs = np.unique((keys * 8 + number)[there]) // 8
+        expected = np.bincount(pairs, minlength=1_500_000)[ours["k"].to_numpy()]
+        assert (ours[name].to_numpy() == expected).all(), name
 
 
 def test_nan_is_a_value_unless_told_otherwise():
