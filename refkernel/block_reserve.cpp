@@ -6,13 +6,24 @@
 #include <array>
 #include <cstdlib>
 #include <mutex>
+#include <unistd.h>
 #include <utility>
 
 namespace refkernel::memory {
 namespace {
 
-// What one grouping of 1e7 rows takes; above that, the share of the zeroing in the work falls.
-constexpr std::size_t reserve_bytes = std::size_t{256} << 20;
+// What a query on 1e7 rows with a few columns to work on takes; above that, the share of the
+// zeroing in the work falls. Asked of the system once.
+std::size_t reserve_bytes() noexcept {
+    static const std::size_t bound = [] {
+        constexpr std::size_t most = std::size_t{512} << 20;
+        constexpr std::size_t share_of_machine = 16;
+        const auto machine = static_cast<std::size_t>(std::max(0L, ::sysconf(_SC_PHYS_PAGES))) *
+                             static_cast<std::size_t>(std::max(0L, ::sysconf(_SC_PAGESIZE)));
+        return std::min(most, machine / share_of_machine);
+    }();
+    return bound;
+}
 constexpr std::size_t reserve_blocks = 16;
 // Of a block that is taken, at most a fifth goes unused.
 constexpr std::size_t slack_divisor = 4;
@@ -54,7 +65,7 @@ block_reserve &the_reserve() {
 }
 
 bool is_worth_keeping(std::size_t bytes) noexcept {
-    return keeps_blocks && bytes >= huge_page_threshold && bytes <= reserve_bytes;
+    return keeps_blocks && bytes >= huge_page_threshold && bytes <= reserve_bytes();
 }
 
 spare_block take(std::size_t bytes, std::size_t most_bytes) noexcept {
@@ -92,12 +103,26 @@ void give_spare_block(spare_block given) noexcept {
     {
         block_reserve &reserve = the_reserve();
         const std::lock_guard guard(reserve.lock);
-        while (reserve.count == reserve_blocks || reserve.bytes + given.bytes > reserve_bytes)
+        while (reserve.count == reserve_blocks || reserve.bytes + given.bytes > reserve_bytes())
             driven_out[out++] = reserve.remove(0).base;
         reserve.blocks[reserve.count++] = given;
         reserve.bytes += given.bytes;
     }
     std::for_each_n(driven_out.begin(), out, [](void *base) { std::free(base); });
+}
+
+bool free_spare_blocks() noexcept {
+    std::array<spare_block, reserve_blocks> kept;
+    std::size_t count = 0;
+    {
+        block_reserve &reserve = the_reserve();
+        const std::lock_guard guard(reserve.lock);
+        std::copy_n(reserve.blocks.begin(), reserve.count, kept.begin());
+        count = std::exchange(reserve.count, 0);
+        reserve.bytes = 0;
+    }
+    std::for_each_n(kept.begin(), count, [](const spare_block &each) { std::free(each.base); });
+    return count > 0;
 }
 
 } // namespace refkernel::memory

@@ -11,7 +11,9 @@ namespace refkernel::memory {
  * grouping of 1e7 rows, which makes a map of 40 MB and works on as much again, that is as much
  * time as the grouping itself. So columns and working memory of some size go through this reserve.
  *
- * Its bytes are bounded; the oldest block goes back to the system first. Safe from any thread.
+ * It holds at most 512 MiB, or a sixteenth of the machine's memory where that is less; the oldest
+ * block goes back to the system first, and all of them where the system has nothing left to give.
+ * Safe from any thread.
  */
 
 //! A block from malloc.
@@ -29,6 +31,9 @@ spare_block take_spare_block_to_grow_in(std::size_t bytes) noexcept;
 
 //! Keeps a block, or frees it if it is too small or too large to be worth it.
 void give_spare_block(spare_block given) noexcept;
+
+//! Frees all blocks that are kept. Whether there were any.
+bool free_spare_blocks() noexcept;
 
 } // namespace refkernel::memory
 

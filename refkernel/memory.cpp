@@ -30,10 +30,29 @@ constexpr std::size_t whole_lines(std::size_t bytes) {
     return (bytes + cache_line - 1) / cache_line * cache_line;
 }
 
+//! What `ask` gives; if that is nothing, it is asked again with the reserve's memory given back.
+template <class Ask>
+void *from_system(const Ask &ask) noexcept {
+    void *given = ask();
+    return given != nullptr || !free_spare_blocks() ? given : ask();
+}
+
+void *aligned_from_system(std::size_t bytes) noexcept {
+    return from_system([bytes] { return std::aligned_alloc(cache_line, whole_lines(bytes)); });
+}
+
+void *zeroed_from_system(std::size_t bytes) noexcept {
+    return from_system([bytes] { return std::calloc(1, bytes); });
+}
+
+void *resized_by_system(void *held, std::size_t bytes) noexcept {
+    return from_system([=] { return std::realloc(held, bytes); });
+}
+
 //! From the system; base is null when memory runs out.
 spare_block fresh_block(std::size_t bytes) noexcept {
     const std::size_t rounded = whole_lines(std::max<std::size_t>(bytes, 1));
-    void *base = std::aligned_alloc(cache_line, rounded);
+    void *base = aligned_from_system(rounded);
     advise_huge_pages(base, rounded);
     return {base, rounded};
 }
@@ -54,7 +73,7 @@ struct allocated_block final : block {
         }
         if (bytes >= remap_threshold) {
             poison_behind(base, capacity, capacity);
-            void *grown = std::realloc(base, new_bytes);
+            void *grown = resized_by_system(base, new_bytes);
             if (grown == nullptr) {
                 poison_behind(base, bytes, capacity);
                 return false;
@@ -208,7 +227,7 @@ std::shared_ptr<block> allocate_block(std::size_t bytes) noexcept {
 
 std::shared_ptr<block> allocate_zeroed_block(std::size_t bytes) noexcept {
     return new_block(bytes, [bytes]() -> spare_block {
-        void *fresh = std::calloc(1, std::max(bytes, cache_line));
+        void *fresh = zeroed_from_system(std::max(bytes, cache_line));
         advise_huge_pages(fresh, bytes);
         return {fresh, bytes};
     });
@@ -248,8 +267,9 @@ std::shared_ptr<block> borrow(const void *lent, std::size_t bytes, std::function
 void *allocate(std::size_t bytes) noexcept {
     void *made = take_spare_block(bytes).base;
     if (made == nullptr) {
-        made = bytes < huge_page_threshold ? std::malloc(bytes == 0 ? 1 : bytes)
-                                           : std::aligned_alloc(cache_line, whole_lines(bytes));
+        made = bytes < huge_page_threshold
+                   ? from_system([bytes] { return std::malloc(bytes == 0 ? 1 : bytes); })
+                   : aligned_from_system(bytes);
         advise_huge_pages(made, bytes);
     }
     enter_account(made, bytes);
@@ -257,7 +277,7 @@ void *allocate(std::size_t bytes) noexcept {
 }
 
 void *allocate_zeroed(std::size_t bytes) noexcept {
-    void *made = std::calloc(1, bytes == 0 ? 1 : bytes);
+    void *made = zeroed_from_system(bytes == 0 ? 1 : bytes);
     advise_huge_pages(made, bytes);
     enter_account(made, bytes);
     return made;
@@ -266,7 +286,7 @@ void *allocate_zeroed(std::size_t bytes) noexcept {
 void *reallocate(void *held, std::size_t bytes) noexcept {
     // Left before the call: another thread may be given the old address at once.
     const std::size_t old_bytes = leave_account(held);
-    void *made = std::realloc(held, bytes == 0 ? 1 : bytes);
+    void *made = resized_by_system(held, bytes == 0 ? 1 : bytes);
     if (made == nullptr) {
         if (old_bytes != not_in_account) {
             enter_account(held, old_bytes);

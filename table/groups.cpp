@@ -254,14 +254,15 @@ std::span<const std::int32_t> groups::numbers() const {
         for (std::size_t i = begin; i < end; ++i)
             by_first_row.values[first_rows_[i]] = static_cast<std::int32_t>(i);
     });
-    std::vector<std::int32_t> made(rows);
+    fresh_column<std::int32_t> made(rows);
     const oid_reader ids(*found_.map->tail, *found_.map.record());
     const BUN first = found_.map->info->first;
     for_rows(rows, [&](std::size_t begin, std::size_t end) {
         for (std::size_t row = begin; row < end; ++row)
-            made[row] = by_first_row.values[ids[first + static_cast<BUN>(row)]];
+            made.values[row] = by_first_row.values[ids[first + static_cast<BUN>(row)]];
     });
-    numbers_ = std::move(made);
+    number_memory_ = std::move(made.memory);
+    numbers_ = made.values;
     return numbers_;
 }
 

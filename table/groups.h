@@ -72,7 +72,8 @@ private:
     std::vector<oid> first_rows_;
     std::vector<std::uint32_t> order_;
     bool in_order_ = true;
-    mutable std::vector<std::int32_t> numbers_;
+    mutable std::shared_ptr<refkernel::memory::block> number_memory_;
+    mutable std::span<const std::int32_t> numbers_; // in it, once they were asked for
     mutable std::vector<lng> whole_size_;
 };
 
