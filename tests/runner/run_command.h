@@ -22,6 +22,10 @@ inline std::string quoted(const std::string &word) {
     return result + "'";
 }
 
+inline bool holds(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
 //! Runs a program with the input on its standard input, a pipe.
 inline outcome run(const std::string &program, const std::vector<std::string> &arguments,
                    const std::string &input = "") {

@@ -1,0 +1,104 @@
+// Several files, and compressed ones. The command as its users see it: output, messages, exit
+// status.
+#include "run_command.h"
+#include "temporary_file.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Command, SeveralFiles) {
+    const temporary_file first("k,x\na,1\nb,2\n", ".part1.csv");
+    const temporary_file second("k,x\r\n\"a\",2.5", ".part2.csv");
+    const temporary_file third("k,x\n", ".part3.csv");
+    const auto asked = [&](std::vector<std::string> words, const std::string &input = "") {
+        words.insert(words.end(), {"-f", "csv", "--no-header"});
+        const outcome told = vask(words, input);
+        return told.out + told.err;
+    };
+    const std::vector<std::string> files{first.path(), second.path(), third.path()};
+    const auto about = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), files.begin(), files.end());
+        return asked(words);
+    };
+    EXPECT_EQ(about({"-g", "k", "-a", "count(*),sum(x)"}), "a,2,3.5\nb,1,2\n");
+    EXPECT_EQ(about({"-g", "file", "-a", "sum(x)", "--file-column", "file", "--threads", "2"}),
+              first.path() + ",3\n" + second.path() + ",2.5\n");
+    EXPECT_EQ(about({"-g", "file", "-a", "sum(x)", "--file-column", "file", "-w", "k = 'a'"}),
+              first.path() + ",1\n" + second.path() + ",2.5\n");
+    EXPECT_TRUE(
+        holds(about({"-a", "sum(x)", "--file-column", "k"}), "there is a column 'k' already"));
+    EXPECT_EQ(asked({first.path(), "-", "-a", "sum(x)"}, "k,x\nc,10\n"), "13\n");
+    EXPECT_TRUE(holds(asked({"-", "-", "-a", "sum(x)"}, "k,x\n"), "once only"));
+    // A pattern stands for its files in the order of their names.
+    const std::string &name = first.path();
+    const std::string own = name.substr(0, name.size() - 9) + "?art1.csv";
+    EXPECT_EQ(asked({own, "-a", "sum(x)"}), "3\n");
+    EXPECT_TRUE(holds(asked({own + "7*", "-a", "sum(x)"}), "no file is called so"));
+    // Faults are told with the file that they are in.
+    const temporary_file wrong("k,x\n\nc,4\nd\n");
+    EXPECT_TRUE(holds(asked({first.path(), wrong.path(), "-a", "sum(x)"}),
+                      wrong.path() + ":4: 1 field where the header has 2"));
+    const temporary_file text("k,x\nc,4\nd,word\n");
+    EXPECT_TRUE(holds(asked({first.path(), text.path(), "-a", "sum(x)"}),
+                      "'word', on line 3 of " + text.path()));
+    const temporary_file renamed("k,y\nc,4\n");
+    EXPECT_TRUE(holds(asked({first.path(), renamed.path(), "-a", "sum(x)"}),
+                      renamed.path() + ":1: column 2 is called 'y', and 'x' in " + first.path()));
+    const temporary_file narrow("k\nc\n");
+    EXPECT_TRUE(holds(asked({first.path(), narrow.path(), "-a", "sum(x)"}),
+                      narrow.path() + ":1: the header has 1 name, and 2 in " + first.path()));
+    // A quote that one file leaves open does not reach into the next one.
+    const temporary_file open("k,x\n\"c,4\n");
+    EXPECT_TRUE(holds(asked({open.path(), first.path(), "-a", "sum(x)"}),
+                      open.path() + ":2: a quoted field begins here"));
+}
+
+TEST(Command, CompressedFiles) {
+    const std::vector<std::pair<std::string, std::string>> programs{
+        {"gzip", ".gz"}, {"zstd -q", ".zst"}, {"bzip2", ".bz2"}, {"xz", ".xz"}};
+    std::string rows = "a\tx\n";
+    for (int i = 0; i < 20000; ++i)
+        rows += std::to_string(i * 7919 % 10007) + "\t" + std::to_string(i) + "\n";
+    const temporary_file first(rows);
+    const temporary_file second("1\t2\n");
+    const std::vector<std::string> asked{"-a", "count(*),sum(x)", "-f", "csv", "--no-header"};
+    const auto answer = [&](std::vector<std::string> words, const std::string &input = "") {
+        words.insert(words.end(), asked.begin(), asked.end());
+        const outcome told = vask(words, input);
+        return told.out + told.err;
+    };
+    for (const auto &[program, ending] : programs) {
+        SCOPED_TRACE(program);
+        const temporary_file packed("", ".tsv" + ending);
+        const auto pack = [&](const std::string &from, const std::string &how) {
+            return std::system((program + " -c < " + from + how + packed.path()).c_str());
+        };
+        if (pack(first.path(), " > ") != 0)
+            GTEST_SKIP() << program << " is not there";
+        EXPECT_EQ(answer({packed.path()}), "20000,199990000\n");
+        const std::string bytes = packed.content();
+        EXPECT_EQ(answer({"-", "-t", "tab"}, bytes), "20000,199990000\n");
+        // Cut at the start, in the middle and before the last byte.
+        for (const std::size_t size : {std::size_t{10}, bytes.size() / 2, bytes.size() - 1}) {
+            const temporary_file cut(bytes.substr(0, size), ending);
+            EXPECT_TRUE(holds(answer({cut.path()}), "the file is cut short")) << size;
+        }
+        std::string wrong = bytes;
+        for (std::size_t i = wrong.size() / 2; i < wrong.size() / 2 + 8; ++i)
+            wrong[i] = static_cast<char>(~wrong[i]);
+        EXPECT_TRUE(holds(answer({temporary_file(wrong).path()}), "the file is damaged"));
+        EXPECT_TRUE(holds(answer({temporary_file(bytes + "rest").path()}), "did not write"));
+        // Several members are one file, and zeros may stand behind the last one.
+        pack(second.path(), " >> ");
+        EXPECT_EQ(answer({packed.path()}), "20001,199990002\n");
+        EXPECT_EQ(answer({"-", "-t", "tab"}, packed.content() + std::string(512, '\0')),
+                  "20001,199990002\n");
+    }
+}
+
+} // namespace
