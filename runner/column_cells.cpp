@@ -1,6 +1,7 @@
 #include "column_cells.h"
 
 #include "kernel/column.h"
+#include "table/element_types.h"
 
 #include <cstring>
 #include <memory>
@@ -9,30 +10,6 @@
 
 namespace vask::runner {
 namespace {
-
-// Calls `f(std::type_identity<T>{})` with the type of the elements of a result of fixed width.
-template <class F>
-decltype(auto) visit_elements(const table::value_type &type, F f) {
-    using table::kind;
-    switch (type.of) {
-        case kind::int8:
-            return f(std::type_identity<std::int8_t>{});
-        case kind::int16:
-            return f(std::type_identity<std::int16_t>{});
-        case kind::int32:
-            return f(std::type_identity<std::int32_t>{});
-        case kind::int64:
-            return f(std::type_identity<std::int64_t>{});
-        case kind::float32:
-            return f(std::type_identity<float>{});
-        case kind::float64:
-            return f(std::type_identity<double>{});
-        case kind::timestamp:
-            return f(std::type_identity<timestamp>{});
-        default:
-            throw std::logic_error("a result of type " + name_of(type));
-    }
-}
 
 // Cells show numbers in three widths.
 result_cell shown_as(truth value) {
@@ -49,7 +26,7 @@ result_cell shown_as(dbl value) {
 }
 template <std::integral Integer>
 result_cell shown_as(Integer value) {
-    return std::int64_t{value};
+    return static_cast<std::int64_t>(value);
 }
 
 } // namespace
@@ -117,7 +94,13 @@ std::function<result_cell(std::size_t)> cells_of(table::result_column column) {
             constexpr double microseconds = 1e6;
             return static_cast<double>(static_cast<const lng *>(values)[row]) / microseconds;
         });
-    return visit_elements(held->type, [&]<class T>(std::type_identity<T>) {
+    if (held->type.of == table::kind::timestamp)
+        return with_missing([values](std::size_t row) -> result_cell {
+            return static_cast<const timestamp *>(values)[row];
+        });
+    if (!table::is_number(held->type.of) || held->type.of == table::kind::decimal)
+        throw std::logic_error("a result of type " + name_of(held->type));
+    return table::visit_elements(held->type.of, [&]<class T>(std::type_identity<T>) {
         return with_missing([values](std::size_t row) -> result_cell {
             return shown_as(static_cast<const T *>(values)[row]);
         });
