@@ -1,19 +1,14 @@
 #include "expression_evaluator.h"
 
+#include "calendar.h"
 #include "text_pattern.h"
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
 #include <compare>
-#include <limits>
 #include <utility>
 
 namespace vask::runner {
 namespace {
-
-//! What stands for a missing value in a column is no result.
-constexpr lng no_whole = std::numeric_limits<lng>::min();
 
 bool is_text(value_kind kind) {
     return kind == value_kind::text || kind == value_kind::cell;
@@ -41,83 +36,6 @@ std::optional<std::partial_ordering> compare_as_times(std::string_view a, std::s
     if (!read_cell(a, time_a) || !read_cell(b, time_b))
         return std::nullopt;
     return time_a.microseconds <=> time_b.microseconds;
-}
-
-double rounded_to(double value, double digits) {
-    const double scale = std::pow(10.0, digits);
-    const double result = std::round(value * scale) / scale;
-    // Where the scale leaves doubles, the value has no such digits to lose, or nothing else.
-    return std::isfinite(result) ? result : scale == 0 ? 0 : value;
-}
-
-// ---- calendar -----------------------------------------------------------------------------------
-
-using std::chrono::microseconds;
-using moment = std::chrono::sys_time<microseconds>;
-
-struct calendar_time {
-    explicit calendar_time(lng value)
-        : time(microseconds(value)),
-          day(std::chrono::floor<std::chrono::days>(time)),
-          date(day),
-          clock(std::chrono::floor<std::chrono::seconds>(time) - day) {}
-
-    moment time;
-    std::chrono::sys_days day;
-    std::chrono::year_month_day date;
-    std::chrono::hh_mm_ss<std::chrono::seconds> clock;
-
-    unsigned quarter() const { return (static_cast<unsigned>(date.month()) - 1) / 3; }
-};
-
-lng part_of(const calendar_time &t, time_unit unit) {
-    switch (unit) {
-        case time_unit::year:
-            return static_cast<int>(t.date.year());
-        case time_unit::quarter:
-            return t.quarter() + 1;
-        case time_unit::month:
-            return static_cast<unsigned>(t.date.month());
-        case time_unit::day:
-            return static_cast<unsigned>(t.date.day());
-        case time_unit::hour:
-            return t.clock.hours().count();
-        case time_unit::minute:
-            return t.clock.minutes().count();
-        case time_unit::second:
-            return t.clock.seconds().count();
-        case time_unit::week:
-        case time_unit::weekday:
-            break;
-    }
-    return std::chrono::weekday(t.day).iso_encoding();
-}
-
-lng truncated(const calendar_time &t, time_unit unit) {
-    using namespace std::chrono;
-    const auto at = [](auto time) {
-        return lng{sys_time<microseconds>(time).time_since_epoch().count()};
-    };
-    switch (unit) {
-        case time_unit::year:
-            return at(sys_days(t.date.year() / January / 1));
-        case time_unit::quarter:
-            return at(sys_days(t.date.year() / month(t.quarter() * 3 + 1) / 1));
-        case time_unit::month:
-            return at(sys_days(t.date.year() / t.date.month() / 1));
-        case time_unit::week:
-            return at(t.day - (weekday(t.day) - Monday));
-        case time_unit::hour:
-            return at(floor<hours>(t.time));
-        case time_unit::minute:
-            return at(floor<minutes>(t.time));
-        case time_unit::second:
-            return at(floor<seconds>(t.time));
-        case time_unit::day:
-        case time_unit::weekday:
-            break;
-    }
-    return at(t.day);
 }
 
 } // namespace
@@ -365,177 +283,6 @@ value_block &expression_evaluator::text_match(std::size_t i, rows_mask active) {
     else
         each([&](std::string_view text) { return is_like(text, wanted, '%', '_'); });
     return result;
-}
-
-// `work` sets the result and tells whether it fits.
-template <class Work>
-void expression_evaluator::work_whole(std::size_t i, rows_mask active, const value_block &a,
-                                      const value_block &b, Work work) {
-    value_block &result = begin(i, value_kind::whole);
-    join_missing(result, a, b);
-    for (std::size_t row = 0; row < rows_; ++row) {
-        lng value = 0;
-        const bool fits = work(a.wholes[row], b.wholes[row], value) && value != no_whole;
-        result.wholes[row] = value;
-        if (!fits && result.missing[row] == 0 && active[row] != 0)
-            fail(failure::overflow, i, row);
-    }
-}
-
-// `work` gives the result, NaN where there is none.
-template <class Work>
-void expression_evaluator::work_real(std::size_t i, rows_mask active, const value_block &a,
-                                     const value_block &b, Work work) {
-    value_block &result = begin(i, value_kind::real);
-    join_missing(result, a, b);
-    for (std::size_t row = 0; row < rows_; ++row) {
-        const double value = work(a.reals[row], b.reals[row]);
-        result.reals[row] = value;
-        if (std::isnan(value) && result.missing[row] == 0 && !std::isnan(a.reals[row]) &&
-            !std::isnan(b.reals[row])) {
-            result.missing[row] = 1;
-            undefined_ += active[row];
-        }
-    }
-}
-
-value_block &expression_evaluator::arithmetic(std::size_t i, rows_mask active) {
-    const expression_node &node = whole_.nodes[i];
-    value_block &a = of(node.left, active);
-    value_block &b = of(node.right, active);
-    if (node.what == operation::subtract &&
-        (a.of == value_kind::time || b.of == value_kind::time)) {
-        to_times(node.left, a, active);
-        to_times(node.right, b, active);
-        value_block &result = begin(i, value_kind::real);
-        join_missing(result, a, b);
-        constexpr double microseconds_of_second = 1e6;
-        for (std::size_t row = 0; row < rows_; ++row)
-            result.reals[row] =
-                (static_cast<double>(a.wholes[row]) - static_cast<double>(b.wholes[row])) /
-                microseconds_of_second;
-        return result;
-    }
-    to_numbers(node.left, a, active);
-    to_numbers(node.right, b, active);
-    if (fault_)
-        return begin(i, value_kind::whole);
-    constexpr double none = std::numeric_limits<double>::quiet_NaN();
-    const bool whole = a.of == value_kind::whole && b.of == value_kind::whole;
-    const auto reals = [&](auto work) {
-        to_reals(a);
-        to_reals(b);
-        work_real(i, active, a, b, work);
-    };
-    switch (node.what) {
-        case operation::add:
-            if (whole)
-                work_whole(i, active, a, b, [](lng x, lng y, lng &result) {
-                    return !__builtin_add_overflow(x, y, &result);
-                });
-            else
-                reals([](double x, double y) { return x + y; });
-            break;
-        case operation::subtract:
-            if (whole)
-                work_whole(i, active, a, b, [](lng x, lng y, lng &result) {
-                    return !__builtin_sub_overflow(x, y, &result);
-                });
-            else
-                reals([](double x, double y) { return x - y; });
-            break;
-        case operation::multiply:
-            if (whole)
-                work_whole(i, active, a, b, [](lng x, lng y, lng &result) {
-                    return !__builtin_mul_overflow(x, y, &result);
-                });
-            else
-                reals([](double x, double y) { return x * y; });
-            break;
-        case operation::divide:
-            reals([](double x, double y) { return y == 0 ? none : x / y; });
-            break;
-        case operation::remainder:
-            if (whole) {
-                work_whole(i, active, a, b, [](lng x, lng y, lng &result) {
-                    result = y == 0 || y == -1 ? 0 : x % y;
-                    return true;
-                });
-                value_block &result = blocks_[i];
-                for (std::size_t row = 0; row < rows_; ++row)
-                    if (b.wholes[row] == 0 && result.missing[row] == 0) {
-                        result.missing[row] = 1;
-                        undefined_ += active[row];
-                    }
-            } else {
-                reals([](double x, double y) { return std::fmod(x, y); });
-            }
-            break;
-        case operation::round_to:
-            reals(rounded_to);
-            break;
-        default:
-            reals([](double x, double y) { return std::pow(x, y); });
-    }
-    return blocks_[i];
-}
-
-value_block &expression_evaluator::function_of_number(std::size_t i, rows_mask active) {
-    const expression_node &node = whole_.nodes[i];
-    value_block &a = of(node.left, active);
-    to_numbers(node.left, a, active);
-    if (fault_)
-        return begin(i, value_kind::whole);
-    const bool keeps_whole = node.what == operation::minus || node.what == operation::absolute ||
-                             node.what == operation::floor || node.what == operation::ceiling ||
-                             node.what == operation::round;
-    if (a.of == value_kind::whole && keeps_whole) {
-        const operation what = node.what;
-        work_whole(i, active, a, a, [what](lng x, lng, lng &result) {
-            const bool turned = what == operation::minus || (what == operation::absolute && x < 0);
-            // What stands for a missing value has no negative.
-            result = turned && x != no_whole ? -x : x;
-            return true;
-        });
-        return blocks_[i];
-    }
-    to_reals(a);
-    const auto work = [&](auto f) {
-        work_real(i, active, a, a, [f](double x, double) { return f(x); });
-    };
-    constexpr double none = std::numeric_limits<double>::quiet_NaN();
-    switch (node.what) {
-        case operation::minus:
-            work([](double x) { return -x; });
-            break;
-        case operation::absolute:
-            work([](double x) { return std::abs(x); });
-            break;
-        case operation::floor:
-            work([](double x) { return std::floor(x); });
-            break;
-        case operation::ceiling:
-            work([](double x) { return std::ceil(x); });
-            break;
-        case operation::round:
-            work([](double x) { return std::round(x); });
-            break;
-        case operation::exponential:
-            work([](double x) { return std::exp(x); });
-            break;
-        case operation::logarithm:
-            work([](double x) { return x == 0 ? none : std::log(x); });
-            break;
-        case operation::logarithm_2:
-            work([](double x) { return x == 0 ? none : std::log2(x); });
-            break;
-        case operation::logarithm_10:
-            work([](double x) { return x == 0 ? none : std::log10(x); });
-            break;
-        default:
-            work([](double x) { return std::sqrt(x); });
-    }
-    return blocks_[i];
 }
 
 value_block &expression_evaluator::function_of_time(std::size_t i, rows_mask active) {

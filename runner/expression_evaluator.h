@@ -79,6 +79,8 @@ private:
     template <class Work>
     void work_real(std::size_t i, rows_mask active, const value_block &a, const value_block &b,
                    Work work);
+    void leave_out_zero_divisors(value_block &result, const value_block &divisors,
+                                 rows_mask active);
     void compare_texts(std::size_t i, value_block &result, const value_block &a,
                        const value_block &b) const;
 

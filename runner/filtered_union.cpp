@@ -3,6 +3,7 @@
 #include "column_cells.h"
 #include "kernel/column.h"
 #include "query.h"
+#include "query_checks.h"
 
 #include <algorithm>
 #include <array>

@@ -12,6 +12,7 @@
 #include "options.h"
 #include "output.h"
 #include "query.h"
+#include "query_checks.h"
 #include "summary.h"
 #include "user_error.h"
 
