@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <concepts>
 #include <utility>
 
@@ -47,62 +46,6 @@ bool read_number(std::string_view cell, int code, T &value) {
     return parse_number(cell, value) && value != nil_of<T>(code);
 }
 
-// Takes `digits` digits off the front of `text`; less than 0 when they are not there.
-int take_digits(std::string_view &text, std::size_t digits) {
-    if (text.size() < digits)
-        return -1;
-    int value = 0;
-    for (const char c : text.substr(0, digits)) {
-        if (!is_digit(c))
-            return -1;
-        value = value * 10 + (c - '0');
-    }
-    text.remove_prefix(digits);
-    return value;
-}
-
-bool take(std::string_view &text, char c) {
-    if (!text.starts_with(c))
-        return false;
-    text.remove_prefix(1);
-    return true;
-}
-
-// The digits behind the point of a second, as microseconds; further digits are refused.
-std::optional<std::chrono::microseconds> take_fraction(std::string_view &text) {
-    std::size_t digits = 0;
-    while (digits < text.size() && is_digit(text[digits]))
-        ++digits;
-    if (digits == 0 || digits > 6)
-        return std::nullopt;
-    int value = take_digits(text, digits);
-    for (; digits < 6; ++digits)
-        value *= 10;
-    return std::chrono::microseconds(value);
-}
-
-std::optional<std::chrono::microseconds> take_time_of_day(std::string_view &text) {
-    const int hours = take_digits(text, 2);
-    if (hours < 0 || hours > 23 || !take(text, ':'))
-        return std::nullopt;
-    const int minutes = take_digits(text, 2);
-    if (minutes < 0 || minutes > 59)
-        return std::nullopt;
-    std::chrono::microseconds time = std::chrono::hours(hours) + std::chrono::minutes(minutes);
-    if (!take(text, ':'))
-        return time;
-    const int seconds = take_digits(text, 2);
-    if (seconds < 0 || seconds > 59)
-        return std::nullopt;
-    time += std::chrono::seconds(seconds);
-    if (!take(text, '.'))
-        return time;
-    const auto fraction = take_fraction(text);
-    if (!fraction)
-        return std::nullopt;
-    return time + *fraction;
-}
-
 } // namespace
 
 std::string_view name_of(column_type type) {
@@ -115,6 +58,8 @@ std::string_view name_of(column_type type) {
             return "sht";
         case column_type::flt:
             return "flt";
+        case column_type::date:
+            return "date";
         case column_type::timestamp:
             return "timestamp";
         case column_type::int_:
@@ -134,7 +79,7 @@ std::optional<column_type> type_named(std::string_view name) {
         if (name_of(type) == name)
             return type;
     // As other programs call them.
-    static constexpr std::array<std::pair<std::string_view, column_type>, 18> others{
+    static constexpr std::array<std::pair<std::string_view, column_type>, 17> others{
         {{"bool", column_type::bit},
          {"boolean", column_type::bit},
          {"int8", column_type::bte},
@@ -151,8 +96,7 @@ std::optional<column_type> type_named(std::string_view name) {
          {"text", column_type::str},
          {"utf8", column_type::str},
          {"varchar", column_type::str},
-         {"datetime", column_type::timestamp},
-         {"date", column_type::timestamp}}};
+         {"datetime", column_type::timestamp}}};
     for (const auto &[other, type] : others)
         if (other == name)
             return type;
@@ -169,6 +113,7 @@ int type_code(column_type type) {
             return TYPE_sht;
         case column_type::flt:
             return TYPE_flt;
+        case column_type::date:
         case column_type::timestamp:
             return refkernel::type_timestamp;
         case column_type::int_:
@@ -203,32 +148,14 @@ bool read_cell(std::string_view cell, dbl &value) {
 }
 
 bool read_cell(std::string_view cell, timestamp &value) {
-    const int year = take_digits(cell, 4);
-    if (year < 0 || !take(cell, '-'))
-        return false;
-    const int month = take_digits(cell, 2);
-    if (month < 0 || !take(cell, '-'))
-        return false;
-    const int day = take_digits(cell, 2);
-    if (day < 0)
-        return false;
-    const std::chrono::year_month_day date{std::chrono::year(year),
-                                           std::chrono::month(static_cast<unsigned>(month)),
-                                           std::chrono::day(static_cast<unsigned>(day))};
-    if (!date.ok())
-        return false;
-    std::chrono::microseconds time{0};
-    if (take(cell, ' ') || take(cell, 'T')) {
-        const auto time_of_day = take_time_of_day(cell);
-        if (!time_of_day)
-            return false;
-        time = *time_of_day;
-        take(cell, 'Z');
-    }
-    value.microseconds =
-        std::chrono::microseconds(std::chrono::sys_days(date).time_since_epoch()).count() +
-        time.count();
-    return cell.empty();
+    const auto time = read_time(cell);
+    value.microseconds = time ? time->microseconds : 0;
+    return time.has_value();
+}
+bool read_cell(std::string_view cell, calendar_date &value) {
+    const auto time = read_time(cell);
+    value.microseconds = time ? time->microseconds : 0;
+    return time && is_midnight(value.microseconds);
 }
 
 bool read_cell(std::string_view cell, truth &value) {
@@ -254,7 +181,9 @@ bool is_reserved(std::string_view cell, column_type type) {
     });
 }
 
-column_type narrowest_type(std::string_view cell) {
+namespace {
+
+std::optional<column_type> number_type(std::string_view cell) {
     // Most texts begin like no number; the readers need not look at them.
     if (std::int32_t value = 0; read_cell(cell, value))
         return column_type::int_;
@@ -262,15 +191,29 @@ column_type narrowest_type(std::string_view cell) {
         return column_type::lng;
     if (dbl value = 0; read_cell(cell, value))
         return column_type::dbl;
-    return column_type::str;
+    return std::nullopt;
 }
 
-column_type inferred_type(std::string_view cell, bool keep_zeros, const number_format &format) {
-    std::string memory;
-    const auto plain = plain_spelling(cell, format, memory);
-    if (!plain || (keep_zeros && has_leading_zero(*plain)))
+column_type time_or_text(std::string_view cell, const date_format &dates) {
+    const auto time = read_time(cell, dates);
+    if (!time)
         return column_type::str;
-    return narrowest_type(*plain);
+    return time->style.is_date() ? column_type::date : column_type::timestamp;
+}
+
+} // namespace
+
+column_type narrowest_type(std::string_view cell, const date_format &dates) {
+    const auto number = number_type(cell);
+    return number ? *number : time_or_text(cell, dates);
+}
+
+column_type inferred_type(std::string_view cell, bool keep_zeros, const cell_format &format) {
+    std::string memory;
+    const auto plain = plain_spelling(cell, format.numbers, memory);
+    if (const auto number = plain ? number_type(*plain) : std::nullopt)
+        return keep_zeros && has_leading_zero(*plain) ? column_type::str : *number;
+    return time_or_text(cell, format.dates);
 }
 
 missing_words::missing_words(std::vector<std::string> words) : words_(std::move(words)) {

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "number_format.h"
+#include "time_format.h"
 
 #include "vask/kernel/bat.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
@@ -14,14 +16,29 @@
 
 namespace vask::runner {
 
-//! The types a column can be loaded as. The inferred ones stand last, each wider than the one
-//! before it.
-enum class column_type : std::uint8_t { bit, bte, sht, flt, timestamp, int_, lng, dbl, str };
+//! The types a column can be loaded as. Inferred are int to dbl, date and timestamp, and str.
+enum class column_type : std::uint8_t { bit, bte, sht, flt, int_, lng, dbl, date, timestamp, str };
+
+constexpr bool is_time_type(column_type type) {
+    return type == column_type::date || type == column_type::timestamp;
+}
+
+//! The narrowest inferred type that holds the values of both: of int, lng and dbl the widest, of
+//! date and timestamp, too, and str where these meet those.
+constexpr column_type wider(column_type a, column_type b) {
+    return is_time_type(a) == is_time_type(b) ? std::max(a, b) : column_type::str;
+}
+//! The same where a column may have had no value so far.
+constexpr std::optional<column_type> wider(std::optional<column_type> a,
+                                           std::optional<column_type> b) {
+    return a && b ? wider(*a, *b) : a ? a : b;
+}
 
 //! All of them, in the order in which they are listed to users.
 inline constexpr std::array all_column_types{
-    column_type::bit, column_type::bte, column_type::sht, column_type::int_,     column_type::lng,
-    column_type::flt, column_type::dbl, column_type::str, column_type::timestamp};
+    column_type::bit,  column_type::bte,      column_type::sht, column_type::int_,
+    column_type::lng,  column_type::flt,      column_type::dbl, column_type::str,
+    column_type::date, column_type::timestamp};
 
 //! The name as --types takes it.
 std::string_view name_of(column_type type);
@@ -32,6 +49,18 @@ int type_code(column_type type);
 //! Microseconds since 1970-01-01 00:00:00, without time zone or leap seconds.
 struct timestamp {
     lng microseconds;
+};
+//! The midnight with which a date begins: a date is stored as a timestamp is.
+struct calendar_date {
+    lng microseconds;
+};
+template <class T>
+inline constexpr bool is_time = std::is_same_v<T, timestamp> || std::is_same_v<T, calendar_date>;
+
+//! How a file writes what is no plain text.
+struct cell_format {
+    number_format numbers{};
+    date_format dates{};
 };
 //! A truth value, stored in one byte.
 struct truth {
@@ -50,6 +79,8 @@ decltype(auto) visit_cell_type(column_type type, F f) {
             return f(std::type_identity<sht>{});
         case column_type::flt:
             return f(std::type_identity<flt>{});
+        case column_type::date:
+            return f(std::type_identity<calendar_date>{});
         case column_type::timestamp:
             return f(std::type_identity<timestamp>{});
         case column_type::int_:
@@ -67,7 +98,7 @@ decltype(auto) visit_cell_type(column_type type, F f) {
  * Reads a whole cell as a value; false when the cell is no such value or does not fit.
  *   integers   decimal digits with an optional sign
  *   flt, dbl   decimal or scientific notation, rounded correctly; inf and nan in any case
- *   timestamp  YYYY-MM-DD, then perhaps a space or T and HH:MM[:SS[.ffffff]], then perhaps Z
+ *   timestamp  as read_time() has it; a date is one at midnight
  *   truth      true, false, t, f, 1 or 0 in any case
  */
 bool read_cell(std::string_view cell, bte &value);
@@ -77,15 +108,16 @@ bool read_cell(std::string_view cell, lng &value);
 bool read_cell(std::string_view cell, flt &value);
 bool read_cell(std::string_view cell, dbl &value);
 bool read_cell(std::string_view cell, timestamp &value);
+bool read_cell(std::string_view cell, calendar_date &value);
 bool read_cell(std::string_view cell, truth &value);
 
 //! Whether a cell is the number that stands for a missing one in columns of that type, and so can
 //! be no value of it.
 bool is_reserved(std::string_view cell, column_type type);
 
-//! The narrowest of int, lng, dbl and str that a cell's text fits in: the kernel's nil of a type
-//! does not fit, nor does an integer above 64 bits, which becomes dbl.
-column_type narrowest_type(std::string_view cell);
+//! The narrowest inferred type that a cell's text fits in: the kernel's nil of a type does not fit,
+//! nor does an integer above 64 bits, which becomes dbl. What is a number is no date.
+column_type narrowest_type(std::string_view cell, const date_format &dates = {});
 
 //! Whether a cell begins, behind a sign if there is one, with a zero and a further digit: as postal
 //! codes and article numbers do, which a number would merge with others and print without the zero.
@@ -102,7 +134,7 @@ inline bool has_leading_zero(std::string_view cell) {
 
 //! The type that a column must at least have for the cell when nobody has said what it holds: the
 //! narrowest one or, with `keep_zeros`, str for a leading zero.
-column_type inferred_type(std::string_view cell, bool keep_zeros, const number_format &format = {});
+column_type inferred_type(std::string_view cell, bool keep_zeros, const cell_format &format = {});
 
 //! The texts that stand for a missing value.
 class missing_words {

@@ -37,6 +37,7 @@ public:
                  std::uint64_t most_records)
         : text_(text),
           missing_(rules.missing),
+          numbers_(rules.format.numbers),
           format_(rules.format),
           ragged_(rules.ragged),
           targets_(targets),
@@ -52,8 +53,6 @@ public:
             for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot)
                 slots_[filter->columns()[slot]] = slot;
         }
-        for (std::size_t i = 0; i < targets.size(); ++i)
-            outcome_.columns[i].needed = targets[i].type;
     }
 
     void field(std::string_view cell) {
@@ -180,7 +179,7 @@ private:
     // As conditions read cells.
     std::string in_plain_spelling(std::string_view cell) const {
         std::string memory;
-        const auto plain = plain_spelling(cell, format_, memory);
+        const auto plain = plain_spelling(cell, numbers_, memory);
         dbl value = 0;
         return std::string(plain && read_cell(*plain, value) ? *plain : cell);
     }
@@ -223,13 +222,18 @@ private:
         T *const to = place<T>(i);
         const char *const first = text_.data();
         const bool is_key = targets_[i].is_key;
-        const bool reads_plain = std::is_integral_v<T> || format_.is_plain();
+        const bool reads_plain = std::is_integral_v<T> || numbers_.is_plain();
+        std::size_t others = 0;
         for (std::size_t row = 0; row < fields.records(); ++row) {
             const std::string_view cell = fields.field(row, i);
             if (!(reads_plain && read_plain(cell, first, is_key, to[row])) ||
-                missing_.contains(cell)) [[unlikely]]
+                missing_.contains(cell)) [[unlikely]] {
                 store_value(cell, i, parsed_ + row, to[row]);
+                ++others;
+            }
         }
+        if (others < fields.records())
+            outcome_.columns[i].any_fits = true;
     }
 
     template <class T>
@@ -275,27 +279,48 @@ private:
     }
 
     template <class T>
-    bool read_value(std::string_view cell, bool keep_zeros, T &value) const {
-        if (!std::is_arithmetic_v<T> || format_.is_plain())
-            return read_cell(cell, value) && !(keep_zeros && has_leading_zero(cell));
-        std::string memory;
-        const auto plain = plain_spelling(cell, format_, memory);
-        return plain && read_cell(*plain, value) && !(keep_zeros && has_leading_zero(*plain));
+    bool read_value(std::string_view cell, std::size_t i, T &value) {
+        if constexpr (is_time<T>) {
+            return read_time_value(cell, i, value);
+        } else {
+            const bool keep_zeros = targets_[i].keep_zeros;
+            if (!std::is_arithmetic_v<T> || numbers_.is_plain())
+                return read_cell(cell, value) && !(keep_zeros && has_leading_zero(cell));
+            std::string memory;
+            const auto plain = plain_spelling(cell, numbers_, memory);
+            return plain && read_cell(*plain, value) && !(keep_zeros && has_leading_zero(*plain));
+        }
+    }
+
+    template <class T>
+    bool read_time_value(std::string_view cell, std::size_t i, T &value) {
+        const auto time = read_time(cell, format_.dates);
+        if (!time)
+            return false;
+        value.microseconds = time->microseconds;
+        // Who asks for dates has midnights read as such.
+        if (std::is_same_v<T, calendar_date> && !time->style.is_date() &&
+            !(targets_[i].forced && is_midnight(time->microseconds)))
+            return false;
+        outcome_.columns[i].times.add(cell, *time, format_.dates);
+        return true;
     }
 
     template <class T>
     void store_value(std::string_view cell, std::size_t i, std::uint64_t record_number, T &to) {
         T value;
+        column_outcome &column = outcome_.columns[i];
         // A number can be listed as a missing word, so the list comes first.
         if (missing_.contains(cell)) {
             store_missing(value, targets_[i].type);
             count_missing(i);
-        } else if (!read_value(cell, targets_[i].keep_zeros, value)) {
+        } else if (read_value(cell, i, value)) {
+            column.any_fits = true;
+            if (targets_[i].is_key && !column.respelled && !is_printed_as(value, cell))
+                column.respelled = cell;
+        } else {
             misfit(cell, i, record_number);
             return;
-        } else if (targets_[i].is_key && !outcome_.columns[i].respelled &&
-                   !is_printed_as(value, cell)) {
-            outcome_.columns[i].respelled = cell;
         }
         to = value;
     }
@@ -320,8 +345,8 @@ private:
             note_fault({load_fault::kind::bad_cell, record_number, 0, i, std::string(cell),
                         target.type, 0});
         else
-            outcome_.columns[i].needed = std::max(outcome_.columns[i].needed,
-                                                  inferred_type(cell, target.keep_zeros, format_));
+            outcome_.columns[i].misfits =
+                wider(outcome_.columns[i].misfits, inferred_type(cell, target.keep_zeros, format_));
     }
 
     // Columns are read one after the other, but the first fault of the file is told.
@@ -333,7 +358,8 @@ private:
 
     const std::string_view text_; // the whole input's
     const missing_words &missing_;
-    const number_format format_;
+    const number_format numbers_;
+    const cell_format &format_;
     const ragged_records ragged_;
     std::vector<std::string> row_cells_; // of the open record, where it may be left out
     const std::vector<column_target> &targets_;

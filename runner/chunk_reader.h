@@ -28,9 +28,11 @@ struct column_target {
 };
 
 struct column_outcome {
-    //! The type that all cells fit in. Wider than the target's: its values are not of use.
-    column_type needed{};
+    bool any_fits = false; //!< some cells are of the target's type
+    //! The type that the others need; nothing if there are none. The values are not of use then.
+    std::optional<column_type> misfits{};
     std::uint64_t missing = 0;
+    time_spellings times; //!< of a column of dates or timestamps
     //! Of a key, the first number that is printed in another spelling.
     std::optional<std::string> respelled;
     text_cells texts; //!< of a text column
@@ -46,7 +48,7 @@ struct chunk_outcome {
 struct reading_rules {
     const csv_dialect &dialect;
     const missing_words &missing;
-    number_format format{};
+    cell_format format{};
     ragged_records ragged = ragged_records::refused;
     //! Which rows are kept; null: all.
     const row_filter *filter = nullptr;

@@ -18,6 +18,9 @@ result_cell shown_as(truth value) {
 result_cell shown_as(timestamp value) {
     return value;
 }
+result_cell shown_as(calendar_date value) {
+    return timestamp{value.microseconds};
+}
 result_cell shown_as(flt value) {
     return value;
 }

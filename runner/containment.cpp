@@ -16,8 +16,8 @@ table_column contained_in(const named_column &left, const named_column &right,
                           const std::string &looked_up, const table::operator_set &operators) {
     const bool left_text = left.column.type == column_type::str;
     const bool right_text = right.column.type == column_type::str;
-    const bool left_time = left.column.type == column_type::timestamp;
-    const bool right_time = right.column.type == column_type::timestamp;
+    const bool left_time = is_time_type(left.column.type);
+    const bool right_time = is_time_type(right.column.type);
     if (left_text != right_text || left_time != right_time)
         fail("--contained-in: {} is {}, and {} is {}, which do not compare{}", left.name,
              name_of(left.column.type), right.name, name_of(right.column.type),

@@ -33,6 +33,7 @@ value_kind kind_of(column_type type) {
         case column_type::flt:
         case column_type::dbl:
             return value_kind::real;
+        case column_type::date:
         case column_type::timestamp:
             return value_kind::time;
         case column_type::str:
@@ -115,7 +116,7 @@ private:
     static auto plain(T value) {
         if constexpr (std::is_same_v<T, truth>)
             return lng{value.value};
-        else if constexpr (std::is_same_v<T, timestamp>)
+        else if constexpr (is_time<T>)
             return value.microseconds;
         else if constexpr (std::is_floating_point_v<T>)
             return double{value};
@@ -210,7 +211,7 @@ private:
                 T value{};
                 if constexpr (std::is_same_v<T, truth>)
                     value.value = static_cast<bit>(block.wholes[i]);
-                else if constexpr (std::is_same_v<T, timestamp>)
+                else if constexpr (is_time<T>)
                     value.microseconds = block.wholes[i];
                 else if constexpr (std::is_floating_point_v<T>)
                     value = static_cast<T>(block.reals[i]);
@@ -239,7 +240,7 @@ private:
 } // namespace
 
 derived_columns::derived_columns(const std::vector<std::string> &definitions, csv_header &header,
-                                 const source_text &source)
+                                 const source_text &source, const date_format &dates)
     : first_place_(header.names.size()) {
     const name_finder find = [&](const std::string &name) -> meaning {
         for (const definition &made : definitions_)
@@ -248,14 +249,17 @@ derived_columns::derived_columns(const std::vector<std::string> &definitions, cs
         return find_column(header, source, name, option);
     };
     for (const std::string &text : definitions)
-        parse_definitions(text, option, find, [&](definition made) {
-            if (std::find(header.names.begin(), header.names.end(), made.name) !=
-                header.names.end())
-                fail("{}: there is a column '{}' already; give what is defined another name",
-                     option, made.name);
-            header.names.push_back(made.name);
-            definitions_.push_back(std::move(made));
-        });
+        parse_definitions(
+            text, option, find,
+            [&](definition made) {
+                if (std::find(header.names.begin(), header.names.end(), made.name) !=
+                    header.names.end())
+                    fail("{}: there is a column '{}' already; give what is defined another name",
+                         option, made.name);
+                header.names.push_back(made.name);
+                definitions_.push_back(std::move(made));
+            },
+            dates);
 }
 
 meaning derived_columns::in_condition(const std::string &name, const csv_header &header,

@@ -19,7 +19,7 @@ public:
      * `file_columns` on, can be used, too. Throws user_error.
      */
     derived_columns(const std::vector<std::string> &definitions, csv_header &header,
-                    const source_text &source);
+                    const source_text &source, const date_format &dates = {});
 
     //! What a name stands for in a condition on rows of the file, which has so many columns.
     meaning in_condition(const std::string &name, const csv_header &header,

@@ -110,6 +110,7 @@ struct expression {
     std::vector<expression_node> nodes;
     std::vector<std::size_t> columns; //!< by place in the file
     std::size_t root = 0;
+    date_format dates{}; //!< of texts that are read as times
 
     //! Throws user_error with the place in the text.
     [[noreturn]] void complain(std::size_t node, const std::string &what) const;
@@ -124,8 +125,8 @@ using name_finder = std::function<meaning(const std::string &name)>;
 
 //! Throws user_error, with the place in the text, for an expression that cannot be read. `option`
 //! is what messages begin with.
-expression parse_expression(std::string_view text, std::string_view option,
-                            const name_finder &find);
+expression parse_expression(std::string_view text, std::string_view option, const name_finder &find,
+                            const date_format &dates = {});
 
 struct definition {
     std::string name;
@@ -135,7 +136,7 @@ struct definition {
 //! Parses `name = expression, ...`, and calls `add` for each as soon as it is read, so that the
 //! next ones can use it.
 void parse_definitions(std::string_view text, std::string_view option, const name_finder &find,
-                       const std::function<void(definition)> &add);
+                       const std::function<void(definition)> &add, const date_format &dates = {});
 
 //! The kind of an expression's value, of columns of these kinds by slot: text for what is text for
 //! good, cell for what is open. Throws user_error, with the place, where kinds do not go together.

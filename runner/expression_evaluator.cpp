@@ -30,12 +30,13 @@ std::optional<std::partial_ordering> compare_as_numbers(std::string_view a, std:
     return real_a <=> real_b;
 }
 
-std::optional<std::partial_ordering> compare_as_times(std::string_view a, std::string_view b) {
-    timestamp time_a{};
-    timestamp time_b{};
-    if (!read_cell(a, time_a) || !read_cell(b, time_b))
+std::optional<std::partial_ordering> compare_as_times(std::string_view a, std::string_view b,
+                                                      const date_format &dates) {
+    const auto time_a = read_time(a, dates);
+    const auto time_b = time_a ? read_time(b, dates) : std::nullopt;
+    if (!time_b)
         return std::nullopt;
-    return time_a.microseconds <=> time_b.microseconds;
+    return time_a->microseconds <=> time_b->microseconds;
 }
 
 } // namespace
@@ -257,7 +258,7 @@ void expression_evaluator::compare_texts(std::size_t i, value_block &result, con
             if (const auto order = compare_as_numbers(a.texts[row], b.texts[row]))
                 return *order;
         if (times)
-            if (const auto order = compare_as_times(a.texts[row], b.texts[row]))
+            if (const auto order = compare_as_times(a.texts[row], b.texts[row], whole_.dates))
                 return *order;
         return a.texts[row] <=> b.texts[row];
     });
@@ -351,10 +352,13 @@ void expression_evaluator::to_times(std::size_t node, value_block &values, rows_
     values.wholes.resize(capacity_);
     values.of = value_kind::time;
     for (std::size_t row = 0; row < rows_; ++row) {
-        timestamp value{};
-        if (values.missing[row] == 0 && active[row] != 0 && !read_cell(values.texts[row], value))
+        values.wholes[row] = 0;
+        if (values.missing[row] != 0 || active[row] == 0)
+            continue;
+        if (const auto time = read_time(values.texts[row], whole_.dates))
+            values.wholes[row] = time->microseconds;
+        else
             fail(failure::misfit, node, row, "date or time", values.texts[row]);
-        values.wholes[row] = value.microseconds;
     }
 }
 

@@ -56,8 +56,9 @@ private:
             case operation::ends:
             case operation::like:
                 if (kinds_[node.left] != text && kinds_[node.left] != cell)
-                    whole_.complain(i, fmt::format("a text is wanted before this, and {} is {},",
-                                                   told(node.left), words_for(kinds_[node.left])));
+                    whole_.complain(i, fmt::format("a text is wanted before this, and {} is {}{},",
+                                                   told(node.left), words_for(kinds_[node.left]),
+                                                   remedy(node.left)));
                 return truth;
             case operation::missing:
                 return truth;
@@ -109,6 +110,11 @@ private:
         return "what it is given";
     }
 
+    std::string_view remedy(std::size_t i) const {
+        return whole_.nodes[i].what == operation::column ? "; --types reads it as another type"
+                                                         : "";
+    }
+
     void require_truth(std::size_t i, std::size_t operand) const {
         if (kinds_[operand] != value_kind::truth && kinds_[operand] != value_kind::cell)
             whole_.complain(i, fmt::format("this joins conditions, and {} is {},", told(operand),
@@ -119,11 +125,9 @@ private:
         const value_kind kind = kinds_[operand];
         if (is_number(kind) || kind == value_kind::cell)
             return;
-        const bool text_column =
-            kind == value_kind::text && whole_.nodes[operand].what == operation::column;
         whole_.complain(i, fmt::format("this wants a number, and {} is {}{},", told(operand),
                                        words_for(kind),
-                                       text_column ? "; --types reads it as another type" : ""));
+                                       kind == value_kind::text ? remedy(operand) : ""));
     }
 
     value_kind number_of_both(std::size_t i) const {

@@ -20,8 +20,10 @@ constexpr std::size_t most_nodes = 100'000;
 
 class parser {
 public:
-    parser(lexer &tokens, const name_finder &find) : tokens_(tokens), find_(find) {
+    parser(lexer &tokens, const name_finder &find, const date_format &dates)
+        : tokens_(tokens), find_(find) {
         made_.sources.push_back(tokens.source());
+        made_.dates = dates;
     }
 
     expression parse() {
@@ -252,8 +254,8 @@ private:
         if (tokens_.next().of != token::kind::text)
             tokens_.complain("expected a text in quotes");
         node made{.what = operation::text, .text = tokens_.next().text};
-        if (timestamp time{}; read_cell(made.text, time))
-            made.time = time.microseconds;
+        if (const auto time = read_time(made.text, made_.dates))
+            made.time = time->microseconds;
         const std::size_t at = place();
         tokens_.advance();
         return add(std::move(made), at);
@@ -379,16 +381,16 @@ void expression::complain(std::size_t node, const std::string &what) const {
     point_at(sources[nodes[node].source], nodes[node].at, what);
 }
 
-expression parse_expression(std::string_view text, std::string_view option,
-                            const name_finder &find) {
+expression parse_expression(std::string_view text, std::string_view option, const name_finder &find,
+                            const date_format &dates) {
     lexer tokens({std::string(option), std::string(text)});
-    expression result = parser(tokens, find).parse();
+    expression result = parser(tokens, find, dates).parse();
     require_end(tokens, result);
     return result;
 }
 
 void parse_definitions(std::string_view text, std::string_view option, const name_finder &find,
-                       const std::function<void(definition)> &add) {
+                       const std::function<void(definition)> &add, const date_format &dates) {
     lexer tokens({std::string(option), std::string(text)});
     while (true) {
         const token name = tokens.next();
@@ -399,7 +401,7 @@ void parse_definitions(std::string_view text, std::string_view option, const nam
             tokens.complain("expected a name and what it stands for, as in 'total = x + y',");
         tokens.advance();
         tokens.expect_sign("=", "'=' behind the name");
-        definition made{name.text, parser(tokens, find).parse()};
+        definition made{name.text, parser(tokens, find, dates).parse()};
         const bool goes_on = tokens.take_sign(",");
         if (!goes_on)
             require_end(tokens, made.value);

@@ -2,6 +2,7 @@
 
 #include "compressed_text.h"
 #include "load_fault.h"
+#include "notes.h"
 #include "query.h"
 #include "user_error.h"
 
@@ -26,10 +27,27 @@ load_request reading(const std::string &path, const options &request) {
     if (request.form.blank_runs)
         result.dialect.separator = blank_run_separator;
     result.missing = missing_words(request.missing);
-    result.format = request.numbers;
+    result.format = request.cells;
     result.ragged = request.ragged;
     result.threads = static_cast<unsigned>(request.threads);
     return result;
+}
+
+// What times mean that do not say it alike.
+void note_zones(const loaded_table &data, const csv_header &header, const source_text &source) {
+    for (std::size_t i = 0; i < data.columns.size(); ++i) {
+        const time_spellings &times = data.columns[i].times;
+        const auto note = [&](const std::string &what) {
+            tell_note(
+                fmt::format("{}: column {} ({}): {}", source.name(), i + 1, header.names[i], what));
+        };
+        if (times.shifted())
+            note(fmt::format("'{}' and perhaps other times have an offset from UTC, and are taken "
+                             "as times in UTC",
+                             shown(*times.shifted())));
+        if (times.zones_differ())
+            note("some times have an offset from UTC or a Z, and the others are taken as UTC, too");
+    }
 }
 
 } // namespace
@@ -85,6 +103,7 @@ loaded_table input_file::load(const std::vector<bool> &wanted,
     const auto begin = std::chrono::steady_clock::now();
     loaded_table data = load_table(source_, header_, loading_);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    note_zones(data, header_, source_);
     explain.note(
         fmt::format("{}: loaded {} rows in {:.3f} s", source_.name(), data.rows, time.count()));
     for (std::size_t i = 0; i < data.columns.size(); ++i)

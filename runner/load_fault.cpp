@@ -77,7 +77,9 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
                            fault.column + 1, name, shown(fault.cell), name_of(fault.type), name,
                            name_of(fitting));
     std::string hint;
-    if (fault.type != column_type::timestamp && fault.type != column_type::bit)
+    if (fault.type == column_type::date || fault.type == column_type::timestamp)
+        hint = date_hint(fault.cell);
+    else if (fault.type != column_type::bit)
         hint = cell_hint(fault.cell, name);
     return fmt::format("column {} ({}): '{}' is no {}; correct it, add it to the list of missing "
                        "values with --na{}, or give --types '{}:{}'{}{}",

@@ -86,6 +86,14 @@ table_column look_up(const options &request, const input_file &file, std::size_t
                         {known.columns[place], called(other, name)}, request.looked_up, operators);
 }
 
+// Keys that are times are printed as they were read, if all were written alike.
+void spell_keys(result_table &result, const std::vector<std::size_t> &keys,
+                const loaded_table &data, const cell_format &format) {
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        if (const auto style = data.columns[keys[i]].key_style)
+            result.columns[i].spelling = time_spelling{*style, format.dates};
+}
+
 result_table rows_of(const loaded_table &data, const csv_header &header,
                      const std::vector<std::size_t> &columns) {
     result_table result;
@@ -102,9 +110,12 @@ void keep_rows(const options &request, input_file &file, const derived_columns &
     if (!request.where)
         return;
     const std::size_t columns = file.header().names.size();
-    file.keep_rows(std::make_shared<const row_filter>(*request.where, [&](const std::string &name) {
-        return derived.in_condition(name, header, file.source(), columns);
-    }));
+    file.keep_rows(std::make_shared<const row_filter>(
+        *request.where,
+        [&](const std::string &name) {
+            return derived.in_condition(name, header, file.source(), columns);
+        },
+        request.cells.dates));
 }
 
 // A title that stands for the first aggregate is known when the request is bound.
@@ -124,7 +135,7 @@ void run_aggregates(const options &request, const explain_log &explain) {
     csv_header header = looks_up ? with_containment(file) : file.header();
     if (request.file_column)
         header = with_file_column(file, std::move(header), *request.file_column);
-    const derived_columns derived(request.definitions, header, file.source());
+    const derived_columns derived(request.definitions, header, file.source(), request.cells.dates);
     query asked = bind_query(request, header, file.source());
     std::vector<bool> needed = asked.needed_columns(header.names.size());
     derived.add_used(needed);
@@ -141,6 +152,8 @@ void run_aggregates(const options &request, const explain_log &explain) {
     for (const std::size_t column : asked.group_by)
         if (column < columns)
             keys[column] = true;
+    if (looks_up && asked.aggregates.empty())
+        keys[looked_up] = true;
     loaded_table data = file.load(wanted, request.types, explain, true, keys);
     if (looks_up)
         data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
@@ -152,6 +165,9 @@ void run_aggregates(const options &request, const explain_log &explain) {
     result_table result = asked.aggregates.empty()
                               ? rows_of(data, header, {looked_up, columns})
                               : execute(asked, data, header, operators, explain);
+    spell_keys(result,
+               asked.aggregates.empty() ? std::vector<std::size_t>{looked_up} : asked.group_by,
+               data, request.cells);
     if (request.order.is_asked_for())
         put_in_order(result, order_of(request, asked));
     if (request.bar)
@@ -169,7 +185,7 @@ void run_report(const options &request, const explain_log &explain) {
     const table::operator_set operators = operators_of(request, explain);
     input_file file(request.file, request, request.header);
     csv_header header = file.header();
-    const derived_columns derived(request.definitions, header, file.source());
+    const derived_columns derived(request.definitions, header, file.source(), request.cells.dates);
     keep_rows(request, file, derived, header);
     loaded_table data =
         file.load(std::vector<bool>(file.header().names.size(), true), request.types, explain);

@@ -70,9 +70,9 @@ Examples:
   vask union penguins.csv bill_length_mm bill_depth_mm      (vask union --help tells more)
   vask summary penguins.csv                                 (and vask schema: the types alone)
 
-The file's first line names the columns. Types are inferred: int, lng, dbl or str; a column with
-numbers that have leading zeros is str. Spaces around a field that is not in quotes do not belong
-to it; blank lines are passed over.
+The file's first line names the columns. Types are inferred: int, lng, dbl, date, timestamp or str; a
+column with numbers that have leading zeros is str. Spaces around a field that is not in quotes do
+not belong to it; blank lines are passed over.
 Exit status: 0; 2 when the request or the data are at fault (the message says where); 1 for any
 other failure.)";
 
@@ -162,8 +162,8 @@ std::vector<std::pair<std::string, column_type>> parse_types(const std::string &
     for (auto &[name, type] : parse_assignments(text, "--types")) {
         const auto known = type_named(type);
         if (!known)
-            fail("--types: '{}' is no type; the types are bit, bte, sht, int, lng, flt, dbl, str "
-                 "and timestamp",
+            fail("--types: '{}' is no type; the types are bit, bte, sht, int, lng, flt, dbl, str, "
+                 "date and timestamp",
                  type);
         if (std::any_of(types.begin(), types.end(),
                         [&name = name](const auto &earlier) { return earlier.first == name; }))
@@ -191,8 +191,8 @@ struct raw_options {
     std::vector<std::string> files;
     std::vector<std::string> aggregates;
     std::optional<std::string> group_by, contained_in, looked_up, separator, missing, types, names,
-        format, threads, digits, decimal, thousands, comment, skip, ragged, order_by, limit, top,
-        bar;
+        format, threads, digits, decimal, thousands, date_format, comment, skip, ragged, order_by,
+        limit, top, bar;
 };
 
 void declare_file(CLI::App &app, options &result, raw_options &raw, bool several) {
@@ -278,6 +278,10 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
     app.add_option("--thousands", raw.thousands,
                    "The mark between groups of three digits (default: none)")
         ->type_name("CHAR");
+    app.add_option("--date-format", raw.date_format,
+                   "How dates are written, such as DD.MM.YYYY, M/D/YYYY or %d %b %y; YYYY-MM-DD is "
+                   "read beside it")
+        ->type_name("FORMAT");
     app.add_option("--comment", raw.comment, "Pass over lines that begin with this character")
         ->type_name("CHAR");
     app.add_option("--skip", raw.skip, "Pass over the first N lines")->type_name("N");
@@ -287,7 +291,7 @@ void declare_reading(CLI::App &app, options &result, raw_options &raw) {
         ->type_name("fill|skip");
     app.add_option("--types", raw.types,
                    "Types of columns instead of the inferred ones: bit, bte, sht, int, lng, flt, "
-                   "dbl, str, timestamp")
+                   "dbl, str, date, timestamp")
         ->type_name("NAME:TYPE,...");
     app.add_option("--na", raw.missing,
                    "What stands for a missing value, with commas between; an item with a comma or "
@@ -357,13 +361,22 @@ void read_input_form(const raw_options &raw, options &result) {
     else if (raw.separator)
         result.separator = separator_named(*raw.separator);
     if (raw.decimal)
-        result.numbers.decimal = mark_named(*raw.decimal, "--decimal");
+        result.cells.numbers.decimal = mark_named(*raw.decimal, "--decimal");
     if (raw.thousands)
-        result.numbers.thousands = mark_named(*raw.thousands, "--thousands");
-    if (result.numbers.decimal == result.numbers.thousands)
+        result.cells.numbers.thousands = mark_named(*raw.thousands, "--thousands");
+    if (result.cells.numbers.decimal == result.cells.numbers.thousands)
         fail("--thousands: '{}' is the decimal mark; give another one, and the decimal mark with "
              "--decimal",
-             result.numbers.thousands);
+             result.cells.numbers.thousands);
+    if (raw.date_format) {
+        const auto dates = date_format::parse(*raw.date_format);
+        if (!dates)
+            fail(
+                "--date-format: '{}' is no format of dates; it has year (YYYY or YY), month (MM, M "
+                "or MMM) and day (DD or D) once each and marks between them, as in DD.MM.YYYY",
+                *raw.date_format);
+        result.cells.dates = *dates;
+    }
     if (raw.comment) {
         if (raw.comment->size() != 1 || *raw.comment == "\"" || *raw.comment == "\n" ||
             *raw.comment == "\r")

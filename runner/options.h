@@ -54,7 +54,7 @@ struct options {
     header_rules header;
     std::vector<std::string> missing{"", "NA", "NaN"};
     text_form form{};
-    number_format numbers{};
+    cell_format cells{};
     ragged_records ragged = ragged_records::refused;
     std::vector<std::pair<std::string, column_type>> types;
     int threads = 1;

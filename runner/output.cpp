@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <iterator>
@@ -93,29 +92,20 @@ void append(std::string &out, std::string_view value) {
     out += value;
 }
 
+// A second's digits as far as there are any.
 void append(std::string &out, timestamp value) {
-    using namespace std::chrono;
-    const sys_time<microseconds> time{microseconds(value.microseconds)};
-    const auto day = floor<days>(time);
-    const year_month_day date(day);
-    const hh_mm_ss clock(time - day);
-    fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02} {:02}:{:02}:{:02}",
-                   static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                   static_cast<unsigned>(date.day()), clock.hours().count(),
-                   clock.minutes().count(), clock.seconds().count());
-    if (clock.subseconds().count() == 0)
-        return;
-    fmt::format_to(std::back_inserter(out), ".{:06}", clock.subseconds().count());
-    out.erase(out.find_last_not_of('0') + 1);
+    constexpr lng microseconds_of_second = 1'000'000;
+    const bool is_whole = value.microseconds % microseconds_of_second == 0;
+    constexpr std::uint8_t all_digits = 6;
+    append_time(
+        out, value.microseconds,
+        {.separator = ' ', .seconds = true, .fraction = is_whole ? std::uint8_t{0} : all_digits},
+        {});
+    if (!is_whole)
+        out.erase(out.find_last_not_of('0') + 1);
 }
 
-// ---- dates ------------------------------------------------------------------------------------
-
-constexpr lng microseconds_of_day = lng{24} * 3600 * 1'000'000;
-
-bool is_midnight(timestamp value) {
-    return value.microseconds % microseconds_of_day == 0;
-}
+// ---- times ------------------------------------------------------------------------------------
 
 // Whether a column has times, and all of them are midnights.
 bool has_dates_alone(const result_column &column, std::size_t rows) {
@@ -123,30 +113,27 @@ bool has_dates_alone(const result_column &column, std::size_t rows) {
     for (std::size_t row = 0; row < rows; ++row) {
         const result_cell cell = column.cell(row);
         const auto *const time = std::get_if<timestamp>(&cell);
-        if (time != nullptr && !is_midnight(*time))
+        if (time != nullptr && !is_midnight(time->microseconds))
             return false;
-        if (time == nullptr && !std::holds_alternative<std::monostate>(cell) && !column.is_mixed)
+        if (time == nullptr && !std::holds_alternative<std::monostate>(cell))
             return false;
         any = any || time != nullptr;
     }
     return any;
 }
 
-// The column with its midnights as dates.
-result_column with_dates(result_column column, std::size_t rows) {
-    const auto dates = std::make_shared<std::vector<std::string>>(rows);
-    for (std::size_t row = 0; row < rows; ++row) {
-        const result_cell cell = column.cell(row);
-        if (!std::holds_alternative<timestamp>(cell))
-            continue;
-        std::string &text = (*dates)[row];
-        append_text(text, cell);
-        text.resize(std::min(text.size(), text.find(' ')));
-    }
-    column.cell = [dates, cell = std::move(column.cell)](std::size_t row) -> result_cell {
-        if (const std::string &date = (*dates)[row]; !date.empty())
-            return std::string_view(date);
-        return cell(row);
+// The column with its times in a spelling; where cells are of several kinds, midnights alone. A
+// cell's text lasts until the next one is asked for.
+result_column with_spelling(result_column column, const time_spelling &spelling) {
+    column.cell = [spelling, is_mixed = column.is_mixed, text = std::make_shared<std::string>(),
+                   cell = std::move(column.cell)](std::size_t row) -> result_cell {
+        const result_cell value = cell(row);
+        const auto *const time = std::get_if<timestamp>(&value);
+        if (time == nullptr || (is_mixed && !is_midnight(time->microseconds)))
+            return value;
+        text->clear();
+        append_time(*text, time->microseconds, spelling.style, spelling.dates);
+        return std::string_view(*text);
     };
     return column;
 }
@@ -432,8 +419,10 @@ void print(const result_table &asked, const output_style &style, std::FILE *file
     // The cells are read from what the one that was asked for holds.
     result_table result{asked.columns, asked.rows, {}};
     for (result_column &column : result.columns)
-        if (has_dates_alone(column, result.rows))
-            column = with_dates(std::move(column), result.rows);
+        if (const auto spelling = column.spelling)
+            column = with_spelling(std::move(column), *spelling);
+        else if (column.is_mixed || has_dates_alone(column, result.rows))
+            column = with_spelling(std::move(column), {});
     switch (style.format) {
         case output_format::table:
             print_table(result, style, out);

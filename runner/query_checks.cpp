@@ -86,11 +86,49 @@ void note_missing(const query &asked, const loaded_columns &loaded) {
 void note_respelled(const query &asked, const loaded_columns &loaded) {
     for (const std::size_t place : asked.group_by)
         if (const auto &cell = loaded.data.columns[place].respelled)
-            tell_note(fmt::format("{}: column {} ({}): '{}' and perhaps other keys were read as "
-                                  "numbers and are printed in another spelling; --types '{}:str' "
-                                  "keeps each as it is",
-                                  loaded.source.name(), place + 1, loaded.header.names[place],
-                                  shown(*cell), loaded.header.names[place]));
+            tell_note(fmt::format(
+                "{}: column {} ({}): '{}' and perhaps other keys were read as "
+                "{} and are printed in another spelling; --types '{}:str' "
+                "keeps each as it is",
+                loaded.source.name(), place + 1, loaded.header.names[place], shown(*cell),
+                is_time_type(loaded.data.columns[place].type) ? "times" : "numbers",
+                loaded.header.names[place]));
+}
+
+// Which cell made a column text, and what to do; nothing where its type was asked for.
+std::string why_text(type_set accepted, std::size_t column, const loaded_columns &loaded) {
+    const std::string &name = loaded.header.names[column];
+    const bool takes_times = accepted.contains(column_type::timestamp);
+    auto text = takes_times ? first_text(loaded.source, loaded.header, loaded.request, column)
+                            : std::nullopt;
+    const bool is_mixed = !text && takes_times;
+    if (!text)
+        text = first_no_number(loaded.source, loaded.header, loaded.request, column);
+    if (!text) {
+        const auto code = first_leading_zero(loaded.source, loaded.header, loaded.request, column);
+        return code
+                   ? fmt::format(
+                         ". Its cell '{}' on line {} has a leading zero, so the column was read as "
+                         "text: if it holds numbers, give --types '{}:{}'",
+                         shown(code->cell), code->line, name,
+                         name_of(type_without_zeros(loaded.source, loaded.header, loaded.request,
+                                                    column)))
+                   : "";
+    }
+    if (is_mixed)
+        return fmt::format(". It has numbers beside dates or times, such as '{}' on line {}",
+                           shown(text->cell), text->line);
+    if (is_reserved(text->cell, column_type::dbl))
+        return fmt::format(
+            ". Its cell '{}' on line {} is reserved, as a missing value is stored so",
+            shown(text->cell), text->line);
+    std::string hint = cell_hint(text->cell, name);
+    if (hint.empty() && takes_times)
+        hint = date_hint(text->cell);
+    return fmt::format(". Its first cell that is no number{} is '{}', on line {}: if it stands for "
+                       "a missing value, add it to the list of --na{}{}{}",
+                       takes_times ? " or date" : "", shown(text->cell), text->line,
+                       as_missing_item(text->cell), hint.empty() ? "" : ".", hint);
 }
 
 } // namespace
@@ -100,32 +138,9 @@ void require_type(type_set accepted, std::string_view name, std::string_view tit
     const column_type type = loaded.data.columns[column].type;
     if (accepted.contains(type))
         return;
-    std::string reason =
-        fmt::format("{}: {}: column {} ({}) is {}; {} takes {}", loaded.source.name(), title,
-                    column + 1, loaded.header.names[column], name_of(type), name, accepted.names());
-    const auto text = first_text(loaded.source, loaded.header, loaded.request, column);
-    if (timestamp time{};
-        text && accepted.contains(column_type::timestamp) && read_cell(text->cell, time))
-        reason += fmt::format(". Its cell '{}' on line {} reads as a timestamp: give --types "
-                              "'{}:timestamp' if all of them do",
-                              text->cell, text->line, loaded.header.names[column]);
-    else if (text && is_reserved(text->cell, column_type::dbl))
-        reason += fmt::format(". Its cell '{}' on line {} is reserved, as a missing value is "
-                              "stored so",
-                              shown(text->cell), text->line);
-    else if (text)
-        reason += fmt::format(". Its first cell that is no number is '{}', on line {}: if it "
-                              "stands for a missing value, add it to the list of --na{}",
-                              shown(text->cell), text->line, as_missing_item(text->cell)) +
-                  cell_hint(text->cell, loaded.header.names[column]);
-    else if (const auto code =
-                 first_leading_zero(loaded.source, loaded.header, loaded.request, column))
-        reason += fmt::format(
-            ". Its cell '{}' on line {} has a leading zero, so the column was read as text: if it "
-            "holds numbers, give --types '{}:{}'",
-            shown(code->cell), code->line, loaded.header.names[column],
-            name_of(type_without_zeros(loaded.source, loaded.header, loaded.request, column)));
-    throw user_error(reason);
+    fail("{}: {}: column {} ({}) is {}; {} takes {}{}", loaded.source.name(), title, column + 1,
+         loaded.header.names[column], name_of(type), name, accepted.names(),
+         type == column_type::str ? why_text(accepted, column, loaded) : "");
 }
 
 void leave_out_unfit(query &asked, const loaded_columns &loaded) {
@@ -155,7 +170,7 @@ bool looks_numeric(const table_column &column) {
         const result_cell value = cell(row);
         if (std::holds_alternative<std::monostate>(value))
             continue;
-        if (narrowest_type(std::get<std::string_view>(value)) == column_type::str)
+        if (narrowest_type(std::get<std::string_view>(value)) > column_type::dbl)
             return false;
         any = true;
     }

@@ -23,7 +23,7 @@ class row_filter {
 public:
     //! Throws user_error, with the place in the text, for one that cannot be read or is no
     //! condition.
-    row_filter(std::string_view text, const name_finder &find);
+    row_filter(std::string_view text, const name_finder &find, const date_format &dates = {});
 
     //! The columns that it is about, by place in the file. Cells are given in this order.
     std::span<const std::size_t> columns() const { return condition_.columns; }

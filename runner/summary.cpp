@@ -117,9 +117,11 @@ public:
                 cells[i].push_back(find(figures[i], place) ? found_->columns[next++].cell(0)
                                                            : result_cell());
         for (std::size_t i = 0; i < figures.size(); ++i)
-            result_.columns.push_back({std::string(figures[i].title), false,
+            result_.columns.push_back({std::string(figures[i].title),
+                                       false,
                                        [held = found_, cells = std::move(cells[i])](
                                            std::size_t place) { return cells[place]; },
+                                       {},
                                        true});
     }
 

@@ -17,6 +17,7 @@ bat plain_values(const table_column &loaded) {
             const auto values = loaded.values.values<bte>();
             return table::borrowed_column(values.data(), values.size(), marks);
         }
+        case column_type::date:
         case column_type::timestamp: {
             const auto values = loaded.values.values<lng>();
             return table::borrowed_column(values.data(), values.size(), marks);
@@ -47,6 +48,7 @@ table::value_type value_type_of(column_type type) {
             return table::plain_type(float64);
         case column_type::str:
             return table::plain_type(text);
+        case column_type::date:
         case column_type::timestamp:
             break;
     }

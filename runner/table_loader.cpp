@@ -87,18 +87,18 @@ private:
 
     // Of several files, each type is the widest.
     void guess(const further_file &file, const std::vector<record_chunk> &chunks) {
-        const std::vector<column_type> types = guess_types(
+        const std::vector<std::optional<column_type>> types = guess_types(
             file.source->text(), chunks, request_.dialect, request_.missing, request_.keep_zeros,
             request_.format, request_.ragged, header_.names.size());
-        types_.resize(types.size(), column_type::int_);
+        types_.resize(types.size());
         for (std::size_t i = 0; i < types.size(); ++i)
-            types_[i] = std::max(types_[i], types[i]);
+            types_[i] = wider(types_[i], types[i]);
     }
 
     void plan_columns() {
         for (std::size_t i = 0; i < types_.size(); ++i)
             plan_.push_back({.wanted = request_.wanted[i],
-                             .type = types_[i],
+                             .type = types_[i].value_or(column_type::int_),
                              .keep_zeros = request_.keep_zeros,
                              .is_key = i < request_.keys.size() && request_.keys[i]});
         for (const auto &[column, type] : request_.forced) {
@@ -134,14 +134,18 @@ private:
         }
         std::vector<std::size_t> too_narrow;
         for (const std::size_t i : columns) {
-            column_type needed = plan_[i].type;
+            // A type that was planned for want of a value counts only where a cell is of it.
+            std::optional<column_type> needed;
             std::uint64_t missing = 0;
             for (const chunk_outcome &outcome : outcomes) {
-                needed = std::max(needed, outcome.columns[i].needed);
-                missing += outcome.columns[i].missing;
+                const column_outcome &column = outcome.columns[i];
+                if (column.any_fits)
+                    needed = wider(needed, plan_[i].type);
+                needed = wider(needed, column.misfits);
+                missing += column.missing;
             }
-            if (needed != plan_[i].type) {
-                plan_[i].type = needed;
+            if (needed.value_or(plan_[i].type) != plan_[i].type) {
+                plan_[i].type = *needed;
                 too_narrow.push_back(i);
             } else {
                 finish_column(i, outcomes, missing);
@@ -202,6 +206,12 @@ private:
         for (const chunk_outcome &outcome : outcomes)
             if (!column.respelled)
                 column.respelled = outcome.columns[i].respelled;
+        for (const chunk_outcome &outcome : outcomes)
+            column.times.add(outcome.columns[i].times);
+        if (plan_[i].is_key && is_time_type(column.type)) {
+            column.respelled = column.times.other();
+            column.key_style = column.times.style();
+        }
         if (column.type == column_type::str) {
             column.values = text_column(i, outcomes);
             return;
@@ -257,7 +267,7 @@ private:
     const load_request &request_;
     std::vector<further_file> files_; // in order, the first one before the others
     std::uint64_t bytes_ = 0;
-    std::vector<column_type> types_; // guessed
+    std::vector<std::optional<column_type>> types_; // guessed
     std::vector<file_chunk> chunks_;
     std::vector<std::uint64_t> first_rows_; // of each chunk, as if each had all rows it may have
     std::uint64_t room_ = 0;                // the most rows there can be
@@ -266,20 +276,31 @@ private:
     int passes_ = 0;
 };
 
-bool is_text(std::string_view cell) {
-    return narrowest_type(cell) == column_type::str;
+bool is_text(std::string_view, column_type type) {
+    return type == column_type::str;
 }
 
-bool is_wide_integer(std::string_view cell) {
+bool is_no_number(std::string_view, column_type type) {
+    return type > column_type::dbl;
+}
+
+bool has_zero_in_front(std::string_view cell, column_type type) {
+    return type <= column_type::dbl && has_leading_zero(cell);
+}
+
+bool is_wide_integer(std::string_view cell, column_type type) {
     const std::size_t sign = cell.starts_with('-') || cell.starts_with('+') ? 1 : 0;
-    return cell.size() > sign && narrowest_type(cell) == column_type::dbl &&
+    return cell.size() > sign && type == column_type::dbl &&
            cell.find_first_not_of("0123456789", sign) == std::string_view::npos;
 }
 
+// Whether a cell, as plain numbers are written, is one that is looked for.
+using cell_test = bool (*)(std::string_view cell, column_type type);
+
 struct cell_finder {
     const missing_words &missing;
-    const number_format &format;
-    bool (*wanted)(std::string_view cell);
+    const cell_format &format;
+    cell_test wanted;
     std::size_t target;
     std::size_t column = 0;
     std::uint64_t records = 0;
@@ -289,8 +310,8 @@ struct cell_finder {
         if (column++ != target || !found.empty() || missing.contains(cell))
             return;
         std::string memory;
-        const auto plain = plain_spelling(cell, format, memory);
-        if (wanted(plain.value_or("no number")))
+        const auto plain = plain_spelling(cell, format.numbers, memory);
+        if (wanted(plain.value_or(cell), inferred_type(cell, false, format)))
             found = cell.empty() ? "(empty)" : cell;
     }
     void record() {
@@ -301,9 +322,9 @@ struct cell_finder {
     bool stopped() const { return !found.empty(); }
 };
 
-std::optional<text_cell> first_cell(bool (*wanted)(std::string_view cell),
-                                    const source_text &source, const csv_header &header,
-                                    const load_request &request, std::size_t column) {
+std::optional<text_cell> first_cell(cell_test wanted, const source_text &source,
+                                    const csv_header &header, const load_request &request,
+                                    std::size_t column) {
     for (const auto &[forced, type] : request.forced)
         if (forced == column)
             return std::nullopt;
@@ -336,9 +357,14 @@ std::optional<text_cell> first_text(const source_text &source, const csv_header 
     return first_cell(is_text, source, header, request, column);
 }
 
+std::optional<text_cell> first_no_number(const source_text &source, const csv_header &header,
+                                         const load_request &request, std::size_t column) {
+    return first_cell(is_no_number, source, header, request, column);
+}
+
 std::optional<text_cell> first_leading_zero(const source_text &source, const csv_header &header,
                                             const load_request &request, std::size_t column) {
-    return first_cell(has_leading_zero, source, header, request, column);
+    return first_cell(has_zero_in_front, source, header, request, column);
 }
 
 column_type type_without_zeros(const source_text &source, const csv_header &header,

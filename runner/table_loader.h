@@ -38,7 +38,7 @@ struct load_request {
     std::shared_ptr<const row_filter> filter{};
     missing_words missing{{"", "NA", "NaN"}};
     std::vector<further_file> further{};
-    number_format format{};
+    cell_format format{};
     ragged_records ragged = ragged_records::refused;
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
     bool keep_zeros = true;
@@ -54,6 +54,9 @@ struct table_column {
     refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
     //! Of a key whose type was inferred: a cell that is not how its number is printed.
     std::optional<std::string> respelled{};
+    time_spellings times{}; //!< of dates and timestamps
+    //! Of a key whose type was inferred: how all its times are written; nothing if not alike.
+    std::optional<time_style> key_style{};
     bool is_derived = false; //!< worked out, and in no file
 };
 
@@ -87,12 +90,17 @@ std::optional<text_cell> first_wide_integer(const source_text &source, const csv
                                             const load_request &request, std::size_t place,
                                             const table_column &column);
 
-//! The first cell of a column whose type was inferred that is neither missing nor a number; nothing
-//! for a column whose type was asked for, or that has no such cell. Parses the file from its start.
+//! The first cell of a column whose type was inferred that is neither missing nor a number, a date
+//! or a time; nothing for a column whose type was asked for, or that has no such cell. Parses the
+//! file from its start.
 std::optional<text_cell> first_text(const source_text &source, const csv_header &header,
                                     const load_request &request, std::size_t column);
 
-//! The same for the first cell with a leading zero.
+//! The same for the first cell that is no number.
+std::optional<text_cell> first_no_number(const source_text &source, const csv_header &header,
+                                         const load_request &request, std::size_t column);
+
+//! The same for the first number with a leading zero.
 std::optional<text_cell> first_leading_zero(const source_text &source, const csv_header &header,
                                             const load_request &request, std::size_t column);
 

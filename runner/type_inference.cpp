@@ -12,8 +12,8 @@ constexpr std::size_t sampled_records = 256;
 
 class type_sampler {
 public:
-    type_sampler(const missing_words &missing, bool keep_zeros, const number_format &format,
-                 ragged_records ragged, std::vector<column_type> &types)
+    type_sampler(const missing_words &missing, bool keep_zeros, const cell_format &format,
+                 ragged_records ragged, std::vector<std::optional<column_type>> &types)
         : missing_(missing),
           keep_zeros_(keep_zeros),
           format_(format),
@@ -25,7 +25,7 @@ public:
         const std::size_t i = column_++;
         if (i >= types_.size() || row_[i] == column_type::str || missing_.contains(cell))
             return;
-        row_[i] = std::max(row_[i], inferred_type(cell, keep_zeros_, format_));
+        row_[i] = wider(row_[i], inferred_type(cell, keep_zeros_, format_));
     }
     void record() {
         // The cells of a record that is left out have no say.
@@ -41,21 +41,21 @@ public:
 private:
     const missing_words &missing_;
     const bool keep_zeros_;
-    const number_format &format_;
+    const cell_format &format_;
     const ragged_records ragged_;
-    std::vector<column_type> &types_;
-    std::vector<column_type> row_; // the types with the cells of the open record
+    std::vector<std::optional<column_type>> &types_;
+    std::vector<std::optional<column_type>> row_; // the types with the cells of the open record
     std::size_t column_ = 0;
     std::size_t records_ = 0;
 };
 
 } // namespace
 
-std::vector<column_type> guess_types(std::string_view text, const std::vector<record_chunk> &chunks,
-                                     const csv_dialect &dialect, const missing_words &missing,
-                                     bool keep_zeros, const number_format &format,
-                                     ragged_records ragged, std::size_t columns) {
-    std::vector<column_type> types(columns, column_type::int_);
+std::vector<std::optional<column_type>>
+guess_types(std::string_view text, const std::vector<record_chunk> &chunks,
+            const csv_dialect &dialect, const missing_words &missing, bool keep_zeros,
+            const cell_format &format, ragged_records ragged, std::size_t columns) {
+    std::vector<std::optional<column_type>> types(columns);
     const std::size_t step = std::max<std::size_t>(chunks.size() / sampled_chunks, 1);
     for (std::size_t i = 0; i < chunks.size(); i += step) {
         type_sampler sampler(missing, keep_zeros, format, ragged, types);

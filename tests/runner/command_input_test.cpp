@@ -158,7 +158,7 @@ TEST(Command, CodesWithLeadingZeros) {
     EXPECT_TRUE(holds(decimal.err, "'07' on line 2")) << decimal.err;
     EXPECT_TRUE(holds(decimal.err, "'x:dbl'")) << decimal.err;
     const outcome text = vask({"-", "--agg", "median(x)"}, "x\n07\nNA\nn/a\n");
-    EXPECT_TRUE(holds(text.err, "no number is 'n/a', on line 4")) << text.err;
+    EXPECT_TRUE(holds(text.err, "no number or date is 'n/a', on line 4")) << text.err;
 }
 
 } // namespace

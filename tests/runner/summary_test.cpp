@@ -23,7 +23,7 @@ TEST(Summary, FiguresOfEachColumn) {
               "city,str,1,2,Bergen,,,,Oslo,,,Oslo,\n"
               "share,dbl,1,3,-1,-0.25,0.5,1.5,2.5,0.6666666666666666,1.7559422921421233,,"
               "1 0 0 0 0 1 0 0 0 0 0 1\n"
-              "day,timestamp,1,3,2024-01-01,2024-01-01 12:00:00,2024-01-02,"
+              "day,date,1,3,2024-01-01,2024-01-01 12:00:00,2024-01-02,"
               "2024-01-02 12:00:00,2024-01-03,2024-01-02,,,"
               "1 0 0 0 0 0 1 0 0 0 0 1\n"
               "flag,bit,0,2,false,0.75,1,1,true,0.75,0.5,true,\n"
@@ -31,7 +31,8 @@ TEST(Summary, FiguresOfEachColumn) {
 }
 
 TEST(Summary, TablesRowsAndOddValues) {
-    const outcome table = vask({"summary", "-", "-w", "id < 4", "--let", "twice = id * 2"}, rows);
+    const outcome table = vask(
+        {"summary", "-", "-w", "id < 4", "--let", "twice = id * 2", "--types", "day:str"}, rows);
     EXPECT_NE(table.out.find("█     █    █"), std::string::npos) << table.out;
     EXPECT_NE(table.out.find("\ntwice   lng         0          3           2    3       4"),
               std::string::npos)
@@ -52,12 +53,20 @@ TEST(Summary, TablesRowsAndOddValues) {
     EXPECT_EQ(vask({"summary", "-", "-a", "sum(x)"}, rows).status, 2);
 }
 
+// A date's least value is a date, whatever times stand above it.
+TEST(Summary, DatesBesideTimes) {
+    const outcome told = vask({"summary", "-", "-f", "csv", "--no-header"},
+                              "t,d\n2024-01-01T10:00,2024-01-01\n2024-01-01T11:00,2024-01-02\n");
+    EXPECT_NE(told.out.find("t,timestamp,0,2,2024-01-01 10:00:00,"), std::string::npos) << told.out;
+    EXPECT_NE(told.out.find("d,date,0,2,2024-01-01,"), std::string::npos) << told.out;
+}
+
 TEST(Summary, Schema) {
     EXPECT_EQ(vask({"schema", "-"}, rows).out, "number  column  type  missing       first\n"
                                                "     1  id      int         0           1\n"
                                                "     2  city    str         1        Oslo\n"
                                                "     3  share   dbl         1         0.5\n"
-                                               "     4  day     str         1  2024-01-01\n"
+                                               "     4  day     date        1  2024-01-01\n"
                                                "     5  flag    str         0        true\n"
                                                "     6  none    int         4          NA\n");
     const outcome json = vask({"schema", "-", "-f", "jsonl"}, "a\n1\n");
