@@ -50,8 +50,12 @@ public:
             judge_.emplace(*filter);
             filter_cells_.resize(filter->columns().size());
             slots_.resize(targets.size(), no_slot);
-            for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot)
-                slots_[filter->columns()[slot]] = slot;
+            for (std::size_t slot = 0; slot < filter_cells_.size(); ++slot) {
+                if (filter->is_file_name(slot))
+                    filter_cells_[slot].text = rules.file_name;
+                else
+                    slots_[filter->columns()[slot]] = slot;
+            }
         }
     }
 

@@ -52,6 +52,7 @@ struct reading_rules {
     ragged_records ragged = ragged_records::refused;
     //! Which rows are kept; null: all.
     const row_filter *filter = nullptr;
+    std::string_view file_name{}; //!< as the filter may want it
 };
 
 //! Parses one chunk and stores the values of the rows that are kept from row `first_row` on. Chunks

@@ -263,16 +263,19 @@ derived_columns::derived_columns(const std::vector<std::string> &definitions, cs
 }
 
 meaning derived_columns::in_condition(const std::string &name, const csv_header &header,
-                                      const source_text &source, std::size_t file_columns) const {
+                                      const source_text &source, std::size_t file_columns,
+                                      std::optional<std::size_t> file_place) const {
     constexpr std::string_view asked_by = "--where";
     const std::size_t place = find_column(header, source, name, asked_by);
-    if (place < file_columns)
+    const auto is_read = [&](std::size_t column) {
+        return column < file_columns || column == file_place;
+    };
+    if (is_read(place))
         return place;
     if (place < first_place_)
         fail("{}: the column {} is made when rows have been chosen", asked_by, name);
     const expression &used = definitions_[place - first_place_].value;
-    if (std::any_of(used.columns.begin(), used.columns.end(),
-                    [&](std::size_t column) { return column >= file_columns; }))
+    if (!std::all_of(used.columns.begin(), used.columns.end(), is_read))
         fail("{}: {} uses a column that is made when rows have been chosen", asked_by, name);
     return &used;
 }

@@ -6,6 +6,7 @@
 #include "table_loader.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,11 @@ public:
     derived_columns(const std::vector<std::string> &definitions, csv_header &header,
                     const source_text &source, const date_format &dates = {});
 
-    //! What a name stands for in a condition on rows of the file, which has so many columns.
+    //! What a name stands for in a condition on rows of the file, which has so many columns and, at
+    //! a place behind them, perhaps one with the files' names.
     meaning in_condition(const std::string &name, const csv_header &header,
-                         const source_text &source, std::size_t file_columns) const;
+                         const source_text &source, std::size_t file_columns,
+                         std::optional<std::size_t> file_place) const;
 
     //! Of columns that are needed, those of definitions among them: adds what these use.
     void add_used(std::vector<bool> &needed) const;

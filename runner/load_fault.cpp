@@ -90,12 +90,18 @@ std::string describe_bad_cell(const load_fault &fault, const csv_header &header)
 }
 
 std::string describe_uncomparable(const load_fault &fault, const csv_header &header) {
+    const bool is_file_name = fault.column >= header.names.size();
+    const std::string name = is_file_name ? "x" : header.names[fault.column];
     const std::string begin =
-        fmt::format("--where: column {} ({}): ", fault.column + 1, header.names[fault.column]);
+        is_file_name ? "--where: the file's name: "
+                     : fmt::format("--where: column {} ({}): ", fault.column + 1, name);
     if (fault.wanted.empty())
         return fmt::format("{}with '{}', a whole number leaves 64 bits; have it worked out in "
                            "decimals, as in 1.0 * {}",
-                           begin, shown(fault.cell), header.names[fault.column]);
+                           begin, shown(fault.cell), name);
+    if (is_file_name)
+        return fmt::format("{}'{}' is no {}, but is used as one; compare with a text in quotes",
+                           begin, shown(fault.cell), fault.wanted);
     return fmt::format("{}'{}' is no {}, but is used as one; add it to the list of missing values "
                        "with --na{}, or compare with a text in quotes",
                        begin, shown(fault.cell), fault.wanted, as_missing_item(fault.cell));

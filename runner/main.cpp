@@ -105,17 +105,25 @@ result_table rows_of(const loaded_table &data, const csv_header &header,
     return result;
 }
 
+void append_further(const options &request, input_file &file) {
+    for (const std::string &path : request.further_files)
+        file.append(path, request, request.header);
+}
+
 void keep_rows(const options &request, input_file &file, const derived_columns &derived,
                const csv_header &header) {
     if (!request.where)
         return;
     const std::size_t columns = file.header().names.size();
+    std::optional<std::size_t> file_place;
+    if (request.file_column)
+        file_place = find_column(header, file.source(), *request.file_column, "--file-column");
     file.keep_rows(std::make_shared<const row_filter>(
         *request.where,
         [&](const std::string &name) {
-            return derived.in_condition(name, header, file.source(), columns);
+            return derived.in_condition(name, header, file.source(), columns, file_place);
         },
-        request.cells.dates));
+        request.cells.dates, file_place));
 }
 
 // A title that stands for the first aggregate is known when the request is bound.
@@ -130,8 +138,7 @@ void run_aggregates(const options &request, const explain_log &explain) {
     input_file file(request.file, request, request.header);
     const bool looks_up = request.contained_in.has_value();
     const std::size_t columns = file.header().names.size();
-    for (const std::string &path : request.further_files)
-        file.append(path, request, request.header);
+    append_further(request, file);
     csv_header header = looks_up ? with_containment(file) : file.header();
     if (request.file_column)
         header = with_file_column(file, std::move(header), *request.file_column);
@@ -184,11 +191,16 @@ void run_union(const options &request, const explain_log &explain) {
 void run_report(const options &request, const explain_log &explain) {
     const table::operator_set operators = operators_of(request, explain);
     input_file file(request.file, request, request.header);
+    append_further(request, file);
     csv_header header = file.header();
+    if (request.file_column)
+        header = with_file_column(file, std::move(header), *request.file_column);
     const derived_columns derived(request.definitions, header, file.source(), request.cells.dates);
     keep_rows(request, file, derived, header);
     loaded_table data =
         file.load(std::vector<bool>(file.header().names.size(), true), request.types, explain);
+    if (request.file_column)
+        data.columns.push_back(file.file_names(data));
     derived.compute(data, std::vector<bool>(header.names.size(), true),
                     static_cast<unsigned>(request.threads));
     if (request.asked == command::schema) {

@@ -500,7 +500,7 @@ std::string describe_refusal(const CLI::App &app, const CLI::ParseError &error, 
 }
 
 void declare(CLI::App &app, command asked, options &result, raw_options &raw) {
-    declare_file(app, result, raw, asked == command::aggregates);
+    declare_file(app, result, raw, asked != command::column_union);
     if (asked == command::column_union)
         declare_union_columns(app, result);
     else if (asked == command::aggregates)

@@ -22,8 +22,9 @@ std::optional<std::size_t> slot_below(const expression &whole, std::size_t node)
 
 } // namespace
 
-row_filter::row_filter(std::string_view text, const name_finder &find, const date_format &dates)
-    : condition_(parse_expression(text, option, find, dates)) {
+row_filter::row_filter(std::string_view text, const name_finder &find, const date_format &dates,
+                       std::optional<std::size_t> file_place)
+    : condition_(parse_expression(text, option, find, dates)), file_place_(file_place) {
     const std::vector<value_kind> open(condition_.columns.size(), value_kind::cell);
     const value_kind kind = kind_of(condition_, open);
     if (kind != value_kind::truth && kind != value_kind::cell)

@@ -21,12 +21,16 @@ namespace vask::runner {
  */
 class row_filter {
 public:
-    //! Throws user_error, with the place in the text, for one that cannot be read or is no
-    //! condition.
-    row_filter(std::string_view text, const name_finder &find, const date_format &dates = {});
+    //! The place that is not in the files stands for their names. Throws user_error, with the place
+    //! in the text, for one that cannot be read or is no condition.
+    row_filter(std::string_view text, const name_finder &find, const date_format &dates = {},
+               std::optional<std::size_t> file_place = std::nullopt);
 
     //! The columns that it is about, by place in the file. Cells are given in this order.
     std::span<const std::size_t> columns() const { return condition_.columns; }
+
+    //! Whether a column, of these, is the name of the row's file.
+    bool is_file_name(std::size_t slot) const { return condition_.columns[slot] == file_place_; }
 
     struct cell {
         std::string text;
@@ -57,6 +61,7 @@ public:
 
 private:
     expression condition_;
+    std::optional<std::size_t> file_place_;
 };
 
 } // namespace vask::runner

@@ -49,8 +49,9 @@ public:
         do
             columns = read_columns(columns);
         while (!columns.empty());
-        if (source_.was_changed())
-            fail_changed();
+        for (const further_file &file : files_)
+            if (file.source->was_changed())
+                fail_changed(*file.source);
         return std::move(table_);
     }
 
@@ -122,16 +123,19 @@ private:
         const std::uint64_t rows = std::accumulate(
             outcomes.begin(), outcomes.end(), std::uint64_t{0},
             [](std::uint64_t sum, const chunk_outcome &o) { return sum + o.records; });
-        // Columns of an earlier pass have that pass's rows.
-        if (passes_++ > 0 && rows != table_.rows)
-            fail_changed();
-        table_.rows = rows;
-        table_.file_rows.assign(files_.size(), 0);
+        std::vector<std::uint64_t> file_rows(files_.size());
         for (std::size_t i = 0, file = 0; i < outcomes.size(); ++i) {
             while (files_[file].source != chunks_[i].source)
                 ++file;
-            table_.file_rows[file] += outcomes[i].records;
+            file_rows[file] += outcomes[i].records;
         }
+        // Columns of an earlier pass have that pass's rows.
+        for (std::size_t file = 0; passes_ > 0 && file < files_.size(); ++file)
+            if (file_rows[file] != table_.file_rows[file])
+                fail_changed(*files_[file].source);
+        ++passes_;
+        table_.rows = rows;
+        table_.file_rows = std::move(file_rows);
         std::vector<std::size_t> too_narrow;
         for (const std::size_t i : columns) {
             // A type that was planned for want of a value counts only where a cell is of it.
@@ -154,7 +158,9 @@ private:
         return too_narrow;
     }
 
-    [[noreturn]] void fail_changed() const { throw std::runtime_error(describe_change(source_)); }
+    [[noreturn]] static void fail_changed(const source_text &source) {
+        throw std::runtime_error(describe_change(source));
+    }
 
     void make_room(std::size_t i) {
         column_target &target = plan_[i];
@@ -185,13 +191,14 @@ private:
 
     chunk_outcome read_one(std::size_t i) {
         const file_chunk &chunk = chunks_[i];
-        chunk_outcome outcome = read_chunk(chunk.source->text(), chunk,
-                                           {request_.dialect, request_.missing, request_.format,
-                                            request_.ragged, request_.filter.get()},
-                                           plan_, first_rows_[i]);
+        chunk_outcome outcome =
+            read_chunk(chunk.source->text(), chunk,
+                       {request_.dialect, request_.missing, request_.format, request_.ragged,
+                        request_.filter.get(), chunk.source->name()},
+                       plan_, first_rows_[i]);
         // Chunks before this one still run, so the file's first fault is the one that is told.
         if (outcome.fault && outcome.fault->what == load_fault::kind::changed)
-            fail_changed();
+            fail_changed(*chunk.source);
         if (outcome.fault)
             throw user_error(
                 describe(*outcome.fault, *chunk.source, header_, request_.dialect, chunk));

@@ -1,11 +1,13 @@
 // Files that somebody writes to while they are read.
 #include "runner/chunk_reader.h"
 #include "runner/source_text.h"
+#include "runner/table_loader.h"
 
 #include "temporary_file.h"
 
 #include <chrono>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,6 +51,28 @@ TEST(ChangingFile, ChangesAreNoticedAndGrowthIsNot) {
     const source_text cut(file.path());
     ASSERT_EQ(::truncate(file.path().c_str(), 2), 0);
     EXPECT_TRUE(cut.was_changed());
+}
+
+// Each of several files, and the one that was written to is named.
+TEST(ChangingFile, AnyOfSeveralFiles) {
+    const temporary_file first("x\n1\n2\n");
+    const temporary_file second("x\n3\n4\n");
+    for (const temporary_file *const changed : {&first, &second}) {
+        const source_text one(first.path());
+        const source_text other(second.path());
+        const csv_header header{{"x"}, 2, 1};
+        const load_request request{
+            .dialect = {}, .wanted = {true}, .forced = {}, .further = {{&other, 2}}};
+        EXPECT_EQ(load_table(one, header, request).rows, 4U);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::fstream(changed->path(), std::ios::in | std::ios::out) << "x\n5";
+        try {
+            load_table(one, header, request);
+            FAIL() << changed->path();
+        } catch (const std::runtime_error &error) {
+            EXPECT_TRUE(std::string(error.what()).starts_with(changed->path())) << error.what();
+        }
+    }
 }
 
 } // namespace

@@ -30,6 +30,23 @@ TEST(Command, SeveralFiles) {
               first.path() + ",3\n" + second.path() + ",2.5\n");
     EXPECT_EQ(about({"-g", "file", "-a", "sum(x)", "--file-column", "file", "-w", "k = 'a'"}),
               first.path() + ",1\n" + second.path() + ",2.5\n");
+    // Its name is a column like others, in conditions and definitions, too.
+    const std::string last = "file like '%part2.csv'";
+    EXPECT_EQ(about({"-a", "sum(x)", "--file-column", "file", "-w", last}), "2.5\n");
+    EXPECT_EQ(about({"-a", "sum(x)", "--file-column", "file", "-w", "not " + last + " and x > 1"}),
+              "2\n");
+    EXPECT_EQ(about({"-a", "sum(x)", "--file-column", "file", "--let", "second = " + last, "-w",
+                     "second"}),
+              "2.5\n");
+    EXPECT_EQ(about({"-g", "second", "-a", "sum(x)", "--file-column", "file", "--let",
+                     "second = " + last}),
+              "false,3\ntrue,2.5\n");
+    EXPECT_EQ(asked({first.path(), "-a", "sum(x)", "--file-column", "f", "-w",
+                     "f = '" + first.path() + "'"}),
+              "3\n");
+    EXPECT_TRUE(
+        holds(about({"-a", "sum(x)", "--file-column", "file", "-w", "file > 5"}),
+              first.path() + ":2: --where: the file's name: '" + first.path() + "' is no number"));
     EXPECT_TRUE(
         holds(about({"-a", "sum(x)", "--file-column", "k"}), "there is a column 'k' already"));
     EXPECT_EQ(asked({first.path(), "-", "-a", "sum(x)"}, "k,x\nc,10\n"), "13\n");
@@ -38,6 +55,12 @@ TEST(Command, SeveralFiles) {
     const std::string &name = first.path();
     const std::string own = name.substr(0, name.size() - 9) + "?art1.csv";
     EXPECT_EQ(asked({own, "-a", "sum(x)"}), "3\n");
+    // What is in them all.
+    EXPECT_EQ(asked({"schema", own, second.path()}), "1,k,str,0,a\n2,x,dbl,0,1\n");
+    EXPECT_TRUE(asked({"summary", own, second.path(), "-w", "x > 1"}).starts_with("k,str,0,2,a,"));
+    EXPECT_TRUE(holds(asked({"summary", first.path(), second.path(), "--file-column", "f"}),
+                      "\nf,str,0,2," + std::min(first.path(), second.path())));
+    EXPECT_TRUE(holds(asked({"union", own, "k", "x", second.path()}), "two columns of one file"));
     EXPECT_TRUE(holds(asked({own + "7*", "-a", "sum(x)"}), "no file is called so"));
     // Faults are told with the file that they are in.
     const temporary_file wrong("k,x\n\nc,4\nd\n");
