@@ -27,6 +27,10 @@ if(VASK_HOSTILE)
   target_compile_definitions(vask_build_flags INTERFACE VASK_HOSTILE)
 endif()
 
+if(VASK_BASELINE_ONLY)
+  target_compile_definitions(vask_build_flags INTERFACE VASK_BASELINE_ONLY)
+endif()
+
 if(VASK_SANITIZE)
   target_compile_options(vask_build_flags INTERFACE
     -fsanitize=${VASK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

@@ -22,7 +22,7 @@ void limit_instruction_set(instruction_set limit) noexcept;
 //! The set that with_best_instruction_set() uses. Safe from any thread.
 instruction_set best_instruction_set() noexcept;
 
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(VASK_BASELINE_ONLY)
 
 // Neither wrapper names fma: contraction is switched off for the whole build,
 // because a fused multiply-add rounds differently from the two operations.
