@@ -73,7 +73,7 @@ struct written_time {
  */
 std::optional<written_time> read_time(std::string_view cell, const date_format &dates = {});
 
-inline constexpr lng microseconds_of_day = 24 * 3600 * lng{1'000'000};
+inline constexpr lng microseconds_of_day = lng{24} * 3600 * lng{1'000'000};
 
 inline bool is_midnight(lng microseconds) {
     return microseconds % microseconds_of_day == 0;

@@ -60,7 +60,7 @@ void read_command_line(const std::string &text) {
     fuzz::require(needed.size() == all.names.size(), "columns that the file does not have");
     if (request->where)
         const row_filter filter(*request->where, [&](const std::string &name) {
-            return derived.in_condition(name, all, source(), header().names.size());
+            return derived.in_condition(name, all, source(), header().names.size(), std::nullopt);
         });
 }
 
