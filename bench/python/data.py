@@ -39,12 +39,12 @@ class KeySource:
         return drawn if self.first is None else np.where(self.first, 0, drawn)
 
 
-def make_table(rows: int, k: int, shape: str = "plain") -> pa.Table:
+def make_table(rows: int, k: int, shape: str = "plain", without: tuple[str, ...] = ()) -> pa.Table:
     """The shape of the public group-by benchmark, and a key with a group for each row."""
     rng = np.random.default_rng(108)
     keys = KeySource(rng, rows, shape)
     many = max(rows // k, 1)
-    numbers = [keys.draw(values) for values in (k, k, many, k, k, many)]
+    numbers = [keys.draw(values).astype("i4") for values in (k, k, many, k, k, many)]
     if shape in ("sorted", "reversed"):
         order = np.lexsort(numbers[::-1])
         order = order[::-1] if shape == "reversed" else order
@@ -60,12 +60,15 @@ def make_table(rows: int, k: int, shape: str = "plain") -> pa.Table:
         "v1": rng.integers(1, 6, rows).astype("i4"),
         "v2": rng.integers(1, 16, rows).astype("i4"),
         "v3": np.round(rng.uniform(0, 100, rows), 4),
-        "row": rng.permutation(rows).astype("i4"),
     }
+    if "row" not in without:
+        columns["row"] = rng.permutation(rows).astype("i4")
     arrays = {name: pa.array(values) for name, values in columns.items()}
     if shape == "missing":
         arrays = {
             name: pc.if_else(pa.array(rng.random(rows) < MISSING), None, values)
             for name, values in arrays.items()
         }
-    return pa.table(arrays).combine_chunks()
+    return (
+        pa.table(arrays).combine_chunks().drop_columns([name for name in without if name in arrays])
+    )
