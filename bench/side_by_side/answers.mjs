@@ -28,6 +28,25 @@ const finiteSum = {
     },
 };
 
+// The same of an answer that a command wrote: lines of the keys, then the results, after a header.
+export function digestLines(text, keys, results) {
+    const found = new Map();
+    for (const line of text.trimEnd().split("\n").slice(1)) {
+        const cells = line.split(",");
+        const codes = keys.map((key, i) => Number(isText(key) ? cells[i].slice(2) : cells[i]));
+        const bin = codes.reduce((sum, code, i) => sum + code * keyBase ** i, 0) % bins;
+        if (!found.has(bin)) found.set(bin, [bin, 0, ...Array(2 * results).fill(0)]);
+        const row = found.get(bin);
+        ++row[1];
+        for (let i = 0; i < results; ++i) {
+            if (cells[keys.length + i] === "") continue;
+            ++row[2 + 2 * i];
+            row[3 + 2 * i] += Number(cells[keys.length + i]);
+        }
+    }
+    return [...found.values()].sort((a, b) => a[0] - b[0]);
+}
+
 // The statement that summarises the table `answer`, of the keys and of columns r0, r1, ...
 export function checkStatement(dialect, keys, results) {
     const code = keys.map((key, i) => `${numberInKey[dialect](key)} * ${keyBase ** i}`).join(" + ");

@@ -56,9 +56,10 @@ function drawPanel(title, entries, ourName, top) {
 }
 
 export function drawChart(results) {
-    const { operators, commands } = results.found;
+    const { operators, files, commands } = results.found;
     const panels = [
         ["Operators, data in memory", Object.values(operators), "ours"],
+        ["vask beside systems that run already, reading the same rows from a CSV file", Object.values(files), "vask"],
         [`Commands, reading a CSV file of ${results.data.commandsRows.toExponential(0).replace("+", "")} rows`, Object.values(commands), "vask"],
     ];
     const parts = [

@@ -13,6 +13,11 @@ for (const [name, value] of Object.entries({
 }))
     session.query(`SET ${name} = ${value}`);
 
+const rowsOf = (file, types) => {
+    const read = columnNames.map((name) => `${name} ${sqlType(types, name)}`);
+    return `SELECT * FROM file('${file}', 'CSVWithNames', '${read}')`;
+};
+
 await serve({
     async load({ file, oddTo, missing }) {
         const nullable = (type) => (missing ? `Nullable(${type})` : type);
@@ -27,12 +32,16 @@ await serve({
                 ? `${name} LowCardinality(${types.text})`
                 : `${name} ${sqlType(types, name)}`,
         );
-        const read = columnNames.map((name) => `${name} ${sqlType(types, name)}`);
         session.query(`CREATE TABLE x (${stored}) ENGINE = Memory`);
-        session.query(`INSERT INTO x SELECT * FROM file('${file}', 'CSVWithNames', '${read}')`);
+        session.query(`INSERT INTO x ${rowsOf(file, types)}`);
         session.query("CREATE TABLE odd (n Int32) ENGINE = Memory");
         session.query(`INSERT INTO odd SELECT number * 2 + 1 FROM numbers(intDiv(${oddTo} + 1, 2))`);
         return { rows: Number(session.query("SELECT count() FROM x", "TSV")) };
+    },
+    async view({ file }) {
+        const types = { text: "String", integer: "Int32", decimal: "Float64" };
+        session.query(`CREATE VIEW x AS ${rowsOf(file, types)}`);
+        return {};
     },
     async release() {
         session.query("SYSTEM JEMALLOC PURGE");

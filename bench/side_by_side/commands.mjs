@@ -56,16 +56,18 @@ function parse(text, keys, hasHeader) {
     return new Map(
         lines.map((line) => {
             const cells = line.split(",");
-            return [cells.slice(0, keys).join(","), cells.slice(keys).map(Number)];
+            return [cells.slice(0, keys).join(","), cells.slice(keys).map((cell) => (cell === "" ? NaN : Number(cell)))];
         }),
     );
 }
+
+const same = (a, b) => near(a, b) || (Number.isNaN(a) && Number.isNaN(b));
 
 function compare(a, b) {
     if (a.size !== b.size) return `${a.size} groups against ${b.size}`;
     for (const [key, values] of a) {
         const others = b.get(key);
-        if (others?.length !== values.length || !values.every((v, i) => near(v, others[i])))
+        if (others?.length !== values.length || !values.every((v, i) => same(v, others[i])))
             return `${key}: ${values} against ${others}`;
     }
     return undefined;

@@ -9,6 +9,11 @@ const connection = await instance.connect();
 // Without it, results need not keep the order of the rows: faster.
 await connection.run("SET preserve_insertion_order = false");
 
+function rowsOf(file) {
+    const columns = columnNames.map((name) => `'${name}': '${sqlType(types, name)}'`);
+    return `SELECT * FROM read_csv('${file}', header = true, columns = {${columns}})`;
+}
+
 // A type of the texts that a column holds: its values become numbers.
 async function makeEnums(columns) {
     for (const column of columns) {
@@ -21,16 +26,17 @@ async function makeEnums(columns) {
 
 await serve({
     async load({ file, oddTo, enums }) {
-        const columns = columnNames.map((name) => `'${name}': '${sqlType(types, name)}'`);
-        await connection.run(
-            `CREATE TABLE x AS SELECT * FROM read_csv('${file}', header = true, columns = {${columns}})`,
-        );
+        await connection.run(`CREATE TABLE x AS ${rowsOf(file)}`);
         if (enums) await makeEnums(["id1", "id2"]);
         await connection.run(
             `CREATE TABLE odd AS SELECT n::INTEGER AS n FROM range(1, ${oddTo} + 1, 2) r(n)`,
         );
         const counted = await connection.runAndReadAll("SELECT count(*)::INTEGER FROM x");
         return { rows: counted.getRows()[0][0] };
+    },
+    async view({ file }) {
+        await connection.run(`CREATE VIEW x AS ${rowsOf(file)}`);
+        return {};
     },
     // It has no statement for that.
     async release() {

@@ -3,9 +3,10 @@ import { parseArgs } from "node:util";
 
 const usage = `scripts/bench [options]
   --rows N[,N...]      rows of the data (1e7); several: our time against rows, without peers
-  --values K           values of id1, id2, id4, id5 (100)
+  --values K[,K...]    values of id1, id2, id4, id5, one comparison for each (100,10,2)
   --sorted             rows in the order of id1 to id6
   --missing PERCENT    share of missing cells (0)
+  --no-files           leave out the cases that read the file
   --case ID[,ID...]    only these; they take their places in the results that are there
   --scaling            our time on 1 and 2 threads, without peers
   --enums              DuckDB keeps id1, id2 by number, as a type made from their values
@@ -22,7 +23,7 @@ export function readOptions() {
             build: text("build/bench"),
             out: text("build/side_by_side"),
             rows: text("1e7"),
-            values: text("100"),
+            values: text("100,10,2"),
             missing: text("0"),
             repetitions: text("5"),
             "commands-rows": text("1e6"),
@@ -30,6 +31,7 @@ export function readOptions() {
             sorted: flag,
             scaling: flag,
             enums: flag,
+            "no-files": flag,
             list: flag,
             help: flag,
         },
@@ -41,7 +43,7 @@ export function readOptions() {
     return {
         ...values,
         rows: values.rows.split(",").map(Number),
-        values: Number(values.values),
+        values: values.values.split(",").map(Number),
         missing: Number(values.missing),
         repetitions: Number(values.repetitions),
         commandsRows: Number(values["commands-rows"]),

@@ -8,6 +8,7 @@ import { join } from "node:path";
 import { tolerance } from "./answers.mjs";
 import { cases } from "./cases.mjs";
 import { drawChart } from "./chart.mjs";
+import { fileCases } from "./files.mjs";
 import { commandCases } from "./commands.mjs";
 import { dataName, threads } from "./systems.mjs";
 
@@ -16,13 +17,13 @@ const round = (x) => Number(x.toPrecision(4));
 export class Report {
     #base;
     #results;
-    #found = { operators: {}, commands: {} };
+    #found = { operators: {}, files: {}, commands: {} };
 
     constructor(options) {
         const enums = options.enums ? "_enums" : "";
         this.#base = join(options.out, dataName(options, options.rows[0]) + enums);
         const old = options.case.length && existsSync(`${this.#base}.json`);
-        if (old) this.#found = JSON.parse(readFileSync(`${this.#base}.json`, "utf8")).found;
+        if (old) Object.assign(this.#found, JSON.parse(readFileSync(`${this.#base}.json`, "utf8")).found);
         const { rows, values, missing, sorted, enums: byNumber, commandsRows } = options;
         this.#results = {
             machine: `${cpus()[0].model}, ${cpus().length} cores, ${Math.round(totalmem() / 2 ** 30)} GiB`,
@@ -52,7 +53,7 @@ export class Report {
     }
 
     write() {
-        const order = [...cases, ...commandCases].map(({ id }) => id);
+        const order = [...cases, ...fileCases, ...commandCases].map(({ id }) => id);
         for (const [kind, entries] of Object.entries(this.#found))
             this.#found[kind] = Object.fromEntries(
                 order.filter((id) => entries[id]).map((id) => [id, entries[id]]),

@@ -49,12 +49,14 @@ export async function startOurs(options, rows) {
     return { name: "ours", worker, loadedMib, request };
 }
 
-export async function startPeers(options, rows) {
+// The peers with the data loaded, or reading the file anew in each case.
+export async function startPeers(options, rows, fromFile = false) {
     const peers = [];
     for (const name of ["DuckDB", "ClickHouse"]) {
         const dialect = name.toLowerCase();
         const worker = new Worker(process.execPath, [join(here, `${dialect}.mjs`)]);
-        const loadedMib = await load(name, worker, options, rows);
+        if (fromFile) await worker.ask({ view: { file: dataFile(options, rows) } });
+        const loadedMib = fromFile ? worker.residentMib() : await load(name, worker, options, rows);
         const request = (c) => ({
             run: {
                 sql: statement(dialect, c),
