@@ -32,8 +32,7 @@ struct row_range {
     row_position malformed_row = 0;
 };
 
-// ---- rows to numbers of their range's texts
-// ------------------------------------------------------
+// ---- rows to numbers of their range's texts ----------------------------------------------------
 
 //! What a range writes: the number of a row's text plus the bias, in 32 bits.
 struct written_codes {
@@ -165,8 +164,7 @@ void encode_range(std::span<const text_chunk> chunks, const std::vector<row_posi
     }
 }
 
-// ---- the ranges' texts to codes
-// --------------------------------------------------------------------
+// ---- the ranges' texts to codes ----------------------------------------------------------------
 
 //! Where an earlier range has a range's text. Word 0: nowhere.
 struct first_place {
