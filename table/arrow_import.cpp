@@ -104,8 +104,9 @@ piece piece_of(const ArrowArray &array, const column_type &type, std::int64_t of
     }
     if (rule.buffers == 0)
         return result;
-    result.validity =
-        array.null_count == 0 ? nullptr : static_cast<const std::uint8_t *>(array.buffers[0]);
+    result.nulls = {array.null_count, static_cast<const std::uint8_t *>(array.buffers[0]),
+                    array.offset, array.length};
+    result.validity = array.null_count == 0 ? nullptr : result.nulls.bits;
     result.values = array.buffers[1];
     // Offsets of no rows may be missing.
     require(result.values != nullptr || rows == 0, name, "a buffer is null");

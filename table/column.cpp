@@ -5,6 +5,7 @@
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
+#include "table/validation.h"
 #include "table/validity.h"
 
 #include <algorithm>
@@ -26,18 +27,6 @@ using refkernel::bat;
 using refkernel::nil_of;
 
 // ---- where values lie ---------------------------------------------------------------------------
-
-bool is_value(const piece &p, std::int64_t row) {
-    if (p.validity == nullptr)
-        return true;
-    const std::int64_t bit = p.offset + row;
-    return ((p.validity[bit >> 3] >> (bit & 7)) & 1) != 0;
-}
-
-template <class T>
-const T *values_of(const piece &p) {
-    return static_cast<const T *>(p.values) + p.offset;
-}
 
 // Where the rows of each piece begin, and their number at the end.
 std::vector<std::size_t> first_rows(const std::vector<piece> &pieces) {
@@ -81,19 +70,6 @@ struct owned_array {
     std::vector<std::byte> values;
     std::vector<std::uint8_t> validity;
 };
-
-// The entry of a dictionary that a row names. Throws for one that is not there.
-template <class Index>
-std::int64_t entry_of(const Index *indices, std::int64_t row, std::int64_t entries,
-                      const std::string &name) {
-    const Index index = indices[row];
-    if (!std::in_range<std::int64_t>(index) || static_cast<std::int64_t>(index) < 0 ||
-        static_cast<std::int64_t>(index) >= entries)
-        fail(VASK_BAD_DATA,
-             "column '{}': row {} of a batch has the dictionary index {} of {} entries",
-             shown(name), row, index, entries);
-    return static_cast<std::int64_t>(index);
-}
 
 // A plain array with what the indices stand for.
 piece looked_up(const piece &p, const value_type &type, const std::string &name) {
@@ -461,41 +437,6 @@ void check_offsets(const piece &p, const std::string &name) {
         fail(VASK_BAD_DATA, "column '{}': the first offset of a batch is negative", shown(name));
     if (p.bytes == nullptr && offsets[p.rows] != offsets[0])
         fail(VASK_BAD_DATA, "column '{}': the buffer of its texts is missing", shown(name));
-}
-
-void check_views(const piece &p, const std::string &name) {
-    struct text_view {
-        std::int32_t length;
-        char prefix[4];
-        std::int32_t buffer;
-        std::int32_t offset;
-    };
-    const auto *const views = values_of<text_view>(p);
-    constexpr std::int32_t longest_in_view = 12;
-    constexpr std::int64_t none = std::numeric_limits<std::int64_t>::max();
-    std::atomic<std::int64_t> bad{none};
-    for_rows(static_cast<std::size_t>(p.rows), [&](std::size_t begin, std::size_t end) {
-        for (auto row = static_cast<std::int64_t>(begin); row < static_cast<std::int64_t>(end);
-             ++row) {
-            const text_view &view = views[row];
-            const bool is_bad =
-                view.length < 0 ||
-                (view.length > longest_in_view &&
-                 (view.buffer < 0 || view.buffer >= p.n_view_buffers || view.offset < 0 ||
-                  p.view_buffers[view.buffer] == nullptr ||
-                  std::int64_t{view.offset} + view.length > p.view_sizes[view.buffer]));
-            if (is_bad && is_value(p, row)) {
-                std::int64_t first = bad.load(std::memory_order_relaxed);
-                while (row < first &&
-                       !bad.compare_exchange_weak(first, row, std::memory_order_relaxed)) {
-                }
-                return;
-            }
-        }
-    });
-    if (bad != none)
-        fail(VASK_BAD_DATA, "column '{}': the view of row {} of a batch leaves its buffers",
-             shown(name), bad.load());
 }
 
 // Of an array that was checked.
@@ -949,6 +890,15 @@ value_bounds column::bounds(const teller &tell) const {
     if (!bounds_)
         bounds_ = bounds_of(all.values);
     return *bounds_;
+}
+
+void column::validate() const {
+    const std::scoped_lock lock(making_);
+    if (validated_)
+        return;
+    for (const piece &p : pieces_)
+        vask::table::validate(p, type_, name_);
+    validated_ = true;
 }
 
 std::uint64_t column::missing(bool nan_missing, const teller &tell) const {

@@ -1,6 +1,7 @@
 // A column of a table: where its values lie, and the forms in which operators take them.
 #pragma once
 
+#include "table/piece.h"
 #include "table/text_encoder.h"
 #include "table/value_type.h"
 
@@ -18,24 +19,6 @@
 #include <vector>
 
 namespace vask::table {
-
-//! Rows of one array, read from position `offset` on.
-struct piece {
-    std::int64_t rows = 0;
-    std::int64_t offset = 0;
-    const std::uint8_t *validity = nullptr; //!< 1 bits are values, from bit `offset` on; null: all
-    const void *values = nullptr;           //!< values, bits, offsets or views
-    char text_format = 0;                   //!< of texts: the Arrow format's last letter, or v
-    const char *bytes = nullptr;            //!< of texts by offsets
-    const void *const *view_buffers = nullptr;
-    const std::int64_t *view_sizes = nullptr; //!< bytes of each of them
-    std::int64_t n_view_buffers = 0;
-    std::shared_ptr<const void> owner; //!< keeps all of it
-
-    //! An array of indices into others.
-    kind index = kind::null;
-    std::shared_ptr<const piece> dictionary;
-};
 
 //! Least and greatest of integers.
 struct value_bounds {
@@ -123,6 +106,9 @@ public:
 
     std::uint64_t missing(bool nan_missing, const teller &tell) const;
 
+    //! Checks all that the Arrow format lets one check, once. Throws table_error.
+    void validate() const;
+
 private:
     numbers make_numbers(const teller &tell) const;
     numbers without_nan(const numbers &all) const;
@@ -143,6 +129,7 @@ private:
     mutable std::unique_ptr<texts> texts_;
     mutable std::array<std::unique_ptr<const std::vector<refkernel::bat>>, 2> keys_;
     mutable std::optional<value_bounds> bounds_;
+    mutable bool validated_ = false;
 };
 
 } // namespace vask::table

@@ -118,7 +118,8 @@ const column_pointer &find_column(const vask_table &table, const char *name,
 // ---- queries ------------------------------------------------------------------------------------
 
 constexpr unsigned known_flags = VASK_KEEP_NULLS | VASK_NAN_IS_NULL | VASK_WIDE_SUMS |
-                                 VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS | VASK_NAN_KEY_IS_NULL;
+                                 VASK_SORT_GROUPS | VASK_DROP_NULL_KEYS | VASK_NAN_KEY_IS_NULL |
+                                 VASK_VALIDATE;
 
 void check_flags(unsigned flags) {
     if ((flags & ~known_flags) != 0)
@@ -173,6 +174,12 @@ std::vector<column_pointer> keys_of(const vask_table &table, const char *const *
     return keys;
 }
 
+// Before any of them is read for the call.
+void validate(const std::vector<column_pointer> &columns) {
+    for (const column_pointer &each : columns)
+        each->validate();
+}
+
 query bound(const vask_table &table, const vask_query &asked) {
     query result;
     result.flags = asked.flags;
@@ -198,6 +205,11 @@ query bound(const vask_table &table, const vask_query &asked) {
     }
     if (result.by.empty() && result.functions.empty())
         fail(VASK_BAD_REQUEST, "nothing to compute: the query has neither keys nor aggregates");
+    if ((asked.flags & VASK_VALIDATE) != 0) {
+        validate(result.by);
+        for (const asked_function &each : result.functions)
+            validate(each.columns);
+    }
     return result;
 }
 
@@ -381,6 +393,8 @@ int vask_merge(const vask_table *const *states, std::size_t n_states, const vask
         for (std::size_t i = 0; i < n_states; ++i) {
             const vask_table &part = required(states[i], "states");
             asked.parts.push_back({part.columns, rows_of(part)});
+            if ((own.flags & VASK_VALIDATE) != 0)
+                validate(part.columns);
         }
         for (std::size_t i = 0; i < own.n_by; ++i)
             asked.by.emplace_back(&required(own.by[i], "by"));
@@ -407,6 +421,8 @@ int vask_group_codes(const vask_table *table, const char *const *by, std::size_t
         asked.by = keys_of(required(table, "table"), by, n_by);
         if (asked.by.empty())
             fail(VASK_BAD_REQUEST, "group codes need at least one key");
+        if ((flags & VASK_VALIDATE) != 0)
+            validate(asked.by);
         const std::int64_t rows = rows_of(*table);
         if (rows > 0)
             required(codes, "codes");

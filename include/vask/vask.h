@@ -141,7 +141,13 @@ enum vask_flag {
     /* Rows with a null among their keys are left out. */
     VASK_DROP_NULL_KEYS = 16,
     /* A NaN counts as null in keys, and stays a value elsewhere. */
-    VASK_NAN_KEY_IS_NULL = 32
+    VASK_NAN_KEY_IS_NULL = 32,
+    /* The columns that the call reads are checked in full before: that texts are UTF-8,
+     * offsets under nulls too, dictionary indices and all entries, the bytes that views
+     * repeat, the number of nulls against the bits. A fault is VASK_BAD_DATA with its
+     * row. Without the flag no check is left out that keeps reads within what the arrays
+     * say they have, and texts are bytes of any kind. */
+    VASK_VALIDATE = 64
 };
 
 /* ---- tables ------------------------------------------------------------------ */

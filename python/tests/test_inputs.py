@@ -242,3 +242,21 @@ def test_nothing_is_kept():
     del table, result, column, back
     gc.collect()
     assert (len(_memory._lent), len(_arrow._owned), pa.total_allocated_bytes()) == before
+
+
+def test_arrow_data_are_checked_in_full_on_request():
+    offsets = pa.py_buffer(np.array([0, 1, 2, 3], "i4"))
+    spoilt = pa.Array.from_buffers(pa.string(), 3, [None, offsets, pa.py_buffer(b"a\xffb")])
+    table = pa.table({"k": spoilt, "v": [1, 2, 3]})
+    assert vask.aggregate(table, n=("k", "count")).to_pydict() == {"n": [3]}
+    assert vask.aggregate(table, n=("v", "sum"), validate=True).to_pydict() == {"n": [6]}
+    for read in (
+        lambda: vask.aggregate(table, n=("k", "count"), validate=True),
+        lambda: vask.aggregate(table, "k", n=("v", "sum"), validate=True),
+        lambda: vask.group_by(table, "k", validate=True).sum("v"),
+        lambda: vask.group_by(table, "k", validate=True).codes,
+    ):
+        with pytest.raises(vask.DataError, match="'k': row 1 of a batch is no UTF-8"):
+            read()
+    with pytest.raises(vask.InvalidTypeError, match="validate is True or False"):
+        vask.aggregate(table, "k", validate=1)

@@ -167,11 +167,24 @@ public:
         for (const unsigned flag : {VASK_KEEP_NULLS, VASK_NAN_IS_NULL, VASK_WIDE_SUMS,
                                     VASK_SORT_GROUPS, VASK_DROP_NULL_KEYS})
             made.flags |= one_in(3) ? flag : 0U;
+        // Nothing else is at fault in any layout.
+        if (one_in(3) && is_utf8(of))
+            made.flags |= VASK_VALIDATE;
         made.partitions = static_cast<int>(one_of<std::uint64_t>({0, 0, 0, 1, 3}));
         return made;
     }
 
 private:
+    // Of the texts that are drawn one is not.
+    static bool is_utf8(const table_data &of) {
+        for (const column_data &column : of.columns)
+            for (const cell &value : column.values)
+                if (column.format.back() == 'u' || column.format.back() == 'U')
+                    if (value.text.find('\xff') != value.text.npos)
+                        return false;
+        return true;
+    }
+
     static bool goes(const table_data &of, const wanted &each) {
         asked_query alone;
         alone.functions = {each};

@@ -337,6 +337,110 @@ TEST(Malformed, ArraysAreRefusedAndReleasedOnce) {
     }
 }
 
+// ---- full validation ----------------------------------------------------------------------------
+
+// What a query says with and without VASK_VALIDATE about rows of one batch, perhaps spoilt.
+void expect_found_by_validation(const column_data &values, const array_layout &how,
+                                const std::function<void(ArrowArray &column)> &spoil,
+                                const std::string &part_of_text) {
+    SCOPED_TRACE(values.format + ": " + part_of_text);
+    for (const bool by_codes : {false, true})
+        for (const unsigned flags : {0U, static_cast<unsigned>(VASK_VALIDATE)}) {
+            ledger counted;
+            outcome told;
+            const table_pointer table =
+                import_stream(make_stream(counted, {{values}}, {{how}, {}},
+                                          [&](ArrowArray &batch) { spoil(*batch.children[0]); }),
+                              &told);
+            ASSERT_NE(table, nullptr) << told.text;
+            if (by_codes) {
+                const char *const by[] = {"v"};
+                std::vector<std::int32_t> codes(values.values.size());
+                std::int64_t groups = 0;
+                told.code =
+                    vask_group_codes(table.get(), by, 1, flags, codes.data(), &groups, nullptr);
+            } else {
+                result_pointer result;
+                told = run(table.get(), {{}, {of("count")}, flags, 0}, result);
+                if (flags != 0) {
+                    EXPECT_NE(told.text.find(part_of_text), std::string::npos) << told.text;
+                }
+            }
+            EXPECT_EQ(told.code, flags == 0 || part_of_text.empty() ? VASK_OK : VASK_BAD_DATA);
+        }
+}
+
+TEST(Validation, FindsTextsThatAreNoUtf8) {
+    const auto nothing = [](ArrowArray &) {};
+    const auto column = [](const char *format, const std::string &text) {
+        column_data made{"v", format, words({"a", "some longer text of plain bytes"})};
+        made.values.push_back(cell::null());
+        made.values.push_back(cell::of_text(text));
+        return made;
+    };
+    const std::string ahead[] = {"", "eight by", "as long as a view's own bytes"};
+    // On both sides of each bound of the encoding.
+    for (const char *const bad :
+         {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xc2", "\xc2\x7f", "\xdf\xc0", "\xe0\x9f\xbf",
+          "\xe1\x80", "\xe1\x80\x7f", "\xe1\x80\xc0", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+          "\xf0\x90\x80", "\xf1\x80\x80\x41", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff"})
+        for (const std::string &before : ahead) {
+            for (const char *const format : {"u", "U", "vu"})
+                expect_found_by_validation(column(format, before + bad), {.offset = 3}, nothing,
+                                           "'v': row 3 of a batch is no UTF-8");
+            for (const char *const format : {"z", "Z", "vz"})
+                expect_found_by_validation(column(format, before + bad), {}, nothing, "");
+        }
+    for (const char *const good :
+         {"", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+          "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf3\xbf\xbf\xbf", "\xf4\x8f\xbf\xbf"})
+        for (const std::string &before : ahead)
+            for (const char *const format : {"u", "U", "vu"}) {
+                expect_found_by_validation(column(format, before + good), {}, nothing, "");
+                expect_found_by_validation(column(format, good + before), {.dictionary = true},
+                                           nothing, "");
+            }
+}
+
+TEST(Validation, FindsWhatNoReadMeets) {
+    column_data texts{"v", "u", words({"a", "b", "c"})};
+    texts.values.insert(texts.values.end(), 2, cell::null());
+    texts.values.push_back(cell::of_text("a text that is longer than a view"));
+    column_data numbers{"v", "i", {cell::of(1), cell::null(), cell::of(3)}};
+
+    // Between two nulls.
+    for (const int place : {0, 1 << 20})
+        expect_found_by_validation(
+            texts, {.offset = 2}, [&](ArrowArray &of) { set<std::int32_t>(of, 1, 2 + 4, place); },
+            place == 0 ? "'v': the offsets of row 3 " : "'v': the offsets of row 4 ");
+    // Of as many nulls as there are, and where a bitmap would be.
+    for (column_data *const column : {&texts, &numbers}) {
+        expect_found_by_validation(
+            *column, {.offset = 1}, [](ArrowArray &of) { of.null_count += 1; }, "nulls and has");
+        expect_found_by_validation(
+            *column, {.offset = 1}, [](ArrowArray &of) { of.null_count = 0; }, "to have 0 nulls");
+        expect_found_by_validation(
+            *column, {}, [](ArrowArray &of) { of.buffers[0] = nullptr; }, "nulls and has 0");
+        expect_found_by_validation(
+            *column, {.count_nulls = false}, [](ArrowArray &) {}, "");
+    }
+    texts.format = "vu";
+    const std::string other = "'v': the view of row 5 of a batch has other bytes";
+    expect_found_by_validation(
+        texts, {}, [](ArrowArray &of) { set<char>(of, 1, 16 * 5 + 7, '!'); }, other);
+    expect_found_by_validation(
+        texts, {}, [](ArrowArray &of) { set<char>(of, 1, 16 * 0 + 15, '!'); }, "view of row 0");
+    // Entries of no row, and values of a dictionary that is not made of texts.
+    texts.format = "u";
+    expect_found_by_validation(
+        texts, {.dictionary = true},
+        [](ArrowArray &of) { set<char>(*of.dictionary, 2, 6, '\xff'); },
+        "'v': row 0 of a batch is no UTF-8");
+    expect_found_by_validation(
+        numbers, {.dictionary = true}, [](ArrowArray &of) { of.dictionary->null_count = 1; },
+        "to have 1 nulls and has 0");
+}
+
 // The offset behind a batch's last row is none of the array's last, which alone is true.
 TEST(Malformed, OffsetsBehindABatchThatIsShorterThanItsArray) {
     for (const char *const format : {"u", "U"}) {

@@ -39,6 +39,7 @@ def aggregate(
     partitions: int = 0,
     progress: Union[bool, Progress] = False,
     explain: bool = False,
+    validate: bool = False,
     **named: Spec,
 ) -> Result:
     """Aggregates the columns of a table, whole or by groups.
@@ -77,6 +78,9 @@ def aggregate(
             number of cores.
         progress: shows a bar, or calls a function with the share that is done.
         explain: prints what was copied and which ways were taken to standard error.
+        validate: checks Arrow data in full before they are read: that texts are UTF-8, offsets
+            under nulls too, all entries of dictionaries, the number of nulls. Otherwise only that
+            is checked which keeps reads within what the arrays say they have.
 
     Returns:
         A :class:`Result`: one row for each group, keys first; without ``by`` one row.
@@ -95,7 +99,18 @@ def aggregate(
     query = Query(
         source_of(data),
         column_list(by),
-        Options(dropna, skipna, nan_is_null, sort, wide_sums, ddof, partitions, progress, explain),
+        Options(
+            dropna,
+            skipna,
+            nan_is_null,
+            sort,
+            wide_sums,
+            ddof,
+            partitions,
+            progress,
+            explain,
+            validate,
+        ),
     )
     for name, spec in [*(results or {}).items(), *named.items()]:
         query.add(name, spec)
@@ -125,6 +140,7 @@ def group_by(
     partitions: int = 0,
     progress: Union[bool, Progress] = False,
     explain: bool = False,
+    validate: bool = False,
 ) -> GroupBy:
     """Groups the rows of a table, to be aggregated later.
 
@@ -143,7 +159,7 @@ def group_by(
     if not keys:
         raise InvalidValueError("name one key at least; without keys there is vask.aggregate")
     options = Options(
-        dropna, skipna, nan_is_null, sort, wide_sums, 1, partitions, progress, explain
+        dropna, skipna, nan_is_null, sort, wide_sums, 1, partitions, progress, explain, validate
     )
     return GroupBy(data, keys, options)
 

@@ -41,6 +41,7 @@ WIDE_SUMS = 4
 SORT_GROUPS = 8
 DROP_NULL_KEYS = 16
 NAN_KEY_IS_NULL = 32
+VALIDATE = 64
 
 
 class Aggregate(Structure):

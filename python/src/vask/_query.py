@@ -33,9 +33,12 @@ class Options:
     partitions: int = 0
     progress: Union[bool, Progress] = False
     explain: bool = False
+    validate: bool = False
 
     def __post_init__(self) -> None:
-        for name in ("dropna", "skipna", "nan_is_null", "sort", "wide_sums", "explain"):
+        for name in (
+            "dropna", "skipna", "nan_is_null", "sort", "wide_sums", "explain", "validate",
+        ):  # fmt: skip
             value = getattr(self, name)
             if not isinstance(value, bool):
                 hint = (
@@ -64,6 +67,8 @@ class Options:
             flags |= _library.SORT_GROUPS
         if self.dropna:
             flags |= _library.DROP_NULL_KEYS | _library.NAN_KEY_IS_NULL
+        if self.validate:
+            flags |= _library.VALIDATE
         return flags
 
 
