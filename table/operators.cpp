@@ -1,9 +1,9 @@
 #include "table/operators.h"
 
+#include "table/errors.h"
 #include "vask/refkernel/errors.h"
 
 #include <new>
-#include <stdexcept>
 #include <utility>
 
 #include <fmt/format.h>
@@ -30,9 +30,10 @@ void check(char *exception_string) {
     const refkernel::operator_failure failure = refkernel::take_exception(exception_string);
     if (failure.text.find("allocate") != std::string::npos)
         throw std::bad_alloc();
-    // Columns were checked before, so that little else is left.
-    throw std::runtime_error(fmt::format("the operator failed: {}: {}; memory may have run out",
-                                         failure.place, failure.text));
+    // Columns were checked before, so that little else is left: some operators only say that they
+    // failed where memory ran out in a task.
+    fail(VASK_NO_MEMORY, "the operator failed: {}: {}; memory may have run out", failure.place,
+         failure.text);
 }
 
 std::string nothing_told() {

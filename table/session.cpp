@@ -94,9 +94,10 @@ const std::array linked{
 
 #undef VASK_LINKED
 
-// The kernel of this library ends no process: what it cannot go on from travels as an exception.
-int throw_fatal(const char *message) {
-    throw std::runtime_error(message);
+// The kernel of this library ends no process. What it cannot go on without is memory: for the index
+// of a column's oids.
+int throw_fatal(const char *) {
+    throw std::bad_alloc();
 }
 
 struct setting_state {

@@ -3,9 +3,12 @@
 from __future__ import annotations
 
 import ctypes
+import errno
 import sys
 from ctypes import POINTER, Structure, addressof, byref, c_char_p, c_int, c_int64, c_void_p
 from typing import Any, Callable
+
+from .errors import NotEnoughMemoryError
 
 __all__ = [
     "ArrowArray",
@@ -208,12 +211,20 @@ def array_capsules(data: Any) -> tuple[object, object]:
     return capsule_of(schema, SCHEMA_CAPSULE), capsule_of(array, ARRAY_CAPSULE)
 
 
+def _stream_failure(code: int, stream: ArrowArrayStream) -> Exception:
+    text = stream_error(stream)
+    return NotEnoughMemoryError(text) if code == errno.ENOMEM else OSError(code, text)
+
+
 def stream_schema(stream: ArrowArrayStream) -> ArrowSchema:
-    """The schema of a stream, which the caller releases. OSError with the producer's text."""
+    """The schema of a stream, which the caller releases.
+
+    OSError with the producer's text, and NotEnoughMemoryError where it had no memory.
+    """
     schema = ArrowSchema()
     code = _GET_SCHEMA(stream.get_schema)(addressof(stream), addressof(schema))
     if code:
-        raise OSError(code, stream_error(stream))
+        raise _stream_failure(code, stream)
     return schema
 
 
@@ -222,7 +233,7 @@ def stream_next(stream: ArrowArrayStream) -> ArrowArray:
     array = ArrowArray()
     code = _GET_NEXT(stream.get_next)(addressof(stream), addressof(array))
     if code:
-        raise OSError(code, stream_error(stream))
+        raise _stream_failure(code, stream)
     return array
 
 
