@@ -5,6 +5,7 @@
 #include "table/errors.h"
 #include "table/kernel_column.h"
 #include "table/parallel.h"
+#include "table/text_order.h"
 #include "table/validation.h"
 #include "table/validity.h"
 
@@ -17,8 +18,6 @@
 #include <numeric>
 #include <type_traits>
 #include <utility>
-
-#include <tbb/parallel_sort.h>
 
 namespace vask::table {
 namespace {
@@ -819,16 +818,12 @@ const texts &column::as_ranked_texts(const teller &tell) const {
     if (texts_->ranks)
         return *texts_;
     texts &all = *texts_;
-    std::vector<std::int32_t> by_rank(all.words.size());
-    std::iota(by_rank.begin(), by_rank.end(), 0);
-    tbb::this_task_arena::isolate([&] {
-        tbb::parallel_sort(by_rank.begin(), by_rank.end(), [&](std::int32_t a, std::int32_t b) {
-            return all.words[static_cast<std::size_t>(a)] < all.words[static_cast<std::size_t>(b)];
-        });
-    });
+    std::vector<std::int32_t> by_rank = order_of_texts(all.words);
     std::vector<std::int32_t> rank(by_rank.size());
-    for (std::size_t i = 0; i < by_rank.size(); ++i)
-        rank[static_cast<std::size_t>(by_rank[i])] = static_cast<std::int32_t>(i);
+    for_rows(by_rank.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            rank[static_cast<std::size_t>(by_rank[i])] = static_cast<std::int32_t>(i);
+    });
     const auto codes = all.codes.values<std::int32_t>();
     fresh_column<std::int32_t> ranks(codes.size());
     for_rows(codes.size(), [&](std::size_t begin, std::size_t end) {

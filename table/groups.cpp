@@ -158,6 +158,83 @@ sort_key sort_key_of(const column &key, std::span<const oid> rows, bool nan_miss
     return result;
 }
 
+// Puts groups in the order of a single key, if its values lie close together and none comes twice:
+// then each has a slot, as ranks of texts have. Otherwise nothing is changed.
+bool place_by_key(std::vector<std::uint32_t> &groups, const sort_key &key) {
+    constexpr std::uint64_t most_slots_of_group = 4;
+    std::uint64_t least = ~std::uint64_t{0};
+    std::uint64_t greatest = 0;
+    std::vector<std::uint32_t> missing;
+    for (const std::uint32_t group : groups) {
+        if (!key.missing.empty() && key.missing[group] != 0) {
+            missing.push_back(group);
+            continue;
+        }
+        least = std::min(least, key.value[group]);
+        greatest = std::max(greatest, key.value[group]);
+    }
+    if (missing.size() > 1 || missing.size() == groups.size() ||
+        greatest - least >= most_slots_of_group * groups.size())
+        return false;
+    constexpr auto none = static_cast<std::uint32_t>(-1);
+    std::vector<std::uint32_t> slots(greatest - least + 1, none);
+    for (const std::uint32_t group : groups) {
+        if (!missing.empty() && missing.front() == group)
+            continue;
+        std::uint32_t &slot = slots[key.value[group] - least];
+        if (slot != none)
+            return false;
+        slot = group;
+    }
+    const auto end = std::copy_if(slots.begin(), slots.end(), groups.begin(),
+                                  [](std::uint32_t group) { return group != none; });
+    std::copy(missing.begin(), missing.end(), end);
+    return true;
+}
+
+// Puts groups in the order of their keys, those with the same keys in that of `earlier`. The first
+// key lies beside the group, as fetching it for each comparison took three times as long.
+template <class Earlier>
+void sort_by_keys(std::vector<std::uint32_t> &groups, std::span<const sort_key> keys,
+                  const Earlier &earlier) {
+    if (keys.size() == 1 && place_by_key(groups, keys.front()))
+        return;
+    struct record {
+        std::uint64_t value;
+        std::uint32_t group;
+        bool missing;
+    };
+    const auto is_missing = [](const sort_key &key, std::uint32_t group) {
+        return !key.missing.empty() && key.missing[group] != 0;
+    };
+    const sort_key &first = keys.front();
+    const auto less = [&](const record &a, const record &b) {
+        if (a.missing != b.missing)
+            return b.missing;
+        if (!a.missing && a.value != b.value)
+            return a.value < b.value;
+        for (const sort_key &key : keys.subspan(1)) {
+            const bool a_missing = is_missing(key, a.group);
+            const bool b_missing = is_missing(key, b.group);
+            if (a_missing != b_missing)
+                return b_missing;
+            if (!a_missing && key.value[a.group] != key.value[b.group])
+                return key.value[a.group] < key.value[b.group];
+        }
+        return earlier(a.group, b.group);
+    };
+    std::vector<record> records(groups.size());
+    for_rows(groups.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            records[i] = {first.value[groups[i]], groups[i], is_missing(first, groups[i])};
+    });
+    tbb::parallel_sort(records.begin(), records.end(), less);
+    for_rows(groups.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            groups[i] = records[i].group;
+    });
+}
+
 } // namespace
 
 groups::groups(std::int64_t rows, group_request request, const operator_set &operators,
@@ -208,20 +285,9 @@ void groups::find_order(const teller &tell) {
     const auto earlier = [&](std::uint32_t a, std::uint32_t b) {
         return first_rows_[a] < first_rows_[b];
     };
-    const auto less = [&](std::uint32_t a, std::uint32_t b) {
-        for (const sort_key &key : keys) {
-            const bool a_missing = !key.missing.empty() && key.missing[a] != 0;
-            const bool b_missing = !key.missing.empty() && key.missing[b] != 0;
-            if (a_missing != b_missing)
-                return b_missing;
-            if (!a_missing && key.value[a] != key.value[b])
-                return key.value[a] < key.value[b];
-        }
-        return earlier(a, b);
-    };
     tbb::this_task_arena::isolate([&] {
         if (request_.sorted)
-            tbb::parallel_sort(order_.begin(), order_.end(), less);
+            sort_by_keys(order_, keys, earlier);
         else if (!std::is_sorted(order_.begin(), order_.end(), earlier))
             tbb::parallel_sort(order_.begin(), order_.end(), earlier);
     });
