@@ -154,7 +154,7 @@ vask_table *spoilt(byte_source &in, const vask_result *states) {
             if (spoils && in.one_in(48) && format == "l")
                 format = in.one_of<const char *>({"g", "L", "ttu", "tsn:"});
             else if (spoils && in.one_in(48) && format == "g")
-                format = "l";
+                format.assign(1, 'l');
         }
         own.format = memory->text(format);
         own.name = memory->text(name);
