@@ -21,7 +21,11 @@ table_column contained_in(const named_column &left, const named_column &right,
     if (left_text != right_text || left_time != right_time)
         fail("--contained-in: {} is {}, and {} is {}, which do not compare{}", left.name,
              name_of(left.column.type), right.name, name_of(right.column.type),
-             left_text != right_text
+             (left_time && right_text) || (right_time && left_text)
+                 ? fmt::format(": a cell of one is no date. Give --types '{}:str' to have texts "
+                               "compared",
+                               looked_up)
+             : left_text != right_text
                  ? fmt::format(". Numbers with leading zeros count as text: if they are numbers, "
                                "give --types '{}:int', which goes for them in both files",
                                looked_up)

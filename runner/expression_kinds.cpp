@@ -165,9 +165,12 @@ private:
         if ((a == value_kind::time && may_be_time(node.right)) ||
             (b == value_kind::time && may_be_time(node.left)))
             return;
+        const bool times = (a == value_kind::time && b == value_kind::text) ||
+                           (b == value_kind::time && a == value_kind::text);
         whole_.complain(i,
-                        fmt::format("{} is {}, and {} is {}, which do not compare,",
-                                    told(node.left), words_for(a), told(node.right), words_for(b)));
+                        fmt::format("{} is {}, and {} is {}, which do not compare{},",
+                                    told(node.left), words_for(a), told(node.right), words_for(b),
+                                    times ? "; a date is written as 2024-01-31 is" : ""));
     }
 
     const expression &whole_;

@@ -78,7 +78,10 @@ table_column look_up(const options &request, const input_file &file, std::size_t
     const bool typed =
         std::any_of(request.types.begin(), request.types.end(),
                     [&](const auto &given) { return given.first == request.looked_up; });
-    const loaded_table known = other.load(wanted, {}, explain, !typed);
+    loaded_table known = other.load(wanted, {}, explain, !typed);
+    // Texts may be dates in one of the files alone.
+    if (data.columns[column].type == column_type::str && is_time_type(known.columns[place].type))
+        known = other.load(wanted, {{fmt::format("#{}", place + 1), column_type::str}}, explain);
     const auto called = [](const input_file &of, const std::string &its) {
         return fmt::format("{}: column {}", of.source().name(), its);
     };

@@ -6,6 +6,7 @@
 #include "user_error.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 
 namespace vask::runner {
@@ -125,6 +126,10 @@ std::string why_text(type_set accepted, std::size_t column, const loaded_columns
     std::string hint = cell_hint(text->cell, name);
     if (hint.empty() && takes_times)
         hint = date_hint(text->cell);
+    if (truth value{}; hint.empty() && accepted.contains(column_type::bit) &&
+                       !std::isdigit(static_cast<unsigned char>(text->cell.front())) &&
+                       read_cell(text->cell, value))
+        hint = fmt::format(" It looks like a truth value: --types '{}:bit' reads it.", name);
     return fmt::format(". Its first cell that is no number{} is '{}', on line {}: if it stands for "
                        "a missing value, add it to the list of --na{}{}{}",
                        takes_times ? " or date" : "", shown(text->cell), text->line,

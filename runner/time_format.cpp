@@ -72,6 +72,19 @@ std::optional<year_month_day> take_iso_date(std::string_view &text) {
     return valid(year, month, take_digits(text, 2));
 }
 
+// Years before 0 and behind 9999 come about where times are worked with, and by offsets.
+void append_year(std::string &out, year_month_day date) {
+    const int year = static_cast<int>(date.year());
+    fmt::format_to(std::back_inserter(out), "{}{:04}", year < 0 ? "-" : "",
+                   year < 0 ? -year : year);
+}
+
+void append_iso_date(std::string &out, year_month_day date) {
+    append_year(out, date);
+    fmt::format_to(std::back_inserter(out), "-{:02}-{:02}", static_cast<unsigned>(date.month()),
+                   static_cast<unsigned>(date.day()));
+}
+
 constexpr std::size_t kept_digits = 6; // a second's, as values are whole microseconds
 
 // The digits behind the point of a second. What values cannot keep is refused.
@@ -175,6 +188,10 @@ std::optional<date_format::piece> date_format::take_piece(std::string_view &patt
     return piece{part::mark, c};
 }
 
+bool date_format::looks_iso() const {
+    return pieces_.size() > 1 && pieces_[0].what == part::year && pieces_[1].mark == '-';
+}
+
 bool date_format::is_whole() const {
     const auto count = [this](part one, part other) {
         return std::count_if(pieces_.begin(), pieces_.end(), [&](const piece &each) {
@@ -257,7 +274,7 @@ void date_format::append(std::string &out, year_month_day date) const {
                 out += each.mark;
                 break;
             case part::year:
-                fmt::format_to(to, "{:04}", static_cast<int>(date.year()));
+                append_year(out, date);
                 break;
             case part::short_year:
                 fmt::format_to(to, "{:02}", static_cast<int>(date.year()) % 100);
@@ -279,11 +296,14 @@ void date_format::append(std::string &out, year_month_day date) const {
 std::optional<written_time> read_time(std::string_view cell, const date_format &dates) {
     written_time result;
     std::string_view rest = cell;
-    auto date = take_iso_date(rest);
-    if (!date && !dates.is_iso()) {
-        rest = cell;
+    std::optional<year_month_day> date;
+    if (!dates.is_iso()) {
         date = dates.take(rest);
-        result.style.in_format = true;
+        result.style.in_format = date.has_value();
+    }
+    if (!date && !dates.looks_iso()) {
+        rest = cell;
+        date = take_iso_date(rest);
     }
     if (!date)
         return std::nullopt;
@@ -310,8 +330,7 @@ void append_time(std::string &out, lng value, const time_style &style, const dat
     if (style.in_format)
         dates.append(out, date);
     else
-        fmt::format_to(to, "{:04}-{:02}-{:02}", static_cast<int>(date.year()),
-                       static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+        append_iso_date(out, date);
     if (style.is_date())
         return;
     const std::chrono::hh_mm_ss clock(time - day);

@@ -12,7 +12,8 @@
 
 namespace vask::runner {
 
-//! The order and the marks of a date, such as DD.MM.YYYY. ISO's YYYY-MM-DD is read beside each.
+//! The order and the marks of a date, such as DD.MM.YYYY. ISO's YYYY-MM-DD is read beside each that
+//! it cannot be taken for.
 class date_format {
 public:
     date_format() = default; //!< ISO alone
@@ -28,6 +29,8 @@ public:
     static std::optional<date_format> parse(std::string_view pattern);
 
     bool is_iso() const noexcept { return pieces_.empty(); }
+    //! Whether a date in the format may look like one in ISO's, as with YYYY-DD-MM.
+    bool looks_iso() const;
     //! Takes a date in this format off the front of a text. Without one, the text may be shorter,
     //! too.
     std::optional<std::chrono::year_month_day> take(std::string_view &text) const;

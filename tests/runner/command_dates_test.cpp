@@ -135,6 +135,10 @@ TEST(CommandDates, InOtherFormats) {
               "2,2\n");
     EXPECT_TRUE(holds(in("D.M.YYYY", ask, "01.02.2024\n"), "another spelling"));
     EXPECT_EQ(in("DD.MM.YYYY", ask, "30.02.2024\n"), "30.02.2024,1\n");
+    // A format that ISO's dates fit goes before it.
+    EXPECT_EQ(in("YYYY-DD-MM", {"-a", "min(t),max(t)"}, "2024-05-01\n2024-13-01\n"),
+              "2024-01-05,2024-01-13\n");
+    EXPECT_EQ(in("YYYY-DD-MM", ask, "2024-05-01\n2024-01-13\n"), "2024-01-13,1\n2024-05-01,1\n");
     // Numbers stay numbers, unless dates are asked for.
     EXPECT_EQ(type_of("20240131\n", {"--date-format", "YYYYMMDD"}), "int");
     EXPECT_EQ(in("YYYYMMDD", {"-a", "max(t)", "--types", "t:date"}, "20240131\n"), "2024-01-31\n");
@@ -160,6 +164,11 @@ TEST(CommandDates, InExpressionsAndAggregates) {
               "2024,3,1,5,1,1");
     EXPECT_EQ(asked({"-a", "count(*)", "-w", "t = '2024-03-01T01:30'"}, "2024-02-29T23:30-02:00\n"),
               "1\n");
+    EXPECT_EQ(
+        asked({"-g", "w", "-a", "count(*)", "--let", "w = date_trunc('week', t)"}, "0000-01-01\n"),
+        "-0001-12-27,1\n");
+    EXPECT_TRUE(holds(asked({"-g", "w", "-a", "count(*)", "--let", "w = t > '2024'"}, days),
+                      "a date is written as 2024-01-31 is"));
     const outcome told = vask({"summary", "-", "-f", "csv", "--no-header"}, "t\n" + days);
     EXPECT_TRUE(told.out.starts_with("t,date,1,3,2024-02-28,")) << told.out;
 }

@@ -98,7 +98,7 @@ TEST(Command, CompressedFiles) {
     for (const auto &[program, ending] : programs) {
         SCOPED_TRACE(program);
         const temporary_file packed("", ".tsv" + ending);
-        const auto pack = [&](const std::string &from, const std::string &how) {
+        const auto pack = [&, &program = program](const std::string &from, const std::string &how) {
             return std::system((program + " -c < " + from + how + packed.path()).c_str());
         };
         if (pack(first.path(), " > ") != 0)

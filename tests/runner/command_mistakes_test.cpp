@@ -53,6 +53,7 @@ TEST(Command, Mistakes) {
         {{"-", agg, "sum(x)"}, "\x1f\x8b\x08", {"standard input: the file is cut short"}},
         {{"-", agg, "median(x)", "--drop-na"}, "x\n1\nnan\n", {"(x) has 1 NaN", "--na"}},
         {{"-", agg, "median(x)"}, "x\na\n", {"median takes", "timestamp"}},
+        {{"-", agg, "sum(x)"}, "x\nTRUE\nFALSE\n", {"'TRUE', on line 2", "--types 'x:bit'"}},
         {{"-", agg, "quartile(x)"}, "x\n1\n", {"written quartile(x,q)"}},
         {{"-", agg, "quartile(x,1.5)"}, "x\n1\n", {"1.5 is out of bounds", "0, 1, 2, 3 or 4"}},
         {{"-", agg, "percentile(x,90)"}, "x\n1\n", {"90 is out", "percentile(x,0.9)"}},

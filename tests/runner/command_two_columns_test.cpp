@@ -48,6 +48,21 @@ TEST(Command, ContainedInAColumnOfAnotherFile) {
     EXPECT_EQ(looked_up("name", "name"), "1,3\n");
     EXPECT_EQ(looked_up("part", "part"), "2,3\n");
     EXPECT_EQ(looked_up("id", "part"), "0,3\n");
+    // Dates, of which one file has other things as well.
+    const temporary_file days("day\n2024-01-01\n2024-02-01 00:00\n");
+    const temporary_file words("day\nsoon\n2024-01-01\n");
+    const std::string asked_days = "day\n2024-01-01\n2024-02-01\n";
+    const auto found = [](const temporary_file &in, const std::string &cells,
+                          std::vector<std::string> more = {}) {
+        more.insert(more.end(), {"-", "--contained-in", in.path() + ":day", "--format", "csv",
+                                 "--agg", "sum(contained)", "--no-header"});
+        const outcome told = vask(more, cells);
+        return told.out + told.err;
+    };
+    EXPECT_EQ(found(days, asked_days), "2\n");
+    EXPECT_TRUE(holds(found(words, asked_days), "--types 'day:str'"));
+    EXPECT_EQ(found(words, asked_days, {"--types", "day:str"}), "1\n");
+    EXPECT_EQ(found(days, words.content()), "1\n");
     const std::vector<std::pair<std::vector<std::string>, std::string>> mistakes{
         {{"-", "--contained-in", coded, "--column", "customer"}, "id is str, which do not compare"},
         {{"-", "--contained-in", coded, "--column", "customer"}, "give --types 'customer:int'"},
