@@ -267,6 +267,11 @@ TEST(Interface, BadRequestsAreRefusedWithATextAndStoreNothing) {
     EXPECT_EQ(vask_run(table.get(), nullptr, &result, nullptr), VASK_BAD_REQUEST);
     EXPECT_EQ(vask_run(nullptr, &query, &result, nullptr), VASK_BAD_REQUEST);
     EXPECT_EQ(vask_merge(nullptr, 1, &query, 1, &result, nullptr), VASK_BAD_REQUEST);
+    const query_record good({{"v"}, {}, 0, 0});
+    char *error = nullptr;
+    EXPECT_EQ(vask_merge(nullptr, 0, &good.record, 1, &result, &error), VASK_BAD_REQUEST);
+    EXPECT_NE(std::string(error).find("no states"), std::string::npos) << error;
+    vask_free_text(error);
     EXPECT_EQ(vask_result_stream(nullptr, nullptr, nullptr), VASK_BAD_REQUEST);
     EXPECT_EQ(vask_table_rows(nullptr), -1);
     EXPECT_EQ(result, nullptr);
