@@ -121,6 +121,8 @@ void argument::append_to(std::string &record) const {
 }
 
 bool enter_watched(operation op, std::initializer_list<argument> arguments) {
+    if (own_work::stands())
+        return false;
     if (counting.load(std::memory_order_relaxed)) {
         counts[index_of(op)].fetch_add(1, std::memory_order_relaxed);
         return false;

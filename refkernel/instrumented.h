@@ -33,6 +33,21 @@ private:
 
 extern std::atomic<bool> watching;
 
+//! While one stands, what its thread calls of the contract is the kernel's own work, by devices
+//! that the operators use as well: it is not recorded, counted, failed or in the account of memory.
+class own_work {
+public:
+    own_work() noexcept { ++depth; }
+    own_work(const own_work &) = delete;
+    own_work &operator=(const own_work &) = delete;
+    ~own_work() { --depth; }
+
+    static bool stands() noexcept { return depth != 0; }
+
+private:
+    static inline thread_local unsigned depth = 0;
+};
+
 //! The part of enter() that runs while a watch stands.
 bool enter_watched(operation op, std::initializer_list<argument> arguments);
 

@@ -137,7 +137,8 @@ account_shard &shard_of(void *held) {
 }
 
 void enter_account(void *held, std::size_t bytes) noexcept {
-    if (held == nullptr || !account_on.load(std::memory_order_relaxed)) [[likely]] {
+    if (held == nullptr || !account_on.load(std::memory_order_relaxed) ||
+        instrumentation::own_work::stands()) [[likely]] {
         return;
     }
     const std::uint64_t now = account_bytes.fetch_add(bytes, std::memory_order_relaxed) + bytes;

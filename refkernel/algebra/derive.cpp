@@ -1,15 +1,13 @@
-#include "refkernel/algebra/column_keys.h"
 #include "refkernel/algebra/derive_lone_rows.h"
 #include "refkernel/algebra/group_result.h"
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/old_groups.h"
+#include "refkernel/algebra/pair_groups.h"
 #include "refkernel/algebra/value_groups.h"
 #include "refkernel/instrumented.h"
 
 #include <algorithm>
 #include <array>
-#include <optional>
-#include <utility>
 #include <vector>
 
 namespace refkernel::algebra {
@@ -17,158 +15,113 @@ namespace {
 
 constexpr const char *place = "group.derive";
 
-// Up to here the groups of a column are numbered anew through a table that caches well.
-constexpr oid max_renumbered = oid{1} << 18;
+bool has_nil(const oid *ids, BUN rows) {
+    return std::find(ids, ids + rows, oid_nil) != ids + rows;
+}
 
-//! The values of a column as codes below a bound: equal codes mean equal values.
-struct value_codes {
-    std::uint64_t bound = 0;
-    index_loader load;
-    // What the loader reads, where it is not the column itself.
-    work_array<oid> first_rows;
-    work_array<std::uint32_t> numbers;
+//! Old groups by number, rows in no group as one more.
+struct groups_by_number {
+    const old_groups *groups;
+    BUN first;
+
+    BUN count() const noexcept { return groups->count() + 1; }
+
+    bool number(BUN row, BUN n, BUN *numbers) const {
+        groups->load_numbers(row - first, n, numbers);
+        return true;
+    }
 };
 
-// For values that do not fit in 32 bits, and for texts: the column is grouped by itself, and a
-// group's first row is the code, or its number if those rows come early, as they do when the
-// groups are few.
-void encode_by_grouping(const BAT &b, value_codes &codes) {
-    const BUN rows = b.info->count;
-    codes.first_rows = work_array<oid>::uninitialised(rows);
+//! Codes in place of values, by position.
+struct value_codes {
+    using key_type = std::uint32_t;
+
+    const std::uint32_t *codes;
+
+    std::uint32_t key(BUN row, std::size_t i) const noexcept { return (codes + row)[i]; }
+};
+
+//! Whether pairs of these values take more than 64 bits.
+bool takes_wide_pairs(const BAT &b) {
+    const BATcol &tail = *b.tail;
+    if (is_void(tail) || tail.varsized)
+        return !is_void(tail) && !holds_each_text_once(tail);
+    return tail.width == 8 &&
+           (BATatoms[tail.type].atom_storage == TYPE_dbl || !span_of_values<lng>(b, b.info->count));
+}
+
+// Values that take wide pairs are grouped by themselves first: the number of a value's group, or
+// its first row where the groups are many, is its code. Gives a bound of the codes.
+std::uint32_t encode_by_grouping(const BAT &b, std::uint32_t *codes) {
+    // Up to here groups are numbered anew through a table that caches well.
+    constexpr oid most_renumbered = oid{1} << 18;
+    const BUN first = b.info->first;
     std::vector<oid> firsts;
     std::vector<wrd> counts;
-    group_values(*b.tail, *b.info, {nullptr, 0}, codes.first_rows.data(), [&](BUN groups) {
+    group_values(b, {}, codes, [&](BUN groups) {
         firsts.resize(groups);
         counts.resize(groups);
         return extents_rows{firsts.data(), counts.data()};
     });
-    const oid last = firsts.empty() ? 0 : firsts.back();
-    if (last > max_renumbered) {
-        codes.bound = rows;
-        codes.load = load_indices({codes.first_rows.data(), sizeof(oid)}, {0, rows});
-        return;
-    }
-    codes.numbers = work_array<std::uint32_t>::uninitialised(std::size_t{last} + 1);
+    if (firsts.back() - first > most_renumbered)
+        return first + b.info->count;
+    std::vector<std::uint32_t> numbers(firsts.back() - first + 1);
     for (std::uint32_t number = 0; number < firsts.size(); ++number)
-        codes.numbers[firsts[number]] = number;
-    codes.bound = firsts.size();
-    codes.load = [firsts_of = codes.first_rows.data(),
-                  numbers = codes.numbers.data()](BUN row, unsigned count, std::uint32_t *out) {
-        for (unsigned i = 0; i < count; ++i)
-            out[i] = numbers[firsts_of[row + i]];
-    };
+        numbers[firsts[number] - first] = number;
+    for (BUN row = 0; row < b.info->count; ++row)
+        codes[row] = numbers[codes[row] - first];
+    return static_cast<std::uint32_t>(firsts.size());
 }
 
-value_codes codes_of(const BAT &b) {
-    value_codes codes;
-    const BATcol &tail = *b.tail;
-    if (!is_void(tail) && !tail.varsized) {
-        column_keys keys = keys_of(tail, *b.info, widest_bound);
-        if (keys.has_range) {
-            codes.bound = keys.range.bound();
-            codes.load = std::move(keys.indices);
-            return codes;
-        }
+// Groups the rows by pairs, under their positions as ids. Those that are in no group make groups as
+// well.
+void group_pairs(const old_groups &groups, const BAT &b, group_result &result,
+                 const extents_maker &make_extents) {
+    const BUN first = b.info->first;
+    const serial_rows rows(first, b.info->count);
+    const groups_by_number numbered{&groups, first};
+    const groups_by_id by_id{groups.ids() - first};
+    if (takes_wide_pairs(b)) {
+        const vask::gdk_block<std::uint32_t> codes(
+            vask::gdk_allocate<std::uint32_t>(b.info->count));
+        const std::uint32_t bound = encode_by_grouping(b, codes.get());
+        const value_codes values{codes.get() - first};
+        vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
+        keys.index = vask::index_of_pairs(numbered, values, {0, bound}, rows.get());
+        keys.load = keys.load_for_buckets = vask::load_derived<std::uint32_t>(by_id, values);
+        keys.resolve = each_a_new_group;
+        rows.group(keys, {}, result.map(), make_extents);
+    } else {
+        visit_pair_keys(b, by_id, [&](auto &keys, const auto &index) {
+            keys.index = index(numbered, rows.get());
+            rows.group(keys, {}, result.map(), make_extents);
+        });
     }
-    encode_by_grouping(b, codes);
-    return codes;
-}
-
-//! Old group and value as one key. The rows that are in no group all have the same one.
-class pair_keys {
-public:
-    pair_keys(const old_groups &groups, const value_codes &values)
-        : groups_(groups), values_(values) {}
-
-    //! The bound of the indices.
-    std::uint64_t bound() const noexcept { return groups_.count() * values_.bound + 1; }
-
-    //! For a bound() that fits.
-    void load_indices(BUN row, unsigned rows, std::uint32_t *indices) {
-        groups_.load_numbers(row, rows, numbers_.data());
-        load_codes(row, rows, numbers_.data(), groups_.count());
-        const auto width = static_cast<std::uint32_t>(values_.bound);
-        for (unsigned i = 0; i < rows; ++i)
-            indices[i] = numbers_[i] * width + codes_[i];
-    }
-
-    //! Keyed by the ids themselves. With many groups, numbering every row would cost as much as the
-    //! grouping; whether the extents have an id is asked once for each group that comes out.
-    void load_keys(BUN row, unsigned rows, std::uint64_t *keys) {
-        const oid *const ids = groups_.ids() + row;
-        load_codes(row, rows, ids, nil_is_group_ ? std::optional<oid>() : oid_nil);
-        for (unsigned i = 0; i < rows; ++i)
-            keys[i] = std::uint64_t{ids[i]} << 32 | codes_[i];
-    }
-
-    //! The least row loaded so far that is in no group, if there is one.
-    std::optional<BUN> first_outside() const noexcept { return first_outside_; }
-
-private:
-    void load_codes(BUN row, unsigned rows, const std::uint32_t *parents,
-                    std::optional<std::uint32_t> outside) {
-        values_.load(row, rows, codes_.data());
-        if (!outside || std::find(parents, parents + rows, *outside) == parents + rows)
-            return;
-        for (unsigned i = 0; i < rows; ++i) {
-            if (parents[i] == *outside) {
-                codes_[i] = 0;
-                first_outside_ = std::min(first_outside_.value_or(row + i), row + i);
-            }
-        }
-    }
-
-    const old_groups &groups_;
-    const value_codes &values_;
-    bool nil_is_group_ = groups_.has_nil();
-    std::optional<BUN> first_outside_;
-    std::array<std::uint32_t, block_rows> numbers_;
-    std::array<std::uint32_t, block_rows> codes_;
-};
-
-// Groups the rows by pairs, under their row numbers as ids. The result is the least row that is in
-// no group, if there is one; those rows make a group as well.
-std::optional<BUN> group_pairs(const old_groups &groups, const BAT &b, const grouping_task &task,
-                               const group_result &result) {
-    const value_codes values = codes_of(b);
-    pair_keys pairs(groups, values);
-    if (pairs.bound() <= index_bound_worth(task.rows)) {
-        group_by_index(task, static_cast<std::uint32_t>(pairs.bound()),
-                       [&pairs](BUN row, unsigned rows, std::uint32_t *indices) {
-                           pairs.load_indices(row, rows, indices);
-                       });
-        return pairs.first_outside();
-    }
-    group_by_hash(task, [&pairs](BUN row, unsigned rows, std::uint64_t *keys) {
-        pairs.load_keys(row, rows, keys);
-    });
+    // With many groups, numbering every row would cost as much as the grouping; whether the extents
+    // have an id is asked once for each group that comes out.
     for (BUN group = 0; group < result.groups(); ++group)
-        groups.number_of(groups.ids()[result.ids()[group]]);
-    return pairs.first_outside();
+        groups.number_of(groups.ids()[result.ids()[group] - first]);
 }
 
-// Puts the ids of rows in the place of their numbers, and takes the group of the rows in no group
-// away.
-void name_groups(group_result &result, const BAT &b, std::optional<BUN> first_outside) {
+// Puts the ids of rows in the place of their positions, and takes the groups of the rows in no
+// group away.
+void name_groups(group_result &result, const BAT &b, const oid *parents, bool nil_is_group) {
     const BUN rows = b.info->count;
-    const row_ids ids = ids_of(*b.head, *b.info);
-    const bool numbers_are_ids = ids.stored == nullptr && ids.seqbase == 0;
+    const oid_reader heads(*b.head, b);
+    const BUN first = heads.first;
     oid *const map = result.map();
-    if (first_outside) {
-        const oid *const firsts = result.ids();
-        result.drop_group(
-            static_cast<BUN>(std::find(firsts, firsts + result.groups(), *first_outside) - firsts));
+    if (!nil_is_group && has_nil(parents, rows)) {
+        result.keep_groups([=](oid position) { return parents[position - first] != oid_nil; });
         for (BUN row = 0; row < rows; ++row)
-            map[row] = map[row] == *first_outside ? oid_nil : ids[map[row]];
-    } else if (!numbers_are_ids) {
-        ids.name(map, rows);
+            map[row] = parents[row] == oid_nil ? oid_nil : heads[map[row]];
+    } else if (heads.stored == nullptr && heads.seqbase == first) {
+        return; // the positions are the ids
+    } else {
+        for (BUN row = 0; row < rows; ++row)
+            map[row] = heads[map[row]];
     }
-    if (!numbers_are_ids)
-        ids.name(result.ids(), result.groups());
-}
-
-bool has_nil(const oid *ids, BUN rows) {
-    return std::find(ids, ids + rows, oid_nil) != ids + rows;
+    for (BUN group = 0; group < result.groups(); ++group)
+        result.ids()[group] = heads[result.ids()[group]];
 }
 
 void derive(std::int32_t *histogram, std::int32_t *map, const std::array<std::int32_t, 3> &inputs) {
@@ -179,18 +132,21 @@ void derive(std::int32_t *histogram, std::int32_t *map, const std::array<std::in
     require_groupable_tail(*b);
     group_result result(*b);
     const extents_maker make_extents = [&result](BUN count) { return result.make_extents(count); };
-    const grouping_task task{b->info->count, {nullptr, 0}, result.map(), make_extents, {}};
     // Unique values or, with every row known to be a group of its own, unique groups.
     const bool unique =
         b->tail->key != 0 || (group_map->tail->key != 0 && heads_are_aligned(*group_map, *b));
-    std::optional<BUN> first_outside;
-    if (unique && !has_nil(parents.ids(), task.rows)) {
-        group_unique_rows(task);
-    } else if (!derive_lone_rows(parents.ids(), *extents, *b, task)) {
-        const old_groups groups(parents, *extents, task.rows);
-        first_outside = group_pairs(groups, *b, task, result);
+    const BUN rows = b->info->count;
+    bool nil_is_group = true;
+    if (unique && !has_nil(parents.ids(), rows)) {
+        group_unique_rows(*b, {}, result.map(), make_extents);
+    } else if (rows == 0) {
+        make_extents(0);
+    } else if (!derive_lone_rows(parents.ids(), *extents, *b, result.map(), make_extents)) {
+        const old_groups groups(parents, *extents, rows);
+        nil_is_group = groups.has_nil();
+        group_pairs(groups, *b, result, make_extents);
     }
-    name_groups(result, *b, first_outside);
+    name_groups(result, *b, parents.ids(), nil_is_group);
     result.hand_over(false, histogram, map);
 }
 

@@ -1,8 +1,7 @@
 #include "refkernel/algebra/derive_lone_rows.h"
 
-#include "refkernel/algebra/column_keys.h"
-#include "refkernel/algebra/value_groups.h"
-#include "refkernel/algebra/work_array.h"
+#include "refkernel/algebra/old_groups.h"
+#include "refkernel/algebra/pair_groups.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -26,7 +25,7 @@ enum mark : std::uint8_t { no_group = 0, no_row = 1, one_row = 2, several_rows =
 
 struct marked_ids {
     oid low;
-    work_array<std::uint8_t> marks; // by distance from `low`; the last is for all other ids
+    vask::gdk_vector<std::uint8_t> marks; // by distance from `low`; the last is for all other ids
 
     std::size_t place_of(oid id) const noexcept {
         return std::min<std::size_t>(static_cast<oid>(id - low), marks.size() - 1);
@@ -35,20 +34,19 @@ struct marked_ids {
 
 //! The ids of the extents; nothing if they lie too far apart.
 std::optional<marked_ids> mark_groups(const BAT &extents, BUN rows) {
-    const row_ids ids = ids_of(*extents.head, *extents.info);
-    const BUN count = extents.info->count;
+    const oid_reader ids(*extents.head, extents);
+    const BUN end = ids.first + extents.info->count;
     oid low = std::numeric_limits<oid>::max();
     oid high = 0;
-    for (BUN i = 0; i < count; ++i) {
+    for (BUN i = ids.first; i < end; ++i) {
         low = std::min(low, ids[i]);
         high = std::max(high, ids[i]);
     }
     const std::uint64_t places = std::uint64_t{high} - low + 2;
-    if (places > affordable_entries(rows))
+    if (places > affordable_places(rows))
         return std::nullopt;
-    marked_ids marked{low, work_array<std::uint8_t>::uninitialised(places)};
-    std::fill_n(marked.marks.data(), places, no_group);
-    for (BUN i = 0; i < count; ++i)
+    marked_ids marked{low, vask::gdk_vector<std::uint8_t>(places)};
+    for (BUN i = ids.first; i < end; ++i)
         marked.marks[ids[i] - low] = no_row;
     return marked;
 }
@@ -69,72 +67,56 @@ std::optional<BUN> mark_rows(marked_ids &marked, const oid *parents, BUN rows) {
     return all_known ? std::optional(others) : std::nullopt;
 }
 
-std::vector<BUN> shared_rows(const marked_ids &marked, const oid *parents, BUN rows, BUN most) {
+//! The positions of the rows that share their groups, of a column whose rows begin at `first`.
+std::vector<BUN> shared_rows(const marked_ids &marked, const oid *parents, BUN first, BUN rows,
+                             BUN most) {
     std::vector<BUN> shared;
     shared.reserve(most);
     for (BUN row = 0; row < rows; ++row)
         if (marked.marks[marked.place_of(parents[row])] == several_rows)
-            shared.push_back(row);
+            shared.push_back(first + row);
     return shared;
 }
 
-//! A grouping of some rows, which are counted as they are listed.
+//! Loads the rows of a list, which are counted as they are listed.
+template <class Key>
+vask::key_loader<Key> load_listed(const std::vector<BUN> &list, const vask::key_loader<Key> &load) {
+    return [&list, load](BUN row, BUN n, std::uint32_t *notes, Key *keys, bool again) {
+        for (BUN i = 0; i < n; ++i)
+            load(list[row + i], 1, notes + i, keys + i, again);
+        return true;
+    };
+}
+
+//! A grouping of the rows of a list.
 struct listed_groups {
-    work_array<oid> map; // by listed row: the first of its group
+    std::vector<oid> map; // by listed row: the first of its group
     std::vector<oid> firsts;
     std::vector<wrd> counts;
 
-    void make(BUN rows, const key_loader &load, group_resolver resolve) {
-        map = work_array<oid>::uninitialised(rows);
-        group_by_hash({rows,
-                       {nullptr, 0},
-                       map.data(),
-                       [this](BUN groups) {
-                           firsts.resize(groups);
-                           counts.resize(groups);
-                           return extents_rows{firsts.data(), counts.data()};
-                       },
-                       std::move(resolve)},
-                      load);
+    listed_groups(const std::vector<BUN> &list, const oid *parents, const BAT &b)
+        : map(list.size()) {
+        if (list.empty())
+            return;
+        visit_pair_keys(b, {parents - b.info->first}, [&](auto &keys, const auto &) {
+            keys.load = load_listed(list, keys.load);
+            keys.load_for_buckets = load_listed(list, keys.load_for_buckets);
+            keys.resolve = [&list, resolve = keys.resolve](BUN row, std::uint32_t next) {
+                return resolve(list[row], next);
+            };
+            serial_rows(0, static_cast<BUN>(list.size()))
+                .group(keys, {}, map.data(), [this](BUN groups) {
+                    firsts.resize(groups);
+                    counts.resize(groups);
+                    return extents_rows{firsts.data(), counts.data()};
+                });
+        });
     }
 };
 
-//! Groups the listed rows by value. Where the values lie far apart, that takes a grouping by value
-//! first: their groups then stand for them beside the old group.
-listed_groups group_listed(const std::vector<BUN> &list, const oid *parents, const BAT &b) {
-    const auto rows = static_cast<BUN>(list.size());
-    const column_keys keys = keys_of(*b.tail, *b.info, widest_bound);
-    const bool has_codes = keys.has_range && !b.tail->varsized;
-    listed_groups by_value;
-    if (!has_codes)
-        by_value.make(
-            rows,
-            [&](BUN row, unsigned count, std::uint64_t *out) {
-                for (unsigned i = 0; i < count; ++i)
-                    keys.keys(list[row + i], 1, out + i);
-            },
-            keys.resolve
-                ? [&](BUN row, std::uint32_t next) { return keys.resolve(list[row], next); }
-                : group_resolver());
-    listed_groups result;
-    result.make(rows,
-                [&](BUN row, unsigned count, std::uint64_t *out) {
-                    for (unsigned i = 0; i < count; ++i) {
-                        std::uint32_t code = 0;
-                        if (has_codes)
-                            keys.indices(list[row + i], 1, &code);
-                        else
-                            code = by_value.map[row + i];
-                        out[i] = std::uint64_t{parents[list[row + i]]} << 32 | code;
-                    }
-                },
-                {});
-    return result;
-}
-
 //! The groups in order of first rows, as they are written.
 struct written_groups {
-    oid *map;
+    oid *map; // by position
     extents_rows out;
     BUN next = 0;
 
@@ -155,10 +137,10 @@ struct written_groups {
 
 } // namespace
 
-bool derive_lone_rows(const oid *parents, const BAT &extents, const BAT &b,
-                      const grouping_task &task) {
-    const BUN rows = task.rows;
-    if (rows == 0 || is_void(*b.tail) || !most_rows_are_alone(extents.info->count, rows))
+bool derive_lone_rows(const oid *parents, const BAT &extents, const BAT &b, oid *map,
+                      const extents_maker &make_extents) {
+    const BUN rows = b.info->count;
+    if (is_void(*b.tail) || !most_rows_are_alone(extents.info->count, rows))
         return false;
     std::optional<marked_ids> marked = mark_groups(extents, rows);
     if (!marked)
@@ -166,22 +148,23 @@ bool derive_lone_rows(const oid *parents, const BAT &extents, const BAT &b,
     const std::optional<BUN> others = mark_rows(*marked, parents, rows);
     if (!others || !most_rows_are_alone(rows - *others, rows))
         return false;
-    const std::vector<BUN> list = shared_rows(*marked, parents, rows, 2 * *others);
-    const listed_groups listed = group_listed(list, parents, b);
+    const BUN first = b.info->first;
+    const std::vector<BUN> list = shared_rows(*marked, parents, first, rows, 2 * *others);
+    const listed_groups listed(list, parents, b);
 
     const auto shared = static_cast<BUN>(list.size());
     const auto groups = static_cast<BUN>(listed.firsts.size());
-    written_groups written{task.map, task.make_extents(rows - shared + groups)};
-    BUN row = 0;
+    written_groups written{map - first, make_extents(rows - shared + groups)};
+    BUN row = first;
     BUN group = 0;
     for (BUN i = 0; i < shared; ++i) {
         written.write_lone(row, list[i]);
         row = list[i] + 1;
-        task.map[list[i]] = list[listed.map[i]];
+        written.map[list[i]] = list[listed.map[i]];
         if (listed.map[i] == i)
             written.write_first(list[i], listed.counts[group++]);
     }
-    written.write_lone(row, rows);
+    written.write_lone(row, first + rows);
     return true;
 }
 

@@ -1,4 +1,4 @@
-#include "refkernel/algebra/column_keys.h"
+#include "refkernel/algebra/column_values.h"
 #include "refkernel/algebra/group_result.h"
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/value_groups.h"
@@ -15,7 +15,7 @@ void group(std::int32_t *histogram, std::int32_t *map, std::int32_t input) {
     require_groupable_tail(*b);
     group_result result(*b);
     const bool rows_together =
-        group_values(*b->tail, *b->info, ids_of(*b->head, *b->info), result.map(),
+        group_values(*b, oid_reader(*b->head, *b), result.map(),
                      [&result](BUN groups) { return result.make_extents(groups); });
     result.hand_over(rows_together, histogram, map);
 }

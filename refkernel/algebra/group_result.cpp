@@ -52,14 +52,10 @@ extents_rows group_result::make_extents(BUN groups) {
     return {ids(), elements<wrd>(histogram_->tail)};
 }
 
-void group_result::drop_group(BUN group) noexcept {
-    wrd *const counts = elements<wrd>(histogram_->tail);
-    const BUN count = groups();
-    std::copy(ids() + group + 1, ids() + count, ids() + group);
-    std::copy(counts + group + 1, counts + count, counts + group);
-    histogram_->info.count = count - 1;
-    histogram_->head.free -= sizeof(oid);
-    histogram_->tail.free -= sizeof(wrd);
+void group_result::set_groups(BUN groups) noexcept {
+    histogram_->info.count = groups;
+    histogram_->head.free = std::uint64_t{groups} * sizeof(oid);
+    histogram_->tail.free = std::uint64_t{groups} * sizeof(wrd);
     every_row_has_a_group_ = false;
 }
 

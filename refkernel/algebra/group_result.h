@@ -2,7 +2,7 @@
 #ifndef REFKERNEL_ALGEBRA_GROUP_RESULT_H
 #define REFKERNEL_ALGEBRA_GROUP_RESULT_H
 
-#include "refkernel/algebra/row_groups.h"
+#include "refkernel/algebra/serial_rows.h"
 #include "refkernel/bats.h"
 
 #include <cstdint>
@@ -21,8 +21,19 @@ public:
     oid *map() noexcept { return elements<oid>(map_->tail); }
     //! Makes the histogram and gives its rows. Called once.
     extents_rows make_extents(BUN groups);
-    //! Takes the group of that number out of the histogram.
-    void drop_group(BUN group) noexcept;
+    //! Keeps the groups for whose ids `kept(id)` is true; some of the rows are then in none.
+    template <class Kept>
+    void keep_groups(Kept kept) {
+        oid *const heads = ids();
+        wrd *const counts = elements<wrd>(histogram_->tail);
+        BUN left = 0;
+        for (BUN group = 0; group < groups(); ++group)
+            if (kept(heads[group])) {
+                heads[left] = heads[group];
+                counts[left++] = counts[group];
+            }
+        set_groups(left);
+    }
 
     BUN groups() const noexcept { return histogram_->info.count; }
     oid *ids() const noexcept { return elements<oid>(histogram_->head); }
@@ -32,6 +43,7 @@ public:
     void hand_over(bool rows_together, std::int32_t *histogram, std::int32_t *map);
 
 private:
+    void set_groups(BUN groups) noexcept;
     void mark_histogram() noexcept;
     void mark_map(bool rows_together) noexcept;
 

@@ -1,6 +1,7 @@
 #include "refkernel/algebra/held_bats.h"
 #include "refkernel/algebra/old_groups.h"
 #include "refkernel/instrumented.h"
+#include "rows/row_blocks.h"
 
 #include <algorithm>
 #include <array>
@@ -20,12 +21,12 @@ std::int32_t count(const std::array<std::int32_t, 3> &inputs) {
     const old_groups groups(parents, *extents, values->info->count);
     // One more for the rows that are in no group.
     std::vector<wrd> counts(std::size_t{groups.count()} + 1);
-    std::array<std::uint32_t, block_rows> numbers;
+    std::array<std::uint32_t, vask::block_rows> numbers;
     const BUN rows = values->info->count;
-    for (BUN row = 0; row < rows; row += block_rows) {
-        const unsigned block = std::min<BUN>(block_rows, rows - row);
+    for (BUN row = 0; row < rows; row += vask::block_rows) {
+        const BUN block = std::min(vask::block_rows, rows - row);
         groups.load_numbers(row, block, numbers.data());
-        for (unsigned i = 0; i < block; ++i)
+        for (BUN i = 0; i < block; ++i)
             ++counts[numbers[i]];
     }
     auto result = make_entry(TYPE_void, TYPE_wrd, groups.count());

@@ -5,6 +5,7 @@
 #include "refkernel/bats.h"
 #include "refkernel/columns.h"
 #include "refkernel/error_reports.h"
+#include "refkernel/instrumented.h"
 #include "refkernel/pool.h"
 
 #include <cstdint>
@@ -54,9 +55,11 @@ inline std::int32_t hand_over(std::unique_ptr<bat_entry> made) {
     return b->bat_id;
 }
 
-//! Runs an operation; the exception string of what it throws, or null.
+//! Runs an operation, whose calls for memory are the kernel's own; the exception string of what it
+//! throws, or null.
 template <class Operation>
 char *or_exception(const char *place, Operation run) noexcept {
+    const instrumentation::own_work kernel_at_work;
     try {
         run();
         return nullptr;

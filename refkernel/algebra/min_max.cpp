@@ -44,8 +44,7 @@ template <class T>
 void *store_extreme_number(const BATcol &c, const BATinfo &info, extreme which, void *result) {
     T nil;
     std::memcpy(&nil, BATatoms[c.type].atom_null, sizeof nil);
-    const auto span =
-        span_of<T>(elements<const T>(c) + info.first, info.count, 1, std::optional<T>(nil));
+    const auto span = span_of<T>(elements<const T>(c) + info.first, info.count, nil);
     const T found = span.empty() ? nil : which == extreme::least ? span.least : span.greatest;
     std::memcpy(result, &found, sizeof found);
     return result;

@@ -1,9 +1,9 @@
 #include "refkernel/algebra/old_groups.h"
 
+#include "kernel/column.h"
 #include "refkernel/algebra/held_bats.h"
-#include "refkernel/algebra/row_groups.h"
-#include "refkernel/algebra/value_groups.h"
 #include "refkernel/bats.h"
+#include "rows/huge_pages.h"
 
 #include <algorithm>
 #include <limits>
@@ -13,7 +13,25 @@ namespace {
 
 constexpr std::uint32_t no_number = std::numeric_limits<std::uint32_t>::max();
 
+template <class T>
+vask::gdk_block<T> large_array(std::size_t n) {
+    vask::gdk_block<T> made(vask::gdk_allocate<T>(n));
+    vask::advise_huge_pages(made.get(), n * sizeof(T));
+    return made;
+}
+
+//! The stored oids of a BAT's column from its first row on, or null.
+const oid *stored_ids(const BATcol &column, const BAT &b) {
+    return is_void(column) ? nullptr : elements<const oid>(column) + b.info->first;
+}
+
 } // namespace
+
+std::uint64_t affordable_places(BUN rows) {
+    constexpr std::uint64_t places_per_row = 4;
+    constexpr std::uint64_t places_of_small_inputs = 1024;
+    return places_per_row * rows + places_of_small_inputs;
+}
 
 row_parents::row_parents(BAT &extents, BAT &map, BAT &b) {
     require_row_head(b);
@@ -26,24 +44,24 @@ row_parents::row_parents(BAT &extents, BAT &map, BAT &b) {
 
 void row_parents::collect_ids(BAT &map, const BAT &b) {
     const BUN rows = b.info->count;
-    const row_ids map_ids = ids_of(*map.tail, *map.info);
+    const vask::oid_reader map_ids(*map.tail, map);
     const bool aligned = heads_are_aligned(map, b);
     if (aligned && map_ids.stored != nullptr) {
-        ids_ = map_ids.stored;
+        ids_ = stored_ids(*map.tail, map);
         return;
     }
-    collected_ids_ = work_array<oid>::uninitialised(rows);
-    ids_ = collected_ids_.data();
+    collected_ids_ = large_array<oid>(rows);
+    ids_ = collected_ids_.get();
     if (aligned) {
         for (BUN row = 0; row < rows; ++row)
-            collected_ids_[row] = map_ids[row];
+            collected_ids_[row] = map_ids[map_ids.first + row];
         return;
     }
-    const row_ids heads = ids_of(*b.head, *b.info);
+    const vask::oid_reader heads(*b.head, b);
     const head_lookup lookup(map, rows);
     for (BUN row = 0; row < rows; ++row) {
-        const BUN found = lookup.find(heads[row]);
-        collected_ids_[row] = found == NO_BUN ? oid_nil : map_ids[found - map.info->first];
+        const BUN found = lookup.find(heads[heads.first + row]);
+        collected_ids_[row] = found == NO_BUN ? oid_nil : map_ids[found];
     }
 }
 
@@ -53,29 +71,32 @@ old_groups::old_groups(const row_parents &parents, BAT &extents, BUN rows)
 }
 
 void old_groups::number_ids(BAT &extents, BUN rows) {
-    const row_ids ids = ids_of(*extents.head, *extents.info);
+    const vask::oid_reader ids(*extents.head, extents);
+    const BUN first = extents.info->first;
+    const BUN end = first + count_;
     oid greatest = 0;
     low_ = count_ == 0 ? 0 : std::numeric_limits<oid>::max();
-    for (BUN i = 0; i < count_; ++i) {
+    for (BUN i = first; i < end; ++i) {
         low_ = std::min(low_, ids[i]);
         greatest = std::max(greatest, ids[i]);
     }
     const std::uint64_t bound = std::uint64_t{greatest} - low_ + 2;
-    if (bound > affordable_entries(std::max(count_, rows))) {
+    if (bound > affordable_places(std::max(count_, rows))) {
         lookup_.emplace(extents, rows);
         return;
     }
-    numbers_ = work_array<std::uint32_t>::uninitialised(bound);
-    std::fill_n(numbers_.data(), bound, no_number);
+    numbers_ = large_array<std::uint32_t>(bound);
+    last_ = static_cast<std::uint32_t>(bound - 1);
+    std::fill_n(numbers_.get(), bound, no_number);
     // Of an id that stands twice the first counts, as in the chains of a hash.
     for (BUN i = count_; i-- > 0;)
-        numbers_[ids[i] - low_] = i;
+        numbers_[ids[first + i] - low_] = i;
 }
 
 std::uint32_t old_groups::number_of(oid id) const {
     std::uint32_t number = no_number;
     if (!lookup_)
-        number = numbers_[std::min<std::size_t>(id - low_, numbers_.size() - 1)];
+        number = numbers_[std::min<oid>(id - low_, last_)];
     else if (const BUN found = lookup_->find(id); found != NO_BUN)
         number = found - first_of_extents_;
     if (number != no_number)
@@ -85,19 +106,19 @@ std::uint32_t old_groups::number_of(oid id) const {
     return count_;
 }
 
-void old_groups::load_numbers(BUN row, unsigned rows, std::uint32_t *numbers) const {
+void old_groups::load_numbers(BUN row, BUN rows, std::uint32_t *numbers) const {
     bool all_known = !lookup_;
     if (!lookup_) {
         const oid *const ids = ids_ + row;
-        const std::uint32_t *const table = numbers_.data();
-        const auto last = static_cast<std::uint32_t>(numbers_.size() - 1);
-        for (unsigned i = 0; i < rows; ++i) {
+        const std::uint32_t *const table = numbers_.get();
+        const std::uint32_t last = last_;
+        for (BUN i = 0; i < rows; ++i) {
             numbers[i] = table[std::min(ids[i] - low_, last)];
             all_known &= numbers[i] != no_number;
         }
     }
     if (!all_known)
-        for (unsigned i = 0; i < rows; ++i)
+        for (BUN i = 0; i < rows; ++i)
             numbers[i] = number_of(ids_[row + i]);
 }
 

@@ -3,14 +3,16 @@
 #define REFKERNEL_ALGEBRA_OLD_GROUPS_H
 
 #include "refkernel/algebra/head_lookup.h"
-#include "refkernel/algebra/row_groups.h"
-#include "refkernel/algebra/work_array.h"
+#include "rows/gdk_vector.h"
 #include "vask/refkernel/contract.h"
 
 #include <cstdint>
 #include <optional>
 
 namespace refkernel::algebra {
+
+//! Most places that a table of ids can have where there are so many rows.
+std::uint64_t affordable_places(BUN rows);
 
 /*
  * The group of each row of b in an earlier grouping, by id: the row of `map` with the same head oid
@@ -30,7 +32,7 @@ private:
     void collect_ids(BAT &map, const BAT &b);
 
     const oid *ids_ = nullptr;
-    work_array<oid> collected_ids_; // unless the tail of the map serves as it is
+    vask::gdk_block<oid> collected_ids_; // unless the tail of the map serves as it is
 };
 
 /*
@@ -50,7 +52,7 @@ public:
 
     //! Writes the numbers of the rows row .. row + rows - 1 of b. Throws `failure` for an id that
     //! the extents lack.
-    void load_numbers(BUN row, unsigned rows, std::uint32_t *numbers) const;
+    void load_numbers(BUN row, BUN rows, std::uint32_t *numbers) const;
 
     //! The number of one group; throws as above.
     std::uint32_t number_of(oid id) const;
@@ -64,8 +66,9 @@ private:
     std::uint32_t count_;
     const oid *ids_;
     // Numbers by id, counted from the lowest; the last place is for all others.
-    work_array<std::uint32_t> numbers_;
+    vask::gdk_block<std::uint32_t> numbers_;
     oid low_ = 0;
+    std::uint32_t last_ = 0;
     std::optional<head_lookup> lookup_; // where a table would be too large
     BUN first_of_extents_;
 };

@@ -4,10 +4,12 @@
 
 #include "vask/refkernel/contract.h"
 
+#include "rows/isa.h"
+
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <optional>
 
 namespace refkernel::algebra {
 
@@ -26,22 +28,22 @@ struct value_span {
 //! The span of the rows 0, step, 2 * step, ... below `rows`. The plain selections in the loop are
 //! what the compiler turns into vector code, for a step of 1.
 template <class T>
-value_span<T> span_of(const T *values, BUN rows, std::size_t step, std::optional<T> nil) {
+VASK_ALWAYS_INLINE value_span<T> scan_span(const T *values, BUN rows, std::size_t step, T nil) {
+    const value_span<T> none;
     value_span<T> span;
-    if (nil) {
-        const value_span<T> none;
-        for (std::size_t row = 0; row < rows; row += step) {
-            const T v = values[row];
-            span.least = std::min(span.least, v == *nil ? none.least : v);
-            span.greatest = std::max(span.greatest, v == *nil ? none.greatest : v);
-        }
-    } else {
-        for (std::size_t row = 0; row < rows; row += step) {
-            span.least = std::min(span.least, values[row]);
-            span.greatest = std::max(span.greatest, values[row]);
-        }
+    for (std::size_t row = 0; row < rows; row += step) {
+        const T v = values[row];
+        span.least = std::min(span.least, v == nil ? none.least : v);
+        span.greatest = std::max(span.greatest, v == nil ? none.greatest : v);
     }
     return span;
+}
+
+template <class T>
+value_span<T> span_of(const T *values, BUN rows, T nil) {
+    return vask::with_best_instruction_set([=]() __attribute__((always_inline)) {
+        return scan_span(values, rows, 1, nil);
+    });
 }
 
 } // namespace refkernel::algebra

@@ -175,7 +175,10 @@ bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::ui
             const auto ranges = vask_row_ranges(*inputs.b, static_cast<std::uint32_t>(nranges));
             return count_pairs(
                 inputs, table, nranges, text_content_keys<wide_key>{text_reader(tail)},
-                text_pairs(texts, hash_of_span(texts, span_of_offsets(texts, ranges))), counts);
+                text_pairs(
+                    texts,
+                    hash_of_span(texts, span_of_offsets(texts, ranged_rows{ranges, run_as_tasks}))),
+                counts);
         });
     else
         return count_pairs(inputs, table, nranges, bit_keys<numbered_key<value_bits<T>>>{},

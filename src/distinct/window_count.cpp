@@ -1,6 +1,7 @@
 #include "distinct/window_count.h"
 
 #include "grouping/table/custom_mask.h"
+#include "kernel/frame.h"
 #include "kernel/shared_mark.h"
 #include "rows/column_keys.h"
 #include "rows/gdk_vector.h"

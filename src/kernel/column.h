@@ -80,6 +80,9 @@ struct oid_reader {
           seqbase(column.seqbase),
           first(b.info->first) {}
 
+    //! The numbers from 0 on, as a void column from position 0 on has them.
+    oid_reader() noexcept : stored(nullptr), seqbase(0), first(0) {}
+
     VASK_ALWAYS_INLINE oid operator[](BUN position) const noexcept {
         if (stored != nullptr)
             return stored[position];

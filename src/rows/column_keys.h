@@ -6,7 +6,6 @@
 #include "rows/key_hash.h"
 #include "rows/key_window.h"
 #include "rows/keys.h"
-#include "rows/range_tasks.h"
 #include "rows/text_hash.h"
 
 #include <algorithm>
@@ -114,10 +113,9 @@ struct key_span {
     Key span;
 };
 
-//! The span of the offsets of the ranges' rows. Narrow ones are so few that no row is read.
+//! The span of the offsets of the rows. Narrow ones are so few that no row is read.
 template <class Offset>
-key_span<Offset> span_of_offsets(const offset_keys<Offset> &texts,
-                                 const gdk_vector<vask_row_range> &ranges) {
+key_span<Offset> span_of_offsets(const offset_keys<Offset> &texts, const ranged_rows &rows) {
     if constexpr (sizeof(Offset) < sizeof(std::uint32_t)) {
         return {0, std::numeric_limits<Offset>::max()};
     } else {
@@ -125,18 +123,17 @@ key_span<Offset> span_of_offsets(const offset_keys<Offset> &texts,
             Offset least = std::numeric_limits<Offset>::max();
             Offset most = 0;
         };
-        gdk_vector<bounds> found(ranges.size());
-        run_ranges(ranges, [rows = texts.rows, &found](std::size_t k, vask_row_range range) {
-            found[k] =
-                with_best_instruction_set([ offsets = rows + range.begin, n = range.size() ]()
-                                              __attribute__((always_inline)) {
-                                                  bounds b;
-                                                  for (std::size_t i = 0; i < n; ++i) {
-                                                      b.least = std::min(b.least, offsets[i]);
-                                                      b.most = std::max(b.most, offsets[i]);
-                                                  }
-                                                  return b;
-                                              });
+        gdk_vector<bounds> found(rows.ranges.size());
+        rows.run_ranges([all = texts.rows, &found](std::size_t k, vask_row_range range) {
+            found[k] = with_best_instruction_set(
+                [ offsets = all + range.begin, n = range.size() ]() __attribute__((always_inline)) {
+                    bounds b;
+                    for (std::size_t i = 0; i < n; ++i) {
+                        b.least = std::min(b.least, offsets[i]);
+                        b.most = std::max(b.most, offsets[i]);
+                    }
+                    return b;
+                });
         });
         bounds all;
         for (const bounds &b : found) {

@@ -1,10 +1,8 @@
 #include "rows/group_by_buckets.h"
 
-#include "kernel/frame.h"
 #include "kernel/hostile.h"
 #include "rows/huge_pages.h"
 #include "rows/key_table.h"
-#include "rows/range_tasks.h"
 #include "rows/scatter.h"
 
 #include <algorithm>
@@ -76,7 +74,7 @@ private:
     //! Brings the rows of each bucket together, in ascending order, with their keys, and leaves in
     //! each row's cell its bucket. False at a row without a key.
     bool vask_distribute_rows() {
-        run_ranges(rows_.ranges, [this](std::size_t i, vask_row_range range) {
+        rows_.run_ranges([this](std::size_t i, vask_row_range range) {
             BUN *counts = offsets_.of(i);
             std::array<key_type, block_rows> keys;
             const bool all = all_blocks(range, [&, this](BUN row, BUN n) {
@@ -92,7 +90,7 @@ private:
         if (failed_ != 0)
             return false;
         offsets_.turn_counts_into_offsets();
-        run_ranges(rows_.ranges, [this](std::size_t i, vask_row_range range) {
+        rows_.run_ranges([this](std::size_t i, vask_row_range range) {
             BUN *next = offsets_.of(i);
             const bucket_memory<key_type> to = by_bucket_;
             std::array<key_type, block_rows> keys;
@@ -121,7 +119,7 @@ private:
         const std::size_t ranges = rows_.ranges.size();
         const std::size_t n = sink.begin ? ranges : tasks_per_range * ranges;
         gdk_vector<BUN> begun(n * ranges);
-        run_numbered(n, [&, this](std::size_t i) {
+        rows_.run(n, [&, this](std::size_t i) {
             bucket_table table(kind_, bits_);
             const std::size_t begin = offsets_.cut(i, n);
             const std::size_t end = offsets_.cut(i + 1, n);
@@ -214,7 +212,7 @@ private:
     //! Gives each row's cell its id, and writes the groups' rows of the extents in the order of
     //! first rows.
     void write_back(extents_rows extents, const gdk_vector<BUN> &begun) {
-        run_ranges(rows_.ranges, [&, this](std::size_t i, vask_row_range range) {
+        rows_.run_ranges([&, this](std::size_t i, vask_row_range range) {
             gdk_vector<BUN> next = offsets_.begins_of(i);
             BUN *places = next.data();
             const bucket_memory<key_type> from = by_bucket_;

@@ -1,9 +1,7 @@
 #include "rows/group_by_index.h"
 
-#include "kernel/frame.h"
 #include "kernel/shared_mark.h"
 #include "rows/noted_rows.h"
-#include "rows/range_tasks.h"
 #include "rows/row_counts.h"
 #include "rows/take_groups.h"
 
@@ -56,7 +54,7 @@ public:
     grouping_outcome run(const group_sink &sink) {
         gdk_vector<Counts> counts(n_);
         gdk_vector<noted_rows> found(n_);
-        run_numbered(n_, [&, this](std::size_t i) {
+        rows_.run(n_, [&, this](std::size_t i) {
             counts[i] = Counts(source_.bound, totals_.data());
             found[i] = noted_rows(first(i));
             count(first(i), counts[i], found[i]);
@@ -70,7 +68,7 @@ public:
         gdk_vector<oid> ids(source_.bound);
         find_ids(ids);
         gdk_vector<BUN> written(n_);
-        run_numbered(n_, [&, this](std::size_t i) {
+        rows_.run(n_, [&, this](std::size_t i) {
             write(first(i), ids);
             found[i] = noted_rows(rest(i));
             written[i] = count_and_write(i, ids, counts[i], found[i]);
@@ -81,10 +79,10 @@ public:
             find_ids(ids);
         add_counts(counts);
 
-        run_numbered(n_, [&, this](std::size_t i) {
+        rows_.run(n_, [&, this](std::size_t i) {
             write({wrong_[i] != 0 ? rest(i).begin : written[i], rest(i).end}, ids);
         });
-        return take_groups(groups_, sink);
+        return take_groups(rows_, groups_, sink);
     }
 
 private:
@@ -93,9 +91,15 @@ private:
     static constexpr std::uint64_t first_rows_per_index = 16;
     static constexpr std::uint64_t fewest_first_rows = std::uint64_t{16} * block_rows;
 
+    // More of them leave the second-level cache, and are fetched a block ahead of their use.
+    static constexpr std::size_t cached_ids = std::size_t{1} << 18;
+
     using index_block = std::array<std::uint32_t, block_rows>;
 
     BUN rows_of_first_step() const noexcept {
+        // Of a single range, no row can turn out to begin a group after another range has.
+        if (n_ == 1)
+            return 0;
         const BUN all = rows_.all().size();
         if (source_.cheap_to_load)
             return all;
@@ -141,7 +145,13 @@ private:
         const auto own = static_cast<std::uint32_t>(claimed + range);
         BUN written = rest(range).begin;
         bool writes = true;
+        const bool cached = ids.size() <= cached_ids;
         for_each_index_block(rest(range), [&, this](BUN row, const std::uint32_t *indices, BUN n) {
+            if (!cached)
+                for (std::size_t i = 0; i < n; ++i) {
+                    counts.prefetch(indices[i]);
+                    __builtin_prefetch(ids.data() + indices[i], 1);
+                }
             counts.add(indices, n, [&, this](std::uint32_t index, std::size_t i) {
                 const std::atomic_ref number(numbers_[index]);
                 std::uint32_t now = number.load(std::memory_order_relaxed);
@@ -228,7 +238,7 @@ private:
 
     //! Gives the groups what all ranges have counted.
     void add_counts(const gdk_vector<Counts> &counts) {
-        run_row_loop(static_cast<BUN>(totals_.size()), [&, this](vask_row_range indices) {
+        rows_.run_shares(totals_.size(), [&, this](vask_row_range indices) {
             for (const Counts &range : counts)
                 for (BUN index = indices.begin; index < indices.end; ++index)
                     totals_[index] += static_cast<std::uint32_t>(range[index]);
@@ -256,7 +266,7 @@ grouping_outcome group_by_index(const grouping_rows &rows, const index_source &s
                                 const group_resolver &resolve, const group_sink &sink) {
     // The wide counters of a range take 1 MiB then.
     constexpr std::uint32_t most_wide_counters = std::uint32_t{1} << 18;
-    return source.bound <= most_wide_counters
+    return source.bound <= most_wide_counters || rows.ranges.size() == 1
                ? index_grouping<row_counts>(rows, source, resolve).run(sink)
                : index_grouping<narrow_row_counts>(rows, source, resolve).run(sink);
 }

@@ -5,10 +5,12 @@
 #include "rows/group_by_buckets.h"
 #include "rows/group_by_index.h"
 #include "rows/group_by_table.h"
+#include "rows/key_table.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 
 namespace vask {
@@ -33,6 +35,18 @@ struct grouping_keys {
     Kind kind;
     key_loader<typename Kind::key_type> load_for_buckets;
 };
+
+//! Finds groups by keys that tell values apart for good.
+template <class Kind>
+group_resolver resolve_by_keys(const Kind &kind, const key_loader<typename Kind::key_type> &load) {
+    return [table = std::make_shared<key_table<Kind>>(kind), load](BUN row, std::uint32_t) {
+        typename Kind::key_type key;
+        std::uint32_t note;
+        // The row has a key: it has been loaded before.
+        static_cast<void>(load(row, 1, &note, &key, false));
+        return table->find_or_add(key);
+    };
+}
 
 //! Groups rows: by an index that the caches hold; else by tables, if there are few keys; else by a
 //! larger index, or by buckets. Throws like gdk_vector.

@@ -21,15 +21,11 @@
 
 namespace vask {
 
-//! The rows to group.
-struct grouping_rows {
-    //! Of positions, ascending, without gaps. Each is a task's.
-    const gdk_vector<vask_row_range> &ranges;
+//! The rows to group, whose positions ascend without gaps.
+struct grouping_rows : ranged_rows {
     oid_reader heads;
     //! The map's cells, by position. While rows are grouped they hold numbers of all kinds.
     oid *cells;
-
-    vask_row_range all() const noexcept { return {ranges[0].begin, ranges[ranges.size() - 1].end}; }
 };
 
 //! Writes the keys of the rows row .. row + n - 1, n at most block_rows. Equal keys mean equal

@@ -5,6 +5,7 @@
 #include "rows/row_ranges.h"
 
 #include <cstddef>
+#include <functional>
 
 namespace vask {
 
@@ -25,6 +26,11 @@ void run_numbered(std::size_t n, const Task &task) {
     for (std::size_t i = 0; i < n; ++i)
         tasks.spawn([&task, i] { task(i); });
     tasks.wait();
+}
+
+//! The same, as groupings call it.
+inline void run_as_tasks(std::size_t n, const std::function<void(std::size_t)> &task) {
+    run_numbered(n, task);
 }
 
 } // namespace vask

@@ -1,7 +1,6 @@
 // Rows worked on in blocks whose notes stay in the first-level cache.
 #pragma once
 
-#include "kernel/frame.h"
 #include "kernel/hostile.h"
 #include "rows/row_ranges.h"
 #include "vask/kernel/bat.h"

@@ -7,6 +7,7 @@
 
 #include "grouping/plain_groups.h"
 #include "rows/key_table.h"
+#include "rows/range_tasks.h"
 
 #include <algorithm>
 #include <random>
@@ -45,7 +46,7 @@ struct rows_to_group {
     }
 
     grouping_rows task() {
-        return {ranges, oid_reader(*heads->tail, *heads.record()), cells.data()};
+        return {{ranges, run_as_tasks}, oid_reader(*heads->tail, *heads.record()), cells.data()};
     }
 
     group_sink sink() {
@@ -213,7 +214,7 @@ TEST(GroupWays, TextsOfOneHashAreToldApart) {
     const offset_keys<std::uint32_t> texts(*b->tail);
     ASSERT_EQ(group_by_buckets(
                   rows.task(), text_content_keys<std::uint64_t>{text_reader(*b->tail)},
-                  load_texts(texts, hash_of_span(texts, span_of_offsets(texts, rows.ranges))),
+                  load_texts(texts, hash_of_span(texts, span_of_offsets(texts, rows.task()))),
                   rows.sink()),
               grouping_outcome::done);
     EXPECT_EQ(support::difference(rows.result(), rows.expected()), "");

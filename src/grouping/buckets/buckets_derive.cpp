@@ -4,10 +4,8 @@
 #include "grouping/derive/derived_keys.h"
 #include "grouping/map_heads.h"
 #include "grouping/sort/sort_bat.h"
-#include "rows/key_table.h"
 
 #include <algorithm>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -55,21 +53,9 @@ private:
     spin_then_sleep_lock ext_lock_;
 };
 
-//! Finds groups by keys that tell values apart for good.
-template <class Kind>
-group_resolver resolver(const Kind &kind, const key_loader<typename Kind::key_type> &load) {
-    return [table = std::make_shared<key_table<Kind>>(kind), load](BUN row, std::uint32_t) {
-        typename Kind::key_type key;
-        std::uint32_t note;
-        // The row has a key: it has been loaded before.
-        static_cast<void>(load(row, 1, &note, &key, false));
-        return table->find_or_add(key);
-    };
-}
-
 template <class Key, class Kind>
 bool refine(const refinement &r, grouping_keys<Key, Kind> &keys) {
-    keys.resolve = resolver(keys.kind, keys.load_for_buckets);
+    keys.resolve = resolve_by_keys(keys.kind, keys.load_for_buckets);
     appended_groups appended(r.ext, r.b);
     return group_rows(r.rows, keys, appended.sink()) == grouping_outcome::done;
 }
@@ -80,7 +66,8 @@ bool refine_numbers(const refinement &r) {
     grouping_keys<key_type, bit_keys<key_type>> keys;
     if constexpr (std::integral<T>)
         keys.index = index_of_integers<T>(r.groups, r.b, r.rows);
-    keys.load = keys.load_for_buckets = load_derived(r.groups, number_keys<T>(*r.b.tail));
+    keys.load = keys.load_for_buckets =
+        load_derived<value_bits<T>>(r.groups, number_keys<T>(*r.b.tail));
     return refine(r, keys);
 }
 
@@ -88,10 +75,10 @@ bool refine_numbers(const refinement &r) {
 template <class Offset>
 bool refine_texts(const refinement &r, const offset_keys<Offset> &texts) {
     grouping_keys<std::uint64_t, text_content_keys<wide_key>> keys({text_reader(*r.b.tail)});
-    const key_span<Offset> span = span_of_offsets(texts, r.rows.ranges);
+    const key_span<Offset> span = span_of_offsets(texts, r.rows);
     keys.index = index_of_pairs(r.groups, texts, span, r.rows);
     keys.one_index_per_value = false;
-    keys.load = load_derived_places(r.groups, texts);
+    keys.load = load_derived<std::uint32_t>(r.groups, texts);
     keys.load_for_buckets = load_derived_texts(r.groups, texts, hash_of_span(texts, span));
     return refine(r, keys);
 }
@@ -104,7 +91,7 @@ bool derive(BAT &grp, BAT &ext, BAT &b, BAT &map, BAT &histo, bool synced) {
             return false;
         const grouped_rows old{&b, &map, &histo, synced ? map_order::in_step : map_order::by_head};
         const slot_table_owner table(histo, b.info->count, ranges.size());
-        const grouping_rows rows{ranges, oid_reader(*b.head, b), map_cells(grp, b)};
+        const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b.head, b), map_cells(grp, b)};
         const refinement r{ext, b, rows, {&old, table.get()}};
         bool refined = false;
         if constexpr (std::same_as<T, str>)

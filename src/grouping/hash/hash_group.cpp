@@ -87,7 +87,7 @@ template <class Offset>
 int group_texts(const hash_grouping &g, const offset_keys<Offset> &column) {
     std::optional<vask_group_table<str>> groups;
     grouping_keys<std::uint32_t, text_content_keys<std::uint64_t>> keys({text_reader(*g.b.tail)});
-    const key_span<Offset> span = span_of_offsets(column, g.rows.ranges);
+    const key_span<Offset> span = span_of_offsets(column, g.rows);
     keys.index = index_of(g, column, span.least, span.span);
     keys.one_index_per_value = false;
     keys.load = load_keys<std::uint32_t>(column);
@@ -114,7 +114,7 @@ int vask_hash_group(BAT *ext, BAT *grp, BAT *b) {
             values = scan_values<T>(*b);
     }
     const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, nranges);
-    const grouping_rows rows{ranges, oid_reader(*b->head, *b), map_cells(*grp, *b)};
+    const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b->head, *b), map_cells(*grp, *b)};
     const hash_grouping g{*ext, *grp, *b, rows, mask};
     if constexpr (std::same_as<T, str>)
         return visit_offset_keys(*b->tail,

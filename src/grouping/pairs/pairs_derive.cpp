@@ -79,7 +79,7 @@ int refine_numbers(const pair_refinement &r, const groups_by_row &groups) {
         keys.load = load_derived_by_number(groups_by_id{&r.old}, column);
     } else {
         keys.index = index_of_integers<T>(groups, r.b, r.rows);
-        keys.load = load_derived(groups_by_id{&r.old}, column);
+        keys.load = load_derived<value_bits<T>>(groups_by_id{&r.old}, column);
     }
     keys.load_for_buckets = keys.load;
     return refine<T>(r, column, keys);
@@ -89,8 +89,8 @@ template <class Offset>
 int refine_texts(const pair_refinement &r, const groups_by_row &groups,
                  const offset_keys<Offset> &texts) {
     grouping_keys<std::uint64_t, bit_keys<std::uint64_t>> keys;
-    keys.index = index_of_pairs(groups, texts, span_of_offsets(texts, r.rows.ranges), r.rows);
-    keys.load = keys.load_for_buckets = load_derived_places(groups_by_id{&r.old}, texts);
+    keys.index = index_of_pairs(groups, texts, span_of_offsets(texts, r.rows), r.rows);
+    keys.load = keys.load_for_buckets = load_derived<std::uint32_t>(groups_by_id{&r.old}, texts);
     return refine<str>(r, texts, keys);
 }
 
@@ -103,7 +103,7 @@ int vask_pairs_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool syn
         return 0;
     const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, threads);
     const std::uint32_t mask = vask_derive_mask(map, histo, b);
-    const grouping_rows rows{ranges, oid_reader(*b->head, *b), map_cells(*grp, *b)};
+    const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b->head, *b), map_cells(*grp, *b)};
     const grouped_rows old{b, map, histo, synced ? map_order::in_step : map_order::by_head};
     const slot_table_owner table(*histo, b->info->count, threads);
     const groups_by_row groups{&old, table.get()};

@@ -127,7 +127,7 @@ bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
     // A dense head that runs across the nil has a row without a place.
     if (oid_nil - b.head->seqbase < b.info->count)
         return false;
-    const grouping_rows rows{ranges, oid_reader(*b.head, b), map_cells(grp, b)};
+    const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b.head, b), map_cells(grp, b)};
     std::optional<bucket_memory<sort_key<T>>> memory;
     if constexpr (sizeof(T) == sizeof(sort_key<T>))
         memory = {rows_of<BUN>(*copy.head) + copy.info->first,
