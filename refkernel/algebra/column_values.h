@@ -13,6 +13,7 @@
 #include <concepts>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <optional>
 
 namespace refkernel::algebra {
@@ -52,6 +53,10 @@ inline bool holds_each_text_once(const BATcol &column) {
 template <std::integral T>
 std::optional<vask::key_span<typename vask::number_keys<T>::key_type>>
 span_of_values(const BAT &b, std::uint64_t most) {
+    using key_type = typename vask::number_keys<T>::key_type;
+    // Not worth a look: an array of all values is small.
+    if (sizeof(T) == 1)
+        return {{0, std::numeric_limits<key_type>::max()}};
     // A look at this many rows across a large column tells most columns of a wide span apart
     // without reading them whole.
     constexpr BUN rows_of_first_look = 256;
@@ -70,7 +75,6 @@ span_of_values(const BAT &b, std::uint64_t most) {
         return std::nullopt;
     if (span.empty())
         return {{0, 0}};
-    using key_type = typename vask::number_keys<T>::key_type;
     return {{vask::key_bits(span.least), static_cast<key_type>(span.distance())}};
 }
 

@@ -89,7 +89,6 @@ void group_pairs(const old_groups &groups, const BAT &b, group_result &result,
         vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
         keys.index = vask::index_of_pairs(numbered, values, {0, bound}, rows.get());
         keys.load = keys.load_for_buckets = vask::load_derived<std::uint32_t>(by_id, values);
-        keys.resolve = each_a_new_group;
         rows.group(keys, {}, result.map(), make_extents);
     } else {
         visit_pair_keys(b, by_id, [&](auto &keys, const auto &index) {

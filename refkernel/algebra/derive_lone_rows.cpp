@@ -101,9 +101,10 @@ struct listed_groups {
         visit_pair_keys(b, {parents - b.info->first}, [&](auto &keys, const auto &) {
             keys.load = load_listed(list, keys.load);
             keys.load_for_buckets = load_listed(list, keys.load_for_buckets);
-            keys.resolve = [&list, resolve = keys.resolve](BUN row, std::uint32_t next) {
-                return resolve(list[row], next);
-            };
+            if (keys.resolve)
+                keys.resolve = [&list, resolve = keys.resolve](BUN row, std::uint32_t next) {
+                    return resolve(list[row], next);
+                };
             serial_rows(0, static_cast<BUN>(list.size()))
                 .group(keys, {}, map.data(), [this](BUN groups) {
                     firsts.resize(groups);

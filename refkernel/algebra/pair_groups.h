@@ -44,7 +44,6 @@ void visit_pair_keys(const BAT &b, const groups_by_id &groups, F f) {
         vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
         keys.load = vask::load_derived<std::uint32_t>(groups, void_values{tail.seqbase == oid_nil});
         keys.load_for_buckets = keys.load;
-        keys.resolve = each_a_new_group;
         f(keys, without_index);
     } else if (!tail.varsized) {
         visit_numbers(tail, [&]<class T>(const vask::number_keys<T> &values) {
@@ -52,7 +51,6 @@ void visit_pair_keys(const BAT &b, const groups_by_id &groups, F f) {
             vask::grouping_keys<key_type, vask::bit_keys<key_type>> keys;
             keys.load = keys.load_for_buckets =
                 vask::load_derived<vask::value_bits<T>>(groups, values);
-            keys.resolve = each_a_new_group;
             if constexpr (std::integral<T>)
                 f(keys, [&](const auto &numbered, const vask::ranged_rows &rows) {
                     const auto span = span_of_values<T>(b, b.info->count);
@@ -73,7 +71,6 @@ void visit_pair_keys(const BAT &b, const groups_by_id &groups, F f) {
             if (holds_each_text_once(tail)) {
                 vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
                 keys.load = keys.load_for_buckets = load;
-                keys.resolve = each_a_new_group;
                 f(keys, index);
                 return;
             }

@@ -50,9 +50,6 @@ private:
     vask::gdk_vector<vask::vask_row_range> range_;
 };
 
-//! Of one range, every key is asked for once and is a new group.
-inline constexpr auto each_a_new_group = [](BUN, std::uint32_t next) { return next; };
-
 } // namespace refkernel::algebra
 
 #endif

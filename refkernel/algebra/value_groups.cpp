@@ -102,7 +102,6 @@ void group_numbers(const value_grouping &g, const vask::number_keys<T> &column) 
     }
     vask::grouping_keys<key_type, vask::bit_keys<key_type>> keys;
     keys.load = keys.load_for_buckets = vask::load_keys<key_type>(column);
-    keys.resolve = each_a_new_group;
     group(g, serial_rows(g.first(), g.count()), column, span, keys);
 }
 
@@ -124,7 +123,6 @@ void group_texts(const value_grouping &g, const vask::offset_keys<Offset> &texts
     if (each_once) {
         vask::grouping_keys<std::uint32_t, vask::bit_keys<std::uint32_t>> keys;
         keys.load = keys.load_for_buckets = load;
-        keys.resolve = each_a_new_group;
         group(g, rows, texts, std::optional(span), keys);
         return;
     }

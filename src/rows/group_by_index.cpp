@@ -2,6 +2,7 @@
 
 #include "kernel/shared_mark.h"
 #include "rows/noted_rows.h"
+#include "rows/one_range.h"
 #include "rows/row_counts.h"
 #include "rows/take_groups.h"
 
@@ -91,15 +92,9 @@ private:
     static constexpr std::uint64_t first_rows_per_index = 16;
     static constexpr std::uint64_t fewest_first_rows = std::uint64_t{16} * block_rows;
 
-    // More of them leave the second-level cache, and are fetched a block ahead of their use.
-    static constexpr std::size_t cached_ids = std::size_t{1} << 18;
-
     using index_block = std::array<std::uint32_t, block_rows>;
 
     BUN rows_of_first_step() const noexcept {
-        // Of a single range, no row can turn out to begin a group after another range has.
-        if (n_ == 1)
-            return 0;
         const BUN all = rows_.all().size();
         if (source_.cheap_to_load)
             return all;
@@ -145,13 +140,7 @@ private:
         const auto own = static_cast<std::uint32_t>(claimed + range);
         BUN written = rest(range).begin;
         bool writes = true;
-        const bool cached = ids.size() <= cached_ids;
         for_each_index_block(rest(range), [&, this](BUN row, const std::uint32_t *indices, BUN n) {
-            if (!cached)
-                for (std::size_t i = 0; i < n; ++i) {
-                    counts.prefetch(indices[i]);
-                    __builtin_prefetch(ids.data() + indices[i], 1);
-                }
             counts.add(indices, n, [&, this](std::uint32_t index, std::size_t i) {
                 const std::atomic_ref number(numbers_[index]);
                 std::uint32_t now = number.load(std::memory_order_relaxed);
@@ -260,13 +249,28 @@ private:
     gdk_vector<new_group> groups_;
 };
 
+grouping_outcome group_one_range(const grouping_rows &rows, const index_source &source,
+                                 const group_resolver &resolve, const group_sink &sink) {
+    one_range_groups groups(rows, resolve, source.bound);
+    std::array<std::uint32_t, block_rows> indices;
+    const bool all = all_blocks(rows.all(), [&](BUN row, BUN n) {
+        if (!source.load(row, n, indices.data()))
+            return false;
+        groups.add(row, indices.data(), n);
+        return true;
+    });
+    return all ? take_groups(rows, groups.groups(), sink) : grouping_outcome::row_without_key;
+}
+
 } // namespace
 
 grouping_outcome group_by_index(const grouping_rows &rows, const index_source &source,
                                 const group_resolver &resolve, const group_sink &sink) {
+    if (rows.ranges.size() == 1)
+        return group_one_range(rows, source, resolve, sink);
     // The wide counters of a range take 1 MiB then.
     constexpr std::uint32_t most_wide_counters = std::uint32_t{1} << 18;
-    return source.bound <= most_wide_counters || rows.ranges.size() == 1
+    return source.bound <= most_wide_counters
                ? index_grouping<row_counts>(rows, source, resolve).run(sink)
                : index_grouping<narrow_row_counts>(rows, source, resolve).run(sink);
 }

@@ -42,7 +42,8 @@ using index_loader = std::function<bool(BUN row, BUN n, std::uint32_t *indices)>
 
 //! Where two keys can stand for one value, or the groups of ranges have to be brought together: the
 //! number of the group of a row's value, `next` for a new one. Asked for the first row of each key
-//! of each range, in the order of ranges and rows, on the calling thread.
+//! of each range, in the order of ranges and rows, on the calling thread. Empty: every key of a
+//! single range is a group of its own.
 using group_resolver = std::function<std::uint32_t(BUN row, std::uint32_t next)>;
 
 struct new_group {

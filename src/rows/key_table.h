@@ -58,15 +58,18 @@ public:
         return at->code - base_;
     }
 
-    //! The codes of the keys of a block.
+    //! The codes of the keys of a block, at most block_rows.
     void find_or_add(const key_type *keys, BUN n, std::uint32_t *codes) {
         while (2 * (std::size_t{size_} + n) > slot_count_)
             resize(growth * slot_count_);
         const std::uint32_t known = size_;
+        const bool cached = slot_count_ < cached_slots;
         if (many_new_)
-            find_or_add_block<true>(keys, n, codes);
+            cached ? find_or_add_block<true, true>(keys, n, codes)
+                   : find_or_add_block<true, false>(keys, n, codes);
         else
-            find_or_add_block<false>(keys, n, codes);
+            cached ? find_or_add_block<false, true>(keys, n, codes)
+                   : find_or_add_block<false, false>(keys, n, codes);
         many_new_ = (size_ - known) * many_new_share > n;
     }
 
@@ -86,14 +89,15 @@ private:
     // Codes stay below 2^32.
     static constexpr std::uint32_t most_base = std::uint32_t{1} << 31;
 
-    VASK_ALWAYS_INLINE std::size_t slot_of(std::uint64_t hash) const noexcept {
-        return hash << used_bits_ >> shift_;
+    static VASK_ALWAYS_INLINE std::size_t slot_of(std::uint64_t hash, unsigned used_bits,
+                                                  unsigned shift) noexcept {
+        return hash << used_bits >> shift;
     }
 
     //! The slot that holds the key, or the free one where it belongs.
     VASK_ALWAYS_INLINE slot *find(const key_type &key, std::uint64_t hash) const noexcept {
         slot *slots = slots_.get();
-        std::size_t i = slot_of(hash);
+        std::size_t i = slot_of(hash, used_bits_, shift_);
         while (slots[i].code >= base_ && !kind_.same(slots[i].key, key))
             i = (i + 1) & (slot_count_ - 1);
         return slots + i;
@@ -101,17 +105,29 @@ private:
 
     //! Without a branch on whether a key is new, of which the processor would guess every other
     //! wrong where many are; where few are, the store it takes costs more.
-    template <bool ManyNew>
+    template <bool ManyNew, bool Cached>
     void find_or_add_block(const key_type *keys, BUN n, std::uint32_t *codes) {
-        slot *slots = slots_.get();
-        const bool cached = slot_count_ < cached_slots;
+        // Locals, which no store can change.
+        const Kind kind = kind_;
+        slot *const slots = slots_.get();
+        const std::size_t mask = slot_count_ - 1;
         const std::uint32_t base = base_;
         std::uint32_t next = base + size_;
+        const unsigned used_bits = used_bits_;
+        const unsigned shift = shift_;
+        // Those that are fetched ahead of their use.
+        std::array<std::size_t, Cached ? 1 : block_rows> places;
+        if constexpr (!Cached)
+            for (std::size_t i = 0; i < n; ++i)
+                places[i] = slot_of(kind.hash(keys[i]), used_bits, shift);
         for (std::size_t i = 0; i < n; ++i) {
-            if (!cached && i + fetched_ahead < n)
-                __builtin_prefetch(slots + slot_of(kind_.hash(keys[i + fetched_ahead])));
+            if (!Cached && i + fetched_ahead < n)
+                __builtin_prefetch(slots + places[i + fetched_ahead]);
             const key_type key = keys[i];
-            slot *at = find(key, kind_.hash(key));
+            std::size_t place = Cached ? slot_of(kind.hash(key), used_bits, shift) : places[i];
+            while (slots[place].code >= base && !kind.same(slots[place].key, key))
+                place = (place + 1) & mask;
+            slot *const at = slots + place;
             if constexpr (ManyNew) {
                 const std::uint32_t known = 0 - static_cast<std::uint32_t>(at->code >= base);
                 *at = {key, (at->code & known) | (next & ~known)};

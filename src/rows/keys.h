@@ -19,10 +19,13 @@
 
 namespace vask {
 
-//! Spreads 64 bits so that the upper ones depend on all.
+//! Spreads 64 bits so that the upper ones depend on all. Whole numbers as doubles differ in their
+//! upper halves alone: without the first fold they probe a table three times as often as random
+//! keys do.
 VASK_ALWAYS_INLINE std::uint64_t spread_bits(std::uint64_t bits) noexcept {
     constexpr std::uint64_t golden_ratio = 0x9e3779b97f4a7c15;  // 2^64 divided by it, odd
     constexpr std::uint64_t second_factor = 0xd6e8feb86659fd93; // any odd number without a pattern
+    bits ^= bits >> 32;
     bits *= golden_ratio;
     bits ^= bits >> 32;
     return unless_hostile_hash(bits * second_factor);

@@ -49,11 +49,6 @@ public:
             add_in_lanes<max_lanes>(numbers, n, on_first);
     }
 
-    //! Asks for the memory in which a row of the number will be counted; the numbers are many.
-    VASK_ALWAYS_INLINE void prefetch(std::uint32_t number) const noexcept {
-        __builtin_prefetch(counts_.data() + number, 1);
-    }
-
     //! The rows of a number that are not in the totals.
     lng operator[](std::size_t number) const noexcept {
         lng count = 0;

@@ -100,6 +100,13 @@ template <class Key>
 grouping_outcome by_table(rows_to_group &rows) {
     return group_by_table<Key>(rows.task(), load<Key>(rows.keys), by_key(rows.keys), rows.sink());
 }
+//! Of a single range, no key has to be brought together with another.
+grouping_outcome by_unresolved_table(rows_to_group &rows) {
+    const bool one_range = rows.ranges.size() == 1;
+    return group_by_table<std::uint64_t>(rows.task(), load<std::uint64_t>(rows.keys),
+                                         one_range ? group_resolver() : by_key(rows.keys),
+                                         rows.sink());
+}
 template <class Key>
 grouping_outcome by_buckets(rows_to_group &rows) {
     return group_by_buckets(rows.task(), bit_keys<Key>(), load<Key>(rows.keys), rows.sink());
@@ -136,6 +143,7 @@ TEST(GroupWays, AgreeWithThePlainWay) {
                                                  {"table, 32 bits", by_table<std::uint32_t>},
                                                  {"table, 64 bits", by_table<std::uint64_t>},
                                                  {"table, 96 bits", by_table<wide_key>},
+                                                 {"table, unresolved", by_unresolved_table},
                                                  {"buckets, 32 bits", by_buckets<std::uint32_t>},
                                                  {"buckets, 64 bits", by_buckets<std::uint64_t>},
                                                  {"buckets, 96 bits", by_buckets<wide_key>}};
@@ -165,28 +173,30 @@ TEST(GroupWays, AgreeWithThePlainWay) {
 
 // Of what a row without a key or a failing sink leaves behind, nothing is used.
 TEST(GroupWays, FailuresAreTold) {
-    for (const BUN without_key : {0U, 5000U, 99'999U}) {
-        rows_to_group rows(100'000, 50, 3, 1);
-        const auto loader = load<std::uint64_t>(rows.keys, without_key);
-        EXPECT_EQ(group_by_table(rows.task(), loader, by_key(rows.keys), rows.sink()),
-                  grouping_outcome::row_without_key);
-        EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(), loader, rows.sink()),
-                  grouping_outcome::row_without_key);
-        EXPECT_EQ(by_index(rows, rows.sink(), without_key), grouping_outcome::row_without_key);
-    }
-    rows_to_group rows(100'000, 50, 3, 1);
-    group_sink no_room = rows.sink();
-    no_room.make_room = [](BUN, extents_rows &) { return false; };
-    group_sink refuses = rows.sink();
-    refuses.take = [](std::size_t, const new_group *, std::size_t) { return false; };
-    for (const group_sink &sink : {no_room, refuses}) {
-        EXPECT_EQ(
-            group_by_table(rows.task(), load<std::uint64_t>(rows.keys), by_key(rows.keys), sink),
-            grouping_outcome::failed);
-        EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(),
-                                   load<std::uint64_t>(rows.keys), sink),
-                  grouping_outcome::failed);
-        EXPECT_EQ(by_index(rows, sink), grouping_outcome::failed);
+    for (const std::size_t ranges : {1U, 3U}) {
+        SCOPED_TRACE(std::to_string(ranges) + " ranges");
+        rows_to_group rows(100'000, 50, ranges, 1);
+        for (const BUN without_key : {0U, 5000U, 99'999U}) {
+            const auto loader = load<std::uint64_t>(rows.keys, without_key);
+            EXPECT_EQ(group_by_table(rows.task(), loader, by_key(rows.keys), rows.sink()),
+                      grouping_outcome::row_without_key);
+            EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(), loader, rows.sink()),
+                      grouping_outcome::row_without_key);
+            EXPECT_EQ(by_index(rows, rows.sink(), without_key), grouping_outcome::row_without_key);
+        }
+        group_sink no_room = rows.sink();
+        no_room.make_room = [](BUN, extents_rows &) { return false; };
+        group_sink refuses = rows.sink();
+        refuses.take = [](std::size_t, const new_group *, std::size_t) { return false; };
+        for (const group_sink &sink : {no_room, refuses}) {
+            EXPECT_EQ(group_by_table(rows.task(), load<std::uint64_t>(rows.keys), by_key(rows.keys),
+                                     sink),
+                      grouping_outcome::failed);
+            EXPECT_EQ(group_by_buckets(rows.task(), bit_keys<std::uint64_t>(),
+                                       load<std::uint64_t>(rows.keys), sink),
+                      grouping_outcome::failed);
+            EXPECT_EQ(by_index(rows, sink), grouping_outcome::failed);
+        }
     }
 }
 
