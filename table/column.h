@@ -110,11 +110,6 @@ public:
     void validate() const;
 
 private:
-    numbers make_numbers(const teller &tell) const;
-    numbers without_nan(const numbers &all) const;
-    texts make_texts(const teller &tell) const;
-    texts texts_of_heap() const;
-
     std::string name_;
     value_type type_;
     std::string refusal_;
