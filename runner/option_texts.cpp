@@ -199,14 +199,14 @@ void print_zsh() {
             const std::string told = escaped(one_line(option.description), "[]:\\", "\\");
             std::string action;
             if (!option.choices.empty())
-                action = ":" + option.value + ":(" + choices(option) + ")";
+                action = fmt::format(":{}:({})", option.value, choices(option));
             else if (takes_a_file(option))
-                action = ":" + escaped(option.value, ":", "\\") + ":_files";
+                action = fmt::format(":{}:_files", escaped(option.value, ":", "\\"));
             else if (!option.value.empty())
-                action = ":" + escaped(option.value, ":", "\\") + ": ";
+                action = fmt::format(":{}: ", escaped(option.value, ":", "\\"));
             // A value may stand in the word of the option or behind it.
             const bool has_value = !option.value.empty();
-            const std::string text = "[" + told + "]" + action;
+            const std::string text = fmt::format("[{}]{}", told, action);
             std::string quoted;
             for (const char c : text) {
                 if (c == '\'')

@@ -9,6 +9,7 @@
 #include "refkernel/pool.h"
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -67,6 +68,8 @@ char *or_exception(const char *place, Operation run) noexcept {
         return make_exception(place, f.what());
     } catch (const std::bad_alloc &) {
         return make_exception(place, "out of memory");
+    } catch (const std::exception &) { // of an array that would be longer than memory
+        return make_exception(place, "operation failed");
     }
 }
 
