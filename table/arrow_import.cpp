@@ -230,8 +230,9 @@ streamed_columns columns_of_stream(released<ArrowArrayStream> &stream) {
     return result;
 }
 
-std::shared_ptr<const column>
-column_of_array(const std::string &name, const released<ArrowSchema> &schema, array_owner array) {
+std::shared_ptr<const column> column_of_array(const std::string &name,
+                                              const released<ArrowSchema> &schema,
+                                              const array_owner &array) {
     if (!schema.is_there() || array == nullptr || !array->is_there())
         fail(VASK_BAD_REQUEST, "column '{}': its schema or array was released before", shown(name));
     made_column made{name, type_of(*schema, name), {}};

@@ -57,8 +57,8 @@ struct streamed_columns {
 streamed_columns columns_of_stream(released<ArrowArrayStream> &stream);
 
 //! One array as a column.
-std::shared_ptr<const column> column_of_array(const std::string &name,
-                                              const released<ArrowSchema> &schema,
-                                              std::shared_ptr<const released<ArrowArray>> array);
+std::shared_ptr<const column>
+column_of_array(const std::string &name, const released<ArrowSchema> &schema,
+                const std::shared_ptr<const released<ArrowArray>> &array);
 
 } // namespace vask::table

@@ -170,6 +170,7 @@ private:
         const found_states &states = states_[i];
         const auto n = integers_of(*states.part(count, title), context_.tell);
         std::vector<std::span<const dbl>> parts;
+        parts.reserve(numbers.size());
         for (const auto &[part, member] : numbers)
             parts.push_back(doubles_of(*states.part(part, title), context_.tell));
         std::vector<Merged> merged(groups_->count());

@@ -28,7 +28,7 @@ void *address_of(F *function) {
 
 #define VASK_LINKED(name)                                                                          \
     linked_operator {                                                                              \
-#name, address_of(&name)                                                                   \
+#name, address_of(&(name))                                                                 \
     }
 
 // Those that plans ask for.
