@@ -1,5 +1,6 @@
 #include "table/column.h"
 
+#include "rows/isa.h"
 #include "table/column_numbers.h"
 #include "table/column_texts.h"
 #include "table/errors.h"
@@ -58,14 +59,17 @@ value_bounds bounds_of(const bat &column) {
             const T nil = nil_of<T>();
             std::mutex joining;
             for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
-                T low = std::numeric_limits<T>::max();
+                constexpr T greatest = std::numeric_limits<T>::max();
+                T low = greatest;
                 T high = std::numeric_limits<T>::min();
-                for (std::size_t row = begin; row < end; ++row) {
-                    const T value = values[row];
-                    // The nil is the least number of all and takes no part as the least.
-                    low = std::min(low, value == nil ? low : value);
-                    high = std::max(high, value);
-                }
+                with_best_instruction_set([&]() __attribute__((always_inline)) {
+                    for (std::size_t row = begin; row < end; ++row) {
+                        const T value = values[row];
+                        // The nil is the least number of all and takes no part as the least.
+                        low = std::min(low, value == nil ? greatest : value);
+                        high = std::max(high, value);
+                    }
+                });
                 const std::scoped_lock lock(joining);
                 // What is left at the largest number has met nothing but nils.
                 if (low <= high) {

@@ -201,48 +201,21 @@ std::vector<std::uint8_t> presence(const std::vector<piece> &pieces, std::size_t
     return present;
 }
 
-template <class T>
-struct wider_of {
-    using type = void;
-};
-template <>
-struct wider_of<std::int8_t> {
-    using type = std::int16_t;
-};
-template <>
-struct wider_of<std::int16_t> {
-    using type = std::int32_t;
-};
-template <>
-struct wider_of<std::int32_t> {
-    using type = std::int64_t;
-};
-template <>
-struct wider_of<float> {
-    using type = double;
-};
+//! A signed integer of 2, 4 or, for any more, 8 bytes.
+template <std::size_t bytes>
+using integer_of = std::conditional_t<bytes == 2, std::int16_t,
+                                      std::conditional_t<bytes == 4, std::int32_t, std::int64_t>>;
 
-// What the values' own type is stored as where no value equals the nil.
+//! The wider signed type, which has room for the nil beside all values; void: there is none.
 template <class T>
-struct stored_of {
-    using type = T;
-};
-template <>
-struct stored_of<std::uint8_t> {
-    using type = std::int16_t;
-};
-template <>
-struct stored_of<std::uint16_t> {
-    using type = std::int32_t;
-};
-template <>
-struct stored_of<std::uint32_t> {
-    using type = std::int64_t;
-};
-template <>
-struct stored_of<std::uint64_t> {
-    using type = std::int64_t;
-};
+using wider_of = std::conditional_t<
+    std::is_same_v<T, float>, double,
+    std::conditional_t<std::is_integral_v<T> && std::is_signed_v<T> && sizeof(T) < sizeof(lng),
+                       integer_of<2 * sizeof(T)>, void>>;
+
+//! What the values' own type is stored as where no value equals the nil.
+template <class T>
+using stored_of = std::conditional_t<std::is_unsigned_v<T>, integer_of<2 * sizeof(T)>, T>;
 
 struct fixed_request {
     const std::vector<piece> &pieces;
@@ -255,7 +228,7 @@ struct fixed_request {
 
 template <class T>
 numbers beyond_numbers(const fixed_request &asked) {
-    using stored = typename stored_of<T>::type;
+    using stored = stored_of<T>;
     fresh_column<stored> made(asked.rows);
     for_pieces(asked.pieces,
                [&](const piece &p, std::int64_t from, std::int64_t n, std::size_t row) {
@@ -277,8 +250,8 @@ numbers beyond_numbers(const fixed_request &asked) {
 
 template <class T>
 numbers fixed_numbers(const fixed_request &asked) {
-    using stored = typename stored_of<T>::type;
-    using wider = typename wider_of<T>::type;
+    using stored = stored_of<T>;
+    using wider = wider_of<T>;
     numbers result;
     result.missing = asked.nulls;
     value_census<T> odd;

@@ -157,11 +157,6 @@ private:
 
     // ---- moments and pairs: by group number ----
 
-    std::size_t group_of(std::size_t row) const {
-        const auto numbers = groups_->numbers();
-        return numbers.empty() ? 0 : static_cast<std::size_t>(numbers[row]);
-    }
-
     // `count` is the part that says how many values a state speaks of.
     template <class Merged, class Numbers>
     std::vector<Merged> merged_of(std::size_t i, std::string_view count,
@@ -174,6 +169,7 @@ private:
         for (const auto &[part, member] : numbers)
             parts.push_back(doubles_of(*states.part(part, title), context_.tell));
         std::vector<Merged> merged(groups_->count());
+        const auto group_of = groups_->number_of_row();
         for (std::size_t row = 0; row < n.size(); ++row) {
             if (n[row] <= 0) // the nil, too
                 continue;
@@ -488,6 +484,7 @@ private:
         std::vector<lng> most(groups_->count(), 1);
         const auto values = by_value.numbers();
         const auto first_rows = by_both.first_rows();
+        const auto group_of = groups_->number_of_row();
         for (std::size_t pair = 0; pair < sums.size(); ++pair) {
             const std::size_t row = first_rows[pair];
             const std::size_t group = group_of(row);

@@ -1,5 +1,7 @@
 #include "table/plan.h"
 
+#include "distinct/count_distinct.h"
+
 #include "table/errors.h"
 #include "table/shared_parts.h"
 #include "table/value_statistics.h"
@@ -214,9 +216,7 @@ private:
         if (by_.count() == static_cast<std::size_t>(by_.rows()))
             return counts(of);
         std::vector<lng> result;
-        // Of more groups the operator leaves the work to one thread.
-        constexpr std::size_t most_groups = 1'000'000;
-        if (keys.size() > 1 || by_.count() > most_groups ||
+        if (keys.size() > 1 || by_.count() > most_groups_counted_in_parallel ||
             (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
             result.resize(by_.count());
             const present_rows &rows = parts_.present_in(of, keys[0]);

@@ -1,3 +1,5 @@
+#include "distinct/count_distinct.h"
+
 #include "distinct/pair_count.h"
 #include "distinct/window_count.h"
 #include "kernel/element_types.h"
@@ -17,8 +19,6 @@ namespace {
 
 enum class countd_strategy { parallel, serial, failed };
 
-// Of more groups than that the kernel's refinement takes care.
-constexpr BUN most_groups = 1'000'000;
 constexpr BUN sample_rows = 1024;
 // Fewer different values than that among the sampled rows, and the serial refinement has so few
 // groups that it is the faster way.
@@ -59,9 +59,11 @@ countd_strategy strategy_of_sample(BAT *sample) {
 }
 
 countd_strategy vask_countd_strategy(BAT *b, const BAT *g, const BAT *e) {
-    if (e->info->count > most_groups || !is_ascending(*b->head) || !is_ascending(*g->head)) {
-        tell_plan("serial path: %s", e->info->count > most_groups ? "more than a million groups"
-                                                                  : "the rows are in no order");
+    if (e->info->count > most_groups_counted_in_parallel || !is_ascending(*b->head) ||
+        !is_ascending(*g->head)) {
+        tell_plan("serial path: %s", e->info->count > most_groups_counted_in_parallel
+                                         ? "more than a million groups"
+                                         : "the rows are in no order");
         return countd_strategy::serial;
     }
     BAT *sample = BATsample(b, sample_rows);
