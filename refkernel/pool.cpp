@@ -1,6 +1,7 @@
 #include "refkernel/pool.h"
 
 #include "refkernel/instrumented.h"
+#include "vask/refkernel/reference_account.h"
 
 #include <deque>
 #include <mutex>
@@ -124,6 +125,13 @@ std::int32_t &count_of(bat_entry &entry, reference kind) {
     }
 }
 
+thread_local reference_account *account = nullptr;
+
+void count_for_account(std::int32_t id, reference kind, std::int32_t change) noexcept {
+    if (account != nullptr && kind != reference::view)
+        account->count(id, kind == reference::logical, change);
+}
+
 } // namespace
 
 BAT *insert(std::unique_ptr<bat_entry> made) {
@@ -143,6 +151,7 @@ BAT *insert(std::unique_ptr<bat_entry> made) {
     publish(record.logical_name, made->name.c_str());
     BAT *const desc = &made->desc;
     pool.slot(id) = made.release();
+    count_for_account(id, reference::physical, 1);
     return desc;
 }
 
@@ -166,6 +175,7 @@ std::int32_t add_reference(std::int32_t id, reference kind) noexcept {
     if (kind != reference::view) {
         ++pool.total(kind);
     }
+    count_for_account(id, kind, 1);
     return ++count_of(*entry, kind);
 }
 
@@ -180,6 +190,7 @@ void drop_reference(std::int32_t id, reference kind) noexcept {
             return;
         }
         --count_of(*entry, kind);
+        count_for_account(id, kind, -1);
         if (kind != reference::view) {
             --pool.total(kind);
         }
@@ -245,6 +256,37 @@ std::vector<live_bat> live_bats() {
 }
 
 } // namespace pool
+
+reference_account::reference_account() noexcept : before_(std::exchange(pool::account, this)) {}
+
+reference_account::~reference_account() {
+    pool::account = before_;
+}
+
+void reference_account::count(std::int32_t id, bool logical, std::int32_t change) noexcept {
+    const std::int32_t number = id < 0 ? -id : id;
+    for (balance &each : balances_) {
+        if (each.id == number && each.logical == logical) {
+            each.held += change;
+            return;
+        }
+    }
+    try {
+        balances_.push_back({number, logical, change});
+    } catch (const std::bad_alloc &) { // NOLINT(bugprone-empty-catch)
+        // There is too little memory anyway.
+    }
+}
+
+void reference_account::give_back() noexcept {
+    for (const balance &each : std::exchange(balances_, {})) {
+        for (std::int32_t i = 0; i < each.held; ++i) {
+            pool::drop_reference(each.id, each.logical ? pool::reference::logical
+                                                       : pool::reference::physical);
+        }
+    }
+    balances_.clear();
+}
 
 bool instrumentation::unload(std::int32_t id) {
     pool::bat_pool &pool = pool::the_pool();

@@ -229,6 +229,7 @@ void sort_by_keys(std::vector<std::uint32_t> &groups, std::span<const sort_key> 
             records[i] = {first.value[groups[i]], groups[i], is_missing(first, groups[i])};
     });
     tbb::parallel_sort(records.begin(), records.end(), less);
+    end_if_cancelled();
     for_rows(groups.size(), [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
             groups[i] = records[i].group;
@@ -291,6 +292,7 @@ void groups::find_order(const teller &tell) {
         else if (!std::is_sorted(order_.begin(), order_.end(), earlier))
             tbb::parallel_sort(order_.begin(), order_.end(), earlier);
     });
+    end_if_cancelled();
     in_order_ = order_.size() == count() && std::is_sorted(order_.begin(), order_.end());
 }
 

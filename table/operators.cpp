@@ -1,7 +1,9 @@
 #include "table/operators.h"
 
+#include "kernel/cancelled.h"
 #include "table/errors.h"
 #include "vask/refkernel/errors.h"
+#include "vask/refkernel/reference_account.h"
 
 #include <new>
 #include <utility>
@@ -28,6 +30,7 @@ void check(char *exception_string) {
     if (exception_string == nullptr)
         return;
     const refkernel::operator_failure failure = refkernel::take_exception(exception_string);
+    end_if_cancelled(); // of which some only say that they failed
     if (failure.text.find("allocate") != std::string::npos)
         throw std::bad_alloc();
     // Columns were checked before, so that little else is left: some operators only say that they
@@ -45,11 +48,18 @@ std::string number_of(const operator_set::grouped_rows &groups) {
     return fmt::format("{} group{}, ", n, n == 1 ? "" : "s");
 }
 
-// A thread that waits in an operator takes up no work of another query.
+// A thread that waits in an operator takes up no work of another query. What an operator loses when
+// an exception passes it is given back.
 template <class Call>
 void isolated(const Call &call) {
     char *failure = nullptr;
-    tbb::this_task_arena::isolate([&] { failure = call(); });
+    refkernel::reference_account references;
+    try {
+        tbb::this_task_arena::isolate([&] { failure = call(); });
+    } catch (...) {
+        references.give_back();
+        throw;
+    }
     check(failure);
 }
 

@@ -2,6 +2,8 @@
 // what that would wait for.
 #pragma once
 
+#include "kernel/cancelled.h"
+
 #include <algorithm>
 #include <cstddef>
 
@@ -13,7 +15,7 @@ namespace vask::table {
 
 inline constexpr std::size_t rows_of_a_task = std::size_t{1} << 16;
 
-//! Calls `work(begin, end)` for parts of 0 .. n - 1.
+//! Calls `work(begin, end)` for parts of 0 .. n - 1, until the work around it is cancelled.
 template <class Work>
 void for_parts(std::size_t n, std::size_t grain, const Work &work) {
     if (n <= grain) {
@@ -26,6 +28,7 @@ void for_parts(std::size_t n, std::size_t grain, const Work &work) {
             tbb::blocked_range<std::size_t>(0, n, grain),
             [&](const tbb::blocked_range<std::size_t> &part) { work(part.begin(), part.end()); });
     });
+    end_if_cancelled();
 }
 
 template <class Work>

@@ -2,16 +2,26 @@
 
 #include "table/errors.h"
 
+#include "kernel/cancelled.h"
 #include "refkernel/memory.h"
 #include "vask/ops.h"
 #include "vask/refkernel/errors.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <tbb/task_arena.h>
+#include <tbb/task_group.h>
 
 namespace vask::table {
 namespace {
@@ -150,23 +160,153 @@ partition_setting::~partition_setting() {
         state().free.notify_all();
 }
 
-teller notes_of(const vask_query &asked) {
-    if (asked.note == nullptr)
-        return [](const std::string &) {};
+namespace {
+
+// Below so many rows each step is over before anybody would miss an answer.
+constexpr std::int64_t rows_of_a_long_call = std::int64_t{1} << 18;
+// Between two questions of a long call.
+constexpr std::chrono::milliseconds patience{50};
+
+[[noreturn]] void fail_as_cancelled() {
+    fail(VASK_CANCELLED, "the call was cancelled");
+}
+
+teller told_once(std::function<void(const std::string &)> tell) {
     const auto told = std::make_shared<std::set<std::string>>();
-    return [told, note = asked.note, context = asked.context](const std::string &text) {
+    return [told, tell = std::move(tell)](const std::string &text) {
         if (told->insert(text).second)
-            note(context, text.c_str());
+            tell(text);
     };
 }
 
-std::function<void(double)> progress_of(const vask_query &asked) {
-    if (asked.progress == nullptr)
-        return [](double) {};
-    return [progress = asked.progress, context = asked.context](double done) {
-        if (progress(context, done) != 0)
-            fail(VASK_CANCELLED, "the call was cancelled");
-    };
+// What the functions of a query are told on the thread that called.
+class caller {
+public:
+    explicit caller(const vask_query &asked) : asked_(asked) {}
+
+    void note(const std::string &text) const {
+        if (asked_.note != nullptr)
+            asked_.note(asked_.context, text.c_str());
+    }
+
+    void progress(double done) const {
+        if (asked_.progress != nullptr && asked_.progress(asked_.context, done) != 0)
+            fail_as_cancelled();
+    }
+
+private:
+    const vask_query &asked_;
+};
+
+/*
+ * Work on a thread of its own. The scheduler has no way to ask a thread that takes part in the work
+ * now and then, so the caller's does not.
+ */
+class watched_work {
+public:
+    explicit watched_work(const std::function<void(const query_context &)> &work) : work_(work) {}
+    watched_work(const watched_work &) = delete;
+    watched_work &operator=(const watched_work &) = delete;
+
+    ~watched_work() {
+        if (thread_.joinable()) {
+            around_.cancel_group_execution();
+            thread_.join();
+        }
+    }
+
+    //! Throws system_error where there is no thread to be had.
+    void start() {
+        thread_ = std::thread([this] { run(); });
+    }
+
+    //! Hands on notes and progress until the work is done; throws what that throws.
+    void watch(const caller &to) {
+        double last_told = -1;
+        bool finished = false;
+        while (!finished) {
+            std::vector<std::string> notes;
+            double done = 0;
+            {
+                std::unique_lock lock(mutex_);
+                news_.wait_for(lock, patience,
+                               [&] { return finished_ || !notes_.empty() || done_ > last_told; });
+                notes.swap(notes_);
+                done = done_;
+                finished = finished_;
+            }
+            for (const std::string &each : notes)
+                to.note(each);
+            // The last share is told once, unless the work has failed before.
+            if (!finished || (failure_ == nullptr && done > last_told))
+                to.progress(done);
+            last_told = done;
+        }
+        thread_.join();
+        if (failure_ != nullptr)
+            std::rethrow_exception(failure_);
+    }
+
+private:
+    void run() {
+        try {
+            arena_.execute([this] {
+                tbb::task_group tasks(around_);
+                tasks.run_and_wait([this] {
+                    work_({linked_operators(), told_once([this](const std::string &text) {
+                               const std::scoped_lock lock(mutex_);
+                               notes_.push_back(text);
+                               news_.notify_one();
+                           }),
+                           [this](double done) {
+                               end_if_cancelled();
+                               const std::scoped_lock lock(mutex_);
+                               done_ = done;
+                               news_.notify_one();
+                           }});
+                });
+            });
+        } catch (...) {
+            failure_ = std::current_exception();
+        }
+        const std::scoped_lock lock(mutex_);
+        finished_ = true;
+        news_.notify_one();
+    }
+
+    const std::function<void(const query_context &)> &work_;
+    tbb::task_arena arena_{tbb::this_task_arena::max_concurrency()}; // no more threads than here
+    tbb::task_group_context around_{tbb::task_group_context::isolated};
+    std::mutex mutex_;
+    std::condition_variable news_;
+    std::vector<std::string> notes_;
+    double done_ = 0;
+    bool finished_ = false;
+    std::exception_ptr failure_; // before finished_ is set the work's own
+    std::thread thread_;
+};
+
+} // namespace
+
+void run_call(const vask_query &asked, std::int64_t rows,
+              const std::function<void(const query_context &)> &work) {
+    const partition_setting setting(asked.partitions);
+    const caller to(asked);
+    if (asked.progress != nullptr && rows >= rows_of_a_long_call) {
+        watched_work watched(work);
+        bool started = true;
+        try {
+            watched.start();
+        } catch (const std::system_error &) {
+            started = false; // no more threads: asked between steps alone
+        }
+        if (started) {
+            watched.watch(to);
+            return;
+        }
+    }
+    work({linked_operators(), told_once([&](const std::string &text) { to.note(text); }),
+          [&](double done) { to.progress(done); }});
 }
 
 } // namespace vask::table

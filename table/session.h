@@ -1,4 +1,5 @@
-// One call of the interface: settings of the kernel for its time, notes, progress.
+// One call of the interface: settings of the kernel for its time, notes, progress, its end on
+// request.
 #pragma once
 
 #include "table/plan.h"
@@ -24,10 +25,13 @@ public:
     partition_setting &operator=(const partition_setting &) = delete;
 };
 
-//! Told once each.
-teller notes_of(const vask_query &asked);
-
-//! Calls the query's function, if it has one; throws table_error where that cancels.
-std::function<void(double)> progress_of(const vask_query &asked);
+/*
+ * Runs `work` for a query, under its number of partitions. Notes are told once each. Of a query
+ * with a progress function and so many rows that a step may last, the work is done on another
+ * thread and this one asks the function now and then; where it cancels, the work ends within its
+ * step. Throws what the work throws, and table_error where it was cancelled.
+ */
+void run_call(const vask_query &asked, std::int64_t rows,
+              const std::function<void(const query_context &)> &work);
 
 } // namespace vask::table

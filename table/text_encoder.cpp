@@ -22,6 +22,9 @@ namespace {
 using number = text_dictionary::number;
 using row_position = std::int64_t;
 
+//! Rows that are worth a task of their own.
+constexpr row_position task_rows = row_position{1} << 16;
+
 //! Rows begin .. end - 1 of all chunks, and what one task finds in them.
 struct row_range {
     row_position begin = 0;
@@ -144,7 +147,12 @@ void encode_range(std::span<const text_chunk> chunks, const std::vector<row_posi
         const row_position begin = std::max<row_position>(range.begin - begins[i], 0);
         const row_position end = std::min(range.end - begins[i], chunk.rows);
         const auto encode = [&](const auto &texts) {
-            encode_chunk(texts, chunk, begins[i], begin, end, hash, range, to);
+            for (row_position row = begin; row < end && range.malformed == nullptr;
+                 row += task_rows) {
+                end_if_cancelled();
+                encode_chunk(texts, chunk, begins[i], row, std::min(row + task_rows, end), hash,
+                             range, to);
+            }
         };
         switch (chunk.kind) {
             case text_chunk::layout::offsets32:
@@ -271,9 +279,6 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
     return codes;
 }
 
-//! Rows that are worth a task of their own.
-constexpr std::size_t task_rows = std::size_t{1} << 16;
-
 } // namespace
 
 text_hash::text_hash(std::uint32_t kept_bits) : kept_bits_(kept_bits) {
@@ -291,7 +296,7 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
                            std::int32_t missing_code) {
     const auto threads = static_cast<std::size_t>(tbb::this_task_arena::max_concurrency());
     return encode_texts(chunks, codes, missing_code,
-                        {.ranges = std::min(threads, codes.size() / task_rows + 1)});
+                        {.ranges = std::min(threads, codes.size() / std::size_t{task_rows} + 1)});
 }
 
 encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::int32_t> codes,
@@ -331,7 +336,7 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
     for (std::size_t r = 1; r < ranges.size(); ++r) {
         const std::int32_t *code_of = maps[r].data();
         std::int32_t *first = codes.data() + ranges[r].begin;
-        for_parts(static_cast<std::size_t>(ranges[r].end - ranges[r].begin), task_rows,
+        for_parts(static_cast<std::size_t>(ranges[r].end - ranges[r].begin), std::size_t{task_rows},
                   [=](std::size_t begin, std::size_t end) {
                       with_best_instruction_set([=]() __attribute__((always_inline)) {
                           for (std::size_t i = begin; i < end; ++i)

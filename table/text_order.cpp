@@ -60,6 +60,7 @@ std::vector<std::int32_t> order_of_texts(std::span<const std::string_view> texts
     };
     tbb::this_task_arena::isolate(
         [&] { tbb::parallel_sort(records.begin(), records.end(), less); });
+    end_if_cancelled();
     for_rows(texts.size(), [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
             order[i] = records[i].place;

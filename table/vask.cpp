@@ -6,6 +6,7 @@
 #include "table/arrow_import.h"
 #include "table/containment.h"
 #include "table/errors.h"
+#include "table/parallel.h"
 #include "table/plan.h"
 #include "table/session.h"
 #include "table/states.h"
@@ -61,6 +62,8 @@ int guarded(char **error, const Work &work) noexcept {
         return VASK_OK;
     } catch (const table_error &failure) {
         return failed(failure.code(), failure.what(), error);
+    } catch (const work_cancelled &failure) { // by a task group around the call
+        return failed(VASK_CANCELLED, failure.what(), error);
     } catch (const std::bad_alloc &) {
         return failed(VASK_NO_MEMORY, "out of memory", error);
     } catch (const std::length_error &) {
@@ -219,10 +222,6 @@ std::int64_t rows_of(const vask_table &table) {
     return table.rows;
 }
 
-query_context context_of(const vask_query &asked) {
-    return {linked_operators(), notes_of(asked), progress_of(asked)};
-}
-
 vask_result *new_result(std::vector<result_column> columns) {
     result_table table;
     table.rows = columns.empty() ? 0 : columns.front().rows;
@@ -364,9 +363,11 @@ int vask_run(const vask_table *table, const vask_query *query, vask_result **res
         const vask_query own = own_query(query);
         required(result, "result");
         const auto asked = bound(required(table, "table"), own);
-        const query_context context = context_of(own);
-        const partition_setting setting(own.partitions);
-        *result = new_result(run_query(rows_of(*table), asked, context));
+        const std::int64_t rows = rows_of(*table);
+        std::vector<result_column> columns;
+        run_call(own, rows,
+                 [&](const query_context &context) { columns = run_query(rows, asked, context); });
+        *result = new_result(std::move(columns));
     });
 }
 
@@ -376,9 +377,12 @@ int vask_partial(const vask_table *part, const vask_query *query, vask_result **
         const vask_query own = own_query(query);
         required(states, "states");
         const auto asked = bound(required(part, "part"), own);
-        const query_context context = context_of(own);
-        const partition_setting setting(own.partitions);
-        *states = new_result(partial_states(rows_of(*part), asked, context));
+        const std::int64_t rows = rows_of(*part);
+        std::vector<result_column> columns;
+        run_call(own, rows, [&](const query_context &context) {
+            columns = partial_states(rows, asked, context);
+        });
+        *states = new_result(std::move(columns));
     });
 }
 
@@ -404,52 +408,63 @@ int vask_merge(const vask_table *const *states, std::size_t n_states, const vask
             asked.functions.push_back(
                 {find_function(aggregate.function).rule, title_of(aggregate)});
         }
-        const query_context context = context_of(own);
-        const partition_setting setting(own.partitions);
-        *result = new_result(merge_states(asked, context));
+        std::int64_t rows = 0;
+        for (const states_part &part : asked.parts)
+            rows += part.rows;
+        std::vector<result_column> columns;
+        run_call(own, rows,
+                 [&](const query_context &context) { columns = merge_states(asked, context); });
+        *result = new_result(std::move(columns));
     });
 }
 
-int vask_group_codes(const vask_table *table, const char *const *by, std::size_t n_by,
-                     unsigned flags, std::int32_t *codes, std::int64_t *count, char **error) {
+int vask_group_codes(const vask_table *table, const vask_query *query, std::int32_t *codes,
+                     std::int64_t *count, char **error) {
     return guarded(error, [&] {
-        check_flags(flags);
-        required(by, "by");
+        const vask_query own = own_query(query);
         required(count, "groups");
-        query asked;
-        asked.flags = flags;
-        asked.by = keys_of(required(table, "table"), by, n_by);
+        struct query asked;
+        asked.flags = own.flags;
+        asked.by = keys_of(required(table, "table"), own.by, own.n_by);
         if (asked.by.empty())
             fail(VASK_BAD_REQUEST, "group codes need at least one key");
-        if ((flags & VASK_VALIDATE) != 0)
+        if ((own.flags & VASK_VALIDATE) != 0)
             validate(asked.by);
         const std::int64_t rows = rows_of(*table);
         if (rows > 0)
             required(codes, "codes");
-        const partition_setting setting(VASK_DEFAULT_PARTITIONS);
-        const teller silent = [](const std::string &) {};
-        const groups found(rows, groups_of(asked), linked_operators(), silent);
-        const auto order = found.order();
-        std::vector<std::int32_t> shown(found.count(), -1);
-        for (std::size_t i = 0; i < order.size(); ++i)
-            shown[order[i]] = static_cast<std::int32_t>(i);
-        const auto numbers = found.numbers();
-        for (std::size_t row = 0; row < numbers.size(); ++row)
-            codes[row] = shown[static_cast<std::size_t>(numbers[row])];
-        *count = static_cast<std::int64_t>(order.size());
+        run_call(own, rows, [&](const query_context &context) {
+            const groups found(rows, groups_of(asked), context.operators, context.tell);
+            const auto order = found.order();
+            std::vector<std::int32_t> shown(found.count(), -1);
+            for (std::size_t i = 0; i < order.size(); ++i)
+                shown[order[i]] = static_cast<std::int32_t>(i);
+            const auto numbers = found.numbers();
+            for_rows(numbers.size(), [&](std::size_t begin, std::size_t end) {
+                for (std::size_t row = begin; row < end; ++row)
+                    codes[row] = shown[static_cast<std::size_t>(numbers[row])];
+            });
+            *count = static_cast<std::int64_t>(order.size());
+        });
     });
 }
 
 int vask_is_in(const vask_table *table, const char *column, const vask_table *others,
-               const char *other_column, vask_result **result, char **error) {
+               const char *other_column, const vask_query *query, vask_result **result,
+               char **error) {
     return guarded(error, [&] {
+        vask_query own{};
+        own.partitions = VASK_DEFAULT_PARTITIONS;
+        if (query != nullptr)
+            own = own_query(query);
         required(result, "result");
         const column_pointer &left = find_column(required(table, "table"), column, "is_in");
         const column_pointer &right =
             find_column(required(others, "others"), other_column, "is_in");
-        const partition_setting setting(VASK_DEFAULT_PARTITIONS);
         std::vector<result_column> columns;
-        columns.push_back(contained(*left, *right, linked_operators()));
+        run_call(own, left->rows() + right->rows(), [&](const query_context &context) {
+            columns.push_back(contained(*left, *right, context.operators));
+        });
         *result = new_result(std::move(columns));
     });
 }

@@ -32,6 +32,7 @@
 #include "vask/refkernel/block.h"
 #include "vask/refkernel/errors.h"
 #include "vask/refkernel/nil.h"
+#include "vask/refkernel/reference_account.h"
 #include "vask/refkernel/text_sharing.h"
 
 #include <array>
@@ -383,15 +384,25 @@ Result call(char *(*function)(Slots...), const Arguments &...arguments) {
             throw operator_error(std::move(failure), inputs.empty() ? inputs : inputs + ")");
         }
     };
+    // What the operator loses when an exception passes it.
+    reference_account references;
+    const auto called = [&](auto... slot) {
+        try {
+            return function(slot..., calls::argument(arguments)...);
+        } catch (...) {
+            references.give_back();
+            throw;
+        }
+    };
     if constexpr (std::is_void_v<Result>) {
-        checked(function(calls::argument(arguments)...));
+        checked(called());
     } else if constexpr (std::same_as<Result, bat>) {
         std::int32_t id = int_nil;
-        checked(function(&id, calls::argument(arguments)...));
+        checked(called(&id));
         return bat::adopt(id);
     } else {
         Result result{};
-        checked(function(&result, calls::argument(arguments)...));
+        checked(called(&result));
         return result;
     }
 }

@@ -221,8 +221,9 @@ typedef struct vask_query {
     size_t n_aggregates; /* 0: the groups alone */
     unsigned flags;      /* vask_flag */
     int partitions;      /* 1 to 256; 0: VASK_DEFAULT_PARTITIONS */
-    /* Called between steps on the calling thread with the share that is done;
-     * anything but 0 cancels. May be null. */
+    /* Called on the calling thread, between steps and within long ones about every
+     * 50 ms, with the share that is done; anything but 0 cancels: the call ends
+     * soon, with VASK_CANCELLED and no result. May be null. */
     int (*progress)(void *context, double done);
     /* Told once each: what was copied, converted or left out, and which way was
      * taken. It must not call this library. May be null. */
@@ -267,21 +268,23 @@ VASK_TABLE_EXPORT int vask_merge(const vask_table *const *states, size_t n_state
                                  char **error);
 
 /*
- * The group of each row, numbered from 0 in the order of first rows: `codes` has
- * room for the table's rows. A row that VASK_DROP_NULL_KEYS leaves out gets -1.
+ * The group of each row under the query's keys, numbered from 0 in the order of
+ * first rows: `codes` has room for the table's rows. A row that
+ * VASK_DROP_NULL_KEYS leaves out gets -1. The query's aggregates do not count. What
+ * `codes` holds after a failure is not said.
  */
-VASK_TABLE_EXPORT int vask_group_codes(const vask_table *table, const char *const *by, size_t n_by,
-                                       unsigned flags, int32_t *codes, int64_t *groups,
-                                       char **error);
+VASK_TABLE_EXPORT int vask_group_codes(const vask_table *table, const vask_query *query,
+                                       int32_t *codes, int64_t *groups, char **error);
 
 /*
  * Whether each value of a column occurs among those of another: one column of
  * booleans, called `contained`. Numbers compare by value whatever their types,
- * texts with texts; nulls are never contained and are null in the result.
+ * texts with texts; nulls are never contained and are null in the result. Of the
+ * query, which may be null, only partitions and progress count.
  */
 VASK_TABLE_EXPORT int vask_is_in(const vask_table *table, const char *column,
                                  const vask_table *others, const char *other_column,
-                                 vask_result **result, char **error);
+                                 const vask_query *query, vask_result **result, char **error);
 
 VASK_TABLE_EXPORT int64_t vask_result_rows(const vask_result *result);
 

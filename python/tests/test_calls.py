@@ -131,9 +131,14 @@ SCRIPT = """
         stopped = time.monotonic()
         os.kill(os.getpid(), signal.SIGINT)
 
-    def query():
-        vask.aggregate(data, ["a", "b"], m=("c", "median"), u=("d", "nunique"),
+    arrays = {name: data[name].to_numpy() for name in "abcd"}
+
+    def query(asked=data):
+        vask.aggregate(asked, ["a", "b"], m=("c", "median"), u=("d", "nunique"),
                        l=("d", "median"), w=("c", "mode"), s=("c", "skew"))
+
+    def lent_query():
+        query(arrays)
 
     def codes():
         vask.group_by(data, ["a", "b"]).codes
@@ -141,7 +146,8 @@ SCRIPT = """
     def is_in():
         vask.is_in(data["a"].chunk(0), data["b"].chunk(0))
 
-    for delay, ask in ((0.2, query), (0.5, query), (1.0, query), (0.2, codes), (0.2, is_in)):
+    for delay, ask in ((0.2, query), (0.5, query), (1.0, query), (0.4, lent_query),
+                       (2.0, lent_query), (0.2, codes), (0.5, codes), (0.2, is_in)):
         timer = threading.Timer(delay, stop)
         timer.start()
         try:
@@ -162,7 +168,7 @@ def test_ctrl_c_stops_a_long_call():
         check=True,
     )
     waits = [float(line) for line in done.stdout.split()]
-    assert len(waits) == 5
+    assert len(waits) == 8
     assert max(waits) < 0.5, waits
 
 

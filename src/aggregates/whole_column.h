@@ -24,14 +24,21 @@ void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, St
         BATaccess(b, 2, 0, 1);
 
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs);
-    run_partitions(partition_plan(*inputs[0], nparts),
-                   [partials, rows](std::uint64_t part, vask_row_range r) {
-                       // The partial stays in registers during the loop: neighbouring slots belong
-                       // to other tasks.
-                       const partial result = with_best_instruction_set([=
-                       ]() __attribute__((always_inline)) { return Aggregate::scan(rows, r); });
-                       partials.store(static_cast<BUN>(part), result);
-                   });
+    try {
+        run_partitions(partition_plan(*inputs[0], nparts),
+                       [partials, rows](std::uint64_t part, vask_row_range r) {
+                           // The partial stays in registers during the loop: neighbouring slots
+                           // belong to other tasks.
+                           const partial result = with_best_instruction_set([=
+                           ]() __attribute__((always_inline)) { return Aggregate::scan(rows, r); });
+                           partials.store(static_cast<BUN>(part), result);
+                       });
+    } catch (...) { // of work that was cancelled
+        partials.release();
+        for (BAT *b : inputs)
+            BATaccess(b, 2, 0, -1);
+        throw;
+    }
 
     partial total{};
     for (BUN part = 0; part < nparts; ++part)

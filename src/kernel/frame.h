@@ -2,6 +2,7 @@
 // text. An operator supplies what happens to a row and how partial results are merged.
 #pragma once
 
+#include "kernel/cancelled.h"
 #include "kernel/column.h"
 #include "rows/row_ranges.h"
 #include "vask/kernel/bat.h"
@@ -155,7 +156,10 @@ public:
         group_.run(std::move(task));
     }
 
-    void wait() { group_.wait(); }
+    void wait() {
+        group_.wait();
+        end_if_cancelled();
+    }
 
     //! Tasks that have not begun will not; those that have are still to be waited for.
     void cancel() { group_.cancel(); }
@@ -186,6 +190,7 @@ void run_row_loop(BUN rows, const Body &body) {
             body(vask_row_range{r.begin(), r.end()});
         },
         tbb::auto_partitioner{}, context);
+    end_if_cancelled();
 }
 
 //! A zero-filled array on the kernel's memory. The aggregates do not test it: running out of

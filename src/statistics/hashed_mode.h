@@ -189,6 +189,7 @@ std::optional<frequent_value<T>> hash_mode(std::span<const T> values,
                     a.take(b.value, b.count);
                 return a;
             });
+        end_if_cancelled();
     }
     if constexpr (std::floating_point<T>)
         if (mode.value == 0 && std::any_of(values.begin(), values.end(), [](T value) {

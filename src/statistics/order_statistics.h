@@ -2,6 +2,7 @@
 // once they stand in an array of their own.
 #pragma once
 
+#include "kernel/cancelled.h"
 #include "statistics/counted_mode.h"
 #include "statistics/hashed_mode.h"
 #include "statistics/numeric_runtime.h"
@@ -56,10 +57,12 @@ order_key_t<T> *sort_as_keys(std::span<T> values) {
     if constexpr (!std::is_same_v<key, T>)
         for (std::size_t i = 0; i < n; ++i)
             new (keys + i) key(order_key(values[i]));
-    if (n >= smallest_parallel_sort)
+    if (n >= smallest_parallel_sort) {
         tbb::parallel_sort(keys, keys + n);
-    else
+        end_if_cancelled();
+    } else {
         std::sort(keys, keys + n);
+    }
     return keys;
 }
 

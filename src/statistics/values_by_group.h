@@ -110,8 +110,9 @@ private:
             members_ = large_block<BUN>(rows);
         const S *values = rows_of<const S>(*in.b->tail);
         run_partitions(plan, [&, this, values, first](std::uint64_t i, vask_row_range range) {
-            vask_scatter_range(values + range.begin, range.size(),
-                               &groups_of_rows[range.begin - first], by_run.of(i));
+            for_each_block(range, [&](BUN row, BUN n) {
+                vask_scatter_range(values + row, n, &groups_of_rows[row - first], by_run.of(i));
+            });
         });
         return true;
     }

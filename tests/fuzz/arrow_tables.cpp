@@ -157,16 +157,15 @@ void ask(byte_source &in, const vask_table *table, const std::vector<std::string
     if (in.one_in(4) && vask_table_rows(table) >= 0) {
         std::vector<std::int32_t> codes(static_cast<std::size_t>(vask_table_rows(table)));
         std::int64_t groups = 0;
-        if (succeeded(vask_group_codes(table, query.record.by, query.record.n_by,
-                                       query.record.flags, codes.data(), &groups, &error),
-                      error))
+        if (succeeded(vask_group_codes(table, &query.record, codes.data(), &groups, &error), error))
             for (const std::int32_t code : codes)
                 require(code >= -1 && code < groups, "a code of no group");
     }
     if (in.one_in(4) && !names.empty()) {
         vask_result *contained = nullptr;
         if (succeeded(vask_is_in(table, names[in.below(names.size())].c_str(), table,
-                                 names[in.below(names.size())].c_str(), &contained, &error),
+                                 names[in.below(names.size())].c_str(), nullptr, &contained,
+                                 &error),
                       error))
             (void)read_whole(contained);
         vask_result_free(contained);

@@ -1,12 +1,14 @@
 // Calls that overlap on the same columns: each gives the answer that it gives alone. Under the
 // thread sanitizer this also shows that neither the operators nor the kernel beneath them race.
 // VASK_STRESS_SECONDS sets how long the last test goes on.
+#include "kernel/cancelled.h"
 #include "library/any_operator.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
 #include "support/values.h"
 #include "vask/ops.h"
 #include "vask/refkernel/instrumentation.h"
+#include "vask/refkernel/reference_account.h"
 
 #include <algorithm>
 #include <array>
@@ -25,6 +27,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <tbb/task_group.h>
 
 namespace {
 
@@ -252,6 +255,55 @@ TEST(ConcurrentCalls, GiveTheAnswersTheyGiveAlone) {
             });
     }
     EXPECT_EQ(wrong, 0);
+}
+
+// An operator whose caller cancels it, at times spread over its run, gives its answer or none. What
+// it held when the exception passed it is the caller's to give back; nothing else is lost.
+TEST(ConcurrentCalls, AreCancelledAtAnyTime) {
+    using clock = std::chrono::steady_clock;
+    constexpr int times = 6;
+    const leak_guard leaks;
+    const kernel_settings settings(4, 1000);
+    const inputs all_inputs;
+    int cancelled = 0;
+    for (const operation &op : all_operations()) {
+        const auto begin = clock::now();
+        const std::string alone = op.answer(all_inputs.make());
+        const auto whole = clock::now() - begin;
+        const table columns = all_inputs.make();
+        for (int i = 0; i < times; ++i) {
+            const leak_guard of_this_call(op.name);
+            tbb::task_group_context around(tbb::task_group_context::isolated);
+            tbb::task_group work(around);
+            refkernel::reference_account references;
+            std::barrier start(2);
+            const std::jthread canceller([&] {
+                start.arrive_and_wait();
+                const auto end = clock::now() + whole * i / times;
+                while (clock::now() < end)
+                    std::this_thread::yield();
+                around.cancel_group_execution();
+            });
+            std::string answer;
+            bool thrown = true;
+            const auto status = work.run_and_wait([&] {
+                start.arrive_and_wait();
+                try {
+                    answer = op.answer(columns);
+                    thrown = false;
+                } catch (const vask::work_cancelled &) {
+                    references.give_back();
+                }
+            });
+            if (!thrown && !answer.starts_with("failed")) {
+                EXPECT_EQ(answer, alone) << op.name << " of " << op.inputs;
+            } else {
+                EXPECT_EQ(status, tbb::canceled) << op.name << " of " << op.inputs << answer;
+                ++cancelled;
+            }
+        }
+    }
+    EXPECT_GT(cancelled, 10);
 }
 
 // The pool gets new numbers, for which it grows, while every thread fetches.

@@ -252,9 +252,8 @@ std::string check_codes(const vask_table *table, const table_data &data, const a
     std::vector<std::int32_t> codes(data.rows() + 1, -7);
     std::int64_t count = -1;
     char *error = nullptr;
-    const outcome told = take(vask_group_codes(table, query.record.by, query.record.n_by,
-                                               asked.flags, codes.data(), &count, &error),
-                              error);
+    const outcome told =
+        take(vask_group_codes(table, &query.record, codes.data(), &count, &error), error);
     if (told.code != VASK_OK)
         return told.text;
     if (count != static_cast<std::int64_t>(plain.group_count()) || codes.back() != -7)

@@ -170,7 +170,7 @@ TEST(Interface, IsInComparesByValue) {
         vask_result *made = nullptr;
         char *error = nullptr;
         const outcome told =
-            take(vask_is_in(left.get(), "v", right.get(), "v", &made, &error), error);
+            take(vask_is_in(left.get(), "v", right.get(), "v", nullptr, &made, &error), error);
         const result_pointer result(made);
         if (told.code != VASK_OK)
             return "code " + std::to_string(told.code);
@@ -359,11 +359,11 @@ void expect_found_by_validation(const column_data &values, const array_layout &h
                               &told);
             ASSERT_NE(table, nullptr) << told.text;
             if (by_codes) {
-                const char *const by[] = {"v"};
+                const query_record query({{"v"}, {}, flags, 0});
                 std::vector<std::int32_t> codes(values.values.size());
                 std::int64_t groups = 0;
                 told.code =
-                    vask_group_codes(table.get(), by, 1, flags, codes.data(), &groups, nullptr);
+                    vask_group_codes(table.get(), &query.record, codes.data(), &groups, nullptr);
             } else {
                 result_pointer result;
                 told = run(table.get(), {{}, {of("count")}, flags, 0}, result);
@@ -706,6 +706,71 @@ TEST(Progress, GoesUpAndCancels) {
         EXPECT_EQ(made, nullptr);
         EXPECT_EQ(some.done.size(), stop) << "nothing is asked after it was cancelled";
     }
+}
+
+// A call of so many rows that it is worked on elsewhere: asked and told on the thread that called,
+// and over soon after it was cancelled, wherever that finds it.
+TEST(Progress, CancelsWithinALongStep) {
+    using clock = std::chrono::steady_clock;
+    ledger counted;
+    const table_pointer table = import_table(counted, large_table(300'000));
+    struct seen {
+        std::thread::id caller = std::this_thread::get_id();
+        bool elsewhere = false;
+        clock::time_point end = clock::time_point::max();
+        std::vector<double> done;
+        std::vector<std::string> notes;
+    };
+    query_record query(various_queries()[0]);
+    query.record.progress = [](void *context, double done) {
+        auto &own = *static_cast<seen *>(context);
+        own.elsewhere = own.elsewhere || std::this_thread::get_id() != own.caller;
+        own.done.push_back(done);
+        return clock::now() >= own.end ? 1 : 0;
+    };
+    query.record.note = [](void *context, const char *text) {
+        auto &own = *static_cast<seen *>(context);
+        own.elsewhere = own.elsewhere || std::this_thread::get_id() != own.caller;
+        own.notes.emplace_back(text);
+    };
+    const auto asked_until = [&](clock::time_point end, seen &all, std::string &answer) {
+        all.end = end;
+        query.record.context = &all;
+        vask_result *made = nullptr;
+        char *error = nullptr;
+        const outcome told = take(vask_run(table.get(), &query.record, &made, &error), error);
+        const result_pointer result(made);
+        EXPECT_EQ(result != nullptr, told.code == VASK_OK);
+        EXPECT_FALSE(all.elsewhere);
+        EXPECT_TRUE(std::is_sorted(all.done.begin(), all.done.end()));
+        if (result != nullptr)
+            answer = shown(read_result(result.get()));
+        return told.code;
+    };
+    seen all;
+    std::string expected;
+    const auto begin = clock::now();
+    ASSERT_EQ(asked_until(clock::time_point::max(), all, expected), VASK_OK);
+    const auto whole = clock::now() - begin;
+    EXPECT_EQ(all.done.back(), 1.0);
+    EXPECT_FALSE(all.notes.empty());
+    int cancelled = 0;
+    for (int i = 0; i < 12; ++i) {
+        seen some;
+        std::string answer;
+        const int code = asked_until(clock::now() + whole * i / 12, some, answer);
+        if (code == VASK_OK) {
+            EXPECT_EQ(answer, expected);
+        } else {
+            EXPECT_EQ(code, VASK_CANCELLED);
+            ++cancelled;
+        }
+    }
+    EXPECT_GT(cancelled, 0);
+    seen again;
+    std::string answer;
+    EXPECT_EQ(asked_until(clock::time_point::max(), again, answer), VASK_OK);
+    EXPECT_EQ(answer, expected);
 }
 
 } // namespace

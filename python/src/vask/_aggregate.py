@@ -363,22 +363,20 @@ class GroupBy:
         table = self._source.table(self._by)
         codes = numpy.empty(table.rows, dtype=numpy.int32)
         groups = c_int64()
+        query, kept = self._query().structure(table, [])
         run_query(
             on(
                 _library.library.vask_group_codes,
                 table.handle,
-                _library.names_array(self._by),
-                len(self._by),
-                self._options.flags(table),
+                byref(query),
                 cast(codes.ctypes.data, POINTER(c_int32)),
                 byref(groups),
-                keep=(table, codes),
+                keep=(table, codes, kept),
             ),
-            None,
+            query,
             table.rows,
             False,
             lambda: None,
-            not table.lent_by_others,
         )
         return codes
 

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import _thread
-import atexit
 import os
 import threading
 import weakref
@@ -18,8 +17,6 @@ __all__ = ["call", "run_query"]
 _ROWS_OF_A_LONG_CALL = 1 << 18
 #: Seconds between two looks at how far a call is.
 _TICK = 0.1
-#: Seconds that a cancelled call has for coming to the end of its step before it is left alone.
-_GRACE = 0.25
 
 
 class _ForkGate:
@@ -78,23 +75,17 @@ def call(function: Callable[..., int], *arguments: Any) -> None:
         _library.checked(function, *arguments)
 
 
-def _nothing() -> None:
-    pass
-
-
 class _Job:
     """A call on a thread of its own, and what it and the waiting thread tell each other."""
 
-    def __init__(self, work: Callable[[], None], discard: Callable[[], None]) -> None:
+    def __init__(self, work: Callable[[], None]) -> None:
         self.done = 0.0
         self.failure: Optional[BaseException] = None
         self.finished = threading.Event()
         self._work = work
-        self._discard = discard
         self._turn = threading.Lock()
         self._running = False
         self._cancelled = False
-        self._abandoned = False
 
     def start(self) -> None:
         # Not by threading.Thread, whose books a signal's exception leaves half written.
@@ -109,76 +100,47 @@ class _Job:
             self._work()
         except BaseException as failure:  # raised again where the call was made
             self.failure = failure
-        # The callbacks' thunks may hold the job; its tables go now.
-        self._work = _nothing
-        with self._turn:
-            self.finished.set()
-            if self._abandoned:
-                _abandoned.discard(self)
-                if self.failure is None:
-                    self._discard()
+        self.finished.set()
 
     def tell(self, _context: Optional[int], done: float) -> int:
         self.done = done
         return int(self._cancelled)
 
-    def stop(self, may_go_on: bool) -> None:
-        """Cancels the call. One that `may_go_on` is left alone in the middle of a long step.
-
-        Others are waited for, also when the user loses patience: memory that somebody may write to
-        is lent to them.
-        """
+    def stop(self) -> None:
+        """Cancels the call and waits until it has ended, also when the user loses patience: memory
+        is lent to it that somebody may write to or let go of."""
         while True:
             try:
                 with self._turn:
                     self._cancelled = True
-                if not self._running or self.finished.wait(_GRACE if may_go_on else None):
-                    return
-                with self._turn:
-                    if not self.finished.is_set():
-                        self._abandoned = True
-                        _abandoned.add(self)
+                if self._running:
+                    self.finished.wait()
                 return
             except BaseException:
                 continue
 
 
-#: Calls that nobody waits for any more. They end with their step.
-_abandoned: set[_Job] = set()
-if hasattr(os, "register_at_fork"):
-    os.register_at_fork(after_in_child=_abandoned.clear)  # the child has none of the threads
-
-
-@atexit.register
-def _wait_for_abandoned() -> None:
-    """The library's memory must not go away beneath a call."""
-    for job in list(_abandoned):
-        job.finished.wait()
-
-
 def run_query(
     function: Callable[..., int],
-    query: Optional[_library.Query],
+    query: _library.Query,
     rows: int,
     progress: Union[bool, Progress],
     discard: Callable[[], None],
-    may_go_on: bool,
 ) -> None:
-    """A long call. `function` takes the error's place; the progress function of a `query` is set.
+    """A long call. `function` takes the error's place; the progress function of `query` is set.
 
     Signals are handled on the main thread alone, and there only while it runs Python code. So a
     long call of the main thread goes to another thread and the main thread waits for it: Ctrl-C
-    ends the wait, and the progress function the call; one without goes on to its end. `discard`
-    frees the result of a call that went on (:meth:`_Job.stop`).
+    ends the wait, and the progress function the call. `discard` frees the result of a call that
+    was over before it could be cancelled.
     """
     on_main = threading.current_thread() is threading.main_thread()
     if not progress and (not on_main or rows < _ROWS_OF_A_LONG_CALL):
         call(function)
         return
 
-    job = _Job(lambda: call(function), discard)
-    if query is not None:
-        query.progress = _library.PROGRESS(job.tell)
+    job = _Job(lambda: call(function))
+    query.progress = _library.PROGRESS(job.tell)
     with show_progress(progress) as show:
         try:
             job.start()
@@ -186,8 +148,12 @@ def run_query(
                 if show:
                     show(job.done)
         except BaseException:
-            job.stop(may_go_on)
+            job.stop()
+            if job.finished.is_set() and job.failure is None:
+                discard()
             raise
+        finally:
+            query.progress = _library.PROGRESS()  # lets go of the job and what it holds
         if show and job.failure is None:
             show(1.0)
     if job.failure is not None:

@@ -94,10 +94,10 @@ _FUNCTIONS: dict[str, tuple[list[Any], Any]] = {
     "vask_partial": ([c_void_p, POINTER(Query), _HANDLE, _TEXT], c_int),
     "vask_merge": ([_HANDLE, c_size_t, POINTER(Query), c_int, _HANDLE, _TEXT], c_int),
     "vask_group_codes": (
-        [c_void_p, POINTER(c_char_p), c_size_t, c_uint, POINTER(c_int32), POINTER(c_int64), _TEXT],
+        [c_void_p, POINTER(Query), POINTER(c_int32), POINTER(c_int64), _TEXT],
         c_int,
     ),
-    "vask_is_in": ([c_void_p, c_char_p, c_void_p, c_char_p, _HANDLE, _TEXT], c_int),
+    "vask_is_in": ([c_void_p, c_char_p, c_void_p, c_char_p, POINTER(Query), _HANDLE, _TEXT], c_int),
     "vask_result_rows": ([c_void_p], c_int64),
     "vask_result_stream": ([c_void_p, c_void_p, _TEXT], c_int),
     "vask_result_free": ([c_void_p], None),

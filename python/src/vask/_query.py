@@ -155,7 +155,7 @@ class Query:
 
     # ---- one table ------------------------------------------------------------------------
 
-    def _structure(self, table: Optional[NativeTable], notes: list[str]) -> tuple[Any, Any]:
+    def structure(self, table: Optional[NativeTable], notes: list[str]) -> tuple[Any, Any]:
         """The library's record of this query, and what has to live as long."""
         query = _library.new_query()
         by = _library.names_array(self.by)
@@ -180,7 +180,7 @@ class Query:
     def _call(self, function: Any, table: NativeTable, notes: list[str]) -> c_void_p:
         """Runs one of the library's functions on a table: its result's handle."""
         notes += table.notes
-        query, kept = self._structure(table, notes)
+        query, kept = self.structure(table, notes)
         handle = c_void_p()
         run_query(
             on(function, table.handle, byref(query), byref(handle), keep=(table, kept)),
@@ -188,7 +188,6 @@ class Query:
             table.rows,
             self.options.progress,
             lambda: _library.library.vask_result_free(handle),
-            not table.lent_by_others,
         )
         return handle
 
@@ -207,7 +206,7 @@ class Query:
         return self._merge(states, True, notes)
 
     def _merge(self, states: Sequence[NativeTable], finish: bool, notes: list[str]) -> c_void_p:
-        query, kept = self._structure(None, notes)
+        query, kept = self.structure(None, notes)
         handles = (c_void_p * len(states))(*(state.handle for state in states))
         handle = c_void_p()
         run_query(
@@ -224,7 +223,6 @@ class Query:
             sum(state.rows for state in states),
             False,
             lambda: _library.library.vask_result_free(handle),
-            True,
         )
         return handle
 

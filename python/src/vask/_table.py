@@ -28,8 +28,6 @@ class NativeTable:
         self.types: dict[str, ColumnType] = {}
         self.nan_is_null = nan_is_null
         self.notes: list[str] = []
-        #: Whether memory is lent that others may write to.
-        self.lent_by_others = False
 
     def _owns(self, handle: c_void_p) -> None:
         self.handle = handle
@@ -78,7 +76,6 @@ class NativeTable:
         """Adds a column of this process's own memory."""
         schema, array = column.records(name)
         self._add(name, schema, array)
-        self.lent_by_others = self.lent_by_others or not column.copied
         if column.copied:
             self.notes.append(f"column {name!r} ({describe(column)}) is a copy: {column.copied}")
 

@@ -220,6 +220,7 @@ def is_in(values: Any, among: Any) -> Column:
         add_column(table, "x", column)
         tables.append(table)
     handle = c_void_p()
+    query = _library.new_query()
     run_query(
         on(
             _library.library.vask_is_in,
@@ -227,13 +228,13 @@ def is_in(values: Any, among: Any) -> Column:
             b"x",
             tables[1].handle,
             b"x",
+            byref(query),
             byref(handle),
             keep=tables,
         ),
-        None,
+        query,
         tables[0].rows + tables[1].rows,
         False,
         lambda: _library.library.vask_result_free(handle),
-        not (tables[0].lent_by_others or tables[1].lent_by_others),
     )
     return Result(handle, [*tables[0].notes, *tables[1].notes])["contained"]

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "grouping/sort/bat_view.h"
+#include "kernel/cancelled.h"
 
 #include <tbb/parallel_sort.h>
 
@@ -17,6 +18,7 @@ template <class T, template <class> class Cmp>
 void vask_sort_bat(BAT *b) {
     using iterator = BATview_RAiterator<T, Cmp<T>>;
     tbb::parallel_sort(iterator(b, b->info->first), iterator(b, end_position(*b)));
+    end_if_cancelled();
 }
 
 } // namespace vask

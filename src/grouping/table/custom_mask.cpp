@@ -1,6 +1,7 @@
 #include "grouping/table/custom_mask.h"
 
 #include "grouping/table/chained_table.h"
+#include "kernel/cancelled.h"
 #include "kernel/column.h"
 
 #include <algorithm>
@@ -92,6 +93,7 @@ value_range<T> scan_values(const BAT &b) {
     tbb::task_group_context context(tbb::task_group_context::bound);
     tbb::parallel_reduce(tbb::blocked_range<const T *>(rows, rows + b.info->count, 1), body,
                          tbb::auto_partitioner{}, context);
+    end_if_cancelled();
     return body.range();
 }
 
