@@ -1,11 +1,13 @@
 // All values of every group, brought together. Row ranges find the groups of their rows and count
-// them; the groups are cut into runs of about equally many values; the ranges move their values to
-// the runs; and whoever takes up a run sorts it out by group. Moving the values to their groups at
-// once would write to as many places as there are groups, more than fit into the caches (median of
-// 1e7 doubles in 10,000 groups on two cores: 76 ms, against 64 ms).
+// them, of very many groups by buckets of neighbours; the buckets are cut into runs of about
+// equally many values; the ranges move their values to the runs; and whoever takes up a run sorts
+// it out by group. Moving the values to their groups at once would write to as many places as there
+// are groups, more than fit into the caches (median of 1e7 doubles in 10,000 groups on two cores:
+// 76 ms, against 64 ms).
 #pragma once
 
 #include "kernel/frame.h"
+#include "kernel/hostile.h"
 #include "kernel/shared_mark.h"
 #include "rows/gdk_vector.h"
 #include "rows/group_of_row.h"
@@ -13,8 +15,10 @@
 #include "rows/scatter.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <numeric>
 #include <optional>
 #include <span>
 
@@ -45,25 +49,30 @@ public:
     template <class Visit>
     bool visit_run(std::size_t i, Visit visit) {
         const run &groups = runs_[i];
-        R *values = values_.get() + by_group_.begin_of(groups.begin);
-        const gdk_block<R> merged = groups.mixed ? vask_merge_groups(groups, values) : nullptr;
+        const BUN first = groups.begin << shift_;
+        const BUN last = std::min(groups.end << shift_, groups_);
+        R *values = values_.get() + by_bucket_.begin_of(groups.begin);
+        const gdk_vector<BUN> ends = ends_of_groups(groups, first, last);
+        const gdk_block<R> merged =
+            groups.mixed ? vask_merge_groups(groups, values, ends) : nullptr;
         if (groups.mixed)
             values = merged.get();
-        for (BUN j = groups.begin; j < groups.end; ++j) {
-            const std::size_t n = by_group_.end_of(j) - by_group_.begin_of(j);
-            if (!visit(j, std::span<R>(values, n)))
+        BUN begin = 0;
+        for (BUN j = first; j < last; ++j) {
+            const BUN end = ends[j - first];
+            if (!visit(j, std::span<R>(values + begin, end - begin)))
                 return false;
-            values += n;
+            begin = end;
         }
         return true;
     }
 
 private:
-    //! Groups begin .. end - 1.
+    //! Buckets begin .. end - 1.
     struct run {
         BUN begin;
         BUN end;
-        bool mixed; // more than one of them has values
+        bool mixed; // more than one of their groups may have values
     };
 
     // With this many values in all groups are worth a task: many small groups share one, a large
@@ -71,8 +80,15 @@ private:
     static constexpr BUN smallest_run = 8192;
     // So many runs that the values of one fit into a cache, and so few that the ends of all do.
     static constexpr BUN most_runs = 256;
+    // A range's counts stay in the second-level cache; of 1e7 groups all ranges' counts by group
+    // would be more memory than the values.
+    static constexpr BUN most_buckets = unless_hostile<BUN>(BUN{1} << 16, 2);
 
-    values_by_group(BUN groups, BUN nranges) : by_group_(nranges, groups) {}
+    values_by_group(BUN groups, BUN nranges)
+        : groups_(groups),
+          shift_(
+              static_cast<unsigned>(std::bit_width((groups == 0 ? 0 : groups - 1) / most_buckets))),
+          by_bucket_(nranges, groups == 0 ? 0 : ((groups - 1) >> shift_) + 1) {}
 
     template <class T>
     static gdk_block<T> large_block(std::size_t n) {
@@ -81,7 +97,7 @@ private:
         return block;
     }
 
-    BUN groups() const noexcept { return static_cast<BUN>(by_group_.buckets()); }
+    BUN buckets() const noexcept { return static_cast<BUN>(by_bucket_.buckets()); }
 
     template <class S>
     bool scatter(const grouped_rows &in, BUN rows, BUN nranges) {
@@ -91,18 +107,19 @@ private:
         const gdk_block<BUN> groups_of_rows = large_block<BUN>(rows);
         shared_mark failed;
         run_partitions(plan, [&, this](std::uint64_t i, vask_row_range range) {
-            const auto count = [counts = by_group_.of(i), of_rows = groups_of_rows.get() - first](
-                                   BUN row, BUN n, const BUN *numbers) {
+            const auto count = [counts = by_bucket_.of(i), shift = shift_,
+                                of_rows = groups_of_rows.get() - first](BUN row, BUN n,
+                                                                        const BUN *numbers) {
                 std::copy_n(numbers, n, of_rows + row);
                 for (BUN k = 0; k < n; ++k)
-                    ++counts[numbers[k]];
+                    ++counts[numbers[k] >> shift];
             };
             if (!for_each_numbered_block(in, table.get(), range, count))
                 failed.set();
         });
         if (failed.is_set())
             return false;
-        by_group_.turn_counts_into_offsets();
+        by_bucket_.turn_counts_into_offsets();
         cut_into_runs(rows);
         scatter_offsets by_run = offsets_by_run(nranges);
         values_ = large_block<R>(rows);
@@ -117,20 +134,20 @@ private:
         return true;
     }
 
-    //! A run ends before a group that is one by itself, and where it has enough values.
+    //! A run ends before a bucket that is one by itself, and where it has enough values.
     void cut_into_runs(BUN rows) {
-        // Few groups can have a run each.
+        // Few buckets can have a run each.
         const BUN enough =
-            groups() <= most_runs ? smallest_run : std::max(smallest_run, rows / (most_runs / 2));
-        run_of_ = gdk_vector<std::uint16_t>(groups());
-        for (BUN j = 0; j < groups();) {
+            buckets() <= most_runs ? smallest_run : std::max(smallest_run, rows / (most_runs / 2));
+        run_of_ = gdk_vector<std::uint16_t>(buckets());
+        for (BUN j = 0; j < buckets();) {
             run made{j, j, false};
             BUN values = 0;
-            while (j < groups() && values < enough) {
-                const BUN n = by_group_.end_of(j) - by_group_.begin_of(j);
+            while (j < buckets() && values < enough) {
+                const BUN n = by_bucket_.end_of(j) - by_bucket_.begin_of(j);
                 if (n >= enough && values != 0)
                     break;
-                made.mixed |= n != 0 && values != 0;
+                made.mixed |= n != 0 && (values != 0 || shift_ != 0);
                 values += n;
                 run_of_[j++] = static_cast<std::uint16_t>(runs_.size());
             }
@@ -143,8 +160,8 @@ private:
     scatter_offsets offsets_by_run(BUN nranges) {
         scatter_offsets by_run(nranges, runs_.size());
         for (BUN range = 0; range < nranges; ++range)
-            for (BUN j = 0; j < groups(); ++j)
-                by_run.of(range)[run_of_[j]] += by_group_.unwritten_rows(range, j);
+            for (BUN j = 0; j < buckets(); ++j)
+                by_run.of(range)[run_of_[j]] += by_bucket_.unwritten_rows(range, j);
         by_run.turn_counts_into_offsets();
         return by_run;
     }
@@ -155,7 +172,8 @@ private:
                             BUN *next) const noexcept {
         R *moved = values_.get();
         const std::uint16_t *run_of = run_of_.data();
-        if (!any_mixed_) {
+        const unsigned shift = shift_;
+        if (!any_mixed_) { // so that buckets are groups
             for (std::size_t i = 0; i < n; ++i)
                 moved[next[run_of[groups[i]]]++] = static_cast<R>(values[i]);
             return;
@@ -163,32 +181,53 @@ private:
         BUN *members = members_.get();
         const run *runs = runs_.data();
         for (std::size_t i = 0; i < n; ++i) {
-            const std::uint16_t k = run_of[groups[i]];
+            const std::uint16_t k = run_of[groups[i] >> shift];
             const BUN at = next[k]++;
             moved[at] = static_cast<R>(values[i]);
-            members[at] = groups[i] - runs[k].begin;
+            members[at] = groups[i] - (runs[k].begin << shift);
         }
     }
 
-    //! The values of a run by group.
-    gdk_block<R> vask_merge_groups(const run &groups, const R *values) const {
-        const BUN start = by_group_.begin_of(groups.begin);
-        const BUN n = by_group_.begin_of(groups.end) - start;
-        gdk_block<R> merged(gdk_allocate<R>(n));
-        gdk_vector<BUN> ends(groups.end - groups.begin);
-        for (BUN j = groups.begin; j < groups.end; ++j)
-            ends[j - groups.begin] = by_group_.begin_of(j) - start;
+    //! Where the values of each of a run's groups end, counted from the run's first value.
+    gdk_vector<BUN> ends_of_groups(const run &of, BUN first, BUN last) const {
+        const BUN start = by_bucket_.begin_of(of.begin);
+        gdk_vector<BUN> ends(last - first);
+        if (shift_ == 0) {
+            for (BUN j = first; j < last; ++j)
+                ends[j - first] = by_bucket_.end_of(j) - start;
+            return ends;
+        }
+        const BUN n = by_bucket_.begin_of(of.end) - start;
+        if (n == 0)
+            return ends;
         const BUN *members = members_.get() + start;
-        BUN *next = ends.data();
+        for (BUN at = 0; at < n; ++at)
+            ++ends[members[at]];
+        std::partial_sum(ends.begin(), ends.end(), ends.begin());
+        return ends;
+    }
+
+    //! The values of a run by group.
+    gdk_block<R> vask_merge_groups(const run &groups, const R *values,
+                                   const gdk_vector<BUN> &ends) const {
+        const BUN start = by_bucket_.begin_of(groups.begin);
+        const BUN n = by_bucket_.begin_of(groups.end) - start;
+        gdk_block<R> merged(gdk_allocate<R>(n));
+        gdk_vector<BUN> begins(ends.size());
+        std::copy(ends.begin(), ends.end() - 1, begins.begin() + 1);
+        const BUN *members = members_.get() + start;
+        BUN *next = begins.data();
         R *to = merged.get();
         for (BUN at = 0; at < n; ++at)
             to[next[members[at]]++] = values[at];
         return merged;
     }
 
-    scatter_offsets by_group_;
+    BUN groups_;
+    unsigned shift_; // a bucket has 2^shift groups
+    scatter_offsets by_bucket_;
     gdk_vector<run> runs_;
-    gdk_vector<std::uint16_t> run_of_; // groups
+    gdk_vector<std::uint16_t> run_of_; // buckets
     bool any_mixed_ = false;
     gdk_block<R> values_;
     gdk_block<BUN> members_; // the values' groups, counted from the first of the run
