@@ -12,10 +12,31 @@
 
 #include <bzlib.h>
 #include <lzma.h>
-#include <zlib.h>
 #include <zstd.h>
+#ifdef VASK_GZIP_BY_ISAL
+#include <isa-l/igzip_lib.h>
+#else
+#include <zlib.h>
+#endif
 
 namespace vask::runner {
+namespace {
+
+enum class progress : std::uint8_t { going_on, ended };
+
+} // namespace
+
+//! decode() takes bytes from the front of `in` and gives others to the front of `out`; both lose
+//! what was used.
+class frame_decoder {
+public:
+    frame_decoder() = default;
+    virtual ~frame_decoder() = default;
+    frame_decoder(const frame_decoder &) = delete;
+    frame_decoder &operator=(const frame_decoder &) = delete;
+    virtual progress decode(std::string_view &in, std::span<char> &out) = 0;
+};
+
 namespace {
 
 std::string_view name_of(compression kind) {
@@ -37,21 +58,8 @@ struct damage {
     std::string what;
 };
 
-enum class progress : std::uint8_t { going_on, ended };
-
 //! What one call of a library takes and gives: some have sizes of 32 bits.
 constexpr std::size_t most_at_once = std::size_t{1} << 30;
-
-//! Decodes one member or frame of a file. decode() takes bytes from the front of `in` and gives
-//! others to the front of `out`; both lose what was used.
-class decoder {
-public:
-    decoder() = default;
-    virtual ~decoder() = default;
-    decoder(const decoder &) = delete;
-    decoder &operator=(const decoder &) = delete;
-    virtual progress decode(std::string_view &in, std::span<char> &out) = 0;
-};
 
 // The libraries' streams have members of one meaning and different types.
 template <class Stream>
@@ -67,7 +75,45 @@ void take(const Stream &stream, std::string_view &in, std::span<char> &out) {
     out = out.subspan(std::min(out.size(), most_at_once) - stream.avail_out);
 }
 
-class gzip_decoder final : public decoder {
+#ifdef VASK_GZIP_BY_ISAL
+
+//! Two to three times as fast as zlib.
+class gzip_decoder final : public frame_decoder {
+public:
+    gzip_decoder() : stream_(std::make_unique_for_overwrite<inflate_state>()) {
+        ::isal_inflate_init(stream_.get());
+        stream_->crc_flag = ISAL_GZIP;
+    }
+
+    progress decode(std::string_view &in, std::span<char> &out) override {
+        give(*stream_, in, out);
+        const int result = ::isal_inflate(stream_.get());
+        take(*stream_, in, out);
+        if (result < 0)
+            throw damage{meaning_of(result)};
+        return stream_->block_state == ISAL_BLOCK_FINISH ? progress::ended : progress::going_on;
+    }
+
+private:
+    static std::string meaning_of(int result) {
+        switch (result) {
+            case ISAL_INVALID_WRAPPER:
+            case ISAL_UNSUPPORTED_METHOD:
+                return "a wrong header";
+            case ISAL_INCORRECT_CHECKSUM:
+                return "a wrong checksum";
+            default:
+                return "wrong data";
+        }
+    }
+
+    // Of 80 KB.
+    std::unique_ptr<inflate_state> stream_;
+};
+
+#else
+
+class gzip_decoder final : public frame_decoder {
 public:
     gzip_decoder() {
         constexpr int of_gzip = 16; // beside the size of the window
@@ -97,7 +143,9 @@ private:
     z_stream stream_{};
 };
 
-class zstd_decoder final : public decoder {
+#endif
+
+class zstd_decoder final : public frame_decoder {
 public:
     zstd_decoder() : context_(::ZSTD_createDCtx()) {
         if (context_ == nullptr)
@@ -124,7 +172,7 @@ private:
     std::unique_ptr<ZSTD_DCtx, closer> context_;
 };
 
-class bzip2_decoder final : public decoder {
+class bzip2_decoder final : public frame_decoder {
 public:
     bzip2_decoder() {
         if (::BZ2_bzDecompressInit(&stream_, 0, 0) != BZ_OK)
@@ -152,7 +200,7 @@ private:
     bz_stream stream_{};
 };
 
-class xz_decoder final : public decoder {
+class xz_decoder final : public frame_decoder {
 public:
     xz_decoder() {
         constexpr std::uint64_t no_limit = std::numeric_limits<std::uint64_t>::max();
@@ -184,7 +232,7 @@ private:
     lzma_stream stream_ = LZMA_STREAM_INIT;
 };
 
-std::unique_ptr<decoder> decoder_of(compression kind) {
+std::unique_ptr<frame_decoder> decoder_of(compression kind) {
     switch (kind) {
         case compression::gzip:
             return std::make_unique<gzip_decoder>();
@@ -233,35 +281,48 @@ std::string_view without_compression(std::string_view name) {
     return name;
 }
 
-void decompress(compression kind, std::string_view bytes, const std::string &name,
-                growing_text &to) {
-    const std::string_view program = name_of(kind);
-    while (!bytes.empty()) {
-        const auto one = decoder_of(kind);
-        for (progress state = progress::going_on; state != progress::ended;) {
-            const std::span<char> room = to.room();
-            std::span<char> left = room;
-            try {
-                state = one->decode(bytes, left);
-            } catch (const damage &found) {
-                fail("{}: the file is damaged behind {} bytes of its text ({} says: {}); get it "
-                     "once more",
-                     name, to.size(), program, found.what);
-            }
-            to.add(room.size() - left.size());
-            // Nothing is left in the decoder, either.
-            if (state != progress::ended && bytes.empty() && !left.empty())
-                fail("{}: the file is cut short: what {} wrote ends in the middle, behind {} bytes "
-                     "of its text; get it once more",
-                     name, program, to.size());
-        }
+decompression::decompression(compression kind, std::string_view bytes, std::string name)
+    : kind_(kind), name_(std::move(name)), left_(bytes), size_(bytes.size()) {}
+
+decompression::~decompression() = default;
+
+// Makes the decoder of the next frame; false where there is none.
+bool decompression::next_frame() {
+    if (consumed() != 0) {
         // Zeros may fill a file up, as to the blocks of a tape.
-        bytes.remove_prefix(std::min(bytes.find_first_not_of('\0'), bytes.size()));
-        if (!bytes.empty() && compression_of(bytes) != kind)
+        left_.remove_prefix(std::min(left_.find_first_not_of('\0'), left_.size()));
+        if (!left_.empty() && compression_of(left_) != kind_)
             fail("{}: the file is damaged: behind {} bytes of its text stand {} bytes that {} did "
                  "not write; get it once more",
-                 name, to.size(), bytes.size(), program);
+                 name_, given_, left_.size(), name_of(kind_));
     }
+    if (left_.empty())
+        return false;
+    frame_ = decoder_of(kind_);
+    return true;
+}
+
+std::size_t decompression::read(std::span<char> room) {
+    std::span<char> left = room;
+    while (!left.empty() && (frame_ != nullptr || next_frame())) {
+        const std::size_t room_before = left.size();
+        progress state{};
+        try {
+            state = frame_->decode(left_, left);
+        } catch (const damage &found) {
+            fail("{}: the file is damaged behind {} bytes of its text ({} says: {}); get it "
+                 "once more",
+                 name_, given_, name_of(kind_), found.what);
+        }
+        given_ += room_before - left.size();
+        if (state == progress::ended)
+            frame_.reset();
+        else if (left_.empty() && !left.empty()) // and nothing is left in the decoder, either
+            fail("{}: the file is cut short: what {} wrote ends in the middle, behind {} bytes of "
+                 "its text; get it once more",
+                 name_, name_of(kind_), given_);
+    }
+    return room.size() - left.size();
 }
 
 } // namespace vask::runner

@@ -23,8 +23,8 @@ struct first_record {
     bool stopped() const { return complete; }
 };
 
-csv_header parse_first_record(const source_text &source, const csv_dialect &dialect) {
-    const std::string_view text = source.text();
+csv_header parse_first_record(const source_text &source, std::string_view text,
+                              const csv_dialect &dialect) {
     first_record record;
     csv_parser parser(dialect, record);
     std::size_t at = 0;
@@ -85,10 +85,10 @@ std::vector<std::string> fields_from(std::string_view text, std::size_t at,
 }
 
 // Who gives a file without a header would lose its first row.
-void refuse_data_as_header(const source_text &source, const csv_dialect &dialect,
-                           const csv_header &header) {
+void refuse_data_as_header(const source_text &source, std::string_view text,
+                           const csv_dialect &dialect, const csv_header &header) {
     const std::vector<std::string> &names = header.names;
-    const std::vector<std::string> below = fields_from(source.text(), header.data_begin, dialect);
+    const std::vector<std::string> below = fields_from(text, header.data_begin, dialect);
     for (std::size_t i = 0; i < std::min(names.size(), below.size()); ++i)
         if (!std::all_of(names.begin(), names.end(), is_number) && is_number(names[i]) &&
             is_number(below[i]))
@@ -108,11 +108,29 @@ void name_the_nameless(std::vector<std::string> &names) {
             names[i] = fmt::format("column{}", i + 1);
 }
 
+struct record_counter {
+    std::size_t records = 0;
+
+    void field(std::string_view) {}
+    void record() { ++records; }
+    bool stopped() const { return records >= 2; }
+};
+
+// As much of the text as has the header and a record below it.
+std::string_view text_with_header(const source_text &source, const csv_dialect &dialect) {
+    record_counter counter;
+    if (source.is_packed()) {
+        csv_parser parser(dialect, counter);
+        parser.feed(source.start());
+    }
+    return counter.stopped() ? source.start() : source.text();
+}
+
 } // namespace
 
 csv_header read_header(const source_text &source, const csv_dialect &dialect,
                        const header_rules &rules) {
-    const std::string_view text = source.text();
+    const std::string_view text = text_with_header(source, dialect);
     if (text.empty())
         fail("{}: the file is empty; it needs a line with the names of the columns", source.name());
     for (const auto &[magic, kind, program] : other_formats)
@@ -124,9 +142,9 @@ csv_header read_header(const source_text &source, const csv_dialect &dialect,
              source.name(), 1 + count_line_ends(start.substr(0, nul)));
     csv_header header{rules.names, 0, 1};
     if (header.names.empty()) {
-        header = parse_first_record(source, dialect);
+        header = parse_first_record(source, text, dialect);
         if (!rules.numeric_names)
-            refuse_data_as_header(source, dialect, header);
+            refuse_data_as_header(source, text, dialect, header);
     }
     name_the_nameless(header.names);
     return header;

@@ -7,17 +7,29 @@
 namespace vask::runner {
 namespace {
 
-struct census {
-    std::uint64_t line_ends = 0;
-    std::uint64_t quotes = 0;
-    std::uint64_t nuls = 0;
-};
+char byte_before(std::string_view text, std::size_t at) {
+    return at == 0 ? '\0' : text[at - 1];
+}
+
+// The first place at or behind `from` that follows a newline outside quotes. Only "\n" ends the
+// search: a text whose lines end in lone "\r" becomes one chunk.
+std::size_t record_boundary(std::string_view text, std::size_t from, bool quoted, char quote) {
+    for (std::size_t at = from; at < text.size(); ++at) {
+        if (text[at] == quote)
+            quoted = !quoted;
+        if (text[at] == '\n' && !quoted)
+            return at + 1;
+    }
+    return text.size();
+}
+
+} // namespace
 
 // Counts bytes in blocks that keep the counters within one byte: that is what lets the compiler
 // compare and add sixteen or more bytes at a time.
-census take_census(std::string_view text, char previous, char quote) {
+byte_census take_census(std::string_view text, char previous, char quote) {
     constexpr std::size_t block_bytes = 255;
-    census total;
+    byte_census total;
     for (std::size_t begin = 0; begin < text.size(); begin += block_bytes) {
         const std::size_t size = std::min(block_bytes, text.size() - begin);
         const char *const block = text.data() + begin;
@@ -41,23 +53,15 @@ census take_census(std::string_view text, char previous, char quote) {
     return total;
 }
 
-char byte_before(std::string_view text, std::size_t at) {
-    return at == 0 ? '\0' : text[at - 1];
-}
-
-// The first place at or behind `from` that follows a newline outside quotes. Only "\n" ends the
-// search: a text whose lines end in lone "\r" becomes one chunk.
-std::size_t record_boundary(std::string_view text, std::size_t from, bool quoted, char quote) {
-    for (std::size_t at = from; at < text.size(); ++at) {
-        if (text[at] == quote)
+std::size_t last_record_end(std::string_view text, bool quoted, char quote) {
+    for (std::size_t end = text.size(); end > 0; --end) {
+        if (text[end - 1] == '\n' && !quoted)
+            return end;
+        if (text[end - 1] == quote)
             quoted = !quoted;
-        if (text[at] == '\n' && !quoted)
-            return at + 1;
     }
-    return text.size();
+    return 0;
 }
-
-} // namespace
 
 std::size_t end_outside_quotes(std::string_view text, std::size_t begin, std::size_t end,
                                char quote) {
@@ -82,7 +86,7 @@ record_chunks split_records(std::string_view text, std::size_t begin, char quote
                             const std::function<void(std::size_t, std::size_t)> &done_with) {
     const std::size_t pieces = (text.size() - begin + chunk_bytes - 1) / chunk_bytes;
     const auto cut = [&](std::size_t i) { return std::min(begin + i * chunk_bytes, text.size()); };
-    std::vector<census> counts(pieces);
+    std::vector<byte_census> counts(pieces);
     run_pieces(pieces, threads, [&](std::size_t i) {
         counts[i] =
             take_census(text.substr(cut(i), cut(i + 1) - cut(i)), byte_before(text, cut(i)), quote);

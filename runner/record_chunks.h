@@ -39,6 +39,18 @@ record_chunks split_records(
 std::size_t end_outside_quotes(std::string_view text, std::size_t begin, std::size_t end,
                                char quote);
 
+struct byte_census {
+    std::uint64_t line_ends = 0; //!< at "\n", "\r\n" or a lone "\r"
+    std::uint64_t quotes = 0;
+    std::uint64_t nuls = 0;
+};
+
+//! Counts what tells records apart. `previous` is the byte before the text.
+byte_census take_census(std::string_view text, char previous, char quote);
+
+//! The place behind the last newline outside quotes, 0 for none. `quoted` tells of the text's end.
+std::size_t last_record_end(std::string_view text, bool quoted, char quote);
+
 //! How many lines end in a text: at "\n", "\r\n" or a lone "\r". `previous` is the byte before it.
 std::uint64_t count_line_ends(std::string_view text, char previous = '\0');
 

@@ -1,6 +1,5 @@
 #include "source_text.h"
 
-#include "compressed_text.h"
 #include "field_index.h"
 #include "growing_text.h"
 #include "record_chunks.h"
@@ -60,7 +59,8 @@ std::int64_t changed_at(const struct stat &status) {
 
 } // namespace
 
-source_text::source_text(const std::string &path) : name_(path == "-" ? "standard input" : path) {
+source_text::source_text(const std::string &path, std::size_t start_bytes)
+    : name_(path == "-" ? "standard input" : path) {
     open_file file(path);
     struct stat status {};
     if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0)
@@ -79,13 +79,11 @@ source_text::source_text(const std::string &path) : name_(path == "-" ? "standar
     } else
         read_to_end(file.descriptor());
     try {
-        decompress();
+        decompress_start(start_bytes);
     } catch (...) { // nobody destroys what was not made
         close();
         throw;
     }
-    if (text_.starts_with(byte_order_mark))
-        text_.remove_prefix(byte_order_mark.size());
 }
 
 source_text::~source_text() {
@@ -95,14 +93,6 @@ source_text::~source_text() {
 void source_text::close() noexcept {
     if (descriptor_ > STDIN_FILENO)
         ::close(descriptor_);
-    free_block();
-}
-
-void source_text::free_block() noexcept {
-    if (mapped_bytes_ != 0)
-        ::munmap(block_, mapped_bytes_);
-    else
-        std::free(block_);
 }
 
 void source_text::map(int descriptor, std::size_t bytes) {
@@ -113,17 +103,21 @@ void source_text::map(int descriptor, std::size_t bytes) {
         fail("{}: cannot map the file: {}", name_, std::strerror(errno));
     ::madvise(address, bytes, MADV_SEQUENTIAL);
     std::signal(SIGBUS, end_without_page);
-    block_ = address;
-    mapped_bytes_ = bytes;
-    text_ = {static_cast<const char *>(address), bytes};
+    file_ = byte_block(address, bytes, true);
 }
 
-void source_text::hold(growing_text &text) noexcept {
-    free_block();
-    mapped_bytes_ = 0;
+void source_text::show(std::string_view text) const noexcept {
+    if (text.starts_with(byte_order_mark))
+        text.remove_prefix(byte_order_mark.size());
+    text_ = text;
+}
+
+void source_text::hold(growing_text &text) const noexcept {
     const std::size_t size = text.size();
-    block_ = text.release();
-    text_ = {static_cast<const char *>(block_), size};
+    held_ = byte_block(text.release(), size, false);
+    show(held_.bytes());
+    if (!packed_ && !file_.is_mapped()) // nothing will be read from it again
+        file_ = byte_block();
 }
 
 void source_text::read_to_end(int descriptor) {
@@ -139,16 +133,72 @@ void source_text::read_to_end(int descriptor) {
             break;
         text.add(static_cast<std::size_t>(got));
     }
-    hold(text);
+    const std::size_t size = text.size();
+    file_ = byte_block(text.release(), size, false);
 }
 
-void source_text::decompress() {
-    const auto kind = compression_of(text_);
-    if (!kind)
+void source_text::decompress_start(std::size_t bytes) {
+    packed_ = compression_of(file_.bytes());
+    if (!packed_) {
+        show(file_.bytes());
         return;
+    }
+    decompression packed(*packed_, file_.bytes(), name_);
+    growing_text start;
+    const std::size_t got = packed.read(start.room(bytes).first(bytes));
+    start.add(got);
+    // The next byte tells whether that was all.
+    char next = 0;
+    if (got < bytes || packed.read({&next, 1}) == 0)
+        packed_.reset();
+    hold(start);
+}
+
+std::string_view source_text::text() const {
+    if (!packed_)
+        return text_;
     growing_text text;
-    runner::decompress(*kind, text_, name_, text);
+    source_reader reader(*this);
+    for (;;) {
+        const std::span<char> room = text.room();
+        const std::size_t got = reader.read(room);
+        text.add(got);
+        if (got < room.size())
+            break;
+    }
+    packed_.reset();
     hold(text);
+    return text_;
+}
+
+source_reader::source_reader(const source_text &source) : source_(source) {
+    if (source.packed_)
+        packed_.emplace(*source.packed_, source.file_.bytes(), source.name_);
+}
+
+std::size_t source_reader::read(std::span<char> room) {
+    if (!packed_) {
+        const std::size_t got = std::min(room.size(), source_.text_.size() - consumed_);
+        std::memcpy(room.data(), source_.text_.data() + consumed_, got);
+        source_.release_pages(consumed_, consumed_ + got);
+        consumed_ += got;
+        return got;
+    }
+    std::size_t got = packed_->read(room);
+    source_.file_.release_pages(
+        source_.file_.bytes().substr(consumed_, packed_->consumed() - consumed_));
+    consumed_ = packed_->consumed();
+    if (std::exchange(at_start_, false) &&
+        std::string_view(room.data(), got).starts_with(byte_order_mark)) {
+        got -= byte_order_mark.size();
+        std::memmove(room.data(), room.data() + byte_order_mark.size(), got);
+        got += read(room.subspan(got));
+    }
+    return got;
+}
+
+std::size_t source_reader::consumed() const noexcept {
+    return consumed_;
 }
 
 namespace {
@@ -177,12 +227,13 @@ char *join_blank_runs(std::string_view line, bool &quoted, char quote, char *to)
 void source_text::bring_into_form(const text_form &form, char quote) {
     if (form.is_plain())
         return;
+    const std::string_view original = this->text();
     growing_text text;
     std::size_t line_number = 0;
     bool quoted = false;
-    for (std::size_t at = 0; at < text_.size(); ++line_number) {
-        const std::size_t end = end_of_line(text_, at);
-        const std::string_view line = text_.substr(at, end - at);
+    for (std::size_t at = 0; at < original.size(); ++line_number) {
+        const std::size_t end = end_of_line(original, at);
+        const std::string_view line = original.substr(at, end - at);
         const std::size_t content = std::min(line.find_first_of("\r\n"), line.size());
         const bool is_record = line_number >= form.skipped_lines &&
                                (quoted || !form.comment || !line.starts_with(*form.comment));
@@ -203,19 +254,44 @@ void source_text::bring_into_form(const text_form &form, char quote) {
 
 bool source_text::was_changed() const noexcept {
     struct stat status {};
-    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0)
+    const bool is_held = !packed_ && !held_.bytes().empty();
+    if (descriptor_ < 0 || is_held || ::fstat(descriptor_, &status) != 0)
         return false;
     const auto size = static_cast<std::size_t>(status.st_size);
-    return size < mapped_bytes_ || (size == mapped_bytes_ && changed_at(status) != changed_at_);
+    return size < file_bytes() || (size == file_bytes() && changed_at(status) != changed_at_);
 }
 
 void source_text::release_pages(std::size_t begin, std::size_t end) const noexcept {
-    if (mapped_bytes_ == 0 || begin >= end)
+    if (held_.bytes().empty() && begin < end)
+        file_.release_pages(text_.substr(begin, end - begin));
+}
+
+byte_block::byte_block(byte_block &&other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      is_mapped_(other.is_mapped_) {}
+
+byte_block &byte_block::operator=(byte_block &&other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    std::swap(is_mapped_, other.is_mapped_);
+    return *this;
+}
+
+byte_block::~byte_block() {
+    if (is_mapped_ && data_ != nullptr)
+        ::munmap(data_, size_);
+    else
+        std::free(data_);
+}
+
+void byte_block::release_pages(std::string_view bytes) const noexcept {
+    if (!is_mapped_ || bytes.empty())
         return;
     const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const auto first =
-        (reinterpret_cast<std::uintptr_t>(text_.data()) + begin + page - 1) / page * page;
-    const auto last = (reinterpret_cast<std::uintptr_t>(text_.data()) + end) / page * page;
+    const auto begin = reinterpret_cast<std::uintptr_t>(bytes.data());
+    const std::uintptr_t first = (begin + page - 1) / page * page;
+    const std::uintptr_t last = (begin + bytes.size()) / page * page;
     if (first < last)
         ::madvise(reinterpret_cast<void *>(first), last - first, MADV_DONTNEED);
 }

@@ -23,9 +23,12 @@ namespace {
 //! The largest number of rows of a kernel's column.
 constexpr std::uint64_t most_rows = NO_BUN - 1;
 
-std::vector<further_file> files_of(const source_text &source, const csv_header &header,
-                                   const load_request &request) {
-    std::vector<further_file> files{{&source, header.data_begin}};
+//! Places of a compressed file's start at which records are sampled.
+constexpr std::size_t start_samples = 8;
+
+std::vector<file_data> files_of(const source_text &source, const csv_header &header,
+                                const load_request &request) {
+    std::vector<file_data> files{{&source, header.data_begin}};
     files.insert(files.end(), request.further.begin(), request.further.end());
     return files;
 }
@@ -41,6 +44,28 @@ public:
     loaded_table load() {
         split();
         plan_columns();
+        read_all();
+        return std::move(table_);
+    }
+
+    //! Does not hold the texts of compressed files. Nothing for a fault of a text.
+    std::optional<loaded_table> load_streamed() {
+        is_streamed_ = true;
+        for (const file_data &file : files_)
+            guess_from_start(file);
+        plan_columns();
+        read_all();
+        if (has_fault_)
+            return std::nullopt;
+        return std::move(table_);
+    }
+
+private:
+    struct file_chunk : record_chunk {
+        std::size_t file;
+    };
+
+    void read_all() {
         std::vector<std::size_t> columns;
         for (std::size_t i = 0; i < plan_.size(); ++i)
             if (plan_[i].wanted)
@@ -49,19 +74,14 @@ public:
         do
             columns = read_columns(columns);
         while (!columns.empty());
-        for (const further_file &file : files_)
+        for (const file_data &file : files_)
             if (file.source->was_changed())
                 fail_changed(*file.source);
-        return std::move(table_);
     }
 
-private:
-    struct file_chunk : record_chunk {
-        const source_text *source;
-    };
-
     void split() {
-        for (const further_file &file : files_) {
+        for (std::size_t number = 0; number < files_.size(); ++number) {
+            const file_data &file = files_[number];
             const std::string_view text = file.source->text();
             const auto release = [&file](std::size_t begin, std::size_t end) {
                 file.source->release_pages(begin, end);
@@ -73,24 +93,40 @@ private:
                 fail("{}:{}: NUL byte; this is no text file, or one in UTF-16: convert it to UTF-8 "
                      "first",
                      file.source->name(), line_at(text, *found.nul_byte));
-            guess(file, found.chunks);
+            guess(text, found.chunks);
             for (const record_chunk &chunk : found.chunks) {
-                chunks_.push_back({chunk, file.source});
+                chunks_.push_back({chunk, number});
                 first_rows_.push_back(room_);
                 room_ += chunk.max_records;
             }
             bytes_ += text.size();
         }
-        if (room_ > most_rows)
+        check_rows(room_);
+    }
+
+    void check_rows(std::uint64_t rows) const {
+        if (rows > most_rows)
             fail("{}: {} lines are more rows than a column can have ({}); split the file",
-                 source_.name(), room_, most_rows);
+                 source_.name(), rows, most_rows);
+    }
+
+    void guess_from_start(const file_data &file) {
+        const std::string_view text = file.source->start().substr(0, source_text::usual_start);
+        const std::size_t begin = std::min(file.data_begin, text.size());
+        record_chunks found =
+            split_records(text, begin, request_.dialect.quote(),
+                          (text.size() - begin) / start_samples + 1, request_.threads);
+        // The text may end within the last record.
+        if (!found.chunks.empty())
+            found.chunks.pop_back();
+        guess(text, found.chunks);
     }
 
     // Of several files, each type is the widest.
-    void guess(const further_file &file, const std::vector<record_chunk> &chunks) {
-        const std::vector<std::optional<column_type>> types = guess_types(
-            file.source->text(), chunks, request_.dialect, request_.missing, request_.keep_zeros,
-            request_.format, request_.ragged, header_.names.size());
+    void guess(std::string_view text, const std::vector<record_chunk> &chunks) {
+        const std::vector<std::optional<column_type>> types =
+            guess_types(text, chunks, request_.dialect, request_.missing, request_.keep_zeros,
+                        request_.format, request_.ragged, header_.names.size());
         types_.resize(types.size());
         for (std::size_t i = 0; i < types.size(); ++i)
             types_[i] = wider(types_[i], types[i]);
@@ -118,17 +154,17 @@ private:
             target.wanted = false;
         for (const std::size_t i : columns)
             make_room(i);
-        std::vector<chunk_outcome> outcomes = read_chunks();
+        std::vector<chunk_outcome> outcomes = is_streamed_ ? read_pieces() : read_chunks();
+        if (has_fault_)
+            return {};
 
         const std::uint64_t rows = std::accumulate(
             outcomes.begin(), outcomes.end(), std::uint64_t{0},
             [](std::uint64_t sum, const chunk_outcome &o) { return sum + o.records; });
         std::vector<std::uint64_t> file_rows(files_.size());
-        for (std::size_t i = 0, file = 0; i < outcomes.size(); ++i) {
-            while (files_[file].source != chunks_[i].source)
-                ++file;
-            file_rows[file] += outcomes[i].records;
-        }
+        for (std::size_t i = 0; i < outcomes.size(); ++i)
+            file_rows[is_streamed_ ? pieces_.files[i] : chunks_[i].file] += outcomes[i].records;
+        check_rows(rows);
         // Columns of an earlier pass have that pass's rows.
         for (std::size_t file = 0; passes_ > 0 && file < files_.size(); ++file)
             if (file_rows[file] != table_.file_rows[file])
@@ -166,9 +202,8 @@ private:
         column_target &target = plan_[i];
         target.wanted = true;
         refkernel::bat &values = table_.columns[i].values;
-        if (target.type == column_type::str) {
-            values.reset();
-        } else {
+        values.reset();
+        if (target.type != column_type::str && !is_streamed_) {
             values =
                 refkernel::make_empty(TYPE_void, type_code(target.type), static_cast<BUN>(room_));
             target.values = values->tail->base;
@@ -189,20 +224,38 @@ private:
         return outcomes;
     }
 
+    reading_rules rules(std::string_view file_name) const {
+        return {request_.dialect, request_.missing,      request_.format,
+                request_.ragged,  request_.filter.get(), file_name};
+    }
+
+    std::vector<chunk_outcome> read_pieces() {
+        try {
+            auto pieces =
+                read_streams(files_, rules({}), plan_, request_.chunk_bytes, request_.threads);
+            has_fault_ = !pieces;
+            if (pieces)
+                pieces_ = std::move(*pieces);
+        } catch (const user_error &) {
+            for (const file_data &file : files_)
+                if (file.source->was_changed())
+                    fail_changed(*file.source);
+            throw;
+        }
+        return std::move(pieces_.outcomes);
+    }
+
     chunk_outcome read_one(std::size_t i) {
         const file_chunk &chunk = chunks_[i];
+        const source_text &source = *files_[chunk.file].source;
         chunk_outcome outcome =
-            read_chunk(chunk.source->text(), chunk,
-                       {request_.dialect, request_.missing, request_.format, request_.ragged,
-                        request_.filter.get(), chunk.source->name()},
-                       plan_, first_rows_[i]);
+            read_chunk(source.text(), chunk, rules(source.name()), plan_, first_rows_[i]);
         // Chunks before this one still run, so the file's first fault is the one that is told.
         if (outcome.fault && outcome.fault->what == load_fault::kind::changed)
-            fail_changed(*chunk.source);
+            fail_changed(source);
         if (outcome.fault)
-            throw user_error(
-                describe(*outcome.fault, *chunk.source, header_, request_.dialect, chunk));
-        chunk.source->release_pages(chunk.begin, chunk.end);
+            throw user_error(describe(*outcome.fault, source, header_, request_.dialect, chunk));
+        source.release_pages(chunk.begin, chunk.end);
         return outcome;
     }
 
@@ -223,8 +276,11 @@ private:
             column.values = text_column(i, outcomes);
             return;
         }
+        if (is_streamed_)
+            column.values = pieces_.gather(i, column.type, table_.rows, request_.threads);
         BAT *const values = column.values.record();
-        close_gaps(*values->tail, outcomes);
+        if (!is_streamed_)
+            close_gaps(*values->tail, outcomes);
         BATsetcount(values, static_cast<BUN>(table_.rows));
         values->tail->nil = missing > 0;
         values->tail->nonil = missing == 0;
@@ -272,7 +328,7 @@ private:
     const source_text &source_;
     const csv_header &header_;
     const load_request &request_;
-    std::vector<further_file> files_; // in order, the first one before the others
+    std::vector<file_data> files_; // in order, the first one before the others
     std::uint64_t bytes_ = 0;
     std::vector<std::optional<column_type>> types_; // guessed
     std::vector<file_chunk> chunks_;
@@ -281,6 +337,9 @@ private:
     std::vector<column_target> plan_;
     loaded_table table_;
     int passes_ = 0;
+    bool is_streamed_ = false;
+    streamed_pieces pieces_; // of the last pass
+    bool has_fault_ = false;
 };
 
 bool is_text(std::string_view, column_type type) {
@@ -335,7 +394,7 @@ std::optional<text_cell> first_cell(cell_test wanted, const source_text &source,
     for (const auto &[forced, type] : request.forced)
         if (forced == column)
             return std::nullopt;
-    for (const further_file &file : files_of(source, header, request)) {
+    for (const file_data &file : files_of(source, header, request)) {
         cell_finder finder{request.missing, request.format, wanted, column, 0, 0, {}};
         csv_parser parser(request.dialect, finder);
         const std::string_view text = file.source->text();
@@ -356,6 +415,14 @@ std::optional<text_cell> first_cell(cell_test wanted, const source_text &source,
 
 loaded_table load_table(const source_text &source, const csv_header &header,
                         const load_request &request) {
+    const std::vector<file_data> files = files_of(source, header, request);
+    if (std::ranges::any_of(files,
+                            [](const file_data &file) { return file.source->is_packed(); })) {
+        if (auto table = table_loader(source, header, request).load_streamed())
+            return std::move(*table);
+        for (const file_data &file : files)
+            static_cast<void>(file.source->text());
+    }
     return table_loader(source, header, request).load();
 }
 

@@ -7,6 +7,7 @@
 #include "load_fault.h"
 #include "row_filter.h"
 #include "source_text.h"
+#include "stream_reader.h"
 
 #include "vask/embed.h"
 
@@ -20,12 +21,6 @@
 
 namespace vask::runner {
 
-//! A file that is read behind the first one, with the same columns.
-struct further_file {
-    const source_text *source;
-    std::size_t data_begin; //!< place of the first byte behind its header
-};
-
 struct load_request {
     csv_dialect dialect;
     //! The columns to load, by place in the file; the others are passed over.
@@ -37,7 +32,7 @@ struct load_request {
     //! Which rows are loaded; null: all. Types are inferred from all rows.
     std::shared_ptr<const row_filter> filter{};
     missing_words missing{{"", "NA", "NaN"}};
-    std::vector<further_file> further{};
+    std::vector<file_data> further{}; //!< read behind the first one, with the same columns
     cell_format format{};
     ragged_records ragged = ragged_records::refused;
     //! Infers text for columns in which a number has a leading zero; off: the zero means nothing.
@@ -72,8 +67,8 @@ struct loaded_table {
  * fit in. The result does not depend on the number of threads. Throws user_error for a fault of the
  * data: the first one in the file.
  *
- * Memory: the columns, the text's table of different texts, and a few chunks; of a mapped file only
- * what is being read.
+ * Memory: the columns, the text's table of different texts, and a few chunks; of a mapped or
+ * compressed file only what is being read, unless it has a fault: it is told by the whole text.
  */
 loaded_table load_table(const source_text &source, const csv_header &header,
                         const load_request &request);

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zstd.h>
 
 namespace vask::runner {
 namespace {
@@ -72,6 +73,30 @@ TEST(ChangingFile, AnyOfSeveralFiles) {
         } catch (const std::runtime_error &error) {
             EXPECT_TRUE(std::string(error.what()).starts_with(changed->path())) << error.what();
         }
+    }
+}
+
+// One that cannot be decompressed because of that is not called damaged.
+TEST(ChangingFile, ACompressedOne) {
+    std::string text = "x\n";
+    for (int row = 0; row < 1000; ++row)
+        text += std::to_string(row * row) + "\n";
+    std::string packed(ZSTD_compressBound(text.size()), '\0');
+    packed.resize(ZSTD_compress(packed.data(), packed.size(), text.data(), text.size(), 1));
+    const temporary_file file(packed);
+    const source_text source(file.path(), 100);
+    ASSERT_TRUE(source.is_packed());
+    const csv_header header{{"x"}, 2, 1};
+    const load_request request{.dialect = {}, .wanted = {true}, .forced = {}};
+    EXPECT_EQ(load_table(source, header, request).rows, 1000U);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::fstream(file.path(), std::ios::in | std::ios::out) << "no more compressed";
+    try {
+        load_table(source, header, request);
+        FAIL();
+    } catch (const std::runtime_error &error) {
+        EXPECT_NE(std::string(error.what()).find("was changed while"), std::string::npos)
+            << error.what();
     }
 }
 

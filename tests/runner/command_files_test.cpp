@@ -85,8 +85,8 @@ TEST(Command, CompressedFiles) {
     const std::vector<std::pair<std::string, std::string>> programs{
         {"gzip", ".gz"}, {"zstd -q", ".zst"}, {"bzip2", ".bz2"}, {"xz", ".xz"}};
     std::string rows = "a\tx\n";
-    for (int i = 0; i < 20000; ++i)
-        rows += std::to_string(i * 7919 % 10007) + "\t" + std::to_string(i) + "\n";
+    for (int i = 0; i < 200000; ++i)
+        rows += std::to_string(i % 10007 * 7919 % 10007) + "\t" + std::to_string(i) + "\n";
     const temporary_file first(rows);
     const temporary_file second("1\t2\n");
     const std::vector<std::string> asked{"-a", "count(*),sum(x)", "-f", "csv", "--no-header"};
@@ -103,24 +103,33 @@ TEST(Command, CompressedFiles) {
         };
         if (pack(first.path(), " > ") != 0)
             GTEST_SKIP() << program << " is not there";
-        EXPECT_EQ(answer({packed.path()}), "20000,199990000\n");
+        EXPECT_EQ(answer({packed.path()}), "200000,19999900000\n");
         const std::string bytes = packed.content();
-        EXPECT_EQ(answer({"-", "-t", "tab"}, bytes), "20000,199990000\n");
+        EXPECT_EQ(answer({"-", "-t", "tab"}, bytes), "200000,19999900000\n");
         // Cut at the start, in the middle and before the last byte.
         for (const std::size_t size : {std::size_t{10}, bytes.size() / 2, bytes.size() - 1}) {
-            const temporary_file cut(bytes.substr(0, size), ending);
+            const temporary_file cut(bytes.substr(0, size), ".tsv" + ending);
             EXPECT_TRUE(holds(answer({cut.path()}), "the file is cut short")) << size;
+            EXPECT_TRUE(holds(answer({"-", "-t", "tab"}, cut.content()),
+                              "standard input: the file is cut"));
         }
         std::string wrong = bytes;
         for (std::size_t i = wrong.size() / 2; i < wrong.size() / 2 + 8; ++i)
             wrong[i] = static_cast<char>(~wrong[i]);
-        EXPECT_TRUE(holds(answer({temporary_file(wrong).path()}), "the file is damaged"));
-        EXPECT_TRUE(holds(answer({temporary_file(bytes + "rest").path()}), "did not write"));
+        EXPECT_TRUE(holds(answer({temporary_file(wrong, ".tsv").path()}), "the file is damaged"));
+        EXPECT_TRUE(
+            holds(answer({temporary_file(bytes + "rest", ".tsv").path()}), "did not write"));
+        EXPECT_EQ(answer({packed.path(), first.path(), packed.path(), "-t", "tab"}),
+                  "600000,59999700000\n");
+        EXPECT_EQ(answer({packed.path(), "-w", "x < 3 or x >= 199999"}), "4,200002\n");
+        EXPECT_TRUE(holds(answer({packed.path(), "--types", "x:bte"}), packed.path() + ":130: "));
         // Several members are one file, and zeros may stand behind the last one.
         pack(second.path(), " >> ");
-        EXPECT_EQ(answer({packed.path()}), "20001,199990002\n");
+        EXPECT_EQ(answer({packed.path()}), "200001,19999900002\n");
         EXPECT_EQ(answer({"-", "-t", "tab"}, packed.content() + std::string(512, '\0')),
-                  "20001,199990002\n");
+                  "200001,19999900002\n");
+        pack("/dev/null", " > ");
+        EXPECT_TRUE(holds(answer({packed.path()}), "the file is empty"));
     }
 }
 

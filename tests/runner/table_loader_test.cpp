@@ -10,6 +10,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <zstd.h>
 
 namespace vask::runner {
 namespace {
@@ -143,17 +144,27 @@ void expect_cells(const expected_column &expected, const table_column &loaded) {
     EXPECT_EQ(loaded.values->tail->nonil != 0, missing == 0);
 }
 
-loaded_table load(const std::string &text, load_request request = {},
-                  const csv_dialect &dialect = {}) {
-    const temporary_file file(text);
-    const source_text source(file.path());
+loaded_table load(const source_text &source, load_request request, const csv_dialect &dialect) {
     const csv_header header = read_header(source, dialect, {});
     request.dialect = dialect;
     request.wanted.resize(header.names.size(), true);
     return load_table(source, header, request);
 }
 
+loaded_table load(const std::string &text, load_request request = {},
+                  const csv_dialect &dialect = {}) {
+    const temporary_file file(text);
+    return load(source_text(file.path()), std::move(request), dialect);
+}
+
+std::string packed(const std::string &text) {
+    std::string result(ZSTD_compressBound(text.size()), '\0');
+    result.resize(ZSTD_compress(result.data(), result.size(), text.data(), text.size(), 1));
+    return result;
+}
+
 TEST(TableLoader, AllWaysOfWritingAFileGiveItsCells) {
+    std::size_t streamed = 0;
     for (unsigned seed = 0; seed < 24; ++seed) {
         file_maker maker(seed);
         const std::size_t rows = std::array<std::size_t, 4>{0, 1, 40, 3000}[seed % 4];
@@ -162,6 +173,8 @@ TEST(TableLoader, AllWaysOfWritingAFileGiveItsCells) {
             for (expected_column &column : expected)
                 column.type = column_type::int_;
         const std::string text = maker.csv(expected);
+        const temporary_file file(text);
+        const temporary_file compressed(packed(text));
         for (const std::size_t chunk_bytes : {1U, 2U, 7U, 50U, 100U, 5000U, 1U << 22}) {
             if (chunk_bytes < 100 && rows > 100)
                 continue;
@@ -171,13 +184,21 @@ TEST(TableLoader, AllWaysOfWritingAFileGiveItsCells) {
             SCOPED_TRACE(testing::Message()
                          << "seed " << seed << ", " << rows << " rows, chunks of " << chunk_bytes
                          << ", threads " << request.threads);
-            const loaded_table loaded = load(text, request);
-            EXPECT_EQ(loaded.rows, rows);
-            ASSERT_EQ(loaded.columns.size(), expected.size());
-            for (std::size_t i = 0; i < expected.size(); ++i)
-                expect_cells(expected[i], loaded.columns[i]);
+            for (const bool is_compressed : {false, true}) {
+                SCOPED_TRACE(is_compressed ? "compressed" : "plain");
+                // What is known at first: the header with some rows, or nearly nothing.
+                const source_text source((is_compressed ? compressed : file).path(),
+                                         seed % 5 == 0 ? 3 : 400);
+                const loaded_table loaded = load(source, request, {});
+                streamed += source.is_packed() ? 1 : 0;
+                EXPECT_EQ(loaded.rows, rows);
+                ASSERT_EQ(loaded.columns.size(), expected.size());
+                for (std::size_t i = 0; i < expected.size(); ++i)
+                    expect_cells(expected[i], loaded.columns[i]);
+            }
         }
     }
+    EXPECT_GT(streamed, 40U); // texts that were never held
     EXPECT_EQ(refkernel::current_usage().bats, 0);
 }
 
@@ -249,17 +270,51 @@ TEST(TableLoader, FaultsAreToldWithTheirLine) {
                 told = fmt::format("the record begins on line {}", 2 + 3 * at);
                 place = fmt::format(":{}: ", 3 + 3 * at);
             }
-            try {
-                load(text, request);
-                ADD_FAILURE() << "no error for " << each.line;
-            } catch (const user_error &error) {
-                const std::string message = error.what();
-                EXPECT_NE(message.find(place), std::string::npos) << place << message;
-                EXPECT_NE(message.find(told), std::string::npos) << told << message;
+            for (const std::string &content : {text, packed(text)}) {
+                const temporary_file file(content);
+                const source_text source(file.path(), 100);
+                EXPECT_EQ(source.is_packed(), content != text);
+                try {
+                    load(source, request, {});
+                    ADD_FAILURE() << "no error for " << each.line;
+                } catch (const user_error &error) {
+                    const std::string message = error.what();
+                    EXPECT_NE(message.find(place), std::string::npos) << place << message;
+                    EXPECT_NE(message.find(told), std::string::npos) << told << message;
+                }
             }
         }
     }
     EXPECT_EQ(refkernel::current_usage().bats, 0);
+}
+
+// Few rows are kept, in pieces and files that are compressed or not.
+TEST(TableLoader, KeptRowsOfCompressedFiles) {
+    std::string text = "a,b\n";
+    for (int row = 0; row < 3000; ++row)
+        text += fmt::format("{},{}\n", row, row % 7 == 0 ? "x" : "");
+    const temporary_file plain(text);
+    const temporary_file compressed(packed(text));
+    const source_text first(compressed.path(), 100);
+    const source_text second(plain.path());
+    const source_text third(compressed.path(), 100);
+    const csv_header header = read_header(first, {}, {});
+    load_request request;
+    request.wanted = {true, true};
+    request.further = {{&second, header.data_begin}, {&third, header.data_begin}};
+    request.chunk_bytes = 1000;
+    request.threads = 3;
+    request.filter = std::make_shared<const row_filter>(
+        "a % 1000 = 994", [](const std::string &) { return meaning{std::size_t{0}}; });
+    const loaded_table loaded = load_table(first, header, request);
+    EXPECT_TRUE(first.is_packed());
+    EXPECT_EQ(loaded.file_rows, (std::vector<std::uint64_t>{3, 3, 3}));
+    ASSERT_EQ(loaded.rows, 9U);
+    EXPECT_EQ(loaded.columns[1].missing, 6U);
+    for (BUN row = 0; row < 9; ++row) {
+        EXPECT_EQ(loaded.columns[0].values.values<std::int32_t>()[row], row % 3 * 1000 + 994);
+        EXPECT_EQ(loaded.columns[1].values.is_nil(row), row % 3 != 0) << row;
+    }
 }
 
 TEST(TableLoader, FirstText) {
