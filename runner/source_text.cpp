@@ -172,8 +172,13 @@ std::string_view source_text::text() const {
 }
 
 source_reader::source_reader(const source_text &source) : source_(source) {
-    if (source.packed_)
-        packed_.emplace(*source.packed_, source.file_.bytes(), source.name_);
+    if (!source.packed_)
+        return;
+    packed_.emplace(*source.packed_, source.file_.bytes(), source.name_);
+    first_bytes_.resize(byte_order_mark.size());
+    first_bytes_.resize(packed_->read(first_bytes_));
+    if (first_bytes_ == byte_order_mark)
+        first_bytes_.clear();
 }
 
 std::size_t source_reader::read(std::span<char> room) {
@@ -184,16 +189,12 @@ std::size_t source_reader::read(std::span<char> room) {
         consumed_ += got;
         return got;
     }
-    std::size_t got = packed_->read(room);
+    const std::size_t first = first_bytes_.copy(room.data(), room.size());
+    first_bytes_.erase(0, first);
+    const std::size_t got = first + packed_->read(room.subspan(first));
     source_.file_.release_pages(
         source_.file_.bytes().substr(consumed_, packed_->consumed() - consumed_));
     consumed_ = packed_->consumed();
-    if (std::exchange(at_start_, false) &&
-        std::string_view(room.data(), got).starts_with(byte_order_mark)) {
-        got -= byte_order_mark.size();
-        std::memmove(room.data(), room.data() + byte_order_mark.size(), got);
-        got += read(room.subspan(got));
-    }
     return got;
 }
 

@@ -128,8 +128,8 @@ public:
 private:
     const source_text &source_;
     std::optional<decompression> packed_;
+    std::string first_bytes_;  // decompressed, and not given yet
     std::size_t consumed_ = 0; // of the file, whose pages are released
-    bool at_start_ = true;
 };
 
 } // namespace vask::runner

@@ -1,5 +1,5 @@
 // Loading a CSV text: its options stand in the first bytes. However the text is cut into chunks and
-// however many threads read them, columns and messages are the same.
+// however many threads read them, columns and messages are the same, also where it is compressed.
 #include "fuzz_target.h"
 
 #include "runner/csv_header.h"
@@ -15,6 +15,7 @@
 
 #include <sys/mman.h>
 #include <unistd.h>
+#include <zstd.h>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -30,12 +31,13 @@ using namespace vask::runner;
 //! A file in memory, mapped as any input file. What lies behind it on its last page is poisoned.
 class text_file {
 public:
-    explicit text_file(const std::string &text) {
+    explicit text_file(const std::string &text, std::size_t start_bytes = 1) {
         fuzz::require(::ftruncate(descriptor(), 0) == 0 &&
                           ::pwrite(descriptor(), text.data(), text.size(), 0) ==
                               static_cast<ssize_t>(text.size()),
                       "the input cannot be stored");
-        source_.emplace("/proc/self/fd/" + std::to_string(descriptor()));
+        source_.emplace("/proc/self/fd/" + std::to_string(descriptor()), start_bytes);
+        was_packed_ = source_->is_packed();
         poison(true);
     }
     text_file(const text_file &) = delete;
@@ -51,6 +53,8 @@ private:
     }
     void poison([[maybe_unused]] bool on) const {
 #ifdef VASK_FUZZ_POISON
+        if (was_packed_)
+            return;
         const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
         const char *const end = source_->text().data() + source_->text().size();
         const std::size_t behind = (page - reinterpret_cast<std::uintptr_t>(end) % page) % page;
@@ -64,7 +68,14 @@ private:
     }
 
     std::optional<source_text> source_;
+    [[maybe_unused]] bool was_packed_ = false;
 };
+
+std::string compressed(const std::string &text) {
+    std::string result(ZSTD_compressBound(text.size()), '\0');
+    result.resize(ZSTD_compress(result.data(), result.size(), text.data(), text.size(), 1));
+    return result;
+}
 
 struct column_bytes {
     column_type type{};
@@ -191,13 +202,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t siz
     chosen.unwanted = in.take<std::uint8_t>();
     chosen.keys = in.take<std::uint8_t>();
     chosen.looked_at = flags & 128U ? in.take<std::uint8_t>() : 0;
-    const text_file file(in.rest());
-    const outcome whole = load(file.source(), chosen, std::size_t{4} << 20, 1);
-    const outcome cut = load(file.source(), chosen, chunk_bytes, threads);
-    if (!(whole == cut)) {
-        std::fprintf(stderr, "in chunks of %zu: %s\nwhole: %s\n", chunk_bytes, cut.message.c_str(),
+    const std::string text(in.rest());
+    const auto expect_same = [](const outcome &one, const outcome &whole, const char *how) {
+        if (one == whole)
+            return;
+        std::fprintf(stderr, "%s: %s\nwhole: %s\n", how, one.message.c_str(),
                      whole.message.c_str());
-        fuzz::require(false, "the table depends on how the text is cut");
+        fuzz::require(false, "the table depends on how the text is read");
+    };
+    outcome whole;
+    {
+        const text_file file(text);
+        whole = load(file.source(), chosen, std::size_t{4} << 20, 1);
+        expect_same(load(file.source(), chosen, chunk_bytes, threads), whole, "in chunks");
     }
+    // At the same place, and so with the same name.
+    const text_file file(compressed(text), 1 + std::size_t{3} * layout);
+    const outcome packed = load(file.source(), chosen, chunk_bytes, threads);
+    // The header's fault is told before a NUL byte behind the start.
+    if (whole.message.find("NUL byte") == std::string::npos)
+        expect_same(packed, whole, "compressed");
     return 0;
 }

@@ -288,6 +288,15 @@ TEST(TableLoader, FaultsAreToldWithTheirLine) {
     EXPECT_EQ(refkernel::current_usage().bats, 0);
 }
 
+// Its header has fewer bytes than the mark before it.
+TEST(TableLoader, ByteOrderMarkOfACompressedFile) {
+    const temporary_file file(packed("\xEF\xBB\xBFx\n1\n2\n3\n"));
+    const source_text source(file.path(), 8);
+    const loaded_table loaded = load(source, {}, {});
+    EXPECT_TRUE(source.is_packed());
+    EXPECT_EQ(loaded.rows, 3U);
+}
+
 // Few rows are kept, in pieces and files that are compressed or not.
 TEST(TableLoader, KeptRowsOfCompressedFiles) {
     std::string text = "a,b\n";
