@@ -192,23 +192,27 @@ void finish_numbers(result_column &made, const answer &values, const groups &by)
     });
 }
 
-// Texts, of which `word_at(i)` gives the i-th or nothing, written in tasks once it is known where
-// each task's begin.
-template <class Offset, class WordAt>
-void put_texts(result_column &made, std::size_t n, const WordAt &word_at,
+// Texts one behind the other, written in tasks, of which each begins at a known place. A view
+// without an address stands for a missing one.
+template <class Offset>
+void put_texts(result_column &made, std::span<const std::string_view> words,
                std::span<const std::size_t> begins) {
+    // In another order than that of their memory each text is a cache miss.
+    constexpr std::size_t ahead = 16;
+    const std::size_t n = words.size();
     auto offsets = std::make_shared<kept_array<Offset>>(n + 1);
     auto text = std::make_shared<kept_array<char>>(begins.back());
     for_each_number(begins.size() - 1, [&](std::size_t part) {
         std::size_t next = begins[part];
         const std::size_t end = std::min(n, (part + 1) * rows_of_a_task);
         for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
+            if (i + ahead < n)
+                __builtin_prefetch(words[i + ahead].data());
             offsets->values[i] = static_cast<Offset>(next);
-            const std::optional<std::string_view> word = word_at(i);
-            if (!word || word->empty())
+            if (words[i].empty())
                 continue;
-            std::memcpy(text->values.get() + next, word->data(), word->size());
-            next += word->size();
+            std::memcpy(text->values.get() + next, words[i].data(), words[i].size());
+            next += words[i].size();
         }
     });
     offsets->values[n] = static_cast<Offset>(begins.back());
@@ -217,10 +221,12 @@ void put_texts(result_column &made, std::size_t n, const WordAt &word_at,
     made.owners.push_back(std::move(text));
 }
 
-// A source of views, dictionaries or a heap becomes plain.
+// A source of views, dictionaries or a heap becomes plain. `word_at(i)` gives the i-th text, or
+// nothing.
 template <class WordAt>
 void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const std::size_t parts = (n + rows_of_a_task - 1) / rows_of_a_task;
+    const auto words = std::make_unique_for_overwrite<std::string_view[]>(n);
     std::vector<std::size_t> begins(parts + 1, 0);
     std::atomic<bool> any_missing{false};
     for_each_number(parts, [&](std::size_t part) {
@@ -231,6 +237,7 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
             const std::optional<std::string_view> word = word_at(i);
             missing = missing | !word.has_value();
             bytes += word ? word->size() : 0;
+            words[i] = word && word->data() == nullptr ? "" : word.value_or(std::string_view());
         }
         begins[part + 1] = bytes;
         if (missing)
@@ -241,7 +248,7 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     if (any_missing) {
         std::vector<std::uint8_t> present(n);
         for (std::size_t i = 0; i < n; ++i)
-            present[i] = word_at(i).has_value();
+            present[i] = words[i].data() != nullptr;
         set_validity(made, present);
     }
     const bool large =
@@ -250,9 +257,9 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const char letter = made.type.of == kind::text ? 'u' : 'z';
     made.type.format.assign(1, large ? static_cast<char>(letter - 'u' + 'U') : letter);
     if (large)
-        put_texts<std::int64_t>(made, n, word_at, begins);
+        put_texts<std::int64_t>(made, {words.get(), n}, begins);
     else
-        put_texts<std::int32_t>(made, n, word_at, begins);
+        put_texts<std::int32_t>(made, {words.get(), n}, begins);
 }
 
 // The values of rows as an answer of the column's own form.
@@ -342,7 +349,7 @@ result_column finish_answer(std::string name, const value_type &type, const answ
         look_up(values.as<std::int32_t>(by.count()), [&all](std::size_t rank) -> word {
             return all.words[static_cast<std::size_t>(all.by_rank[rank])];
         });
-    } else if (source->has_heap()) {
+    } else if (source->has_heap() && source->known_texts() == nullptr) {
         const bat &heap = source->heap();
         const text_reader texts(*heap->tail);
         const std::string_view nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
@@ -351,7 +358,7 @@ result_column finish_answer(std::string name, const value_type &type, const answ
                     const std::string_view text = texts[first + static_cast<BUN>(row)];
                     return text == nil ? std::nullopt : word(text);
                 });
-    } else {
+    } else { // whose lengths are known, which a heap does not tell
         const texts &all = source->as_texts(tell);
         const auto codes = all.codes.values<std::int32_t>();
         look_up(values.as<lng>(by.count()), [&](std::size_t row) -> word {

@@ -171,6 +171,11 @@ const texts &column::as_texts(const teller &tell) const {
     return *texts_;
 }
 
+const texts *column::known_texts() const {
+    const std::scoped_lock lock(making_);
+    return texts_.get();
+}
+
 const texts &column::as_ranked_texts(const teller &tell) const {
     as_texts(tell);
     const std::scoped_lock lock(making_);

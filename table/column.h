@@ -92,6 +92,8 @@ public:
     const texts &as_texts(const teller &tell) const;
     //! The same with the ranks.
     const texts &as_ranked_texts(const teller &tell) const;
+    //! The same if they were asked for before; else null.
+    const texts *known_texts() const;
 
     //! The text of a row; nothing for a missing one.
     std::optional<std::string_view> text_at(std::size_t row, const teller &tell) const;

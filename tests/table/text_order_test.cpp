@@ -47,5 +47,23 @@ TEST(TextOrder, IsThatOfTheBytes) {
                 }
 }
 
+// So many that they are dealt to buckets; nearly all of them alike for long, and long ones of which
+// each begins with another.
+TEST(TextOrder, OfMany) {
+    constexpr unsigned seed = 8;
+    std::mt19937 random(seed);
+    for (const std::size_t alike : {0U, 8U, 30U}) {
+        std::set<std::string> different{"", std::string(1, '\xff')};
+        for (int i = 0; i < 100'000; ++i)
+            different.insert(std::string(alike, i % 3 == 0 ? 'x' : 'y') +
+                             std::to_string(random() % 1'000'000'000));
+        expect_order(different, random);
+    }
+    std::set<std::string> chain;
+    for (std::size_t size = 0; size < 2000; ++size)
+        chain.insert(std::string(size, size % 2 == 0 ? 'a' : '\0'));
+    expect_order(chain, random);
+}
+
 } // namespace
 } // namespace vask::table
