@@ -31,39 +31,38 @@ record_stream::record_stream(const source_text &source, std::size_t data_begin, 
     }
 }
 
+// What is counted here is left to the thread that parses: the next piece waits for less.
+void record_piece::count(char quote) {
+    const byte_census found = take_census(text(), '\0', quote);
+    max_records_ = found.line_ends + 1; // the last one may have no newline
+    has_nul_ = found.nuls != 0;
+}
+
 bool record_stream::next(record_piece &piece) {
     piece.size_ = 0;
-    piece.max_records_ = 0;
-    piece.has_nul_ = false;
     std::ranges::copy(rest_, piece.room(rest_.size()).begin());
     piece.size_ = rest_.size();
     rest_.clear();
     bool quoted = false;
-    std::size_t counted = 0;
-    for (std::size_t end = 0; end == 0;) {
-        if (!at_end_) {
-            const std::span<char> room = piece.room(piece_bytes_);
-            const std::size_t got = reader_.read(room);
-            at_end_ = got < room.size();
-            piece.size_ += got;
-        }
-        const std::string_view fresh = piece.text().substr(counted);
-        const byte_census found =
-            take_census(fresh, counted == 0 ? '\0' : piece.bytes_[counted - 1], quote_);
-        quoted ^= found.quotes % 2 != 0;
-        piece.max_records_ += found.line_ends;
-        piece.has_nul_ |= found.nuls != 0;
-        if (at_end_) {
-            ++piece.max_records_; // the last one may have no newline
+    std::size_t looked_at = 0;
+    while (!at_end_) {
+        const std::span<char> room = piece.room(piece_bytes_);
+        const std::size_t got = reader_.read(room);
+        at_end_ = got < room.size();
+        piece.size_ += got;
+        if (at_end_)
             break;
-        }
-        const std::size_t last = last_record_end(fresh, quoted, quote_);
-        end = last == 0 ? 0 : counted + last;
-        if (end != 0) {
+        const std::string_view fresh = piece.text().substr(looked_at);
+        // Most files have no quotes, which is found out sooner than how many there are.
+        if (fresh.find(quote_) != std::string_view::npos)
+            quoted ^= std::count(fresh.begin(), fresh.end(), quote_) % 2 != 0;
+        if (const std::size_t last = last_record_end(fresh, quoted, quote_); last != 0) {
+            const std::size_t end = looked_at + last;
             rest_.assign(piece.bytes_.get() + end, piece.bytes_.get() + piece.size_);
             piece.size_ = end;
+            break;
         }
-        counted = piece.size_;
+        looked_at = piece.size_;
     }
     return piece.size_ != 0;
 }

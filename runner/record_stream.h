@@ -15,6 +15,8 @@ namespace vask::runner {
 class record_piece {
 public:
     std::string_view text() const noexcept { return {bytes_.get(), size_}; }
+    //! To be called before the two that follow, with the quote of the stream.
+    void count(char quote);
     //! An upper bound of the number of its records.
     std::uint64_t max_records() const noexcept { return max_records_; }
     bool has_nul() const noexcept { return has_nul_; }

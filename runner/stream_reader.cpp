@@ -75,7 +75,8 @@ private:
         return nullptr;
     }
 
-    bool read(const record_piece &piece, piece_result &result) const {
+    bool read(record_piece &piece, piece_result &result) const {
+        piece.count(rules_.dialect.quote());
         if (piece.has_nul())
             return false;
         std::vector<column_target> targets = targets_;

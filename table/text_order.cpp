@@ -36,6 +36,11 @@ bool are_alike(text_record a, text_record b) {
     return a >> place_bits == b >> place_bits;
 }
 
+//! Whether a text has more bytes than these. Those that do not, and are alike, are equal.
+bool goes_on(text_record record) {
+    return static_cast<std::uint32_t>(record >> place_bits) > bytes_at_once;
+}
+
 // The bytes from a place on compare as a number as they do one by one; behind the text's end stand
 // zeros, which its size tells from a text's own.
 text_record record_of(std::string_view text, std::size_t begin, std::int32_t place) {
@@ -183,7 +188,7 @@ void sort_alike(std::span<const std::string_view> texts, std::span<text_record> 
     for (std::size_t row = 0, end = 0; row < records.size(); row = end) {
         for (end = row + 1; end < records.size() && are_alike(records[row], records[end]);)
             ++end;
-        if (end - row > 1)
+        if (end - row > 1 && goes_on(records[row]))
             runs.push_back(records.subspan(row, end - row));
     }
     constexpr std::size_t tasks = 64;
