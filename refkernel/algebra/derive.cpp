@@ -41,15 +41,6 @@ struct value_codes {
     std::uint32_t key(BUN row, std::size_t i) const noexcept { return (codes + row)[i]; }
 };
 
-//! Whether pairs of these values take more than 64 bits.
-bool takes_wide_pairs(const BAT &b) {
-    const BATcol &tail = *b.tail;
-    if (is_void(tail) || tail.varsized)
-        return !is_void(tail) && !holds_each_text_once(tail);
-    return tail.width == 8 &&
-           (BATatoms[tail.type].atom_storage == TYPE_dbl || !span_of_values<lng>(b, b.info->count));
-}
-
 // Values that take wide pairs are grouped by themselves first: the number of a value's group, or
 // its first row where the groups are many, is its code. Gives a bound of the codes.
 std::uint32_t encode_by_grouping(const BAT &b, std::uint32_t *codes) {
@@ -73,6 +64,18 @@ std::uint32_t encode_by_grouping(const BAT &b, std::uint32_t *codes) {
     return static_cast<std::uint32_t>(firsts.size());
 }
 
+// Groups the rows by pairs of old group and code, for values that take wide pairs.
+void group_encoded_pairs(const groups_by_number &numbered, const groups_by_id &by_id, const BAT &b,
+                         const serial_rows &rows, oid *map, const extents_maker &make_extents) {
+    const vask::gdk_block<std::uint32_t> codes(vask::gdk_allocate<std::uint32_t>(b.info->count));
+    const std::uint32_t bound = encode_by_grouping(b, codes.get());
+    const value_codes values{codes.get() - b.info->first};
+    vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
+    keys.index = vask::index_of_pairs(numbered, values, {0, bound}, rows.get());
+    keys.load = keys.load_for_buckets = vask::load_derived<std::uint32_t>(by_id, values);
+    rows.group(keys, {}, map, make_extents);
+}
+
 // Groups the rows by pairs, under their positions as ids. Those that are in no group make groups as
 // well.
 void group_pairs(const old_groups &groups, const BAT &b, group_result &result,
@@ -81,21 +84,15 @@ void group_pairs(const old_groups &groups, const BAT &b, group_result &result,
     const serial_rows rows(first, b.info->count);
     const groups_by_number numbered{&groups, first};
     const groups_by_id by_id{groups.ids() - first};
-    if (takes_wide_pairs(b)) {
-        const vask::gdk_block<std::uint32_t> codes(
-            vask::gdk_allocate<std::uint32_t>(b.info->count));
-        const std::uint32_t bound = encode_by_grouping(b, codes.get());
-        const value_codes values{codes.get() - first};
-        vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
-        keys.index = vask::index_of_pairs(numbered, values, {0, bound}, rows.get());
-        keys.load = keys.load_for_buckets = vask::load_derived<std::uint32_t>(by_id, values);
-        rows.group(keys, {}, result.map(), make_extents);
-    } else {
-        visit_pair_keys(b, by_id, [&](auto &keys, const auto &index) {
-            keys.index = index(numbered, rows.get());
-            rows.group(keys, {}, result.map(), make_extents);
+    bool wide = b.tail->varsized && !holds_each_text_once(*b.tail);
+    if (!wide)
+        visit_pair_keys(b, by_id, [&](auto &keys, const auto &look) {
+            wide = !look(numbered, rows.get());
+            if (!wide)
+                rows.group(keys, {}, result.map(), make_extents);
         });
-    }
+    if (wide)
+        group_encoded_pairs(numbered, by_id, b, rows, result.map(), make_extents);
     // With many groups, numbering every row would cost as much as the grouping; whether the extents
     // have an id is asked once for each group that comes out.
     for (BUN group = 0; group < result.groups(); ++group)

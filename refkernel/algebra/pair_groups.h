@@ -32,46 +32,48 @@ struct groups_by_id {
     }
 };
 
-//! Calls `f(keys, index)` with the keys of the pairs. `index(numbered, rows)` gives their index, if
-//! there is one, for old groups that are numbered below a count().
+//! Calls `f(keys, look)` with the keys of the pairs. `look(numbered, rows)` looks at all values: it
+//! gives the keys their index, if there is one, for old groups that are numbered below a count(),
+//! and tells whether a pair takes no more than 64 bits.
 template <class F>
 void visit_pair_keys(const BAT &b, const groups_by_id &groups, F f) {
     const BATcol &tail = *b.tail;
-    const auto without_index = [](const auto &, const auto &) {
-        return std::optional<vask::index_source>();
-    };
     if (is_void(tail)) {
         vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
         keys.load = vask::load_derived<std::uint32_t>(groups, void_values{tail.seqbase == oid_nil});
         keys.load_for_buckets = keys.load;
-        f(keys, without_index);
+        f(keys, [](const auto &, const auto &) { return true; });
     } else if (!tail.varsized) {
         visit_numbers(tail, [&]<class T>(const vask::number_keys<T> &values) {
             using key_type = vask::numbered_key<vask::value_bits<T>>;
             vask::grouping_keys<key_type, vask::bit_keys<key_type>> keys;
             keys.load = keys.load_for_buckets =
                 vask::load_derived<vask::value_bits<T>>(groups, values);
-            if constexpr (std::integral<T>)
-                f(keys, [&](const auto &numbered, const vask::ranged_rows &rows) {
-                    const auto span = span_of_values<T>(b, b.info->count);
-                    return span ? vask::index_of_pairs(numbered, values, *span, rows)
-                                : std::optional<vask::index_source>();
-                });
-            else
-                f(keys, without_index);
+            f(keys, [&]([[maybe_unused]] const auto &numbered,
+                        [[maybe_unused]] const vask::ranged_rows &rows) {
+                if constexpr (std::integral<T>)
+                    if (const auto span = span_of_values<T>(b, b.info->count)) {
+                        keys.index = vask::index_of_pairs(numbered, values, *span, rows);
+                        return true;
+                    }
+                return sizeof(T) < 8;
+            });
         });
     } else {
         vask::visit_offset_keys(tail, [&](const auto &texts) {
             const serial_rows all(b.info->first, b.info->count);
             const auto span = vask::span_of_offsets(texts, all.get());
-            const auto index = [&](const auto &numbered, const vask::ranged_rows &rows) {
-                return vask::index_of_pairs(numbered, texts, span, rows);
+            const auto look_for = [&](auto &keys) {
+                return [&](const auto &numbered, const vask::ranged_rows &rows) {
+                    keys.index = vask::index_of_pairs(numbered, texts, span, rows);
+                    return true;
+                };
             };
             const auto load = vask::load_derived<std::uint32_t>(groups, texts);
             if (holds_each_text_once(tail)) {
                 vask::grouping_keys<std::uint64_t, vask::bit_keys<std::uint64_t>> keys;
                 keys.load = keys.load_for_buckets = load;
-                f(keys, index);
+                f(keys, look_for(keys));
                 return;
             }
             vask::grouping_keys<std::uint64_t, vask::text_content_keys<vask::wide_key>> keys(
@@ -81,7 +83,7 @@ void visit_pair_keys(const BAT &b, const groups_by_id &groups, F f) {
             keys.load_for_buckets =
                 vask::load_derived_texts(groups, texts, vask::hash_of_span(texts, span));
             keys.resolve = vask::resolve_by_keys(keys.kind, keys.load_for_buckets);
-            f(keys, index);
+            f(keys, look_for(keys));
         });
     }
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 #include <type_traits>
 #include <vector>
 
@@ -75,34 +74,21 @@ void group_by_runs(const value_grouping &g, const Keys &keys, Same same) {
     }
 }
 
-//! Groups rows whose keys lie in a span, if they do.
-template <class Keys, class Key, class Kind>
-void group(const value_grouping &g, const serial_rows &rows, const Keys &column,
-           std::optional<vask::key_span<typename Keys::key_type>> span,
-           vask::grouping_keys<Key, Kind> &keys) {
-    if (span && vask::suits_index(std::uint64_t{span->span} + 2, g.count(), 1) &&
-        span->span < NO_BUN) {
-        const vask::key_window<typename Keys::key_type> window{
-            span->least, static_cast<std::uint32_t>(span->span)};
-        keys.index = vask::index_source{window.places(), vask::load_indices(column, window)};
-    }
-    rows.group(keys, g.heads, g.map, g.make_extents);
-}
-
 template <class T>
 void group_numbers(const value_grouping &g, const vask::number_keys<T> &column) {
     using key_type = vask::value_bits<T>;
-    std::optional<vask::key_span<typename vask::number_keys<T>::key_type>> span;
+    const serial_rows rows(g.first(), g.count());
+    vask::grouping_keys<key_type, vask::bit_keys<key_type>> keys;
     if constexpr (std::integral<T>) {
         if (has_runs(*g.b.tail)) {
             group_by_runs(g, column, nullptr);
             return;
         }
-        span = span_of_values<T>(g.b, g.count());
+        if (const auto span = span_of_values<T>(g.b, g.count()))
+            keys.index = vask::index_of_keys(column, *span, rows.get());
     }
-    vask::grouping_keys<key_type, vask::bit_keys<key_type>> keys;
     keys.load = keys.load_for_buckets = vask::load_keys<key_type>(column);
-    group(g, serial_rows(g.first(), g.count()), column, span, keys);
+    rows.group(keys, g.heads, g.map, g.make_extents);
 }
 
 template <class Offset>
@@ -122,17 +108,19 @@ void group_texts(const value_grouping &g, const vask::offset_keys<Offset> &texts
     const auto load = vask::load_keys<std::uint32_t>(texts);
     if (each_once) {
         vask::grouping_keys<std::uint32_t, vask::bit_keys<std::uint32_t>> keys;
+        keys.index = vask::index_of_keys(texts, span, rows.get());
         keys.load = keys.load_for_buckets = load;
-        group(g, rows, texts, std::optional(span), keys);
+        rows.group(keys, g.heads, g.map, g.make_extents);
         return;
     }
     vask::grouping_keys<std::uint32_t, vask::text_content_keys<std::uint64_t>> keys(
         {vask::text_reader(*g.b.tail)});
+    keys.index = vask::index_of_keys(texts, span, rows.get());
     keys.one_index_per_value = false;
     keys.load = load;
     keys.load_for_buckets = vask::load_texts(texts, vask::hash_of_span(texts, span));
     keys.resolve = vask::resolve_by_keys(keys.kind, keys.load_for_buckets);
-    group(g, rows, texts, std::optional(span), keys);
+    rows.group(keys, g.heads, g.map, g.make_extents);
 }
 
 } // namespace

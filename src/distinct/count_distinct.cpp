@@ -4,14 +4,12 @@
 #include "distinct/window_count.h"
 #include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "rows/key_hash.h"
 #include "rows/row_ranges.h"
 #include "vask/ops.h"
 
-#include <concepts>
 #include <cstdint>
 #include <new>
-#include <type_traits>
+#include <optional>
 
 namespace vask {
 
@@ -115,18 +113,15 @@ char *count_pairs(std::int32_t *result, BAT *histogram, BAT *b, BAT *g, BAT *e, 
 
 //! Counts the values of b, which has rows, by bits where it holds integers that lie close together,
 //! else by pairs.
-template <class T>
 bool count_rows(const grouped_rows &inputs, std::uint64_t nranges, wrd *counts) {
-    const BAT &b = *inputs.b;
-    const slot_table_owner table(*inputs.extents, b.info->count, nranges);
-    if constexpr (std::signed_integral<T>)
-        if (const auto window = window_for_bits<T>(b, inputs.extents->info->count, nranges))
-            return count_by_window<T>(inputs, table.get(), nranges, *window, counts);
-    return count_by_pairs<T>(inputs, table.get(), nranges, counts);
+    const slot_table_owner table(*inputs.extents, inputs.b->info->count, nranges);
+    const std::optional<bool> counted = count_by_window(inputs, table.get(), nranges, counts);
+    return counted ? *counted : count_by_pairs(inputs, table.get(), nranges, counts);
 }
 
-template <class T>
 bool count_in_parallel(const grouped_rows &inputs, wrd *counts) {
+    if (!has_keyed_class(storage_of(*inputs.b->tail)))
+        return false;
     if (inputs.extents->head->hash == nullptr && !BAThash(inputs.extents, 0))
         return false;
     if (GDKnr_threads == 0)
@@ -137,21 +132,12 @@ bool count_in_parallel(const grouped_rows &inputs, wrd *counts) {
     bool counted = true;
     try {
         if (nranges != 0)
-            counted = count_rows<T>(inputs, nranges, counts);
+            counted = count_rows(inputs, nranges, counts);
     } catch (const std::bad_alloc &) {
         counted = false;
     }
     BATaccess(inputs.b, 3, 0, -1);
     return counted;
-}
-
-bool count_by_storage(const grouped_rows &inputs, wrd *counts) {
-    const int storage = storage_of(*inputs.b->tail);
-    if (storage == TYPE_str)
-        return count_in_parallel<str>(inputs, counts);
-    return visit_storage_class(storage, false, [&]<class T>(std::type_identity<T>) {
-        return count_in_parallel<T>(inputs, counts);
-    });
 }
 
 //! The result under the head of `extents`, zeroed; null when it cannot be made.
@@ -195,8 +181,8 @@ char *AggrX3_countDistinct(int32_t *result, const int32_t *bid, const int32_t *g
             if (counts != nullptr && extents->head->hash == nullptr)
                 BAThash(extents, 0);
             failed = counts == nullptr ||
-                     !count_by_storage({b, g, extents, map_order::ascending},
-                                       rows_of<wrd>(*counts->tail) + counts->info->first);
+                     !count_in_parallel({b, g, extents, map_order::ascending},
+                                        rows_of<wrd>(*counts->tail) + counts->info->first);
         }
     }
     inputs.release();

@@ -1,5 +1,6 @@
 #include "distinct/pair_count.h"
 
+#include "kernel/element_types.h"
 #include "kernel/shared_mark.h"
 #include "rows/bucket_lists.h"
 #include "rows/column_keys.h"
@@ -166,32 +167,22 @@ bool count_pairs(const grouped_rows &inputs, const slot_table *table, std::uint6
 
 } // namespace
 
-template <class T>
 bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                     wrd *counts) {
     const BATcol &tail = *inputs.b->tail;
-    if constexpr (std::same_as<T, str>)
-        return visit_offset_keys(tail, [&](const auto &texts) {
-            const auto ranges = vask_row_ranges(*inputs.b, static_cast<std::uint32_t>(nranges));
-            return count_pairs(
-                inputs, table, nranges, text_content_keys<wide_key>{text_reader(tail)},
-                text_pairs(
-                    texts,
-                    hash_of_span(texts, span_of_offsets(texts, ranged_rows{ranges, run_as_tasks}))),
-                counts);
-        });
-    else
-        return count_pairs(inputs, table, nranges, bit_keys<numbered_key<value_bits<T>>>{},
-                           number_pairs<T>{number_keys<T>(tail)}, counts);
+    const auto count_texts = [&](const auto &texts) {
+        const auto ranges = vask_row_ranges(*inputs.b, static_cast<std::uint32_t>(nranges));
+        const auto span = span_of_offsets(texts, ranged_rows{ranges, run_as_tasks});
+        return count_pairs(inputs, table, nranges, text_content_keys<wide_key>{text_reader(tail)},
+                           text_pairs(texts, hash_of_span(texts, span)), counts);
+    };
+    return visit_keyed_class(storage_of(tail), false, [&]<class T>(std::type_identity<T>) {
+        if constexpr (std::same_as<T, str>)
+            return visit_offset_keys(tail, count_texts);
+        else
+            return count_pairs(inputs, table, nranges, bit_keys<numbered_key<value_bits<T>>>{},
+                               number_pairs<T>{number_keys<T>(tail)}, counts);
+    });
 }
-
-template bool count_by_pairs<bte>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<sht>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<std::int32_t>(const grouped_rows &, const slot_table *, std::uint64_t,
-                                           wrd *);
-template bool count_by_pairs<lng>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<flt>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<dbl>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
-template bool count_by_pairs<str>(const grouped_rows &, const slot_table *, std::uint64_t, wrd *);
 
 } // namespace vask

@@ -8,11 +8,9 @@
 
 namespace vask {
 
-//! Adds the number of different values that b, a column of T, has in each group to `counts`; T is
-//! the type of its storage class, or str. The rows are cut into `nranges` ranges, at least 1 and at
-//! most one per row. False when the extents lack a group or rows cannot be found; bad_alloc when
-//! there is no memory.
-template <class T>
+//! Adds the number of different values that b, a column of numbers or texts, has in each group to
+//! `counts`. The rows are cut into `nranges` ranges, at least 1 and at most one per row. False when
+//! the extents lack a group or rows cannot be found; bad_alloc when there is no memory.
 bool count_by_pairs(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                     wrd *counts);
 

@@ -1,15 +1,19 @@
 #include "distinct/window_count.h"
 
 #include "grouping/table/custom_mask.h"
+#include "kernel/element_types.h"
 #include "kernel/frame.h"
 #include "kernel/shared_mark.h"
 #include "rows/column_keys.h"
 #include "rows/gdk_vector.h"
+#include "rows/key_window.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <concepts>
 #include <limits>
+#include <type_traits>
 
 namespace vask {
 
@@ -36,8 +40,8 @@ std::uint64_t distance(T least, T most) noexcept {
     return static_cast<std::uint64_t>(most) - static_cast<std::uint64_t>(least);
 }
 
-} // namespace
-
+//! The window of b's values, nil beside it, if a bit for each group and value of it is worth its
+//! memory in each of `nranges` tasks. b has rows.
 template <std::signed_integral T>
 std::optional<key_window<std::make_unsigned_t<T>>> window_for_bits(const BAT &b, BUN groups,
                                                                    std::uint64_t nranges) {
@@ -63,8 +67,10 @@ std::optional<key_window<std::make_unsigned_t<T>>> window_for_bits(const BAT &b,
                                                static_cast<std::uint32_t>(span)};
 }
 
+//! Stores the number of different values that b, a column of T with all its values in the window,
+//! has in each group. False when rows or groups cannot be found.
 template <std::signed_integral T>
-bool count_by_window(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
+bool count_in_window(const grouped_rows &inputs, const slot_table *table, std::uint64_t nranges,
                      key_window<std::make_unsigned_t<T>> window, wrd *counts) {
     const BUN groups = inputs.extents->info->count;
     const std::uint64_t stride = words_of_group(window.places());
@@ -104,21 +110,19 @@ bool count_by_window(const grouped_rows &inputs, const slot_table *table, std::u
     return true;
 }
 
-template std::optional<key_window<std::uint8_t>> window_for_bits<bte>(const BAT &, BUN,
-                                                                      std::uint64_t);
-template std::optional<key_window<std::uint16_t>> window_for_bits<sht>(const BAT &, BUN,
-                                                                       std::uint64_t);
-template std::optional<key_window<std::uint32_t>> window_for_bits<std::int32_t>(const BAT &, BUN,
-                                                                                std::uint64_t);
-template std::optional<key_window<std::uint64_t>> window_for_bits<lng>(const BAT &, BUN,
-                                                                       std::uint64_t);
-template bool count_by_window<bte>(const grouped_rows &, const slot_table *, std::uint64_t,
-                                   key_window<std::uint8_t>, wrd *);
-template bool count_by_window<sht>(const grouped_rows &, const slot_table *, std::uint64_t,
-                                   key_window<std::uint16_t>, wrd *);
-template bool count_by_window<std::int32_t>(const grouped_rows &, const slot_table *, std::uint64_t,
-                                            key_window<std::uint32_t>, wrd *);
-template bool count_by_window<lng>(const grouped_rows &, const slot_table *, std::uint64_t,
-                                   key_window<std::uint64_t>, wrd *);
+} // namespace
+
+std::optional<bool> count_by_window(const grouped_rows &inputs, const slot_table *table,
+                                    std::uint64_t nranges, wrd *counts) {
+    const BAT &b = *inputs.b;
+    std::optional<bool> counted;
+    visit_storage_class(storage_of(*b.tail), false, [&]<class T>(std::type_identity<T>) {
+        if constexpr (std::signed_integral<T>)
+            if (const auto window = window_for_bits<T>(b, inputs.extents->info->count, nranges))
+                counted = count_in_window<T>(inputs, table, nranges, *window, counts);
+        return true;
+    });
+    return counted;
+}
 
 } // namespace vask

@@ -2,10 +2,7 @@
 #include "grouping/group_select.h"
 #include "grouping/hash/hash_group.h"
 #include "grouping/sort/sort_group.h"
-#include "kernel/column.h"
-#include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "rows/key_hash.h"
 #include "vask/ops.h"
 
 namespace vask {
@@ -16,21 +13,6 @@ constexpr const char *place = "group.vask_new";
 
 // Rows that the extents have room for at first; they grow as groups turn up.
 constexpr BUN initial_groups = 4096;
-
-//! The typed body of a path: what it gives, or 0 where the path has none for how the tail is
-//! stored.
-int run_body(vask_group_strategy path, BAT *ext, BAT *grp, BAT *b) {
-    const int storage = storage_of(*b->tail);
-    if (path == VASK_GROUP_SORT)
-        return visit_storage_class(storage, 0, [=]<class T>(std::type_identity<T>) {
-            return vask_sort_group<T>(ext, grp, b);
-        });
-    if (storage == TYPE_str)
-        return vask_hash_group<str>(ext, grp, b);
-    return visit_storage_class(storage, 0, [=]<class T>(std::type_identity<T>) {
-        return vask_hash_group<T>(ext, grp, b);
-    });
-}
 
 //! Groups b on one of the parallel paths and stores the results' numbers.
 char *group_in_parallel(vask_group_strategy path, std::int32_t *rethisto, std::int32_t *retbid,
@@ -53,7 +35,9 @@ char *group_in_parallel(vask_group_strategy path, std::int32_t *rethisto, std::i
     if (head_type != TYPE_oid && head_type != TYPE_void)
         return make_exception("group.VASKgroup", "Explicit type required(v)oid head required\n");
 
-    if (run_body(path, ext, grp, b) == 0 || !vask_group_finish(grp, ext, b)) {
+    const int done =
+        path == VASK_GROUP_SORT ? vask_sort_group(ext, grp, b) : vask_hash_group(ext, grp, b);
+    if (done == 0 || !vask_group_finish(grp, ext, b)) {
         BBPreleaseref(b->bat_id);
         BBPreclaim(grp);
         BBPreclaim(ext);

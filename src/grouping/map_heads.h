@@ -23,4 +23,12 @@ inline void copy_heads(const BAT &b, const BAT &grp, const gdk_vector<vask_row_r
     });
 }
 
+//! Completes a map and extents that come in the order of their first rows.
+inline void finish_in_row_order(const BAT &b, const BAT &grp, BAT &ext,
+                                const gdk_vector<vask_row_range> &ranges) {
+    copy_heads(b, grp, ranges);
+    ext.head->sorted = sorted_mark(*b.head);
+    ext.tail->sorted = 0;
+}
+
 } // namespace vask

@@ -59,4 +59,23 @@ R visit_storage_class(int storage, R otherwise, F f) {
     }
 }
 
+inline bool has_storage_class(int storage) {
+    return visit_storage_class(storage, false, [](auto) { return true; });
+}
+
+//! A text: the address of its first byte in the column's heap.
+using str = const char *;
+
+//! The same for grouping and distinct counting, which take texts besides.
+template <class R, class F>
+R visit_keyed_class(int storage, R otherwise, F f) {
+    if (storage == TYPE_str)
+        return f(std::type_identity<str>{});
+    return visit_storage_class(storage, otherwise, f);
+}
+
+inline bool has_keyed_class(int storage) {
+    return visit_keyed_class(storage, false, [](auto) { return true; });
+}
+
 } // namespace vask

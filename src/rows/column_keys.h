@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kernel/column.h"
-#include "rows/grouping_rows.h"
+#include "rows/group_by_index.h"
 #include "rows/key_hash.h"
 #include "rows/key_window.h"
 #include "rows/keys.h"
@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 namespace vask {
@@ -75,8 +76,11 @@ index_loader load_indices(Keys keys, key_window<typename Keys::key_type> window)
 template <class Key, class Keys>
 key_loader<Key> load_keys(Keys keys) {
     return [=](BUN row, BUN n, std::uint32_t *, Key *out, bool) {
-        for (std::size_t i = 0; i < n; ++i)
-            out[i] = keys.key(row, i);
+        if constexpr (sizeof(*keys.rows) == sizeof(Key))
+            std::memcpy(out, keys.rows + row, n * sizeof(Key));
+        else
+            for (std::size_t i = 0; i < n; ++i)
+                out[i] = keys.key(row, i);
         return true;
     };
 }
@@ -112,6 +116,18 @@ struct key_span {
     Key least;
     Key span;
 };
+
+//! Indices of keys that lie in the span, one other aside; empty where they do not suit the rows.
+template <class Keys, class Key = typename Keys::key_type>
+index_source index_of_keys(const Keys &keys, key_span<Key> span, const ranged_rows &rows) {
+    // The widest span of 64 bits leaves no room for the other key.
+    if (span.span >= NO_BUN ||
+        !suits_index(std::uint64_t{span.span} + 2, rows.all().size(), rows.ranges.size()))
+        return {};
+    const key_window<Key> window{span.least, static_cast<std::uint32_t>(span.span)};
+    // Reading narrow keys twice costs less than counting and writing at one go.
+    return {window.places(), load_indices(keys, window), sizeof(Key) < sizeof(oid)};
+}
 
 //! The span of the offsets of the rows. Narrow ones are so few that no row is read.
 template <class Offset>

@@ -7,21 +7,10 @@
 #include "rows/group_by_table.h"
 #include "rows/key_table.h"
 
-#include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <memory>
-#include <optional>
 
 namespace vask {
-
-//! Whether keys can index arrays of so many indices: with fewer rows in a range, clearing them
-//! costs more than the rows. A single range has one array of 8 bytes, which costs less than a
-//! table up to four times the rows.
-inline bool suits_index(std::uint64_t bound, BUN rows, std::size_t ranges) noexcept {
-    constexpr std::uint64_t always = 1024;
-    return ranges == 1 ? bound <= std::uint64_t{4} * rows + always : bound <= rows / ranges + 2;
-}
 
 //! What a grouping offers the ways. Key tells values apart by its bits, though a value can have
 //! several; Kind tells them apart for good.
@@ -30,7 +19,7 @@ struct grouping_keys {
     explicit grouping_keys(const Kind &kind_of_keys) : kind(kind_of_keys) {}
     grouping_keys() : grouping_keys(Kind{}) {}
 
-    std::optional<index_source> index;
+    index_source index; // can be empty
     bool one_index_per_value = true;
     key_loader<Key> load;
     group_resolver resolve;
@@ -38,10 +27,19 @@ struct grouping_keys {
     key_loader<typename Kind::key_type> load_for_buckets;
 };
 
-//! Finds groups by keys that tell values apart for good.
+//! The table of all groups by value.
 template <class Kind>
-group_resolver resolve_by_keys(const Kind &kind, const key_loader<typename Kind::key_type> &load) {
-    return [table = std::make_shared<key_table<Kind>>(kind), load](BUN row, std::uint32_t) {
+using vask_group_table = key_table<Kind>;
+
+//! Finds groups by keys that tell values apart for good. `foreseen`: how many groups there may be.
+template <class Kind>
+group_resolver resolve_by_keys(const Kind &kind, const key_loader<typename Kind::key_type> &load,
+                               std::size_t foreseen = 0) {
+    // Most groupings come without it.
+    std::shared_ptr<vask_group_table<Kind>> table;
+    return [=](BUN row, std::uint32_t) mutable {
+        if (table == nullptr)
+            table = std::make_shared<vask_group_table<Kind>>(kind, 0, foreseen);
         typename Kind::key_type key;
         std::uint32_t note;
         // The row has a key: it has been loaded before.
@@ -59,8 +57,8 @@ grouping_outcome group_rows(const grouping_rows &rows, const grouping_keys<Key, 
         case grouping_way::best:
             break;
         case grouping_way::index:
-            if (keys.index && keys.index->bound <= (std::uint32_t{1} << 22))
-                return group_by_index(rows, *keys.index,
+            if (keys.index && keys.index.bound <= (std::uint32_t{1} << 22))
+                return group_by_index(rows, keys.index,
                                       keys.one_index_per_value ? group_resolver() : keys.resolve,
                                       sink);
             break;
@@ -78,14 +76,14 @@ grouping_outcome group_rows(const grouping_rows &rows, const grouping_keys<Key, 
                                                                                          : 19);
     const group_resolver resolve_indices =
         keys.one_index_per_value ? group_resolver() : keys.resolve;
-    if (keys.index && keys.index->bound <= cached_indices)
-        return group_by_index(rows, *keys.index, resolve_indices, sink);
+    if (keys.index && keys.index.bound <= cached_indices)
+        return group_by_index(rows, keys.index, resolve_indices, sink);
     const grouping_outcome outcome = group_by_table(rows, keys.load, keys.resolve, sink);
     if (outcome != grouping_outcome::too_many_keys)
         return outcome;
     // Values of several indices are resolved one by one, on one thread.
     return keys.index && keys.one_index_per_value && !one_range
-               ? group_by_index(rows, *keys.index, resolve_indices, sink)
+               ? group_by_index(rows, keys.index, resolve_indices, sink)
                : group_by_buckets(rows, keys.kind, keys.load_for_buckets, sink);
 }
 

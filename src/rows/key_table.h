@@ -26,10 +26,11 @@ class key_table {
 public:
     using key_type = typename Kind::key_type;
 
-    //! `used_bits`: leading bits of the hashes that are the same for all keys.
-    explicit key_table(Kind kind = {}, unsigned used_bits = 0)
+    //! `used_bits`: leading bits of the hashes that are the same for all keys. `foreseen`: how many
+    //! keys there may be, for which there is room at once as far as the caches hold it.
+    explicit key_table(Kind kind = {}, unsigned used_bits = 0, std::size_t foreseen = 0)
         : kind_(kind), used_bits_(used_bits) {
-        resize(first_slots);
+        resize(std::bit_ceil(std::clamp(2 * foreseen, first_slots, cached_slots)));
     }
 
     //! Keys that it holds, which is one more than the greatest code.
@@ -58,8 +59,9 @@ public:
         return at->code - base_;
     }
 
-    //! The codes of the keys of a block, at most block_rows.
-    void find_or_add(const key_type *keys, BUN n, std::uint32_t *codes) {
+    //! The codes of the keys keys[0] .. keys[n - 1] of a block, at most block_rows.
+    template <class Keys>
+    void find_or_add(Keys keys, BUN n, std::uint32_t *codes) {
         while (2 * (std::size_t{size_} + n) > slot_count_)
             resize(growth * slot_count_);
         const std::uint32_t known = size_;
@@ -105,8 +107,8 @@ private:
 
     //! Without a branch on whether a key is new, of which the processor would guess every other
     //! wrong where many are; where few are, the store it takes costs more.
-    template <bool ManyNew, bool Cached>
-    void find_or_add_block(const key_type *keys, BUN n, std::uint32_t *codes) {
+    template <bool ManyNew, bool Cached, class Keys>
+    void find_or_add_block(Keys keys, BUN n, std::uint32_t *codes) {
         // Locals, which no store can change.
         const Kind kind = kind_;
         slot *const slots = slots_.get();

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <optional>
 
 namespace vask {
 
@@ -48,15 +47,14 @@ key_loader<wide_key> load_derived_texts(const Groups &groups, const offset_keys<
 //! Pairs by index, where there are few enough of them: the distance of a key from the least times
 //! the number of old groups, and the group's number. Groups is numbered below its count() here.
 template <class Groups, class Keys>
-std::optional<index_source> index_of_pairs(const Groups &groups, const Keys &keys,
-                                           key_span<typename Keys::key_type> span,
-                                           const ranged_rows &rows) {
+index_source index_of_pairs(const Groups &groups, const Keys &keys,
+                            key_span<typename Keys::key_type> span, const ranged_rows &rows) {
     // The widest span of 64 bits leaves no room for the other key.
     const std::uint64_t codes = std::min<std::uint64_t>(span.span, NO_BUN) + 2;
     const BUN old = groups.count();
     if (old == 0 || codes > NO_BUN ||
         !suits_index(codes * old, rows.all().size(), rows.ranges.size()))
-        return std::nullopt;
+        return {};
     const key_window<typename Keys::key_type> window{span.least,
                                                      static_cast<std::uint32_t>(span.span)};
     const auto load = [=](BUN row, BUN n, std::uint32_t *indices) {
@@ -68,7 +66,7 @@ std::optional<index_source> index_of_pairs(const Groups &groups, const Keys &key
             indices[i] = indices[i] * old + numbers[i];
         return true;
     };
-    return index_source{static_cast<std::uint32_t>(codes * old), load};
+    return {static_cast<std::uint32_t>(codes * old), load};
 }
 
 } // namespace vask

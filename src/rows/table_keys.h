@@ -1,4 +1,4 @@
-// Keys of the tables with open addressing: bit patterns and texts.
+// Keys of the tables with open addressing: bit patterns.
 #pragma once
 
 #include "rows/isa.h"
@@ -6,7 +6,6 @@
 
 #include <concepts>
 #include <cstdint>
-#include <cstring>
 
 namespace vask {
 
@@ -32,17 +31,6 @@ struct spread_bit_pattern_keys : bit_pattern_keys<Bits> {
     VASK_ALWAYS_INLINE static std::uint32_t hash(Bits key) noexcept {
         const std::uint32_t hash = bit_pattern_keys<Bits>::hash(key);
         return sizeof(Bits) < sizeof(std::uint32_t) ? hash : spread_hash(hash);
-    }
-};
-
-//! Texts by what they read, wherever they lie.
-struct text_keys {
-    using key_type = str;
-
-    VASK_ALWAYS_INLINE static std::uint32_t hash(str key) noexcept { return vask_str_hash(key); }
-
-    VASK_ALWAYS_INLINE static bool equal(str a, str b) noexcept {
-        return a == b || (*a == *b && std::strcmp(a, b) == 0);
     }
 };
 

@@ -14,10 +14,6 @@ bool is_one_byte_type_but_bte(int storage) noexcept {
     return storage == TYPE_bit || storage == TYPE_byte;
 }
 
-bool has_class(int storage) noexcept {
-    return visit_storage_class(storage, false, []<class T>(std::type_identity<T>) { return true; });
-}
-
 //! Most blocks hold no nil, so they are counted first: that needs no flags.
 template <class T>
 VASK_ALWAYS_INLINE bool mark_elements(const T *elements, T nil, std::size_t n,
@@ -56,7 +52,8 @@ std::optional<class_pair> class_pair_of(const BATcol &x, const BATcol &y) noexce
     // A void column stores nothing of which a byte could be read.
     if (is_one_byte_type_but_bte(sx) && sy != TYPE_void)
         return class_pair{TYPE_bte, TYPE_bte};
-    if (!has_class(sx) || !has_class(sy) || (sx == TYPE_bte && is_one_byte_type_but_bte(sy)))
+    if (!has_storage_class(sx) || !has_storage_class(sy) ||
+        (sx == TYPE_bte && is_one_byte_type_but_bte(sy)))
         return std::nullopt;
     return class_pair{sx, is_one_byte_type_but_bte(sy) ? int{TYPE_bte} : sy};
 }

@@ -4,6 +4,7 @@
 #include "grouping/derive/derived_keys.h"
 #include "grouping/map_heads.h"
 #include "grouping/sort/sort_bat.h"
+#include "kernel/element_types.h"
 
 #include <algorithm>
 #include <mutex>
@@ -83,8 +84,10 @@ bool refine_texts(const refinement &r, const offset_keys<Offset> &texts) {
     return refine(r, keys);
 }
 
-template <class T>
 bool derive(BAT &grp, BAT &ext, BAT &b, BAT &map, BAT &histo, bool synced) {
+    const int storage = storage_of(*b.tail);
+    if (!has_keyed_class(storage))
+        return false;
     if (b.info->count != 0) {
         const gdk_vector<vask_row_range> ranges = vask_row_ranges(b, vask_range_count(b));
         if (ranges.empty() || histo.info->count == 0)
@@ -93,13 +96,13 @@ bool derive(BAT &grp, BAT &ext, BAT &b, BAT &map, BAT &histo, bool synced) {
         const slot_table_owner table(histo, b.info->count, ranges.size());
         const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b.head, b), map_cells(grp, b)};
         const refinement r{ext, b, rows, {&old, table.get()}};
-        bool refined = false;
-        if constexpr (std::same_as<T, str>)
-            refined = visit_offset_keys(*b.tail,
-                                        [&r](const auto &texts) { return refine_texts(r, texts); });
-        else
-            refined = refine_numbers<T>(r);
-        if (!refined)
+        if (!visit_keyed_class(storage, false, [&]<class T>(std::type_identity<T>) {
+                if constexpr (std::same_as<T, str>)
+                    return visit_offset_keys(
+                        *b.tail, [&r](const auto &texts) { return refine_texts(r, texts); });
+                else
+                    return refine_numbers<T>(r);
+            }))
             return false;
         copy_heads(b, grp, ranges);
     }
@@ -112,23 +115,14 @@ bool derive(BAT &grp, BAT &ext, BAT &b, BAT &map, BAT &histo, bool synced) {
 
 } // namespace
 
-template <class T>
 int vask_buckets_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool synced) {
     try {
-        return derive<T>(*grp, *ext, *b, *map, *histo, synced) ? 1 : 0;
+        return derive(*grp, *ext, *b, *map, *histo, synced) ? 1 : 0;
     } catch (const std::bad_alloc &) {
         return 0;
     } catch (const std::length_error &) {
         return 0;
     }
 }
-
-template int vask_buckets_derive<bte>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<sht>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<std::int32_t>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<lng>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<flt>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<dbl>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_buckets_derive<str>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
 
 } // namespace vask

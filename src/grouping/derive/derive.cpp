@@ -2,10 +2,7 @@
 #include "grouping/derive/derive_select.h"
 #include "grouping/group_finish.h"
 #include "grouping/pairs/pairs_derive.h"
-#include "kernel/column.h"
-#include "kernel/element_types.h"
 #include "kernel/frame.h"
-#include "rows/key_hash.h"
 #include "vask/ops.h"
 
 namespace vask {
@@ -30,19 +27,6 @@ struct derive_inputs {
     }
 };
 
-//! The typed body of a path; 0 where there is none for how the tail is stored.
-int run_body(vask_derive_strategy path, BAT *grp, BAT *ext, const derive_inputs &in) {
-    const bool synced = ALIGNsynced(in.map, in.b) != 0;
-    const auto run = [=]<class T>(std::type_identity<T>) {
-        return path == VASK_DERIVE_PAIRS
-                   ? vask_pairs_derive<T>(grp, ext, in.b, in.map, in.histo, synced)
-                   : vask_buckets_derive<T>(grp, ext, in.b, in.map, in.histo, synced);
-    };
-    const int storage = storage_of(*in.b->tail);
-    return storage == TYPE_str ? run(std::type_identity<str>{})
-                               : visit_storage_class(storage, 0, run);
-}
-
 //! Makes the refined grouping; null or a failure text. The BATs made so far are the caller's to
 //! give back after a failure.
 const char *refine(vask_derive_strategy path, const derive_inputs &in, BAT *&grp, BAT *&ext) {
@@ -57,7 +41,10 @@ const char *refine(vask_derive_strategy path, const derive_inputs &in, BAT *&grp
     ext = BATnew(TYPE_oid, TYPE_wrd, 2 * in.histo->info->count);
     if (ext == nullptr)
         return "could not allocate space for ext BAT";
-    return run_body(path, grp, ext, in) == 1 ? nullptr : failure::operation_failed;
+    const bool synced = ALIGNsynced(in.map, in.b) != 0;
+    const auto derive = path == VASK_DERIVE_PAIRS ? vask_pairs_derive : vask_buckets_derive;
+    return derive(grp, ext, in.b, in.map, in.histo, synced) == 1 ? nullptr
+                                                                 : failure::operation_failed;
 }
 
 //! Fetches the column, then the map, then the histogram, and checks the column's head before the

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <optional>
 
 namespace vask {
 
@@ -62,14 +61,9 @@ auto load_derived_by_number(const Groups &groups, const number_keys<T> &values) 
 
 //! Pairs by index, of a column of integers, whose values are scanned.
 template <std::integral T>
-std::optional<index_source> index_of_integers(const groups_by_row &groups, const BAT &b,
-                                              const grouping_rows &rows) {
-    const value_range<T> values = scan_values<T>(b);
-    using key_type = typename number_keys<T>::key_type;
-    return index_of_pairs(groups, number_keys<T>(*b.tail),
-                          {key_bits(values.least),
-                           static_cast<key_type>(key_bits(values.max) - key_bits(values.least))},
-                          rows);
+index_source index_of_integers(const groups_by_row &groups, const BAT &b,
+                               const grouping_rows &rows) {
+    return index_of_pairs(groups, number_keys<T>(*b.tail), span_of(scan_values<T>(b)), rows);
 }
 
 } // namespace vask

@@ -1,6 +1,6 @@
 #include "grouping/pairs/derive_mask.h"
 
-#include "grouping/table/chained_table.h"
+#include "grouping/table/custom_mask.h"
 #include "kernel/column.h"
 #include "kernel/frame.h"
 

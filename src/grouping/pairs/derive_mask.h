@@ -8,8 +8,8 @@
 namespace vask {
 
 //! The mask of the table of all pairs of old group and value: estimated from the refinement of a
-//! sample of b where b is large, else from the number of old groups. 0, a single bucket, when the
-//! sample cannot be refined: refinement is slow then, but right.
+//! sample of b where b is large, else from the number of old groups. 0 when the sample
+//! cannot be refined.
 std::uint32_t vask_derive_mask(BAT *map, BAT *histo, BAT *b);
 
 } // namespace vask

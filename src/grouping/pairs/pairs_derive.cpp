@@ -4,10 +4,7 @@
 #include "grouping/extents_room.h"
 #include "grouping/map_heads.h"
 #include "grouping/pairs/derive_mask.h"
-#include "grouping/pairs/pair_table.h"
-
-#include <cmath>
-#include <cstddef>
+#include "kernel/element_types.h"
 
 namespace vask {
 
@@ -23,50 +20,23 @@ struct pair_refinement {
     std::uint32_t mask; // of the table of all pairs
 };
 
-template <class T>
-VASK_ALWAYS_INLINE bool is_nan(const T &value) noexcept {
-    if constexpr (std::floating_point<T>)
-        return std::isnan(value);
-    else
-        return false;
-}
-
-//! Finds groups in the table of all pairs. Ranges come in ascending order, so a pair's first row in
-//! the whole column decides its group's id and place in the extents.
-template <class T, class Keys>
-group_resolver resolver(const pair_refinement &r, const Keys &keys, vask_pair_table<T> &pairs) {
-    return [&r, &pairs, keys](BUN row, std::uint32_t) {
-        oid room;
-        const T value = keys.value(row);
-        const vask_pair_entry<T> entry{*map_rows(r.old).ids(row, 1, &room), value,
-                                       r.rows.heads[row], 0, NO_BUN};
-        // A NaN is equal to nothing, so there is nothing to look for, and in a chain it would only
-        // be in the way of all the others.
-        if (is_nan(value))
-            return pairs.append(entry);
-        const vask_pair_entry<T> *known = pairs.probe(entry.key());
-        return known != nullptr ? pairs.number_of(known) : pairs.insert(entry);
-    };
-}
-
-template <class T, class Key, class Keys>
-int refine(const pair_refinement &r, const Keys &column, grouping_keys<Key, bit_keys<Key>> &keys) {
+//! Ranges come in ascending order, so a pair's first row in the whole column decides its group's id
+//! and place in the extents.
+template <class Key>
+int refine(const pair_refinement &r, grouping_keys<Key, bit_keys<Key>> &keys) {
     extents_room room(r.ext);
     grouping_outcome outcome = grouping_outcome::row_without_key;
     // A row whose old group the extents lack has no index. It is refined like any other: by its id.
     if (keys.index)
-        outcome = group_by_index(r.rows, *keys.index, {}, sink_into(room));
+        outcome = group_by_index(r.rows, keys.index, {}, sink_into(room));
     if (outcome == grouping_outcome::row_without_key) {
-        vask_pair_table<T> pairs(r.mask, r.old.extents->info->count);
-        keys.index.reset();
-        keys.resolve = resolver<T>(r, column, pairs);
+        keys.index = {};
+        keys.resolve = resolve_by_keys(keys.kind, keys.load, r.mask);
         outcome = group_rows(r.rows, keys, sink_into(room));
     }
     if (outcome != grouping_outcome::done || !room.finish())
         return 0;
-    copy_heads(r.b, r.grp, r.rows.ranges);
-    r.ext.head->sorted = sorted_mark(*r.b.head);
-    r.ext.tail->sorted = 0;
+    finish_in_row_order(r.b, r.grp, r.ext, r.rows.ranges);
     return 1;
 }
 
@@ -82,7 +52,7 @@ int refine_numbers(const pair_refinement &r, const groups_by_row &groups) {
         keys.load = load_derived<value_bits<T>>(groups_by_id{&r.old}, column);
     }
     keys.load_for_buckets = keys.load;
-    return refine<T>(r, column, keys);
+    return refine(r, keys);
 }
 
 template <class Offset>
@@ -91,15 +61,15 @@ int refine_texts(const pair_refinement &r, const groups_by_row &groups,
     grouping_keys<std::uint64_t, bit_keys<std::uint64_t>> keys;
     keys.index = index_of_pairs(groups, texts, span_of_offsets(texts, r.rows), r.rows);
     keys.load = keys.load_for_buckets = load_derived<std::uint32_t>(groups_by_id{&r.old}, texts);
-    return refine<str>(r, texts, keys);
+    return refine(r, keys);
 }
 
 } // namespace
 
-template <class T>
 int vask_pairs_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool synced) {
     const std::uint32_t threads = vask_range_count(*b);
-    if (threads == 0)
+    const int storage = storage_of(*b->tail);
+    if (threads == 0 || !has_keyed_class(storage))
         return 0;
     const gdk_vector<vask_row_range> ranges = vask_row_ranges(*b, threads);
     const std::uint32_t mask = vask_derive_mask(map, histo, b);
@@ -108,19 +78,13 @@ int vask_pairs_derive(BAT *grp, BAT *ext, BAT *b, BAT *map, BAT *histo, bool syn
     const slot_table_owner table(*histo, b->info->count, threads);
     const groups_by_row groups{&old, table.get()};
     const pair_refinement r{*ext, *grp, *b, rows, old, mask};
-    if constexpr (std::same_as<T, str>)
-        return visit_offset_keys(*b->tail,
-                                 [&](const auto &texts) { return refine_texts(r, groups, texts); });
-    else
-        return refine_numbers<T>(r, groups);
+    return visit_keyed_class(storage, 0, [&]<class T>(std::type_identity<T>) {
+        if constexpr (std::same_as<T, str>)
+            return visit_offset_keys(
+                *b->tail, [&](const auto &texts) { return refine_texts(r, groups, texts); });
+        else
+            return refine_numbers<T>(r, groups);
+    });
 }
-
-template int vask_pairs_derive<bte>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<sht>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<std::int32_t>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<lng>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<flt>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<dbl>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
-template int vask_pairs_derive<str>(BAT *, BAT *, BAT *, BAT *, BAT *, bool);
 
 } // namespace vask

@@ -6,13 +6,13 @@
 #include "grouping/sort/sort_bat.h"
 #include "grouping/sort/sorted_runs.h"
 #include "kernel/column.h"
+#include "kernel/element_types.h"
 #include "kernel/shared_mark.h"
 #include "rows/column_keys.h"
 #include "rows/group_by_buckets.h"
 
 #include <cstddef>
 #include <cstring>
-#include <optional>
 #include <utility>
 
 namespace vask {
@@ -101,13 +101,10 @@ bool has_nan(const BAT &b, const gdk_vector<vask_row_range> &ranges) {
     return found.is_set();
 }
 
-template <class T>
-using sort_key = std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t>;
-
 //! Numbers as comparisons see them: -0.0 is 0.0. There is no NaN.
 template <class T>
-key_loader<sort_key<T>> load_numbers(const T *values) {
-    return [=](BUN row, BUN n, std::uint32_t *, sort_key<T> *keys, bool) {
+key_loader<value_bits<T>> load_numbers(const T *values) {
+    return [=](BUN row, BUN n, std::uint32_t *, value_bits<T> *keys, bool) {
         for (std::size_t i = 0; i < n; ++i) {
             if constexpr (std::floating_point<T>)
                 keys[i] = key_bits((values + row)[i] + T(0));
@@ -118,20 +115,15 @@ key_loader<sort_key<T>> load_numbers(const T *values) {
     };
 }
 
-//! Brings the rows of equal values together by buckets, in the copy's own memory where it has the
-//! width. What each task finds is counted in its extents; the rows of all are written once they are
-//! joined, in ascending order of id.
+//! Brings the rows of equal values together by buckets. What each task finds is counted in its
+//! extents; the rows of all are written once they are joined, in ascending order of id.
 template <class T>
-bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
+bool group_by_hash(task_extents &exts, BAT &grp, const BAT &b,
                    const gdk_vector<vask_row_range> &ranges) {
     // A dense head that runs across the nil has a row without a place.
     if (oid_nil - b.head->seqbase < b.info->count)
         return false;
     const grouping_rows rows{{ranges, run_as_tasks}, oid_reader(*b.head, b), map_cells(grp, b)};
-    std::optional<bucket_memory<sort_key<T>>> memory;
-    if constexpr (sizeof(T) == sizeof(sort_key<T>))
-        memory = {rows_of<BUN>(*copy.head) + copy.info->first,
-                  rows_of<sort_key<T>>(*copy.tail) + copy.info->first};
     group_sink sink;
     sink.begin = [&exts](std::size_t task, BUN n) {
         if (exts[task] == nullptr)
@@ -149,8 +141,8 @@ bool group_by_hash(task_extents &exts, BAT &grp, BAT &copy, const BAT &b,
         to = {rows_of<oid>(*ext.head) + first, rows_of<wrd>(*ext.tail) + first};
         return true;
     };
-    if (group_by_buckets(rows, bit_keys<sort_key<T>>(), load_numbers(rows_of<const T>(*b.tail)),
-                         sink, memory ? &*memory : nullptr) != grouping_outcome::done)
+    if (group_by_buckets(rows, bit_keys<value_bits<T>>(), load_numbers(rows_of<const T>(*b.tail)),
+                         sink) != grouping_outcome::done)
         return false;
     copy_heads(b, grp, ranges);
     return true;
@@ -179,38 +171,33 @@ bool group_copy(task_extents &exts, BAT &grp, BAT &copy, const BAT &b) {
     }
     // A column in order is sorted by the one pass that finds it so.
     return is_ascending(*b.tail) || ranges.empty() ? group_by_runs<T>(exts, grp, copy)
-                                                   : group_by_hash<T>(exts, grp, copy, b, ranges);
+                                                   : group_by_hash<T>(exts, grp, b, ranges);
 }
 
 } // namespace
 
-template <class T>
 int vask_sort_group(BAT *ext, BAT *grp, BAT *b) {
+    const int storage = storage_of(*b->tail);
     // A kernel without threads has no range for the rows to be in.
-    if (GDKnr_threads < 1)
+    if (GDKnr_threads < 1 || !has_storage_class(storage))
         return 0;
     task_extents exts(ext, static_cast<std::size_t>(GDKnr_threads));
     BAT *copy = BATcopy(b, TYPE_oid, b->tail->type, 1);
     if (copy == nullptr)
         return 0;
-    const bool grouped = BATmaterialize(copy) != nullptr && group_copy<T>(exts, *grp, *copy, *b);
+    const bool grouped = BATmaterialize(copy) != nullptr &&
+                         visit_storage_class(storage, false, [&]<class T>(std::type_identity<T>) {
+                             return group_copy<T>(exts, *grp, *copy, *b);
+                         });
+    BBPreclaim(copy);
     if (!grouped) {
-        BBPreclaim(copy);
         exts.reclaim();
         return 0;
     }
-    BBPreclaim(copy);
     vask_sort_bat<wrd, BUNviewHeadComparator>(ext);
     ext->head->sorted = SORTED_ASCENDING;
     ext->tail->sorted = 0;
     return 1;
 }
-
-template int vask_sort_group<bte>(BAT *, BAT *, BAT *);
-template int vask_sort_group<sht>(BAT *, BAT *, BAT *);
-template int vask_sort_group<std::int32_t>(BAT *, BAT *, BAT *);
-template int vask_sort_group<lng>(BAT *, BAT *, BAT *);
-template int vask_sort_group<flt>(BAT *, BAT *, BAT *);
-template int vask_sort_group<dbl>(BAT *, BAT *, BAT *);
 
 } // namespace vask

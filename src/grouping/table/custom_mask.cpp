@@ -1,6 +1,5 @@
 #include "grouping/table/custom_mask.h"
 
-#include "grouping/table/chained_table.h"
 #include "kernel/cancelled.h"
 #include "kernel/column.h"
 

@@ -68,8 +68,8 @@ void check_numbers(const layout &l, const std::vector<T> &values) {
     const bat b = refkernel::make_column<T>(std::span<const T>(values),
                                             head_options(l.head, old.heads, l.first));
     const leak_guard leaks;
-    check_path(vask_pairs_derive<T>, false, l, b, old, refine_plainly(old, keys_by_number(values)));
-    check_path(vask_buckets_derive<T>, true, l, b, old, refine_plainly(old, keys_by_bits(values)));
+    check_path(vask_pairs_derive, false, l, b, old, refine_plainly(old, keys_by_number(values)));
+    check_path(vask_buckets_derive, true, l, b, old, refine_plainly(old, keys_by_bits(values)));
 }
 
 std::vector<layout> layouts() {
@@ -151,10 +151,10 @@ TEST(Derive, ManyNansTakeNoLongerThanOtherValues) {
     const bat b =
         refkernel::make_column(std::vector<float>(l.rows, std::numeric_limits<float>::quiet_NaN()),
                                head_options(l.head, old.heads));
-    const outcome pairs = run(vask_pairs_derive<float>, l, b, old);
+    const outcome pairs = run(vask_pairs_derive, l, b, old);
     EXPECT_EQ(pairs.groups.extents.size(), l.rows);
     EXPECT_EQ(pairs.groups.map, old.heads);
-    const outcome buckets = run(vask_buckets_derive<float>, l, b, old);
+    const outcome buckets = run(vask_buckets_derive, l, b, old);
     EXPECT_EQ(buckets.groups.extents, (std::vector<std::pair<oid, lng>>{{40, l.rows}}));
 }
 
@@ -181,12 +181,12 @@ TEST(Derive, ValuesThatHashAlikeTakeNoLongerThanOthers) {
     }
     const auto options = head_options(l.head, old.heads);
     const bat integers = refkernel::make_column(std::move(high_bits), options);
-    expect_fast(vask_pairs_derive<std::int32_t>, integers, 30'000);
-    expect_fast(vask_buckets_derive<std::int32_t>, integers, 30'000);
+    expect_fast(vask_pairs_derive, integers, 30'000);
+    expect_fast(vask_buckets_derive, integers, 30'000);
     const bat numbers = refkernel::make_column(std::move(whole), options);
-    expect_fast(vask_pairs_derive<double>, numbers, 30'000);
-    expect_fast(vask_buckets_derive<double>, numbers, 30'000);
-    expect_fast(vask_pairs_derive<str>, texts.finish(options), l.rows);
+    expect_fast(vask_pairs_derive, numbers, 30'000);
+    expect_fast(vask_buckets_derive, numbers, 30'000);
+    expect_fast(vask_pairs_derive, texts.finish(options), l.rows);
 }
 
 //! How many places in the heap the texts of a column have.
@@ -237,9 +237,8 @@ TEST(Derive, TextsByPlaceAndByContent) {
                     by_place.push_back(reader.offset(l.first + row));
                     by_content.emplace_back(reader[l.first + row]);
                 }
-                check_path(vask_pairs_derive<str>, false, l, b, old, refine_plainly(old, by_place));
-                check_path(vask_buckets_derive<str>, true, l, b, old,
-                           refine_plainly(old, by_content));
+                check_path(vask_pairs_derive, false, l, b, old, refine_plainly(old, by_place));
+                check_path(vask_buckets_derive, true, l, b, old, refine_plainly(old, by_content));
             }
     }
 }
@@ -260,7 +259,7 @@ TEST(Derive, TextsAtTheLimitOfAnIndex) {
             builder.append(texts.back());
         }
         const bat b = builder.finish(head_options(l.head, old.heads));
-        check_path(vask_buckets_derive<str>, true, l, b, old, refine_plainly(old, texts));
+        check_path(vask_buckets_derive, true, l, b, old, refine_plainly(old, texts));
     };
     constexpr BUN rows = 800;
     constexpr std::uint32_t narrow_places = 256; // of offsets of one byte, whichever there are
@@ -281,7 +280,7 @@ TEST(Derive, TheResultIsTheSameForAnyThreadsAndEachTime) {
     const old_grouping old(l);
     const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 50, 3, 8),
                                          head_options(l.head, old.heads));
-    for (const body derive : {vask_pairs_derive<std::int32_t>, vask_buckets_derive<std::int32_t>}) {
+    for (const body derive : {vask_pairs_derive, vask_buckets_derive}) {
         const outcome first = run(derive, l, b, old);
         for (const int threads : {1, 2, 3, 7, 64})
             for (int time = 0; time < 3; ++time) {
@@ -299,8 +298,8 @@ TEST(Derive, RowsAndGroupsThatAreNotThere) {
         const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 9, 0, 1),
                                              head_options(l.head, old.heads));
         const auto both = [&] {
-            return std::pair(run(vask_pairs_derive<std::int32_t>, l, b, old).result,
-                             run(vask_buckets_derive<std::int32_t>, l, b, old).result);
+            return std::pair(run(vask_pairs_derive, l, b, old).result,
+                             run(vask_buckets_derive, l, b, old).result);
         };
         EXPECT_EQ(both(), std::pair(1, 1));
         // The pairs of an unknown group are pairs like others: only the buckets look groups up.
@@ -323,8 +322,8 @@ TEST(Derive, RowsBeyondAMapThatIsCalledAligned) {
     const support::everything_aligned aligned;
     for (const BUN mapped : {BUN{0}, BUN{1}, l.rows / 2, l.rows - 1}) {
         old.map = refkernel::view_rows(whole, 0, mapped);
-        EXPECT_EQ(run(vask_pairs_derive<std::int32_t>, l, b, old).result, 0) << mapped;
-        EXPECT_EQ(run(vask_buckets_derive<std::int32_t>, l, b, old).result, 0) << mapped;
+        EXPECT_EQ(run(vask_pairs_derive, l, b, old).result, 0) << mapped;
+        EXPECT_EQ(run(vask_buckets_derive, l, b, old).result, 0) << mapped;
     }
 }
 
@@ -337,8 +336,8 @@ TEST(Derive, VoidMapsHoldTheOidsThatTheyCount) {
         const auto values = random_values<std::int32_t>(l.rows, 2, 0, 1);
         const bat b = refkernel::make_column<std::int32_t>(values, head_options(l.head, old.heads));
         const plain_groups expected = refine_plainly(old, keys_by_bits(values));
-        check_path(vask_pairs_derive<std::int32_t>, false, l, b, old, expected);
-        check_path(vask_buckets_derive<std::int32_t>, true, l, b, old, expected);
+        check_path(vask_pairs_derive, false, l, b, old, expected);
+        check_path(vask_buckets_derive, true, l, b, old, expected);
     }
 }
 

@@ -28,7 +28,7 @@ void check_path(const bat &b, const std::vector<Key> &keys, const std::vector<oi
                  ", width " + std::to_string(b->tail->width) + ", " + std::to_string(threads) +
                  " threads");
     const kernel_settings settings(threads);
-    expect_path(vask_hash_group<T>, b, group_rows(keys, oids), oids, sorted_mark(*b->head));
+    expect_path(vask_hash_group, b, group_rows(keys, oids), oids, sorted_mark(*b->head));
 }
 
 template <class T>
@@ -228,7 +228,7 @@ std::uint64_t bytes_to_group(const std::vector<std::int32_t> &values, const plai
     const bat b = refkernel::make_column<std::int32_t>(std::span<const std::int32_t>(values));
     group_results made(b);
     const watch kernel;
-    EXPECT_EQ(vask_hash_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()), 1);
+    EXPECT_EQ(vask_hash_group(made.ext.record(), made.grp.record(), b.record()), 1);
     EXPECT_EQ(difference(read_groups(*made.grp.record(), *made.ext.record(), b.count()), expected),
               "")
         << threads << " threads";
@@ -288,7 +288,7 @@ TEST(HashGroup, NoThreadsFailAtOnce) {
     const kernel_settings settings(0);
     const bat b = refkernel::make_column(std::vector<std::int32_t>(10, 0));
     group_results made(b);
-    EXPECT_EQ(vask_hash_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()), 0);
+    EXPECT_EQ(vask_hash_group(made.ext.record(), made.grp.record(), b.record()), 0);
     EXPECT_EQ(made.ext.count(), 0U);
 }
 
@@ -306,8 +306,7 @@ TEST(HashGroup, FailingKernelCalls) {
                 [&](group_results &made, const watch &kernel, auto failed) {
                     int result = -1;
                     try {
-                        result =
-                            vask_hash_group<lng>(made.ext.record(), made.grp.record(), b->record());
+                        result = vask_hash_group(made.ext.record(), made.grp.record(), b->record());
                     } catch (const std::bad_alloc &e) {
                         EXPECT_STREQ(e.what(), "bad allocation");
                     }

@@ -26,8 +26,8 @@ void check_path(const std::vector<T> &values, heads kind, oid base, int threads)
     const kernel_settings settings(threads);
     const std::vector<oid> oids = head_oids(kind, values.size(), base, 0);
     const bat b = refkernel::make_column<T>(std::span<const T>(values), head_options(kind, oids));
-    expect_path(vask_sort_group<T>, b, in_order_of_id(group_rows(keys_by_number(values), oids)),
-                oids, SORTED_ASCENDING);
+    expect_path(vask_sort_group, b, in_order_of_id(group_rows(keys_by_number(values), oids)), oids,
+                SORTED_ASCENDING);
 }
 
 TEST(SortGroup, AgreesWithThePlainWay) {
@@ -89,8 +89,7 @@ TEST(SortGroup, AHeadThatRunsAcrossTheNilFails) {
             {.tail = {.sorted = sorted}, .seqbase = oid_nil - 2});
         const leak_guard leaks;
         group_results made(b);
-        EXPECT_EQ(vask_sort_group<std::int32_t>(made.ext.record(), made.grp.record(), b.record()),
-                  0);
+        EXPECT_EQ(vask_sort_group(made.ext.record(), made.grp.record(), b.record()), 0);
     }
 }
 
@@ -105,8 +104,7 @@ TEST(SortGroup, ANanFailsAtOnceAndSaysSo) {
             refkernel::clear_error_buffer();
             {
                 group_results made(b);
-                EXPECT_EQ(vask_sort_group<float>(made.ext.record(), made.grp.record(), b.record()),
-                          0);
+                EXPECT_EQ(vask_sort_group(made.ext.record(), made.grp.record(), b.record()), 0);
             }
             EXPECT_EQ(refkernel::error_buffer(), "bunfastins: bat too large\n");
         }
@@ -126,7 +124,7 @@ TEST(SortGroup, FailingKernelCalls) {
             [&](group_results &made, const watch &, auto failed) {
                 int result = -1;
                 try {
-                    result = vask_sort_group<lng>(made.ext.record(), made.grp.record(), b.record());
+                    result = vask_sort_group(made.ext.record(), made.grp.record(), b.record());
                 } catch (const std::bad_alloc &e) {
                     EXPECT_STREQ(e.what(), "bad allocation");
                 }

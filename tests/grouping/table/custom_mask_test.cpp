@@ -7,6 +7,7 @@
 #include <bit>
 #include <limits>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -51,6 +52,14 @@ std::vector<T> cycle(std::size_t rows, T least, std::size_t distinct) {
     for (std::size_t i = 0; i < rows; ++i)
         values[i] = static_cast<T>(least + static_cast<T>(i * 7 % distinct));
     return values;
+}
+
+TEST(CustomMask, CoveringMaskIsThatOfTheNextPowerOfTwo) {
+    const std::pair<std::uint64_t, std::uint32_t> expected[] = {
+        {0, 0}, {1, 1},       {2, 3},       {3, 3},
+        {4, 7}, {1000, 1023}, {1024, 2047}, {0xffffffff, 0xffffffff}};
+    for (const auto &[n, mask] : expected)
+        EXPECT_EQ(covering_mask(n), mask) << n;
 }
 
 TEST(CustomMask, CallsForNoMoreBucketsThanRowsOrValues) {
