@@ -69,7 +69,7 @@ double bare_seconds(const T *values) {
 
 struct sum {
     template <class T>
-    using result = vask::sum_accumulator<T>;
+    using result = typename vask::sum_result<T>::type;
     template <class T>
     using bare = std::conditional_t<std::floating_point<T>, bare_sum, bare_read>;
     //! Both halves apart and in order, as two partitions are summed.

@@ -13,13 +13,6 @@ namespace {
 
 constexpr std::uint32_t no_number = std::numeric_limits<std::uint32_t>::max();
 
-template <class T>
-vask::gdk_block<T> large_array(std::size_t n) {
-    vask::gdk_block<T> made(vask::gdk_allocate<T>(n));
-    vask::advise_huge_pages(made.get(), n * sizeof(T));
-    return made;
-}
-
 //! The stored oids of a BAT's column from its first row on, or null.
 const oid *stored_ids(const BATcol &column, const BAT &b) {
     return is_void(column) ? nullptr : elements<const oid>(column) + b.info->first;
@@ -50,7 +43,7 @@ void row_parents::collect_ids(BAT &map, const BAT &b) {
         ids_ = stored_ids(*map.tail, map);
         return;
     }
-    collected_ids_ = large_array<oid>(rows);
+    collected_ids_ = vask::large_block<oid>(rows);
     ids_ = collected_ids_.get();
     if (aligned) {
         for (BUN row = 0; row < rows; ++row)
@@ -85,7 +78,7 @@ void old_groups::number_ids(BAT &extents, BUN rows) {
         lookup_.emplace(extents, rows);
         return;
     }
-    numbers_ = large_array<std::uint32_t>(bound);
+    numbers_ = vask::large_block<std::uint32_t>(bound);
     last_ = static_cast<std::uint32_t>(bound - 1);
     std::fill_n(numbers_.get(), bound, no_number);
     // Of an id that stands twice the first counts, as in the chains of a hash.

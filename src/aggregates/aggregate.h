@@ -1,5 +1,6 @@
 // What an aggregate is, for a whole column and per group alike: a type with
-//   accumulator                 what values are gathered in
+//   result                      its line of result_types.h
+//   accumulator                 what values are gathered in: the result's type
 //   partial                     plain struct, the result over some of the rows: an accumulator
 //                               `value`, and `bool seen` if the aggregate must tell "no value"
 //                               from a neutral one; all zero means no rows

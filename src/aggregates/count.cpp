@@ -29,20 +29,20 @@ int vask_count_column(wrd *result, BAT *b) {
         return 1;
     }
     return visit_rows(storage, [=]<class Rows>(std::type_identity<Rows>) {
-        return store_reduced<count, Rows>(result, b, partition_count(rows), TYPE_wrd);
+        return store_reduced<count, Rows>(result, b, partition_count(rows));
     });
 }
 
 int vask_grp_count_body(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts) {
     const auto into = [=]<class Rows>(std::type_identity<Rows>) {
-        return aggregate_into<count, Rows>(place, b, g, e, nparts, TYPE_wrd);
+        return aggregate_into<count, Rows>(place, b, g, e, nparts);
     };
     const int storage = storage_of(*b->tail);
     switch (storage) {
         case TYPE_void:
             // A result of the right shape, whose values are what the kernel left in a new column:
             // nothing is counted, and this is intended.
-            *place = make_grouped_result(e->head->type, TYPE_wrd, e);
+            *place = make_grouped_result(e->head->type, count::result::code(storage), e);
             return *place != nullptr;
         case TYPE_oid:
             return into(std::type_identity<column_rows<oid>>{});

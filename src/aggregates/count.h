@@ -2,6 +2,7 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/result_types.h"
 #include "kernel/frame.h"
 
 #include <algorithm>
@@ -41,6 +42,7 @@ struct text_rows {
 
 //! Counts the rows that are not nil, of any row source. A NaN counts unless it is the nil.
 struct count {
+    using result = count_result<wrd>;
     using accumulator = wrd;
     struct partial {
         wrd value;

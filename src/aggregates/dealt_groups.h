@@ -141,10 +141,8 @@ private:
             return false;
         offsets_.turn_counts_into_offsets();
         const std::size_t n = offsets_.begin_of(offsets_.buckets());
-        dealt_ids_.reset(gdk_allocate<std::uint32_t>(n));
-        values_.reset(gdk_allocate<value_type>(n));
-        advise_huge_pages(dealt_ids_.get(), n * sizeof(std::uint32_t));
-        advise_huge_pages(values_.get(), n * sizeof(value_type));
+        dealt_ids_ = large_block<std::uint32_t>(n);
+        values_ = large_block<value_type>(n);
         run_numbered(plan_.nparts, [this](std::size_t part) {
             BUN *next = offsets_.of(part);
             static_cast<void>(

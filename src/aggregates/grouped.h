@@ -60,23 +60,23 @@ struct grouped_inputs {
 //! Scans the rows where they lie, each partition with a block of states for all groups.
 template <class Aggregate, class Rows, class Finish>
 bool aggregate_in_place(const Rows &rows, const partition_plan &plan, const BAT &map, BAT &extents,
-                        const state_blocks<typename Aggregate::partial> &blocks,
                         const Finish &finish) {
     using partial = typename Aggregate::partial;
     const BUN groups = extents.info->count;
     const slot_table_owner table(extents, plan.end - plan.part_base, plan.nparts);
-    run_partitions(plan,
-                   [=, &map, &extents, slots = table.get()](std::uint64_t part, vask_row_range r) {
-                       const state_columns<partial> states = blocks.allocate(part, groups);
-                       scan_partition<Aggregate>(rows, map, extents, slots, states, r);
-                   });
+    state_blocks<partial> blocks(plan.nparts);
+    run_partitions(plan, [=, &map, &extents, &blocks, slots = table.get()](std::uint64_t part,
+                                                                           vask_row_range r) {
+        blocks[part].allocate(groups);
+        scan_partition<Aggregate>(rows, map, extents, slots, blocks[part], r);
+    });
     shared_mark any;
     run_row_loop(groups, [&, nparts = plan.nparts](vask_row_range r) {
         bool mine = false;
         for (BUN j = r.begin; j < r.end; ++j) {
             partial total{};
             for (std::uint64_t part = 0; part < nparts; ++part)
-                merge_partial<Aggregate>(total, blocks.of(part).load(j));
+                merge_partial<Aggregate>(total, blocks[part].load(j));
             mine |= finish(j, total);
         }
         if (mine)
@@ -111,7 +111,6 @@ std::optional<bool> aggregate_dealt(const Rows &rows, const partition_plan &plan
 //! it gets a zeroed block of one element per group from each task. The map must have a stored tail.
 template <class Aggregate, class Rows, std::size_t N, class Finish>
 bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
-    const state_blocks<typename Aggregate::partial> blocks(nparts);
     inputs.access(1);
     const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
     const partition_plan plan(*inputs.values[0], nparts);
@@ -119,15 +118,13 @@ bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Fin
     try {
         const std::optional<bool> dealt =
             aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
-        any = dealt ? *dealt
-                    : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents,
-                                                    blocks, finish);
+        any = dealt
+                  ? *dealt
+                  : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
     } catch (...) { // a kernel that throws when it runs out of memory loses nothing
-        blocks.release();
         inputs.access(-1);
         throw;
     }
-    blocks.release();
     inputs.access(-1);
     return any;
 }
@@ -179,11 +176,12 @@ void count_row_groups(BAT *b, BAT *result) {
     });
 }
 
-//! The typed body of a grouped aggregate: b, read as Rows, into a result whose tail has the type
-//! `result_type`, of the accumulator's width. Gives 1, or 0 when the result cannot be made.
+//! The typed body of a grouped aggregate of b, read as Rows. Gives 1, or 0 when the result cannot
+//! be made.
 template <class Aggregate, class Rows>
-int aggregate_into(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts, int result_type) {
+int aggregate_into(BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts) {
     using result = typename Aggregate::accumulator;
+    const int result_type = Aggregate::result::code(b->tail->type);
     BAT *view = make_grouped_result(e->head->type, result_type, e);
     if (view == nullptr)
         return 0;

@@ -36,8 +36,7 @@ int vask_min_max_column(void *result, BAT *b, extreme which) {
     }
     return visit_extreme(which, storage, [=]<extreme w, class T>() {
         if (count != 0)
-            return store_reduced<min_max<w, T>, column_rows<T>>(result, b, partition_count(count),
-                                                                storage);
+            return store_reduced<min_max<w, T>, column_rows<T>>(result, b, partition_count(count));
         store_result(result, nil_of<T>(storage));
         return 1;
     });
@@ -54,14 +53,13 @@ char *vask_min_max_wrapper(void *result, const std::int32_t *bid, extreme which)
 //! shortcut here.
 char *vask_grp_min_max_wrapper(std::int32_t *result, const std::int32_t *bid,
                                const std::int32_t *gid, const std::int32_t *eid, extreme which) {
-    return run_grouped_wrapper("vask_grp_min_max_wrapper", result, bid, gid, eid,
-                               [=](BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts) {
-                                   const int storage = storage_of(*b->tail);
-                                   return visit_extreme(which, storage, [=]<extreme w, class T>() {
-                                       return aggregate_into<min_max<w, T>, column_rows<T>>(
-                                           place, b, g, e, nparts, storage);
-                                   });
-                               });
+    return run_grouped_wrapper(
+        "vask_grp_min_max_wrapper", result, bid, gid, eid,
+        [=](BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts) {
+            return visit_extreme(which, storage_of(*b->tail), [=]<extreme w, class T>() {
+                return aggregate_into<min_max<w, T>, column_rows<T>>(place, b, g, e, nparts);
+            });
+        });
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/result_types.h"
 #include "kernel/frame.h"
 
 #include <cmath>
@@ -30,6 +31,7 @@ VASK_ALWAYS_INLINE auto better(T a, T b) noexcept {
 //! the first one stays. The same holds between partitions.
 template <extreme which, class T>
 struct min_max {
+    using result = extreme_result<T>;
     using accumulator = T;
     struct partial {
         T value;

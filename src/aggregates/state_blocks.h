@@ -3,8 +3,8 @@
 #pragma once
 
 #include "kernel/frame.h"
+#include "rows/gdk_vector.h"
 
-#include <array>
 #include <tuple>
 #include <utility>
 
@@ -22,16 +22,14 @@ struct state_columns {
 
     decltype(columns_of(State::fields())) columns{};
 
-    //! Zeroed columns of n states, one block per field.
-    static state_columns zeroed(std::size_t n) {
-        state_columns made;
-        std::apply([n](auto *&...column) { ((column = zeroed_array_like(column, n)), ...); },
-                   made.columns);
-        return made;
+    //! Makes zeroed columns of n states, one block per field.
+    void allocate(std::size_t n) {
+        std::apply([n](auto *&...column) { (zero(column, n), ...); }, columns);
     }
 
+    //! Frees the columns that there are.
     void release() const {
-        std::apply([](auto *...column) { (GDKfree(column), ...); }, columns);
+        std::apply([](auto *...column) { (free_if_any(column), ...); }, columns);
     }
 
     VASK_ALWAYS_INLINE State load(BUN slot) const noexcept {
@@ -44,12 +42,14 @@ struct state_columns {
         for_each_field([&](auto member, auto *column) { column[slot] = state.*member; });
     }
 
-    static constexpr std::size_t size = std::tuple_size_v<decltype(State::fields())>;
-
 private:
     template <class Field>
-    static Field *zeroed_array_like(const Field *, std::size_t n) {
-        return zeroed_array<Field>(n);
+    static void zero(Field *&column, std::size_t n) {
+        column = zeroed_array<Field>(n);
+    }
+    static void free_if_any(void *column) {
+        if (column != nullptr)
+            GDKfree(column);
     }
 
     template <class F>
@@ -57,67 +57,27 @@ private:
         [&]<std::size_t... i>(std::index_sequence<i...>) {
             (f(std::get<i>(State::fields()), std::get<i>(columns)), ...);
         }
-        (std::make_index_sequence<size>{});
+        (std::make_index_sequence<std::tuple_size_v<decltype(State::fields())>>{});
     }
 };
 
-//! For each field an array of one block per partition. The arrays are the calling thread's, each
-//! block is allocated by the task that fills it. Plain values: a copy names the same blocks.
+//! The columns of each partition, allocated by the task that fills them.
 template <class State>
 class state_blocks {
 public:
-    explicit state_blocks(std::uint64_t nparts) : nparts_(nparts) {
-        try {
-            for (void **&array : arrays_)
-                array = zeroed_array<void *>(nparts);
-        } catch (...) { // of a kernel that throws when it runs out of memory
-            for (void **array : arrays_)
-                if (array != nullptr)
-                    GDKfree(array);
-            throw;
-        }
+    explicit state_blocks(std::uint64_t nparts) : blocks_(nparts) {}
+    state_blocks(const state_blocks &) = delete;
+    state_blocks &operator=(const state_blocks &) = delete;
+    //! After a kernel that throws when it runs out of memory, too, nothing is lost.
+    ~state_blocks() {
+        for (const state_columns<State> &columns : blocks_)
+            columns.release();
     }
 
-    //! The blocks of a partition, zeroed, for so many groups.
-    state_columns<State> allocate(std::uint64_t part, BUN groups) const {
-        state_columns<State> states;
-        for_each_column(states, [&]<class Field>(Field *&column, void **array) {
-            column = zeroed_array<Field>(groups);
-            array[part] = column;
-        });
-        return states;
-    }
-
-    //! The same blocks after the tasks.
-    state_columns<State> of(std::uint64_t part) const {
-        state_columns<State> states;
-        for_each_column(states, [&]<class Field>(Field *&column, void **array) {
-            column = static_cast<Field *>(array[part]);
-        });
-        return states;
-    }
-
-    //! Frees the blocks that partitions have, then the arrays.
-    void release() const {
-        for (std::uint64_t part = 0; part < nparts_; ++part)
-            for (void **array : arrays_)
-                if (array[part] != nullptr)
-                    GDKfree(array[part]);
-        for (void **array : arrays_)
-            GDKfree(array);
-    }
+    state_columns<State> &operator[](std::uint64_t part) noexcept { return blocks_[part]; }
 
 private:
-    template <class F>
-    void for_each_column(state_columns<State> &states, F f) const {
-        [&]<std::size_t... i>(std::index_sequence<i...>) {
-            (f(std::get<i>(states.columns), arrays_[i]), ...);
-        }
-        (std::make_index_sequence<state_columns<State>::size>{});
-    }
-
-    std::uint64_t nparts_;
-    std::array<void **, state_columns<State>::size> arrays_{};
+    gdk_vector<state_columns<State>> blocks_;
 };
 
 } // namespace vask

@@ -16,11 +16,11 @@ char *vask_sum_wrapper(void *result, const std::int32_t *bid) {
         BAT *b = inputs[0];
         const int type = b->tail->type;
         const int done = visit_arithmetic_type(type, 0, [=]<class T>(std::type_identity<T>) {
-            const int result_type = sum_result_type(type);
+            using of = sum_result<T>;
             if (b->info->count != 0)
-                return store_reduced<sum<T>, column_rows<T>>(
-                    result, b, partition_count(b->info->count), result_type);
-            store_result(result, nil_of<sum_accumulator<T>>(result_type));
+                return store_reduced<sum<T>, column_rows<T>>(result, b,
+                                                             partition_count(b->info->count));
+            store_result(result, nil_of<typename of::type>(of::code(type)));
             return 1;
         });
         return done == 1 ? nullptr : failure::operation_failed;
@@ -58,10 +58,8 @@ char *vask_grp_sum(int32_t *result, const int32_t *bid, const int32_t *gid, cons
     return run_grouped_wrapper(
         "vask_grp_sum_wrapper", result, bid, gid, eid,
         [](BAT **place, BAT *b, BAT *g, BAT *e, std::uint64_t nparts) {
-            const int type = b->tail->type;
-            return visit_arithmetic_type(type, 0, [=]<class T>(std::type_identity<T>) {
-                return aggregate_into<sum<T>, column_rows<T>>(place, b, g, e, nparts,
-                                                              sum_result_type(type));
+            return visit_arithmetic_type(b->tail->type, 0, [=]<class T>(std::type_identity<T>) {
+                return aggregate_into<sum<T>, column_rows<T>>(place, b, g, e, nparts);
             });
         });
 }

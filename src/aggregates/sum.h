@@ -2,25 +2,15 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/result_types.h"
 #include "kernel/frame.h"
 
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <tuple>
-#include <type_traits>
 
 namespace vask {
-
-//! What a column of T sums into. Integers widen to 64 bits and wrap there; floats keep their own
-//! precision all the way.
-template <class T>
-using sum_accumulator = std::conditional_t<std::integral<T>, lng, T>;
-
-//! The type code of a sum's result for a column of `type`: the narrow integers give lng.
-constexpr int sum_result_type(int type) noexcept {
-    return type == TYPE_bte || type == TYPE_sht || type == TYPE_int ? int{TYPE_lng} : type;
-}
 
 //! Two's complement addition: a sum may wrap, and may land on the nil by wrapping.
 VASK_ALWAYS_INLINE lng add_wrapping(lng a, lng b) noexcept {
@@ -34,7 +24,8 @@ VASK_ALWAYS_INLINE T add_wrapping(T a, T b) noexcept {
 
 template <class T>
 struct sum {
-    using accumulator = sum_accumulator<T>;
+    using result = sum_result<T>;
+    using accumulator = typename result::type;
     struct partial {
         accumulator value;
         bool seen;

@@ -19,7 +19,8 @@ template <class Aggregate, class Rows, std::size_t N, class Store>
 void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, Store store) {
     using partial = typename Aggregate::partial;
 
-    const auto partials = state_columns<partial>::zeroed(nparts);
+    state_columns<partial> partials;
+    partials.allocate(nparts);
     for (BAT *b : inputs)
         BATaccess(b, 2, 0, 1);
 
@@ -49,11 +50,12 @@ void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, St
         BATaccess(b, 2, 0, -1);
 }
 
-//! The typed body of an aggregate whose result has the type `result_type` of its accumulator's
-//! width: the value into the slot, or that type's nil if no row holds one.
+//! The typed body of an aggregate: the value into the slot, or the result type's nil if no row
+//! holds one.
 template <class Aggregate, class Rows>
-int store_reduced(void *slot, BAT *b, std::uint64_t nparts, int result_type) {
+int store_reduced(void *slot, BAT *b, std::uint64_t nparts) {
     using accumulator = typename Aggregate::accumulator;
+    const int result_type = Aggregate::result::code(b->tail->type);
     reduce_columns<Aggregate, Rows>(
         std::array{b}, nparts, [=](const typename Aggregate::partial &total) {
             store_result(slot, has_no_value<Aggregate>(total) ? nil_of<accumulator>(result_type)

@@ -1,4 +1,5 @@
-// From a type code to a C++ type: the one place where the operators turn the one into the other.
+// The list of element types, and from a type code to a C++ type: the one place where the operators
+// turn the one into the other.
 #pragma once
 
 #include "vask/kernel/bat.h"
@@ -8,29 +9,33 @@
 
 namespace vask {
 
-//! Calls `f(std::type_identity<T>{})` with the arithmetic type that `code` names, wrd and lng both
-//! as 64-bit integers, and gives its result; `otherwise` for any other code. A family that
-//! dispatches on the column's own type passes that, one that accepts user atoms passes
-//! storage_of() it.
+template <int type_code, class T>
+struct arithmetic_type {
+    static constexpr int code = type_code;
+    using element = T;
+};
+
+template <class... Types>
+struct type_list {};
+
+//! The types of numbers, each once: wrd and lng are both 64-bit integers.
+using arithmetic_types = type_list<arithmetic_type<TYPE_bte, bte>, arithmetic_type<TYPE_sht, sht>,
+                                   arithmetic_type<TYPE_int, std::int32_t>,
+                                   arithmetic_type<TYPE_wrd, lng>, arithmetic_type<TYPE_lng, lng>,
+                                   arithmetic_type<TYPE_flt, flt>, arithmetic_type<TYPE_dbl, dbl>>;
+
+//! Calls `f(std::type_identity<T>{})` with the arithmetic type that `code` names and gives its
+//! result; `otherwise` for any other code. A family that dispatches on the column's own type passes
+//! that, one that accepts user atoms passes storage_of() it.
 template <class R, class F>
 R visit_arithmetic_type(int code, R otherwise, F f) {
-    switch (code) {
-        case TYPE_bte:
-            return f(std::type_identity<bte>{});
-        case TYPE_sht:
-            return f(std::type_identity<sht>{});
-        case TYPE_int:
-            return f(std::type_identity<std::int32_t>{});
-        case TYPE_wrd:
-        case TYPE_lng:
-            return f(std::type_identity<lng>{});
-        case TYPE_flt:
-            return f(std::type_identity<flt>{});
-        case TYPE_dbl:
-            return f(std::type_identity<dbl>{});
-        default:
-            return otherwise;
-    }
+    R result = otherwise;
+    [&]<class... Types>(type_list<Types...>) {
+        static_cast<void>(((code == Types::code &&
+                            (result = f(std::type_identity<typename Types::element>{}), true)) ||
+                           ...));
+    }(arithmetic_types{});
+    return result;
 }
 
 //! Whether a type is one of numbers. Flags, oids and user atoms are not.

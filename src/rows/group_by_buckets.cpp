@@ -62,11 +62,8 @@ public:
           load_(load),
           bits_(bucket_bits(rows.all().size())),
           offsets_(rows.ranges.size(), std::size_t{1} << bits_),
-          buckets_(gdk_allocate<std::uint16_t>(rows.all().size())),
-          by_bucket_(gdk_allocate<dealt>(rows.all().size())) {
-        advise_huge_pages(buckets_.get(), rows.all().size() * sizeof(std::uint16_t));
-        advise_huge_pages(by_bucket_.get(), rows.all().size() * sizeof(dealt));
-    }
+          buckets_(large_block<std::uint16_t>(rows.all().size())),
+          by_bucket_(large_block<dealt>(rows.all().size())) {}
 
     grouping_outcome run(const group_sink &sink) {
         if (!vask_distribute_rows())

@@ -1,6 +1,8 @@
 // Large working arrays that are read at random.
 #pragma once
 
+#include "rows/gdk_vector.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -23,6 +25,22 @@ inline void advise_huge_pages([[maybe_unused]] void *block, [[maybe_unused]] std
     const auto end = (reinterpret_cast<std::uintptr_t>(block) + bytes) & ~(page - 1);
     madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
 #endif
+}
+
+//! Room for n elements that are read or written at random. Throws like gdk_vector.
+template <class T>
+gdk_block<T> large_block(std::size_t n) {
+    gdk_block<T> block(gdk_allocate<T>(n));
+    advise_huge_pages(block.get(), n * sizeof(T));
+    return block;
+}
+
+//! The same, zeroed.
+template <class T>
+gdk_block<T> large_zeroed_block(std::size_t n) {
+    gdk_block<T> block(gdk_allocate_zeroed<T>(n));
+    advise_huge_pages(block.get(), n * sizeof(T));
+    return block;
 }
 
 } // namespace vask

@@ -143,9 +143,7 @@ private:
     }
 
     void resize(std::size_t n) {
-        gdk_block<slot> old(gdk_allocate_zeroed<slot>(n));
-        advise_huge_pages(old.get(), n * sizeof(slot));
-        std::swap(old, slots_);
+        const gdk_block<slot> old = std::exchange(slots_, large_zeroed_block<slot>(n));
         const std::size_t old_count = std::exchange(slot_count_, n);
         shift_ = 64 - static_cast<unsigned>(std::bit_width(n - 1));
         for (std::size_t i = 0; i < old_count; ++i)

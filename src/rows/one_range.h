@@ -82,9 +82,7 @@ private:
     void resize(std::size_t numbers) {
         numbers_ = numbers;
         lanes_ = numbers <= lane_numbers ? max_lanes : 1;
-        const std::size_t n = numbers * lanes_;
-        words_ = gdk_block<word>(gdk_allocate_zeroed<word>(n));
-        advise_huge_pages(words_.get(), n * sizeof(word));
+        words_ = large_zeroed_block<word>(numbers * lanes_);
     }
 
     //! Each number with rows as if it were a group, in the order of first rows.

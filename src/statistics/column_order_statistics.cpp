@@ -56,28 +56,23 @@ char *vask_median(double *result, const int32_t *bid) {
 }
 
 char *vask_quartile(double *result, const int32_t *bid, const int32_t *quartile) {
-    bte q;
-    char *exception = nullptr;
-    if (!quartile_param(&q, quartile, &exception))
-        return exception;
-    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor(q));
+    return with_param(quartile_param, quartile, [=](bte q) {
+        return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_quartile_functor(q));
+    });
 }
 
 char *vask_percentile(double *result, const int32_t *bid, const int32_t *share) {
-    dbl p;
-    char *exception = nullptr;
-    if (!percentile_param(&p, share, &exception))
-        return exception;
-    return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor(p));
+    return with_param(percentile_param, share, [=](dbl p) {
+        return vask_stat_scalar<dbl>(result, bid, TYPE_dbl, vask_percentile_functor(p));
+    });
 }
 
 char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
     return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
-        lng k;
-        char *exception = nullptr;
-        if (!largest_param(&k, rank, &exception))
-            return exception;
-        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_largest_functor<T>(k));
+        return with_param(largest_param, rank, [=](lng k) {
+            return vask_stat_scalar<T>(static_cast<T *>(result), bid, type,
+                                       vask_largest_functor<T>(k));
+        });
     });
 }
 

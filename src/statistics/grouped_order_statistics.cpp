@@ -195,32 +195,26 @@ char *vask_grp_median(int32_t *result, const int32_t *bid, const int32_t *gid, c
 
 char *vask_grp_quartile(int32_t *result, const int32_t *bid, const int32_t *quartile,
                         const int32_t *gid, const int32_t *eid) {
-    bte q;
-    char *exception = nullptr;
-    if (!quartile_param(&q, quartile, &exception))
-        return exception;
-    return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
-                                  functor_per_group<dbl>(vask_quartile_functor(q)));
+    return with_param(quartile_param, quartile, [=](bte q) {
+        return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
+                                      functor_per_group<dbl>(vask_quartile_functor(q)));
+    });
 }
 
 char *vask_grp_percentile(int32_t *result, const int32_t *bid, const int32_t *share,
                           const int32_t *gid, const int32_t *eid) {
-    dbl p;
-    char *exception = nullptr;
-    if (!percentile_param(&p, share, &exception))
-        return exception;
-    return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
-                                  functor_per_group<dbl>(vask_percentile_functor(p)));
+    return with_param(percentile_param, share, [=](dbl p) {
+        return vask_stat_grouped<dbl>(result, bid, gid, eid, TYPE_dbl,
+                                      functor_per_group<dbl>(vask_percentile_functor(p)));
+    });
 }
 
 char *vask_grp_largest(int32_t *result, const int32_t *bid, const int32_t *rank, const int32_t *gid,
                        const int32_t *eid) {
     return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
-        lng k;
-        char *exception = nullptr;
-        if (!largest_param(&k, rank, &exception))
-            return exception;
-        return vask_stat_grouped<T>(result, bid, gid, eid, type, rank_per_group<T>(k));
+        return with_param(largest_param, rank, [=](lng k) {
+            return vask_stat_grouped<T>(result, bid, gid, eid, type, rank_per_group<T>(k));
+        });
     });
 }
 

@@ -6,24 +6,14 @@ namespace vask {
 
 namespace {
 
-//! One pair has a covariance as a population, which is 0, and nothing else.
 template <class Statistic>
 int vask_grp_pair_body(BAT **place, const grouped_inputs<2> &inputs, std::uint64_t nparts,
                        Statistic statistic) {
-    const auto fill = [&](BAT *r) {
-        if constexpr (requires { statistic.population; }) {
-            if (statistic.population) {
-                // Here a nil is found by plain comparison, other than in the sums.
-                vask_fill_zero_or_nil<plainly_paired_rows>(r, inputs.values);
-                return;
-            }
-        }
-        vask_fill_nil(r, dbl_nil());
-    };
     return visit_rows_of<Statistic>(
         *inputs.values[0], *inputs.values[1], [&]<class Rows>(std::type_identity<Rows>) {
-            return grouped_statistic_body<pair_sums<typename Statistic::sums>, Rows>(
-                place, inputs, nparts, statistic, fill);
+            // Where every row is a group, a nil is found by plain comparison, other than in sums.
+            return grouped_statistic_body<pair_sums<typename Statistic::sums>, Rows,
+                                          plainly_paired_rows>(place, inputs, nparts, statistic);
         });
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "aggregates/grouped.h"
+#include "aggregates/result_types.h"
 #include "statistics/statistic.h"
 
 #include <algorithm>
@@ -11,42 +12,6 @@
 #include <cstdint>
 
 namespace vask {
-
-//! `*place` becomes a view of one double per group under the head of the extents: what `close`
-//! makes of the group's Aggregate::partial over the rows of the values, read as Rows: a dbl that
-//! can be the nil, or an optional one that is the nil where there is none. A map that stores
-//! nothing makes every row a group of its own; then nothing is summed, and `fill_row_groups(r)`
-//! stores what such groups have. 0 when the result cannot be made, else 1.
-template <class Aggregate, class Rows, std::size_t N, class Close, class FillRowGroups>
-int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
-                           Close close, FillRowGroups fill_row_groups) {
-    // Statistics of two columns bring their marks into the view.
-    BAT *r = make_grouped_result(TYPE_void, TYPE_dbl, inputs.extents,
-                                 N == 2 ? marked::before_view : marked::in_view);
-    if (r == nullptr)
-        return 0;
-    if (inputs.map->tail->type == TYPE_void)
-        fill_row_groups(r);
-    else if (inputs.extents->info->count != 0 &&
-             aggregate_groups<Aggregate, Rows>(
-                 inputs, nparts,
-                 [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group,
-                                                                        const auto &total) {
-                     const auto answer = close(total);
-                     bool is_nil = false;
-                     if constexpr (std::same_as<decltype(answer), const dbl>) {
-                         results[group] = answer;
-                         is_nil = answer == nil;
-                     } else {
-                         results[group] = answer.value_or(nil);
-                         is_nil = !answer;
-                     }
-                     return is_nil;
-                 }))
-        mark_nil(*r->tail);
-    *place = r;
-    return 1;
-}
 
 // ---- every row a group of its own -------------------------------------------------------------
 // Unlike those of the aggregates, these results keep saying that they hold no nil, whatever they
@@ -81,6 +46,46 @@ void vask_fill_zero_or_nil(BAT *r, const std::array<BAT *, N> &values) {
     for (BAT *b : values)
         BATaccess(b, 2, 0, -1);
     BATaccess(r, 2, 0, -1);
+}
+
+// ---- any groups -------------------------------------------------------------------------------
+
+//! `*place` becomes a view of one double per group under the head of the extents: what the
+//! statistic makes of the group's Aggregate::partial over the rows of the values, read as Rows: a
+//! dbl that can be the nil, or an optional one that is the nil where there is none. A map that
+//! stores nothing makes every row a group of its own; then nothing is summed, and each has what the
+//! statistic of one row is, by the nils of PlainRows. 0 when the result cannot be made, else 1.
+template <class Aggregate, class Rows, class PlainRows, std::size_t N, class Statistic>
+int grouped_statistic_body(BAT **place, const grouped_inputs<N> &inputs, std::uint64_t nparts,
+                           Statistic statistic) {
+    // Statistics of two columns bring their marks into the view.
+    BAT *r = make_grouped_result(TYPE_void, statistic_result<dbl>::code(TYPE_dbl), inputs.extents,
+                                 N == 2 ? marked::before_view : marked::in_view);
+    if (r == nullptr)
+        return 0;
+    if (inputs.map->tail->type == TYPE_void && statistic.is_zero_of_one_row())
+        vask_fill_zero_or_nil<PlainRows>(r, inputs.values);
+    else if (inputs.map->tail->type == TYPE_void)
+        vask_fill_nil(r, dbl_nil());
+    else if (inputs.extents->info->count != 0 &&
+             aggregate_groups<Aggregate, Rows>(
+                 inputs, nparts,
+                 [=, nil = dbl_nil(), results = rows_of<dbl>(*r->tail)](BUN group,
+                                                                        const auto &total) {
+                     const auto answer = statistic(total);
+                     bool is_nil = false;
+                     if constexpr (std::same_as<decltype(answer), const dbl>) {
+                         results[group] = answer;
+                         is_nil = answer == nil;
+                     } else {
+                         results[group] = answer.value_or(nil);
+                         is_nil = !answer;
+                     }
+                     return is_nil;
+                 }))
+        mark_nil(*r->tail);
+    *place = r;
+    return 1;
 }
 
 } // namespace vask

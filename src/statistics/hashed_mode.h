@@ -104,8 +104,7 @@ public:
                 ++counts[bucket_of(value)];
         });
         offsets_.turn_counts_into_offsets();
-        dealt_.reset(gdk_allocate<T>(values.size()));
-        advise_huge_pages(dealt_.get(), values.size() * sizeof(T));
+        dealt_ = large_block<T>(values.size());
         for_each_chunk([this](std::size_t i, std::span<const T> chunk) {
             BUN *next = offsets_.of(i);
             T *to = dealt_.get();

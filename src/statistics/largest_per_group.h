@@ -49,9 +49,8 @@ public:
         shared_mark failed;
         shared_mark met_filler;
         run_partitions(plan, [&, values, k, size](std::uint64_t i, vask_row_range range) {
-            kept_[i] = gdk_block<key>(gdk_allocate<key>(size));
+            kept_[i] = large_block<key>(size);
             key *kept = kept_[i].get();
-            advise_huge_pages(kept, size * sizeof(key));
             std::fill_n(kept, size, filler);
             const auto keep_block = [=, &met_filler](BUN row, BUN n, const BUN *groups) {
                 const T *block = values + row;

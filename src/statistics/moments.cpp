@@ -9,29 +9,10 @@
 
 namespace vask {
 
-std::optional<moment> moment_of(stat_kind kind) noexcept {
-    switch (kind) {
-        case stat_kind::skews:
-            return moment{3, false, false};
-        case stat_kind::skewp:
-            return moment{3, true, false};
-        case stat_kind::stdev:
-            return moment{2, false, false};
-        case stat_kind::stdevp:
-            return moment{2, true, false};
-        case stat_kind::variance:
-            return moment{2, false, true};
-        case stat_kind::variancep:
-            return moment{2, true, true};
-        default:
-            return std::nullopt;
-    }
-}
-
 // The order of the operations in both formulas is part of what they mean: it fixes the last bits.
 
-dbl variance_from_sums(const power_sums<2> &sums, bool population, bool variance) {
-    const auto [s1, s2, n] = sums;
+dbl spread_of_values::operator()(const power_sums<2> &total) const noexcept {
+    const auto [s1, s2, n] = total;
     const auto m = static_cast<dbl>(n);
     if ((population ? 0.0 : 1.0) >= m)
         return dbl_nil();
@@ -43,11 +24,11 @@ dbl variance_from_sums(const power_sums<2> &sums, bool population, bool variance
     return variance ? v : std::sqrt(v);
 }
 
-dbl vask_skew_from_sums(const power_sums<3> &sums, bool population) {
+dbl vask_skew_from_sums(const power_sums<3> &total, bool population) {
     // Below this the spread counts as rounding. Changing it changes which columns have a skewness.
     constexpr dbl smallest_spread = 1e-7;
 
-    const auto [s1, s2, s3, n] = sums;
+    const auto [s1, s2, s3, n] = total;
     const auto m = static_cast<dbl>(n);
     if ((population ? 1.0 : 2.0) >= m)
         return dbl_nil();
@@ -65,23 +46,6 @@ dbl vask_skew_from_sums(const power_sums<3> &sums, bool population) {
 
 namespace {
 
-template <class T>
-int vask_moments2_body(dbl *result, BAT *b, std::uint64_t nparts, bool population, bool variance) {
-    reduce_columns<moment_sums<2>, column_rows<T>>(
-        std::array{b}, nparts, [=](const power_sums<2> &total) {
-            *result = variance_from_sums(total, population, variance);
-        });
-    return 1;
-}
-
-template <class T>
-int vask_moments3_body(dbl *result, BAT *b, std::uint64_t nparts, bool population) {
-    reduce_columns<moment_sums<3>, column_rows<T>>(
-        std::array{b}, nparts,
-        [=](const power_sums<3> &total) { *result = vask_skew_from_sums(total, population); });
-    return 1;
-}
-
 char *vask_1_arg_statistical_func(dbl *result, const std::int32_t *bid, stat_kind kind) {
     return run_wrapper(
         "vask_1_arg_statistical_func", input_bats(bid), [=](const auto &inputs) -> const char * {
@@ -93,16 +57,16 @@ char *vask_1_arg_statistical_func(dbl *result, const std::int32_t *bid, stat_kin
                 return nullptr;
             }
             const std::uint64_t nparts = partition_count(b->info->count);
-            const std::optional<moment> m = moment_of(kind);
-            if (!m)
-                return failure::operation_failed;
-            const int done =
-                visit_storage_class(storage_of(*b->tail), 0, [&]<class T>(std::type_identity<T>) {
-                    return m->power == 2 ? vask_moments2_body<T>(result, b, nparts, m->population,
-                                                                 m->variance)
-                                         : vask_moments3_body<T>(result, b, nparts, m->population);
-                });
-            return done == 1 ? nullptr : failure::operation_failed;
+            return visit_moment(kind, failure::operation_failed, [&](auto moment) {
+                return visit_storage_class(
+                    storage_of(*b->tail), failure::operation_failed,
+                    [&]<class T>(std::type_identity<T>) {
+                        reduce_columns<typename decltype(moment)::aggregate, column_rows<T>>(
+                            std::array{b}, nparts,
+                            [=](const auto &total) { *result = moment(total); });
+                        return static_cast<const char *>(nullptr);
+                    });
+            });
         });
 }
 

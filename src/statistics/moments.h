@@ -7,7 +7,6 @@
 #include "kernel/frame.h"
 #include "statistics/statistic.h"
 
-#include <optional>
 #include <tuple>
 
 namespace vask {
@@ -90,24 +89,51 @@ struct moment_sums {
     }
 };
 
-//! How the six moments differ.
-struct moment {
-    int power; // of the highest sum; 2: deviation and variance, 3: skewness
-    bool population;
-    bool variance; // not its root
-};
-
-//! The moment of a kind; nothing for a kind that is none.
-std::optional<moment> moment_of(stat_kind kind) noexcept;
-
 //! Variance, (n·S2 − S1²) / (n·(n − 1)) for a sample and (n·S2 − S1²) / n² for a population, or its
 //! root. Nil with fewer values than the divisor needs. Where cancellation makes the numerator
 //! negative the result is 0, never NaN.
-dbl variance_from_sums(const power_sums<2> &sums, bool population, bool variance);
+struct spread_of_values {
+    using aggregate = moment_sums<2>;
+    bool population;
+    bool variance; // not its root
+
+    dbl operator()(const power_sums<2> &total) const noexcept;
+    //! One value has no spread: its variance is 0 as a population and none as a sample.
+    bool is_zero_of_one_row() const noexcept { return population; }
+};
 
 //! Skewness: m3 / m2^1.5 of the central moments for a population, that times √(n·(n − 1)) / (n − 2)
 //! for a sample. Nil with fewer values than that needs, and when the spread is too small for the
 //! quotient to mean anything: the test is on n³ times the variance, not scaled by the values.
-dbl vask_skew_from_sums(const power_sums<3> &sums, bool population);
+dbl vask_skew_from_sums(const power_sums<3> &total, bool population);
+
+struct skewness {
+    using aggregate = moment_sums<3>;
+    bool population;
+
+    dbl operator()(const power_sums<3> &total) const {
+        return vask_skew_from_sums(total, population);
+    }
+    //! One value has no skewness in either form.
+    static constexpr bool is_zero_of_one_row() noexcept { return false; }
+};
+
+//! Calls `f` with the moment of a kind and gives its result; `otherwise` for a kind that is none.
+template <class R, class F>
+R visit_moment(stat_kind kind, R otherwise, F f) {
+    switch (kind) {
+        case stat_kind::skews:
+        case stat_kind::skewp:
+            return f(skewness{kind == stat_kind::skewp});
+        case stat_kind::stdev:
+        case stat_kind::stdevp:
+            return f(spread_of_values{kind == stat_kind::stdevp, false});
+        case stat_kind::variance:
+        case stat_kind::variancep:
+            return f(spread_of_values{kind == stat_kind::variancep, true});
+        default:
+            return otherwise;
+    }
+}
 
 } // namespace vask

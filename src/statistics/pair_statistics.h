@@ -126,6 +126,8 @@ struct covariance {
     bool population;
 
     std::optional<dbl> operator()(const covariance_sums &total) const noexcept;
+    //! One pair has a covariance as a population, which is 0.
+    bool is_zero_of_one_row() const noexcept { return population; }
 };
 
 //! Pearson's correlation; nil without pairs and where the spread of a column is too small.
@@ -138,6 +140,7 @@ struct correlation {
     dbl operator()(const correlation_sums &total) const {
         return vask_correlation_from_sums(total);
     }
+    static constexpr bool is_zero_of_one_row() noexcept { return false; }
 };
 
 //! The least-squares line y = slope·x + intercept; nil without pairs and where the spread of x is
@@ -148,6 +151,7 @@ struct regression {
     bool slope; // not the intercept
 
     dbl operator()(const regression_sums &total) const noexcept;
+    static constexpr bool is_zero_of_one_row() noexcept { return false; }
 };
 
 //! Calls `f` with the statistic of two columns of a kind and gives its result; `otherwise` for a

@@ -99,41 +99,44 @@ char *vask_read_dbl_param(dbl *result, bte *type, const std::int32_t *bid) {
     return read_parameter(result, type, bid, TYPE_dbl);
 }
 
-bool quartile_param(bte *result, const std::int32_t *bid, char **exception) {
-    constexpr std::uint8_t last_quartile = 4;
+namespace {
+
+//! The value if it can be read and is accepted; else the refusal.
+template <class T, class Accept>
+bool accept_parameter(T *result, char *(*read)(T *, bte *, const std::int32_t *),
+                      const std::int32_t *bid, char **exception, const char *refusal,
+                      Accept accept) {
     bte type = 0;
-    // Unsigned, so that a negative number is too large.
-    if (vask_read_bte_param(result, &type, bid) == nullptr &&
-        static_cast<std::uint8_t>(*result) <= last_quartile)
+    if (read(result, &type, bid) == nullptr && accept(*result))
         return true;
-    *exception =
-        make_exception(order_statistics_place,
-                       "Quartile function: Invalid input parameter. Input parameter should be "
-                       "one of the following: 0, 1, 2, 3 or 4.");
+    *exception = make_exception(order_statistics_place, refusal);
     return false;
+}
+
+} // namespace
+
+bool quartile_param(bte *result, const std::int32_t *bid, char **exception) {
+    return accept_parameter(
+        result, vask_read_bte_param, bid, exception,
+        "Quartile function: Invalid input parameter. Input parameter should be one of the "
+        "following: 0, 1, 2, 3 or 4.",
+        [](bte quartile) { return quartile >= 0 && quartile <= 4; });
 }
 
 bool percentile_param(dbl *result, const std::int32_t *bid, char **exception) {
-    bte type = 0;
-    // A NaN passes: it is found out where the rank is computed.
-    if (vask_read_dbl_param(result, &type, bid) == nullptr && !(0.0 > *result) && !(*result > 1.0))
-        return true;
-    *exception =
-        make_exception(order_statistics_place,
-                       "Percentile function: Invalid input parameter. Input parameter should be "
-                       "between 0 and 1 (including).");
-    return false;
+    return accept_parameter(
+        result, vask_read_dbl_param, bid, exception,
+        "Percentile function: Invalid input parameter. Input parameter should be between 0 and 1 "
+        "(including).",
+        // A NaN passes: it is found out where the rank is computed.
+        [](dbl share) { return !(0.0 > share) && !(share > 1.0); });
 }
 
 bool largest_param(lng *result, const std::int32_t *bid, char **exception) {
-    bte type = 0;
-    if (vask_read_lng_param(result, &type, bid) == nullptr && *result > 0)
-        return true;
-    *exception =
-        make_exception(order_statistics_place,
-                       "Largest function: Invalid input parameter. Input parameter should be a "
-                       "positive integer.");
-    return false;
+    return accept_parameter(
+        result, vask_read_lng_param, bid, exception,
+        "Largest function: Invalid input parameter. Input parameter should be a positive integer.",
+        [](lng rank) { return rank > 0; });
 }
 
 } // namespace vask

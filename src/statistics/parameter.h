@@ -31,4 +31,12 @@ bool percentile_param(dbl *result, const std::int32_t *bid, char **exception);
 //! A rank from 1 on.
 bool largest_param(lng *result, const std::int32_t *bid, char **exception);
 
+//! Calls `f(value)` with a parameter that one of these accepts; else gives their exception.
+template <class T, class F>
+char *with_param(bool (*read)(T *, const std::int32_t *, char **), const std::int32_t *bid, F f) {
+    T value;
+    char *exception = nullptr;
+    return read(&value, bid, &exception) ? f(value) : exception;
+}
+
 } // namespace vask

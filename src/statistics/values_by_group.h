@@ -90,13 +90,6 @@ private:
               static_cast<unsigned>(std::bit_width((groups == 0 ? 0 : groups - 1) / most_buckets))),
           by_bucket_(nranges, groups == 0 ? 0 : ((groups - 1) >> shift_) + 1) {}
 
-    template <class T>
-    static gdk_block<T> large_block(std::size_t n) {
-        gdk_block<T> block(gdk_allocate<T>(n));
-        advise_huge_pages(block.get(), n * sizeof(T));
-        return block;
-    }
-
     BUN buckets() const noexcept { return static_cast<BUN>(by_bucket_.buckets()); }
 
     template <class S>

@@ -14,10 +14,6 @@ using refkernel::nil_of;
 using support::call_on_column;
 using texts = std::vector<std::optional<std::string_view>>;
 
-int wrd_type(int) {
-    return TYPE_wrd;
-}
-
 std::int64_t count_of(const refkernel::bat &column) {
     return call_on_column<std::int64_t>(vask_count, column);
 }
@@ -92,14 +88,14 @@ TEST(CountAsterisk, CountsEveryRow) {
 }
 
 TEST(GroupedCount, AgreesWithThePlainCountUnderBothNames) {
-    support::check_grouped<plain::count>(vask_grp_count, wrd_type, 0);
-    support::check_grouped<plain::count>(vask_grp_count_asterisk, wrd_type, 0);
+    support::check_grouped<plain::count>(vask_grp_count, 0);
+    support::check_grouped<plain::count>(vask_grp_count_asterisk, 0);
 }
 
 TEST(GroupedCount, OfRowsThatAreGroupsIsOneForAValue) {
     support::for_each_arithmetic_type([]<class T>(int type) {
-        support::check_row_groups<std::int64_t, T>(vask_grp_count, type, TYPE_wrd,
-                                                   [](T v) { return v != nil_of<T>() ? 1 : 0; });
+        support::check_row_groups<vask::count_result<T>, T>(
+            vask_grp_count, type, [](T v) { return v != nil_of<T>() ? 1 : 0; });
     });
 }
 

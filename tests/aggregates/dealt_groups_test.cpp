@@ -89,10 +89,8 @@ results<Aggregate> scan(const grouped_column &in, std::uint64_t nparts) {
     results<Aggregate> got(in.ids.size());
     const column_rows<double> rows(*in.values.record());
     const partition_plan plan(*in.values.record(), nparts);
-    const state_blocks<typename Aggregate::partial> blocks(nparts);
     got.any_nil = aggregate_in_place<Aggregate>(rows, plan, *in.map.record(), *in.extents.record(),
-                                                blocks, got.finish());
-    blocks.release();
+                                                got.finish());
     return got;
 }
 

@@ -61,13 +61,11 @@ void expect_groups(const refkernel::bat &result, const refkernel::bat &extents, 
     expect_grouped_shape(result, extents, type, any_nil);
 }
 
-//! Aggregate<T> is the reference for columns of T; `result_type` gives the type code of the result
-//! for that of the column; a group without a value has `empty` or, if that is missing, the nil.
-//! Of the shapes, every `turns`th from `turn` on is taken.
-template <template <class> class Aggregate, class ResultType>
-void check_grouped(grouped_function call, ResultType result_type,
-                   std::optional<std::int64_t> empty = std::nullopt, std::size_t turn = 0,
-                   std::size_t turns = 1) {
+//! Aggregate<T> is the reference for columns of T; a group without a value has `empty` or, if that
+//! is missing, the nil. Of the shapes, every `turns`th from `turn` on is taken.
+template <template <class> class Aggregate>
+void check_grouped(grouped_function call, std::optional<std::int64_t> empty = std::nullopt,
+                   std::size_t turn = 0, std::size_t turns = 1) {
     const std::vector<grouped_shape> shapes = grouped_shapes();
     for (std::size_t i = turn; i < shapes.size(); i += turns) {
         const grouped_shape &shape = shapes[i];
@@ -92,7 +90,7 @@ void check_grouped(grouped_function call, ResultType result_type,
                                             << nil_percent << "%, " << threads << " threads");
             const leak_guard leaks;
             const refkernel::bat answer = call_grouped(call, column, inputs.map, inputs.extents);
-            expect_groups<result>(answer, inputs.extents, result_type(type), rows,
+            expect_groups<result>(answer, inputs.extents, Aggregate<T>::types::code(type), rows,
                                   [&](const auto &group) -> std::optional<result> {
                                       const auto value =
                                           plain::result_of<Aggregate<T>>(group, values);
@@ -105,9 +103,11 @@ void check_grouped(grouped_function call, ResultType result_type,
 }
 
 //! A map in which every row is a group of its own: row i of the result is `expected(v)` for value i
-//! from position 0 on, whatever the first position of the values is.
-template <class Result, class T, class Expected>
-void check_row_groups(grouped_function call, int type, int result_type, Expected expected) {
+//! from position 0 on, whatever the first position of the values is; `Types` is the operator's line
+//! of the table of result types.
+template <class Types, class T, class Expected>
+void check_row_groups(grouped_function call, int type, Expected expected) {
+    using result = typename Types::type;
     std::mt19937 random(static_cast<std::uint32_t>(type));
     for (const BUN rows : {0U, 1U, 5U, 70'000U}) {
         for (const auto &[nil_percent, nil_first] :
@@ -123,8 +123,8 @@ void check_row_groups(grouped_function call, int type, int result_type, Expected
             const leak_guard leaks;
             const refkernel::bat answer = call_grouped(call, column, groups, groups);
             values.resize(rows);
-            expect_groups<Result>(answer, groups, result_type, values,
-                                  [&](T value) { return unless_nil<Result>(expected(value)); });
+            expect_groups<result>(answer, groups, Types::code(type), values,
+                                  [&](T value) { return unless_nil<result>(expected(value)); });
         }
     }
 }

@@ -106,4 +106,19 @@ TEST(GroupedFrame, WithoutGroupsTheResultIsEmptyAndNothingIsRead) {
     support::expect_grouped_shape(result, none, TYPE_lng, false);
 }
 
+// The table is what the generated cases go by, so it is held against the contract here.
+TEST(ResultTypes, AreThoseOfTheContract) {
+    for (const int type : {TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng}) {
+        EXPECT_EQ(vask::sum_result<lng>::code(type), TYPE_lng);
+        EXPECT_EQ(vask::extreme_result<lng>::code(type), type);
+    }
+    for (const int type : {TYPE_wrd, TYPE_flt, TYPE_dbl})
+        EXPECT_EQ(vask::sum_result<dbl>::code(type), type);
+    EXPECT_EQ(vask::extreme_result<lng>::code(refkernel::type_timestamp), TYPE_lng);
+    EXPECT_EQ(vask::count_result<flt>::code(TYPE_flt), TYPE_wrd);
+    EXPECT_EQ(vask::statistic_result<bte>::code(TYPE_bte), TYPE_dbl);
+    EXPECT_TRUE((std::is_same_v<vask::sum_result<bte>::type, lng>));
+    EXPECT_TRUE((std::is_same_v<vask::sum_result<flt>::type, flt>));
+}
+
 } // namespace

@@ -1,6 +1,9 @@
 // The aggregates as one would write them down: `of` the values of a partition in row order, which
-// gives a `partial` result, then the `total` of those of the partitions that had a value.
+// gives a `partial` result, then the `total` of those of the partitions that had a value. `types`
+// is the operator's line of the table of result types.
 #pragma once
+
+#include "aggregates/result_types.h"
 
 #include <cstdint>
 #include <numeric>
@@ -12,7 +15,8 @@ namespace plain {
 
 template <class T>
 struct sum {
-    using result = std::conditional_t<std::is_integral_v<T>, std::int64_t, T>;
+    using types = vask::sum_result<T>;
+    using result = typename types::type;
     using partial = result;
     template <class V>
     static result of(const std::vector<V> &values) {
@@ -31,7 +35,8 @@ struct sum {
 
 template <class T, bool largest>
 struct extreme {
-    using result = T;
+    using types = vask::extreme_result<T>;
+    using result = typename types::type;
     using partial = T;
     static T of(const std::vector<T> &values) {
         T best = values.front();
@@ -49,7 +54,8 @@ using max = extreme<T, true>;
 
 template <class T>
 struct count {
-    using result = std::int64_t;
+    using types = vask::count_result<T>;
+    using result = typename types::type;
     using partial = result;
     static result of(const std::vector<T> &values) { return static_cast<result>(values.size()); }
     static result total(const std::vector<result> &partitions) {

@@ -223,11 +223,11 @@ TEST(Group, KernelSeesTheStepsInOrder) {
     watch kernel;
     kernel.record(true);
     const grouping made(b.id());
-    EXPECT_EQ(calls_by_role(kernel, {{b.id(), "b"}, {made.map.id(), "grp"}, {made.ext.id(), "ext"}},
-                            memory_calls::left_out),
-              "BBPincref(b, 0) BATnew(0, 7, 2000) BATnew(7, 8, 4096) BATsetcount(grp, 2000) "
-              "ALIGNsetH(grp, b) BATsetaccess(grp, 1) BATkey(-ext, 0) BATkey(ext, 1) "
-              "BATsetaccess(ext, 1) BBPkeepref(grp) BBPkeepref(ext) BBPreleaseref(b)");
+    EXPECT_EQ(
+        calls_by_role(kernel, {{b.id(), "b"}, {made.map.id(), "grp"}, {made.ext.id(), "ext"}}),
+        "BBPincref(b, 0) BATnew(0, 7, 2000) BATnew(7, 8, 4096) BATsetcount(grp, 2000) "
+        "ALIGNsetH(grp, b) BATsetaccess(grp, 1) BATkey(-ext, 0) BATkey(ext, 1) "
+        "BATsetaccess(ext, 1) BBPkeepref(grp) BBPkeepref(ext) BBPreleaseref(b)");
 }
 
 TEST(Group, GoesOnWithWhatTheSealGives) {

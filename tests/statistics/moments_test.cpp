@@ -42,10 +42,9 @@ void check_moments(std::index_sequence<place...>) {
 
 template <std::size_t... place>
 void check_grouped_moments(std::index_sequence<place...>) {
-    const auto dbl_type = [](int) { return int{TYPE_dbl}; };
     // Shapes come by row counts and heads in turn: with 7 turns each moment meets all of both.
-    (check_grouped<moment_at<place>::template aggregate>(grouped_statistics[place], dbl_type,
-                                                         std::nullopt, place, 7),
+    (check_grouped<moment_at<place>::template aggregate>(grouped_statistics[place], std::nullopt,
+                                                         place, 7),
      ...);
 }
 

@@ -3,6 +3,8 @@
 // right, another one judges: a textbook's definition in more digits than the operators have.
 #pragma once
 
+#include "aggregates/result_types.h"
+
 #include "support/element_types.h"
 #include "vask/embed.h"
 
@@ -198,7 +200,8 @@ template <std::size_t place>
 struct moment_at {
     template <class T>
     struct aggregate {
-        using result = double;
+        using types = vask::statistic_result<T>;
+        using result = typename types::type;
         using partial = plain_sums;
         static partial of(const std::vector<T> &values) {
             partial sums;

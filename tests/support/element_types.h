@@ -1,10 +1,10 @@
 // From type codes to C++ types.
 #pragma once
 
+#include "kernel/element_types.h"
 #include "vask/kernel/bat.h"
 
 #include <cstdint>
-#include <initializer_list>
 
 namespace support {
 
@@ -27,11 +27,21 @@ auto with_element_of(int type, Body body) {
     }
 }
 
+//! Calls `f.operator()<T>(type)` for each arithmetic type code with the type of its elements.
+template <class F>
+void for_each_arithmetic_type(F f) {
+    [&]<class... Types>(vask::type_list<Types...>) {
+        (f.template operator()<typename Types::element>(Types::code), ...);
+    }(vask::arithmetic_types{});
+}
+
 //! Runs `body(T())` for the storage classes of numbers.
 template <class Body>
 void for_each_number_type(Body body) {
-    for (const int type : {TYPE_bte, TYPE_sht, TYPE_int, TYPE_lng, TYPE_flt, TYPE_dbl})
-        with_element_of(type, body);
+    for_each_arithmetic_type([&]<class T>(int type) {
+        if (type != TYPE_wrd) // stored as lng
+            body(T());
+    });
 }
 
 } // namespace support

@@ -10,34 +10,20 @@
 
 namespace support {
 
-enum class memory_calls { told, left_out };
-
-//! The recorded calls with their arguments. A BAT is called by its role, by "new" if it has none, a
-//! mirror with a minus before it. n equal calls of the memory in a row are one with "*n" behind it.
+//! The recorded calls with their arguments, but those for memory. A BAT is called by its role, by
+//! "new" if it has none, a mirror with a minus before it.
 inline std::string calls_by_role(const refkernel::instrumentation::watch &kernel,
-                                 const std::map<std::int32_t, std::string> &roles,
-                                 memory_calls memory = memory_calls::told) {
+                                 const std::map<std::int32_t, std::string> &roles) {
     std::string calls;
-    std::string last;
-    int times = 0;
     for (const auto &call : kernel.recorded()) {
         const std::string name = operation_name(call.op);
         std::string rest = call.text.substr(name.size() + 1);
-        const bool is_memory = name.starts_with("GDK");
-        if (is_memory && memory == memory_calls::left_out)
+        if (name.starts_with("GDK"))
             continue;
-        times = call.text == last && is_memory ? times + 1 : 1;
-        last = call.text;
-        if (times > 1) {
-            if (times > 2)
-                calls.erase(calls.rfind('*'));
-            calls.append("*").append(std::to_string(times));
-            continue;
-        }
         calls.append(calls.empty() ? "" : " ").append(name).append("(");
-        int bats = is_memory || name == "BATnew" || name.starts_with("VAL") ? 0
-                   : name == "VIEWcreate" || name.starts_with("ALIGN")      ? 2
-                                                                            : 1;
+        int bats = name == "BATnew" || name.starts_with("VAL")         ? 0
+                   : name == "VIEWcreate" || name.starts_with("ALIGN") ? 2
+                                                                       : 1;
         for (; bats > 0; --bats) {
             std::size_t end = 0;
             const std::int32_t id = std::stoi(rest, &end);

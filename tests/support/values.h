@@ -1,6 +1,7 @@
 // Values of every element type for generated cases, and how results are compared.
 #pragma once
 
+#include "support/element_types.h"
 #include "vask/embed.h"
 
 #include <cmath>
@@ -14,18 +15,6 @@
 #include <vector>
 
 namespace support {
-
-//! Calls `f.operator()<T>(type)` for each arithmetic type code with the type of its elements.
-template <class F>
-void for_each_arithmetic_type(F f) {
-    f.template operator()<std::int8_t>(TYPE_bte);
-    f.template operator()<std::int16_t>(TYPE_sht);
-    f.template operator()<std::int32_t>(TYPE_int);
-    f.template operator()<std::int64_t>(TYPE_wrd);
-    f.template operator()<std::int64_t>(TYPE_lng);
-    f.template operator()<float>(TYPE_flt);
-    f.template operator()<double>(TYPE_dbl);
-}
 
 //! What values a column holds besides nils: `near` ones, many of them equal, for floats of either
 //! zero; `far` ones over the whole range, on which additions wrap or round; `any` has NaN and the
