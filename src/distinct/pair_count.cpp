@@ -4,7 +4,7 @@
 #include "kernel/shared_mark.h"
 #include "rows/bucket_lists.h"
 #include "rows/column_keys.h"
-#include "rows/open_addressing.h"
+#include "rows/key_table.h"
 #include "rows/range_tasks.h"
 
 #include <algorithm>
@@ -20,22 +20,9 @@ namespace {
 template <class Kind>
 using vask_value_list = bucket_lists<typename Kind::key_type>;
 
-//! Keys as the table of a bucket tells them apart: by the low bits of their hashes, as the upper
-//! ones are those of the bucket.
+//! The different pairs of a bucket.
 template <class Kind>
-struct keys_of_bucket : Kind {
-    VASK_ALWAYS_INLINE std::uint32_t hash(const typename Kind::key_type &key) const noexcept {
-        const std::uint64_t hash = Kind::hash(key);
-        return static_cast<std::uint32_t>(hash ^ hash >> 32);
-    }
-    VASK_ALWAYS_INLINE bool equal(const typename Kind::key_type &a,
-                                  const typename Kind::key_type &b) const noexcept {
-        return Kind::same(a, b);
-    }
-};
-
-template <class Kind>
-using vask_distinct_set = open_addressing_table<keys_of_bucket<Kind>>;
+using vask_distinct_set = key_table<Kind>;
 
 //! The buckets of a call's pairs. Equal pairs are in one bucket, and the pairs of a group in all:
 //! what a bucket holds does not depend on how large the groups are, and all tasks count a large
@@ -43,10 +30,16 @@ using vask_distinct_set = open_addressing_table<keys_of_bucket<Kind>>;
 class bucket_plan {
 public:
     explicit bucket_plan(BUN rows)
-        : bits_(static_cast<unsigned>(std::countr_zero(
+        : rows_(rows),
+          bits_(static_cast<unsigned>(std::countr_zero(
               std::bit_ceil(std::clamp(rows / bucket_rows, BUN{1}, most_buckets))))) {}
 
+    //! Leading bits of the hashes that are the same in a bucket.
+    unsigned bits() const noexcept { return bits_; }
     std::size_t buckets() const noexcept { return std::size_t{1} << bits_; }
+
+    //! Rows of a bucket, about.
+    std::size_t bucket_size() const noexcept { return rows_ >> bits_; }
 
     VASK_ALWAYS_INLINE std::size_t bucket_of(std::uint64_t hash) const noexcept {
         return static_cast<std::size_t>(hash >> 1 >> (63 - bits_));
@@ -59,6 +52,7 @@ private:
     // Each task keeps a line of up to 192 bytes of each bucket in the cache.
     static constexpr BUN most_buckets = 1 << 14;
 
+    BUN rows_;
     unsigned bits_;
 };
 
@@ -109,17 +103,12 @@ bool deal_rows(const grouped_rows &inputs, const slot_table *table, vask_row_ran
 //! Adds the number of different values in a bucket to the counts of their groups.
 template <class Kind>
 void vask_count_list(const gdk_vector<vask_value_list<Kind>> &dealt, std::size_t bucket,
-                     vask_distinct_set<Kind> &set, std::uint32_t *counts) {
-    // A set with many more slots than pairs seldom looks at two. As the buckets' pairs are many or
-    // few alike, the last bucket tells how many that is; repeated pairs take none.
-    constexpr std::uint32_t slots_per_pair = 4;
-    constexpr std::uint32_t most_foreseen = std::uint32_t{1} << 20;
-    const std::uint32_t foreseen = std::min(set.size(), most_foreseen);
-    set.clear();
-    set.grow_to(slots_per_pair * foreseen);
+                     vask_distinct_set<Kind> &pairs, std::uint32_t *counts) {
+    pairs.clear();
     for (const vask_value_list<Kind> &list : dealt)
         list.for_each(bucket, [&](const typename Kind::key_type &key) {
-            counts[number_beside(key)] += set.insert(key).is_new;
+            const std::uint32_t known = pairs.size();
+            counts[number_beside(key)] += pairs.find_or_add(key) == known;
         });
 }
 
@@ -130,10 +119,11 @@ void count_dealt(const Kind &kind, const gdk_vector<vask_value_list<Kind>> &deal
     gdk_vector<gdk_block<std::uint32_t>> found(ntasks);
     run_numbered(ntasks, [&](std::size_t i) {
         found[i].reset(gdk_allocate_zeroed<std::uint32_t>(groups));
-        vask_distinct_set<Kind> set(keys_of_bucket<Kind>{kind});
+        // With many more slots than pairs a look seldom meets another.
+        vask_distinct_set<Kind> pairs(kind, plan.bits(), 2 * plan.bucket_size());
         for (std::size_t bucket = plan.buckets() * i / ntasks;
              bucket < plan.buckets() * (i + 1) / ntasks; ++bucket)
-            vask_count_list<Kind>(dealt, bucket, set, found[i].get());
+            vask_count_list<Kind>(dealt, bucket, pairs, found[i].get());
     });
     run_row_loop(groups, [=, &found](vask_row_range r) {
         for (const gdk_block<std::uint32_t> &part : found)

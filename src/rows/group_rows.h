@@ -7,6 +7,7 @@
 #include "rows/group_by_table.h"
 #include "rows/key_table.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 
@@ -35,11 +36,13 @@ using vask_group_table = key_table<Kind>;
 template <class Kind>
 group_resolver resolve_by_keys(const Kind &kind, const key_loader<typename Kind::key_type> &load,
                                std::size_t foreseen = 0) {
-    // Most groupings come without it.
+    // More grow it in time; most groupings come without a table.
+    constexpr std::size_t most_foreseen = std::size_t{1} << 14;
     std::shared_ptr<vask_group_table<Kind>> table;
     return [=](BUN row, std::uint32_t) mutable {
         if (table == nullptr)
-            table = std::make_shared<vask_group_table<Kind>>(kind, 0, foreseen);
+            table = std::make_shared<vask_group_table<Kind>>(kind, 0,
+                                                             std::min(foreseen, most_foreseen));
         typename Kind::key_type key;
         std::uint32_t note;
         // The row has a key: it has been loaded before.

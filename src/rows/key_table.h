@@ -27,16 +27,16 @@ public:
     using key_type = typename Kind::key_type;
 
     //! `used_bits`: leading bits of the hashes that are the same for all keys. `foreseen`: how many
-    //! keys there may be, for which there is room at once as far as the caches hold it.
+    //! keys there is room for at once.
     explicit key_table(Kind kind = {}, unsigned used_bits = 0, std::size_t foreseen = 0)
         : kind_(kind), used_bits_(used_bits) {
-        resize(std::bit_ceil(std::clamp(2 * foreseen, first_slots, cached_slots)));
+        resize(std::bit_ceil(std::max(2 * foreseen, first_slots)));
     }
 
     //! Keys that it holds, which is one more than the greatest code.
     std::uint32_t size() const noexcept { return size_; }
 
-    //! Forgets all keys, at once: slots of codes below the base are free.
+    //! Forgets all keys, at once, and keeps the memory: slots of codes below the base are free.
     void clear() {
         base_ += size_;
         size_ = 0;
@@ -46,13 +46,27 @@ public:
         }
     }
 
+    //! Of a key that is not there.
+    static constexpr std::uint32_t no_code = 0xffffffff;
+
+    //! The code of a key, or no_code.
+    VASK_ALWAYS_INLINE std::uint32_t find(const key_type &key) const noexcept {
+        const slot *at = slot_for(key, kind_.hash(key));
+        return at->code < base_ ? no_code : at->code - base_;
+    }
+
+    //! Asks for the memory in which a look for the key will begin.
+    VASK_ALWAYS_INLINE void prefetch(const key_type &key) const noexcept {
+        __builtin_prefetch(slots_.get() + slot_of(kind_.hash(key), used_bits_, shift_));
+    }
+
     //! The code of a key, which is the size there was if the key is new.
     VASK_ALWAYS_INLINE std::uint32_t find_or_add(const key_type &key) {
-        slot *at = find(key, kind_.hash(key));
+        slot *at = slot_for(key, kind_.hash(key));
         if (at->code < base_) {
             if (2 * (std::size_t{size_} + 1) > slot_count_) [[unlikely]] {
                 resize(growth * slot_count_);
-                at = find(key, kind_.hash(key));
+                at = slot_for(key, kind_.hash(key));
             }
             *at = {key, base_ + size_++};
         }
@@ -97,7 +111,7 @@ private:
     }
 
     //! The slot that holds the key, or the free one where it belongs.
-    VASK_ALWAYS_INLINE slot *find(const key_type &key, std::uint64_t hash) const noexcept {
+    VASK_ALWAYS_INLINE slot *slot_for(const key_type &key, std::uint64_t hash) const noexcept {
         slot *slots = slots_.get();
         std::size_t i = slot_of(hash, used_bits_, shift_);
         while (slots[i].code >= base_ && !kind_.same(slots[i].key, key))
@@ -148,7 +162,7 @@ private:
         shift_ = 64 - static_cast<unsigned>(std::bit_width(n - 1));
         for (std::size_t i = 0; i < old_count; ++i)
             if (old[i].code >= base_)
-                *find(old[i].key, kind_.hash(old[i].key)) = old[i];
+                *slot_for(old[i].key, kind_.hash(old[i].key)) = old[i];
     }
 
     Kind kind_;

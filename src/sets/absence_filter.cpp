@@ -13,7 +13,7 @@ bool absence_filter::pays(const oid_position_map &map, std::uint64_t left_count,
     std::uint64_t wasted = 0;
     for (std::uint64_t i = 0; i < samples; ++i) {
         const std::uint32_t value = right[right_count / samples * i];
-        if (map.find(value) == map.bucket_count())
+        if (map.find(value) == nullptr)
             wasted += map.detour(value);
     }
     // In steps of a walk: entering a value costs about one, asking for one a third.

@@ -3,6 +3,8 @@
 
 #include "sets/oid_position_map.h"
 
+#include <cstdlib>
+
 namespace vask {
 
 //! A bitmap with one bit per entered value, at a hash of it: a clear bit says "absent", a set one

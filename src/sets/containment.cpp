@@ -53,10 +53,7 @@ void enter_rows(oid_position_map &map, position_node *nodes, const std::uint32_t
     for (std::uint64_t i = 0; i < rows; ++i) {
         if (i + rows_ahead < rows)
             map.prefetch(left[i + rows_ahead]);
-        const auto [slot, is_new] = map.insert(left[i]);
-        position_bucket &bucket = map.value(slot);
-        if (is_new)
-            bucket = {nullptr, 0};
+        position_bucket &bucket = map.insert(left[i]);
         nodes[i] = {bucket.rows, i};
         bucket.rows = &nodes[i];
     }
@@ -71,19 +68,21 @@ constexpr std::size_t probe_block = 256;
 //! The lists of those of n values that the map holds and nobody has found before; their number.
 //! `seen` only ever turns to 1: two tasks that both find a value unseen walk its list twice and
 //! mark the same rows.
-std::size_t find_lists(oid_position_map &map, const std::uint32_t *values, std::size_t n,
+std::size_t find_lists(const oid_position_map &map, const std::uint32_t *values, std::size_t n,
                        const position_node **lists) noexcept {
+    constexpr std::size_t values_ahead = 16;
     std::size_t found = 0;
     for (std::size_t i = 0; i < n; ++i) {
-        const std::uint32_t slot = map.find(values[i]);
-        if (slot == map.bucket_count())
+        if (i + values_ahead < n)
+            map.prefetch(values[i + values_ahead]);
+        position_bucket *const bucket = map.find(values[i]);
+        if (bucket == nullptr)
             continue;
-        position_bucket &bucket = map.value(slot);
-        const std::atomic_ref<std::uint8_t> seen(bucket.seen);
+        const std::atomic_ref<std::uint8_t> seen(bucket->seen);
         if (seen.load(std::memory_order_relaxed) != 0)
             continue;
         seen.store(1, std::memory_order_relaxed);
-        lists[found++] = bucket.rows;
+        lists[found++] = bucket->rows;
     }
     return found;
 }
@@ -107,7 +106,7 @@ void mark_rows(const position_node **lists, std::size_t n, bit *contained) noexc
 }
 
 //! Marks the rows of every value that occurs in [values, end).
-void mark_contained(oid_position_map &map, const absence_filter &filter,
+void mark_contained(const oid_position_map &map, const absence_filter &filter,
                     const std::uint32_t *values, const std::uint32_t *end,
                     bit *contained) noexcept {
     std::uint32_t maybe_present[probe_block];
@@ -171,8 +170,7 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
         });
         return;
     }
-    oid_position_map map;
-    map.grow_to(static_cast<std::uint32_t>(left_count));
+    oid_position_map map(left_count);
     const auto nodes = allocate_nodes(left_count);
     if (left_count != 0)
         std::memset(contained, 0, left_count);

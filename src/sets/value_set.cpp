@@ -35,16 +35,16 @@ value_set::value_set(std::span<const std::uint32_t> values, std::uint64_t most_b
     }
     // Slots that are asked for this many values ahead are there in time.
     constexpr std::size_t values_ahead = 16;
-    table_.grow_to(static_cast<std::uint32_t>(std::min<std::size_t>(values.size(), 1U << 30)));
+    table_.emplace(bit_keys<std::uint32_t>(), 0, values.size());
     for (std::size_t i = 0; i < values.size(); ++i) {
         if (i + values_ahead < values.size())
-            table_.prefetch(values[i + values_ahead]);
-        table_.insert(values[i]);
+            table_->prefetch(values[i + values_ahead]);
+        table_->find_or_add(values[i]);
     }
 }
 
 void value_set::mark(const std::uint32_t *values, vask_row_range rows, bit *contained) const {
-    if (!words_.empty()) {
+    if (!table_) {
         with_best_instruction_set([ =, low = low_, span = span_,
                                     words = words_.data() ]() __attribute__((always_inline)) {
             for (BUN i = rows.begin; i < rows.end; ++i) {
@@ -60,8 +60,8 @@ void value_set::mark(const std::uint32_t *values, vask_row_range rows, bit *cont
     constexpr BUN values_ahead = 16;
     for (BUN i = rows.begin; i < rows.end; ++i) {
         if (rows.end - i > values_ahead)
-            table_.prefetch(values[i + values_ahead]);
-        contained[i] = static_cast<bit>(table_.find(values[i]) != table_.bucket_count());
+            table_->prefetch(values[i + values_ahead]);
+        contained[i] = static_cast<bit>(table_->find(values[i]) != table_->no_code);
     }
 }
 

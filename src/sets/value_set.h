@@ -2,11 +2,11 @@
 #pragma once
 
 #include "kernel/frame.h"
-#include "rows/open_addressing.h"
-#include "rows/table_keys.h"
+#include "rows/key_table.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -25,8 +25,8 @@ public:
 private:
     std::uint32_t low_ = 0;
     std::uint32_t span_ = 0;           // of the bitmap, less one
-    std::vector<std::uint32_t> words_; // empty: the values are in the table
-    open_addressing_table<spread_bit_pattern_keys<std::uint32_t>> table_;
+    std::vector<std::uint32_t> words_; // of the bitmap, if there is no table
+    std::optional<key_table<bit_keys<std::uint32_t>>> table_;
 };
 
 } // namespace vask

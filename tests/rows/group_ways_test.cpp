@@ -245,6 +245,7 @@ TEST(KeyTable, CodesAreInTheOrderOfFirstKeysAndForgottenAtOnce) {
             const std::uint64_t key = random() % 2000 * 0x100000001U;
             const auto at = std::find(known.begin(), known.end(), key);
             const auto code = static_cast<std::uint32_t>(at - known.begin());
+            ASSERT_EQ(table.find(key), at == known.end() ? table.no_code : code);
             if (at == known.end())
                 known.push_back(key);
             ASSERT_EQ(table.find_or_add(key), code);
