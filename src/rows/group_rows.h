@@ -28,21 +28,17 @@ struct grouping_keys {
     key_loader<typename Kind::key_type> load_for_buckets;
 };
 
-//! The table of all groups by value.
-template <class Kind>
-using vask_group_table = key_table<Kind>;
-
-//! Finds groups by keys that tell values apart for good. `foreseen`: how many groups there may be.
-template <class Kind>
+//! Finds groups in a Table of them, by keys that tell values apart for good. `foreseen`: how many
+//! groups there may be.
+template <template <class> class Table = key_table, class Kind>
 group_resolver resolve_by_keys(const Kind &kind, const key_loader<typename Kind::key_type> &load,
                                std::size_t foreseen = 0) {
     // More grow it in time; most groupings come without a table.
     constexpr std::size_t most_foreseen = std::size_t{1} << 14;
-    std::shared_ptr<vask_group_table<Kind>> table;
+    std::shared_ptr<Table<Kind>> table;
     return [=](BUN row, std::uint32_t) mutable {
         if (table == nullptr)
-            table = std::make_shared<vask_group_table<Kind>>(kind, 0,
-                                                             std::min(foreseen, most_foreseen));
+            table = std::make_shared<Table<Kind>>(kind, 0, std::min(foreseen, most_foreseen));
         typename Kind::key_type key;
         std::uint32_t note;
         // The row has a key: it has been loaded before.

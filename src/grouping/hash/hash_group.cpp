@@ -3,6 +3,7 @@
 #include "grouping/extents_room.h"
 #include "grouping/map_heads.h"
 #include "grouping/table/custom_mask.h"
+#include "grouping/table/group_table.h"
 #include "kernel/column.h"
 #include "kernel/element_types.h"
 #include "rows/column_keys.h"
@@ -28,7 +29,7 @@ struct hash_grouping {
 template <class Key, class Kind>
 int group(const hash_grouping &g, grouping_keys<Key, Kind> &keys, std::uint32_t mask) {
     extents_room room(g.ext);
-    keys.resolve = resolve_by_keys(keys.kind, keys.load_for_buckets, mask);
+    keys.resolve = resolve_by_keys<vask_group_table>(keys.kind, keys.load_for_buckets, mask);
     if (group_rows(g.rows, keys, sink_into(room)) != grouping_outcome::done || !room.finish())
         return 0;
     finish_in_row_order(g.b, g.grp, g.ext, g.rows.ranges);

@@ -4,6 +4,7 @@
 #include "grouping/extents_room.h"
 #include "grouping/map_heads.h"
 #include "grouping/pairs/derive_mask.h"
+#include "grouping/pairs/pair_table.h"
 #include "kernel/element_types.h"
 
 namespace vask {
@@ -31,7 +32,7 @@ int refine(const pair_refinement &r, grouping_keys<Key, bit_keys<Key>> &keys) {
         outcome = group_by_index(r.rows, keys.index, {}, sink_into(room));
     if (outcome == grouping_outcome::row_without_key) {
         keys.index = {};
-        keys.resolve = resolve_by_keys(keys.kind, keys.load, r.mask);
+        keys.resolve = resolve_by_keys<vask_pair_table>(keys.kind, keys.load, r.mask);
         outcome = group_rows(r.rows, keys, sink_into(room));
     }
     if (outcome != grouping_outcome::done || !room.finish())
