@@ -264,11 +264,22 @@ private:
     std::size_t named() {
         const std::string name = tokens_.next().text;
         const std::size_t at = place();
+        // Behind something else, a word is often meant as a text.
+        const bool may_be_text = at > 0 && tokens_.next().of == token::kind::word;
+        const auto complain = [&](std::string what) {
+            point_at({std::move(what), made_.sources.front().text}, at, "it stands");
+        };
         meaning found;
         try {
             found = find_(name);
+        } catch (const unknown_column &error) {
+            const std::string what = error.what();
+            // What is nearly a name is rather misspelt.
+            complain(may_be_text && !what.ends_with('?')
+                         ? fmt::format("{} (a text stands in quotes: '{}')", what, name)
+                         : what);
         } catch (const user_error &error) {
-            point_at({std::string(error.what()), made_.sources.front().text}, at, "it stands");
+            complain(error.what());
         }
         tokens_.advance();
         if (const auto *const column = std::get_if<std::size_t>(&found))
@@ -369,7 +380,10 @@ void require_end(const lexer &tokens, const expression &read) {
         return;
     const operation last = read.nodes[read.root].what;
     const bool is_condition = last >= operation::both && last <= operation::missing;
-    tokens.complain(is_condition
+    tokens.complain(is_condition && tokens.is_sign(",")
+                        ? "expected 'and', 'or' or the end; decimals have a point, as in 40.5: the "
+                          "comma stands"
+                    : is_condition
                         ? "expected 'and', 'or' or the end"
                         : "expected a comparison, such as = or <, or in, between, contains, starts "
                           "with, ends with, like or is missing, or an operator, such as + or *,");

@@ -140,12 +140,16 @@ std::vector<aggregate_call> parse_aggregates(std::string_view text) {
     scan_list(scan, [&] {
         aggregate_call call;
         const std::size_t begin = scan.place();
-        call.function = lower(scan.take_argument(",()").text);
+        const std::string written = scan.take_argument(",()").text;
+        call.function = lower(written);
         // Behind a colon, commas stand between numbers of percent.
         while (call.function.find(':') != call.function.npos && scan.take(','))
             call.function += "," + scan.take_argument(",()").text;
-        scan.expect('(',
-                    fmt::format("after '{}', as in {}(column),", call.function, call.function));
+        // As in "sum x".
+        const std::size_t blank = std::min(written.find(' '), written.size());
+        const std::string column = blank == written.size() ? "column" : written.substr(blank + 1);
+        scan.expect('(', fmt::format("after '{0}', as in {0}({1}),", call.function.substr(0, blank),
+                                     column));
         do
             call.arguments.push_back(scan.take_argument(",()"));
         while (scan.take(','));

@@ -135,8 +135,9 @@ std::size_t find_column(const csv_header &header, const source_text &source,
         return *number - 1;
     }
     if (numbers.empty())
-        fail("{}:{}: {}: there is no column '{}'; {}", source.name(), header.line, asked_by, name,
-             suggestion(header.names, name));
+        throw unknown_column(fmt::format("{}:{}: {}: there is no column '{}'; {}", source.name(),
+                                         header.line, asked_by, name,
+                                         suggestion(header.names, name)));
     if (numbers.size() > 1)
         fail("{}:{}: {}: the columns {} are all called '{}'; {}", source.name(), header.line,
              asked_by, fmt::join(numbers, ", "), name,

@@ -20,4 +20,10 @@ template <class... Args>
     throw user_error(fmt::format(format, std::forward<Args>(args)...));
 }
 
+//! A name that no column has.
+class unknown_column : public user_error {
+public:
+    using user_error::user_error;
+};
+
 } // namespace vask::runner

@@ -58,8 +58,15 @@ TEST(NameList, WordsOfAnyKind) {
 
 TEST(NameList, MistakesAreTold) {
     for (const char *bad : {"", "sum", "sum(", "sum()", "sum(a", "sum(a)b", "sum(a),", ",sum(a)",
-                            "(a)", "sum(a,)", "sum(\"a)", "sum(\"a\"b)"})
+                            "(a)", "sum(a,)", "sum Net x", "sum(\"a)", "sum(\"a\"b)"})
         EXPECT_THROW(parse_aggregates(bad), user_error) << bad;
+    try {
+        parse_aggregates("sum Net x");
+    } catch (const user_error &error) {
+        EXPECT_NE(std::string(error.what()).find("after 'sum', as in sum(Net x)"),
+                  std::string::npos)
+            << error.what();
+    }
     for (const char *bad : {"", "a,", ",a", "\"a", "\"a\"b"})
         EXPECT_THROW(parse_names(bad, "--names"), user_error) << bad;
     for (const char *bad : {"", "a", "a:int,b", "\"a\"int"})
