@@ -133,4 +133,32 @@ TEST(Command, CompressedFiles) {
     }
 }
 
+// Pages of a mapped file that were read are given back, when records are counted and when they are
+// read: two threads hold few pieces of 4 MB each.
+TEST(Command, LargeFilesDoNotStayInMemory) {
+    const std::string record = "7," + std::string(1000, 'x') + "\n";
+    const auto greatest_memory = [&record](std::size_t records) {
+        std::string text = "k,t\n";
+        for (std::size_t i = 0; i < records; ++i)
+            text += record;
+        const temporary_file file(text);
+        // The memory of a process counts from what it was before it became the command, so that is
+        // a small one.
+        const outcome measured = run(
+            "python3", {"-c",
+                        "import resource, subprocess, sys\n"
+                        "made = subprocess.run(sys.argv[1:], stdout=subprocess.PIPE, text=True)\n"
+                        "used = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss\n"
+                        "print(made.stdout.strip(), used)\n",
+                        VASK_COMMAND, file.path(), "-a", "sum(k)", "-f", "csv", "--no-header",
+                        "--threads", "2"});
+        const std::size_t blank = measured.out.find(' ');
+        EXPECT_EQ(measured.out.substr(0, blank), std::to_string(7 * records)) << measured.err;
+        return std::stol(measured.out.substr(blank)) / 1024;
+    };
+    const long few = greatest_memory(8'000);
+    const long many = greatest_memory(64'000);
+    EXPECT_LT(many, few + 40) << "MB, of 64 MB";
+}
+
 } // namespace
