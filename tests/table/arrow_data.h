@@ -591,9 +591,16 @@ inline table_data read_stream(ArrowArrayStream &stream) {
         made.columns.push_back(read_array(*schema.children[i], *array.children[i]));
     }
     array.release(&array);
+    EXPECT_EQ(array.release, nullptr) << "a batch that was released looks unreleased";
     EXPECT_EQ(stream.get_next(&stream, &array), 0);
     EXPECT_EQ(array.release, nullptr) << "one batch";
+    // A child that was released before, as by who took it, is not released again.
+    if (schema.n_children > 0) {
+        schema.children[0]->release(schema.children[0]);
+        EXPECT_EQ(schema.children[0]->release, nullptr);
+    }
     schema.release(&schema);
+    EXPECT_EQ(schema.release, nullptr) << "a schema that was released looks unreleased";
     stream.release(&stream);
     EXPECT_EQ(stream.release, nullptr);
     return made;

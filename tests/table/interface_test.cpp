@@ -272,6 +272,26 @@ TEST(Interface, BadRequestsAreRefusedWithATextAndStoreNothing) {
     EXPECT_EQ(vask_merge(nullptr, 0, &good.record, 1, &result, &error), VASK_BAD_REQUEST);
     EXPECT_NE(std::string(error).find("no states"), std::string::npos) << error;
     vask_free_text(error);
+    std::int32_t code = -7;
+    std::int64_t groups = -7;
+    const char *const v = "v";
+    const char *const unknown = "w";
+    const auto refused_codes = [&](const char *const *by, std::size_t n_by, unsigned flags,
+                                   std::int32_t *codes, std::int64_t *count, const char *says) {
+        char *text = nullptr;
+        const outcome told =
+            take(vask_group_codes(table.get(), by, n_by, flags, codes, count, &text), text);
+        EXPECT_EQ(told.code, VASK_BAD_REQUEST) << says;
+        EXPECT_NE(told.text.find(says), std::string::npos) << told.text;
+    };
+    refused_codes(&v, 0, 0, &code, &groups, "at least one key");
+    refused_codes(nullptr, 1, 0, &code, &groups, "by");
+    refused_codes(&unknown, 1, 0, &code, &groups, "'w'");
+    refused_codes(&v, 1, 1U << 20, &code, &groups, "0x100000");
+    refused_codes(&v, 1, 0, nullptr, &groups, "codes");
+    refused_codes(&v, 1, 0, &code, nullptr, "groups");
+    EXPECT_EQ(code, -7);
+    EXPECT_EQ(groups, -7);
     EXPECT_EQ(vask_result_stream(nullptr, nullptr, nullptr), VASK_BAD_REQUEST);
     EXPECT_EQ(vask_table_rows(nullptr), -1);
     EXPECT_EQ(result, nullptr);
