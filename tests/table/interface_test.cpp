@@ -61,6 +61,19 @@ TEST(Interface, ValuesThatAreTheKernelsNilsStayValues) {
     EXPECT_EQ(integer[1].whole, least);
     EXPECT_EQ(integer[2].whole, 2);
     EXPECT_EQ(integer[3].real, -0x1p62);
+
+    // Also where a group with a null is null, and the values of others are those of certain rows.
+    ledger counted;
+    const table_pointer table = import_table(
+        counted, {{{"k", "i", wholes({1, 1, 2, 2})},
+                   {"v", "l", {cell::of(least), cell::of(least), cell::of(5), cell::null()}}}});
+    const table_data grouped = run(
+        table.get(), {{"k"}, {of("first"), of("last"), of("min"), of("mode")}, VASK_KEEP_NULLS, 0});
+    for (std::size_t i = 1; i <= 4; ++i) {
+        EXPECT_FALSE(grouped.columns[i].values[0].is_null()) << grouped.columns[i].name;
+        EXPECT_EQ(grouped.columns[i].values[0].whole, least) << grouped.columns[i].name;
+        EXPECT_TRUE(grouped.columns[i].values[1].is_null()) << grouped.columns[i].name;
+    }
 }
 
 // A NaN that counts as null is in the group of the nulls, whatever else the key's column holds.
