@@ -287,22 +287,23 @@ TEST(Interface, BadRequestsAreRefusedWithATextAndStoreNothing) {
     vask_free_text(error);
     std::int32_t code = -7;
     std::int64_t groups = -7;
-    const char *const v = "v";
-    const char *const unknown = "w";
-    const auto refused_codes = [&](const char *const *by, std::size_t n_by, unsigned flags,
-                                   std::int32_t *codes, std::int64_t *count, const char *says) {
+    const auto refused_codes = [&](const vask_query &of, std::int32_t *codes, std::int64_t *count,
+                                   const char *says) {
         char *text = nullptr;
-        const outcome told =
-            take(vask_group_codes(table.get(), by, n_by, flags, codes, count, &text), text);
+        const outcome told = take(vask_group_codes(table.get(), &of, codes, count, &text), text);
         EXPECT_EQ(told.code, VASK_BAD_REQUEST) << says;
         EXPECT_NE(told.text.find(says), std::string::npos) << told.text;
     };
-    refused_codes(&v, 0, 0, &code, &groups, "at least one key");
-    refused_codes(nullptr, 1, 0, &code, &groups, "by");
-    refused_codes(&unknown, 1, 0, &code, &groups, "'w'");
-    refused_codes(&v, 1, 1U << 20, &code, &groups, "0x100000");
-    refused_codes(&v, 1, 0, nullptr, &groups, "codes");
-    refused_codes(&v, 1, 0, &code, nullptr, "groups");
+    vask_query without_keys = good.record;
+    without_keys.by = nullptr;
+    refused_codes(without_keys, &code, &groups, "by");
+    without_keys.n_by = 0;
+    refused_codes(without_keys, &code, &groups, "at least one key");
+    refused_codes(query_record({{"w"}, {}, 0, 0}).record, &code, &groups, "'w'");
+    refused_codes(query_record({{"v"}, {}, 1U << 20, 0}).record, &code, &groups, "0x100000");
+    refused_codes(good.record, nullptr, &groups, "codes");
+    refused_codes(good.record, &code, nullptr, "groups");
+    EXPECT_EQ(vask_group_codes(table.get(), nullptr, &code, &groups, nullptr), VASK_BAD_REQUEST);
     EXPECT_EQ(code, -7);
     EXPECT_EQ(groups, -7);
     EXPECT_EQ(vask_result_stream(nullptr, nullptr, nullptr), VASK_BAD_REQUEST);
