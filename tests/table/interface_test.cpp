@@ -206,6 +206,9 @@ TEST(Interface, IsInComparesByValue) {
     EXPECT_EQ(
         contained({"v", "l", wholes({least, least + 1, 3})}, {"v", "L", wholes({far, far + 1, 3})}),
         "001");
+    // A column with the least number has other negative ones too.
+    EXPECT_EQ(contained({"v", "l", wholes({least, -5, 3})}, {"v", "l", wholes({-5, 3})}), "011");
+    EXPECT_EQ(contained({"v", "l", wholes({-5, 4})}, {"v", "l", wholes({least, -5, 3})}), "10");
     EXPECT_EQ(contained({"v", "g", reals({nan, -0.0, 0.5, 1, lowest, 0x1p63})},
                         {"v", "g", reals({-nan, 0.0, lowest})}),
               "110010");
