@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -110,10 +111,14 @@ int throw_fatal(const char *) {
     throw std::bad_alloc();
 }
 
+// Between two questions of a long call.
+constexpr std::chrono::milliseconds patience{50};
+
 struct setting_state {
     std::mutex lock;
-    std::condition_variable free;
+    std::condition_variable changed;
     int calls = 0;
+    std::deque<const partition_setting *> waiting;
 };
 
 setting_state &state() {
@@ -136,7 +141,7 @@ const operator_set &linked_operators() {
     return operators;
 }
 
-partition_setting::partition_setting(int partitions) {
+partition_setting::partition_setting(int partitions, const std::function<void()> &meanwhile) {
     [[maybe_unused]] static const bool prepared = [] {
         refkernel::set_fatal_handler(throw_fatal);
         refkernel::memory::throw_when_out_of_memory();
@@ -147,7 +152,29 @@ partition_setting::partition_setting(int partitions) {
         fail(VASK_BAD_REQUEST,
              "a callback asks for {} partitions within a call with {}; give both the same number",
              partitions, GDKnr_threads);
-    state().free.wait(lock, [&] { return state().calls == 0 || GDKnr_threads == partitions; });
+    if (calls_of_this_thread == 0) {
+        state().waiting.push_back(this);
+        const auto leave = [&] {
+            std::erase(state().waiting, this);
+            state().changed.notify_all();
+        };
+        const auto is_next = [&] {
+            return state().waiting.front() == this &&
+                   (state().calls == 0 || GDKnr_threads == partitions);
+        };
+        while (!state().changed.wait_for(lock, patience, is_next)) {
+            lock.unlock();
+            try {
+                meanwhile();
+            } catch (...) {
+                lock.lock();
+                leave();
+                throw;
+            }
+            lock.lock();
+        }
+        leave();
+    }
     GDKnr_threads = partitions;
     ++state().calls;
     ++calls_of_this_thread;
@@ -157,15 +184,13 @@ partition_setting::~partition_setting() {
     const std::scoped_lock lock(state().lock);
     --calls_of_this_thread;
     if (--state().calls == 0)
-        state().free.notify_all();
+        state().changed.notify_all();
 }
 
 namespace {
 
 // Below so many rows each step is over before anybody would miss an answer.
 constexpr std::int64_t rows_of_a_long_call = std::int64_t{1} << 18;
-// Between two questions of a long call.
-constexpr std::chrono::milliseconds patience{50};
 
 [[noreturn]] void fail_as_cancelled() {
     fail(VASK_CANCELLED, "the call was cancelled");
@@ -290,8 +315,8 @@ private:
 
 void run_call(const vask_query &asked, std::int64_t rows,
               const std::function<void(const query_context &)> &work) {
-    const partition_setting setting(asked.partitions);
     const caller to(asked);
+    const partition_setting setting(asked.partitions, [&] { to.progress(0); });
     if (asked.progress != nullptr && rows >= rows_of_a_long_call) {
         watched_work watched(work);
         bool started = true;

@@ -14,12 +14,14 @@ const operator_set &linked_operators();
 
 /*
  * The number of partitions is one setting for the whole kernel. Calls that want the same number
- * overlap; others wait until those are done. A call from a callback of another one with another
- * number is refused, as it would wait for itself.
+ * overlap; others wait until those are done, in the order in which they came. A call from a
+ * callback of another one waits for nobody; with another number it is refused, as it would wait for
+ * itself.
  */
 class partition_setting {
 public:
-    explicit partition_setting(int partitions);
+    //! `meanwhile` is called now and then while the call waits, and may throw.
+    partition_setting(int partitions, const std::function<void()> &meanwhile);
     ~partition_setting();
     partition_setting(const partition_setting &) = delete;
     partition_setting &operator=(const partition_setting &) = delete;

@@ -268,9 +268,9 @@ VASK_TABLE_EXPORT int vask_merge(const vask_table *const *states, size_t n_state
                                  char **error);
 
 /*
- * The group of each row under the query's keys, numbered from 0 in the order of
- * first rows: `codes` has room for the table's rows. A row that
- * VASK_DROP_NULL_KEYS leaves out gets -1. The query's aggregates do not count. What
+ * The group of each row under the query's keys: its row in the query's result,
+ * from 0. `codes` has room for the table's rows. A row that VASK_DROP_NULL_KEYS
+ * leaves out gets -1. The query's aggregates do not count. What
  * `codes` holds after a failure is not said.
  */
 VASK_TABLE_EXPORT int vask_group_codes(const vask_table *table, const vask_query *query,

@@ -172,6 +172,89 @@ def test_ctrl_c_stops_a_long_call():
     assert max(waits) < 0.5, waits
 
 
+WIDE = """
+    import os, signal, threading, time
+    import numpy as np
+    import vask
+
+    rng = np.random.default_rng(7)
+    data = {f"v{i}": rng.random(200_000) for i in range(200)} | {"k": np.arange(200_000) % 1000}
+    vask.aggregate({"a": [1]}, s=("a", "sum"))
+
+    def stop():
+        global stopped
+        stopped = time.monotonic()
+        os.kill(os.getpid(), signal.SIGINT)
+
+    # A call of few rows and many columns.
+    threading.Timer(0.5, stop).start()
+    try:
+        while True:
+            vask.group_by(data, "k").median()
+    except KeyboardInterrupt:
+        print(time.monotonic() - stopped)
+
+    # A call that waits for those of another number of partitions, which go on all the time.
+    over = threading.Event()
+
+    def go_on():
+        while not over.is_set():
+            vask.aggregate(data, "k", m=("v1", "median"))
+
+    others = [threading.Thread(target=go_on) for _ in range(3)]
+    for each in others:
+        each.start()
+    threading.Timer(1.0, stop).start()
+    asked = 0
+    try:
+        while True:
+            vask.aggregate(data, "k", partitions=3, m=("v2", "median"), progress=lambda done: None)
+            asked += 1
+    except KeyboardInterrupt:
+        print(time.monotonic() - stopped)
+    over.set()
+    print(0 if asked else 1)  # each comes to its turn
+    for each in others:
+        each.join()
+"""
+
+
+def test_ctrl_c_stops_a_wide_call_and_one_that_waits():
+    done = subprocess.run(
+        [sys.executable, "-c", textwrap.dedent(WIDE)],
+        capture_output=True,
+        text=True,
+        timeout=300,
+        check=True,
+    )
+    waits = [float(line) for line in done.stdout.split()]
+    assert len(waits) == 3
+    assert max(waits) < 0.5, waits
+
+
+LEFT = """
+    import threading, time
+    import numpy as np
+    import vask
+
+    data = {name: np.random.default_rng(7).integers(0, 10**6, 3_000_000) for name in "abc"}
+
+    def work():
+        while True:
+            vask.aggregate(data, ["a", "b"], m=("c", "median"), progress=lambda done: None)
+
+    threading.Thread(target=work, daemon=True).start()
+    time.sleep(0.7)
+"""
+
+
+def test_the_interpreter_may_end_during_a_call():
+    done = subprocess.run(
+        [sys.executable, "-c", textwrap.dedent(LEFT)], capture_output=True, text=True, timeout=300
+    )
+    assert done.returncode == 0, done.stderr
+
+
 def test_a_function_that_fails_stops_the_call(data):
     told = []
 

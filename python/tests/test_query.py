@@ -146,6 +146,9 @@ def test_groups():
     assert g.codes.tolist() == [0, 1, 0, 2, 1, 0]
     assert g.codes.dtype == np.int32
     assert g.first_rows.tolist() == [0, 1, 3]
+    down = vask.group_by({"k": ["b", "a", "b"]}, "k", sort=True)
+    assert down.codes.tolist() == [1, 0, 1]
+    assert down.first_rows.tolist() == [1, 0]
     assert g.median("v").to_pydict() == {"k": ["x", "y", None], "v": [3.0, 3.5, 4.0]}
     assert g.sum().columns == ["k", "j", "v", "w"]
     assert g.sum(["v", "w"]).to_pydict()["w"] == [3.5, 1.0, 1.0]

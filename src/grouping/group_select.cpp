@@ -37,14 +37,15 @@ vask_group_strategy path_of_sample(const BAT &b, bool many_groups) {
     return VASK_GROUP_SORT;
 }
 
-//! Counts the groups of a sample; false when that fails. The exception string of a failed GRPgroup
-//! is dropped as it is: the caller reports a failure of its own.
+//! Counts the groups of a sample; false when that fails. The caller reports a failure of its own.
 bool count_groups(BAT *sample, BUN &groups) {
     std::int32_t histogram_id = int_nil;
     std::int32_t map_id = int_nil;
     // A BAT's number is its record's first field, so its address is that of a number variable.
-    if (GRPgroup(&histogram_id, &map_id, &sample->bat_id) != nullptr)
+    if (char *const failed = GRPgroup(&histogram_id, &map_id, &sample->bat_id)) {
+        GDKfree(failed);
         return false;
+    }
     BAT *histogram = vask_descriptor(histogram_id);
     if (histogram == nullptr)
         return false;

@@ -356,8 +356,8 @@ class GroupBy:
 
     @property
     def codes(self) -> numpy.ndarray[Any, Any]:
-        """The group of each row as int32, numbered from 0 in the order of first rows, whatever
-        ``sort`` says; -1 for rows that ``dropna`` leaves out. Needs NumPy."""
+        """The group of each row as int32: its row in the results, from 0; -1 for rows that
+        ``dropna`` leaves out. Needs NumPy."""
         import numpy
 
         table = self._source.table(self._by)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import _thread
+import atexit
 import os
 import threading
 import weakref
@@ -13,8 +14,9 @@ from ._progress import Progress, show_progress
 
 __all__ = ["call", "run_query"]
 
-#: Below this many rows a call is over long before a key is let go of.
-_ROWS_OF_A_LONG_CALL = 1 << 18
+#: Below this many values, rows times keys and aggregates, a call is over long before a key is let
+#: go of.
+_VALUES_OF_A_LONG_CALL = 1 << 18
 #: Seconds between two looks at how far a call is.
 _TICK = 0.1
 
@@ -88,18 +90,21 @@ class _Job:
         self._cancelled = False
 
     def start(self) -> None:
+        _under_way.add(self)
         # Not by threading.Thread, whose books a signal's exception leaves half written.
         _thread.start_new_thread(self._run, ())
 
     def _run(self) -> None:
         with self._turn:
             if self._cancelled:
+                _under_way.discard(self)
                 return
             self._running = True
         try:
             self._work()
         except BaseException as failure:  # raised again where the call was made
             self.failure = failure
+        _under_way.discard(self)
         self.finished.set()
 
     def tell(self, _context: Optional[int], done: float) -> int:
@@ -115,9 +120,24 @@ class _Job:
                     self._cancelled = True
                 if self._running:
                     self.finished.wait()
+                _under_way.discard(self)
                 return
             except BaseException:
                 continue
+
+
+#: Calls that are under way.
+_under_way: set[_Job] = set()
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_under_way.clear)  # the child has none of the threads
+
+
+@atexit.register
+def _stop_all() -> None:
+    """Threads that nobody waits for may be in a call, which asks for the interpreter's lock and
+    must not find the interpreter gone."""
+    for job in list(_under_way):
+        job.stop()
 
 
 def run_query(
@@ -135,7 +155,8 @@ def run_query(
     was over before it could be cancelled.
     """
     on_main = threading.current_thread() is threading.main_thread()
-    if not progress and (not on_main or rows < _ROWS_OF_A_LONG_CALL):
+    values = rows * max(1, query.n_by + query.n_aggregates)
+    if not progress and (not on_main or values < _VALUES_OF_A_LONG_CALL):
         call(function)
         return
 

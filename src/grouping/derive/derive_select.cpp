@@ -38,9 +38,10 @@ vask_derive_strategy vask_derive_select(BAT *b, const BAT *map, const BAT *histo
         return VASK_DERIVE_FAILED;
     std::int32_t histogram_id = int_nil;
     std::int32_t map_id = int_nil;
-    // A call that fails leaves int_nil, which cannot be fetched; its text is dropped. A BAT's
-    // number is its record's first field, so its address is that of a number variable.
-    static_cast<void>(GRPgroup(&histogram_id, &map_id, &sample->bat_id));
+    // A call that fails leaves int_nil, which cannot be fetched. A BAT's number is its record's
+    // first field, so its address is that of a number variable.
+    if (char *const failed = GRPgroup(&histogram_id, &map_id, &sample->bat_id))
+        GDKfree(failed);
     const BAT *histogram = vask_descriptor(histogram_id);
     if (histogram == nullptr) {
         BBPreclaim(sample);

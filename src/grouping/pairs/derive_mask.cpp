@@ -47,7 +47,7 @@ std::uint32_t vask_derive_mask(BAT *map, BAT *histo, BAT *b) {
     std::int32_t histogram_id = int_nil;
     std::int32_t map_id = int_nil;
     // A BAT's number is its record's first field, so its address is that of a number variable.
-    const char *failed =
+    char *const failed =
         GRPderive(&histogram_id, &map_id, &histo->bat_id, &map->bat_id, &sample->bat_id);
     BAT *histogram = failed == nullptr ? vask_descriptor(histogram_id) : nullptr;
     const BAT *refined = histogram != nullptr ? vask_descriptor(map_id) : nullptr;
@@ -58,6 +58,8 @@ std::uint32_t vask_derive_mask(BAT *map, BAT *histo, BAT *b) {
         if (failed == nullptr) {
             BBPdecref(histogram_id, 1);
             BBPdecref(map_id, 1);
+        } else {
+            GDKfree(failed);
         }
         return 0;
     }
