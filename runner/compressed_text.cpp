@@ -265,10 +265,19 @@ bool is_bzip2(std::string_view bytes) {
 
 } // namespace
 
+// A frame that zstd's decoder passes over: some programs write one in front or at the end.
+bool is_skippable_frame(std::string_view bytes) {
+    constexpr unsigned char kinds = 0xF0; // of the first byte's bits
+    return bytes.size() > 3 && (static_cast<unsigned char>(bytes[0]) & kinds) == 0x50 &&
+           bytes.substr(1).starts_with("\x2A\x4D\x18");
+}
+
 std::optional<compression> compression_of(std::string_view bytes) {
     for (const auto &[kind, magic] : magics)
         if (bytes.starts_with(magic))
             return kind;
+    if (is_skippable_frame(bytes))
+        return compression::zstd;
     if (is_bzip2(bytes))
         return compression::bzip2;
     return std::nullopt;

@@ -1,5 +1,9 @@
 #include "row_filter.h"
 
+#include "cell_values.h"
+#include "notes.h"
+
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -20,6 +24,26 @@ std::optional<std::size_t> slot_below(const expression &whole, std::size_t node)
     return left ? left : slot_below(whole, top.right);
 }
 
+// A number in quotes, which who wrote it may have meant as a number. Beside equals it is a code.
+bool is_number_in_quotes(const expression_node &node) {
+    dbl value = 0;
+    return node.what == operation::text && read_cell(node.text, value);
+}
+
+void tell_of_ordered_texts(const expression &condition) {
+    for (const expression_node &node : condition.nodes)
+        if (node.what == operation::less || node.what == operation::less_or_equal)
+            for (const auto &[text, other] :
+                 {std::pair(node.left, node.right), std::pair(node.right, node.left)})
+                if (is_number_in_quotes(condition.nodes[text]) &&
+                    condition.nodes[other].what == operation::column)
+                    tell_note(fmt::format(
+                        "--where: '{0}' in quotes is a text, which is compared byte by byte, so "
+                        "that "
+                        "'9' is greater than '10'; without quotes {0} is compared as a number",
+                        condition.nodes[text].text));
+}
+
 } // namespace
 
 row_filter::row_filter(std::string_view text, const name_finder &find, const date_format &dates,
@@ -32,6 +56,7 @@ row_filter::row_filter(std::string_view text, const name_finder &find, const dat
                             fmt::format("a condition is wanted, and this is {},", words_for(kind)));
     if (condition_.columns.empty())
         condition_.complain(condition_.root, "this condition is about no column,");
+    tell_of_ordered_texts(condition_);
 }
 
 row_filter::judge::judge(const row_filter &filter)

@@ -98,4 +98,21 @@ TEST(Command, RowsThatFulfilACondition) {
     }
 }
 
+// Who puts a number in quotes beside < may have meant a number.
+TEST(Command, OrderOfTextsThatAreNumbers) {
+    const std::string csv = "x\n9\n100\n20\n";
+    const std::vector<std::string> asked{"-a", "count(*)", "-f", "csv", "--no-header"};
+    const auto told = [&](const std::string &condition) {
+        std::vector<std::string> words{"-", "-w", condition};
+        words.insert(words.end(), asked.begin(), asked.end());
+        return vask(words, csv);
+    };
+    const outcome by_bytes = told("x > '100'");
+    EXPECT_EQ(by_bytes.out, "2\n");
+    EXPECT_NE(by_bytes.err.find("'100' in quotes is a text"), std::string::npos) << by_bytes.err;
+    EXPECT_NE(told("x between '1' and 50").err.find("'1' in quotes"), std::string::npos);
+    for (const char *const plain : {"x > 100", "x = '100'", "x > 'b'"})
+        EXPECT_EQ(told(plain).err, "") << plain;
+}
+
 } // namespace

@@ -81,6 +81,20 @@ TEST(Command, SeveralFiles) {
                       open.path() + ":2: a quoted field begins here"));
 }
 
+// A frame that its decoder passes over, as programs for several threads and for seeking write them.
+TEST(Command, SkippableFramesOfZstd) {
+    const temporary_file plain("a,x\nb,3\n");
+    const temporary_file packed("", ".csv.zst");
+    if (std::system(("zstd -q -c < " + plain.path() + " > " + packed.path()).c_str()) != 0)
+        GTEST_SKIP() << "zstd is not there";
+    const std::string skipped = std::string("\x5A\x2A\x4D\x18\x04\0\0\0", 8) + "abcd";
+    for (const std::string &bytes : {skipped + packed.content(), packed.content() + skipped}) {
+        const temporary_file both(bytes, ".csv.zst");
+        const outcome told = vask({both.path(), "-a", "sum(x)", "-f", "csv", "--no-header"});
+        EXPECT_EQ(told.out + told.err, "3\n");
+    }
+}
+
 TEST(Command, CompressedFiles) {
     const std::vector<std::pair<std::string, std::string>> programs{
         {"gzip", ".gz"}, {"zstd -q", ".zst"}, {"bzip2", ".bz2"}, {"xz", ".xz"}};

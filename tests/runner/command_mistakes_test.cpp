@@ -8,6 +8,14 @@
 
 namespace {
 
+// Names of columns and files come from anywhere, and so would what they tell a terminal to do.
+TEST(Command, MessagesHaveNoControlCharacters) {
+    const outcome told = vask({"-", "-a", "sum(zz)"}, "a\x1b[31m,b\n1,2\n3,4\n");
+    EXPECT_EQ(told.err.find('\x1b'), std::string::npos) << told.err;
+    EXPECT_NE(told.err.find("a?[31m"), std::string::npos) << told.err;
+    EXPECT_EQ(vask({"no\x1b[2Jfile", "-a", "count(*)"}).err.find('\x1b'), std::string::npos);
+}
+
 // Whatever is wrong: one message on standard error that says where and what to do, nothing on
 // standard output, exit status 2.
 TEST(Command, Mistakes) {
