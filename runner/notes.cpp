@@ -2,7 +2,6 @@
 
 #include "terminal_text.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -16,14 +15,7 @@ void tell_note(std::string_view text) {
 
 // Names of columns and files, cells and options may hold what a terminal obeys.
 void tell(std::string_view text) {
-    std::string shown;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size());
-        shown += terminal_text(text.substr(begin, end - begin));
-        if (end < text.size())
-            shown += '\n';
-        begin = end + 1;
-    }
+    const std::string shown = terminal_lines(text);
     static_cast<void>(std::fwrite(shown.data(), 1, shown.size(), stderr) == shown.size());
 }
 

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
+
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -28,7 +30,7 @@ constexpr int readable_digits = std::numeric_limits<double>::digits10;
 // Text on its way to a file, written in large pieces.
 class printer {
 public:
-    explicit printer(std::FILE *file) : file_(file) {}
+    explicit printer(std::FILE *file) : file_(file), on_terminal_(::isatty(::fileno(file)) == 1) {}
 
     std::string &buffer() noexcept { return buffer_; }
 
@@ -38,7 +40,11 @@ public:
             flush();
     }
 
+    // Whole rows. Formats that are exact in a file are not on a terminal, which obeys what it is
+    // sent.
     void flush() {
+        if (on_terminal_)
+            buffer_ = terminal_lines(buffer_);
         if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() ||
             std::fflush(file_) != 0)
             throw std::runtime_error(
@@ -49,6 +55,7 @@ public:
 private:
     static constexpr std::size_t flush_bytes = std::size_t{1} << 16;
     std::FILE *file_;
+    bool on_terminal_;
     std::string buffer_;
 };
 

@@ -1,9 +1,9 @@
 #include "progress_bar.h"
 
-#include "notes.h"
-
 #include <algorithm>
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -15,6 +15,11 @@ constexpr auto patience = std::chrono::seconds(1);
 constexpr std::uint64_t width = 40;
 constexpr const char *erase_line = "\r\x1b[K";
 
+// What the terminal is to obey.
+void show(std::string_view text) {
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr) == text.size());
+}
+
 } // namespace
 
 progress_bar::progress_bar(std::uint64_t total)
@@ -24,14 +29,14 @@ progress_bar::progress_bar(std::uint64_t total)
 
 progress_bar::~progress_bar() {
     if (drawn_)
-        tell(erase_line);
+        show(erase_line);
 }
 
 void progress_bar::draw(std::uint64_t done) {
     if (!on_terminal_ || std::chrono::steady_clock::now() - begin_ < patience)
         return;
     const std::uint64_t share = std::min(done, total_);
-    tell(fmt::format("{}loading [{:<{}}] {:3}%", erase_line,
+    show(fmt::format("{}loading [{:<{}}] {:3}%", erase_line,
                      std::string(static_cast<std::size_t>(share * width / total_), '#'), width,
                      share * 100 / total_));
     (void)std::fflush(stderr);

@@ -86,14 +86,14 @@ bool is_control_byte(char byte) {
     return value >= 0x80 && value < 0xA0;
 }
 
-} // namespace
-
-std::string terminal_text(std::string_view text) {
+std::string without_controls(std::string_view text, bool one_line) {
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
         const auto [code, bytes] = first_character(text);
-        if (code == '\t' || code == '\n' || code == '\r')
+        if (!one_line && (code == '\t' || code == '\n'))
+            result += text.front();
+        else if (one_line && (code == '\t' || code == '\n' || code == '\r'))
             result += ' ';
         else if (is_control(code) || is_control_byte(text.front()))
             result += '?';
@@ -102,6 +102,16 @@ std::string terminal_text(std::string_view text) {
         text.remove_prefix(bytes);
     }
     return result;
+}
+
+} // namespace
+
+std::string terminal_text(std::string_view text) {
+    return without_controls(text, true);
+}
+
+std::string terminal_lines(std::string_view lines) {
+    return without_controls(lines, false);
 }
 
 std::size_t terminal_width(std::string_view text) {

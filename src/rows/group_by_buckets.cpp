@@ -37,7 +37,8 @@ unsigned bucket_bits(BUN rows) noexcept {
 //! bucket. With an array for each, 1e7 rows of 1e6 scattered values take a third longer.
 template <class Key>
 struct dealt_row {
-    std::array<std::uint32_t, sizeof(Key) / sizeof(std::uint32_t)> words; // of the key
+    static constexpr std::size_t word_bytes = 4;
+    std::array<std::uint32_t, sizeof(Key) / word_bytes> words; // of the key
     BUN row;
 
     VASK_ALWAYS_INLINE Key key() const noexcept { return std::bit_cast<Key>(words); }
