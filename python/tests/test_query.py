@@ -139,6 +139,13 @@ def test_an_overflow_names_the_group():
     assert isinstance(failure.value, (vask.Error, ValueError))
 
 
+@pytest.mark.parametrize(("by", "spec"), [("k", ("h", "min")), ("h", ("v", "min"))])
+def test_a_type_that_nothing_takes(by, spec):
+    table = pa.table({"k": [1, 2], "v": [1, 2], "h": pa.array([[1], [2]])})
+    with pytest.raises(TypeError, match="column 'h' is an Arrow type"):
+        vask.aggregate(table, by, m=spec)
+
+
 def test_groups():
     g = vask.group_by(TABLE, "k")
     assert len(g) == 3

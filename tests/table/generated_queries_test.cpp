@@ -340,7 +340,7 @@ TEST(GeneratedQueries, AgreeWithAPlainReference) {
 #ifdef VASK_SLOW_BUILD
     constexpr std::uint64_t usual = 3000;
 #else
-    constexpr std::uint64_t usual = 25000;
+    constexpr std::uint64_t usual = 100000;
 #endif
     constexpr std::uint64_t queries_of_a_table = 8;
     const std::uint64_t queries = from_environment("VASK_GENERATED_QUERIES", usual);

@@ -255,14 +255,22 @@ def _number(label: str, function: str, value: Any) -> float:
     return number
 
 
-def check_types(requests: Sequence[Request], types: Mapping[str, ColumnType]) -> None:
-    """Raises for a column whose type a function does not take."""
+def check_types(
+    requests: Sequence[Request], by: Sequence[str], types: Mapping[str, ColumnType]
+) -> None:
+    """Raises for a column whose type a function, or any key, does not take."""
+    used = [*by, *(column for request in requests for column in request.columns)]
+    for column in used:
+        if types[column].kind == "other":
+            raise InvalidTypeError(
+                f"column {column!r} is {types[column].name}, which no key or value here has"
+            )
     for request in requests:
         wanted = _library_rules[request.function].types
         for column in request.columns:
             type_ = types[column]
             allowed = _TYPES.get(wanted)
-            if type_.kind == "other" or (allowed is not None and type_.kind not in allowed):
+            if allowed is not None and type_.kind not in allowed:
                 raise InvalidTypeError(
                     f"result {request.name!r}: {request.function} takes {wanted}, "
                     f"and column {column!r} is {type_.name}"

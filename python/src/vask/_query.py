@@ -128,7 +128,7 @@ class Query:
         parts = self.source.parts(self.columns(), functions, self.options.dropna)
         if parts is None:
             table = self.source.table(self.columns())
-            check_types(self.requests, table.types)
+            check_types(self.requests, self.by, table.types)
             handle = self._call(_library.library.vask_run, table, notes)
         else:
             handle = self._run_parts(parts, notes)
@@ -145,7 +145,7 @@ class Query:
         """The states of the aggregates by key, of rows that are a part of all."""
         notes: list[str] = []
         table = self.source.table(self.columns())
-        check_types(self.requests, table.types)
+        check_types(self.requests, self.by, table.types)
         return self.finish(self._call(_library.library.vask_partial, table, notes), notes)
 
     def merge(self, states: Sequence[NativeTable], finish: bool) -> Result:
@@ -198,7 +198,7 @@ class Query:
         states: list[NativeTable] = []
         nan_is_null = self.options.nan_is_null
         for part in parts:
-            check_types(self.requests, part.types)
+            check_types(self.requests, self.by, part.types)
             nan_is_null = nan_is_null or part.nan_is_null
             states.append(_states_table(self._call(_library.library.vask_partial, part, notes)))
             if len(states) == _MOST_STATES:
