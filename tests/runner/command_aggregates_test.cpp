@@ -176,4 +176,16 @@ TEST(Command, SumsAtTheBoundsOf64Bits) {
               "sum(x)\n-9223372036854775808\n");
 }
 
+TEST(Command, TruthOfAllAndOfAny) {
+    const std::vector<std::string> asked{"-a", "all_true(x),any_true(x)", "-f", "csv",
+                                         "--no-header"};
+    const auto told = [&](std::vector<std::string> words, const std::string &csv) {
+        words.insert(words.end(), asked.begin(), asked.end());
+        return vask(words, csv).out;
+    };
+    EXPECT_EQ(told({"-", "--types", "x:bit"}, "x\ntrue\nNA\nfalse\n"), "false,true\n");
+    EXPECT_EQ(told({"-", "-g", "g"}, "g,x\na,1\na,0\nb,2\nc,0\n"),
+              "a,false,true\nb,true,true\nc,false,false\n");
+}
+
 } // namespace
