@@ -261,6 +261,10 @@ reference_account::reference_account() noexcept : before_(std::exchange(pool::ac
 
 reference_account::~reference_account() {
     pool::account = before_;
+    if (before_ == nullptr)
+        return;
+    for (const balance &each : balances_)
+        before_->count(each.id, each.logical, each.held);
 }
 
 void reference_account::count(std::int32_t id, bool logical, std::int32_t change) noexcept {

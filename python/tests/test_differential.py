@@ -100,7 +100,7 @@ def asked_of(table, by, data=None):
     """This package's answers, in the order in which it gives groups."""
     data = table if data is None else data
     named = requests(ORDERED + NUMERIC)
-    asked = {name: spec for name, spec in named.items() if name != "l_"}
+    asked = {name: asked for name, asked in named.items() if name != "l_"}
     result = vask.aggregate(data, by, results=asked, l=("v", "nlargest", 2))
     names = [name for name in result.columns if name not in by]
     return by_key(result.to_pydict(), by, names)

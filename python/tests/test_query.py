@@ -1,4 +1,4 @@
-"""What is asked and how: names, specifications, options, and the errors that help."""
+"""What is asked and how: names, aggregations, options, and the errors that help."""
 
 import decimal
 import math
@@ -139,11 +139,11 @@ def test_an_overflow_names_the_group():
     assert isinstance(failure.value, (vask.Error, ValueError))
 
 
-@pytest.mark.parametrize(("by", "spec"), [("k", ("h", "min")), ("h", ("v", "min"))])
-def test_a_type_that_nothing_takes(by, spec):
+@pytest.mark.parametrize(("by", "aggregation"), [("k", ("h", "min")), ("h", ("v", "min"))])
+def test_a_type_that_nothing_takes(by, aggregation):
     table = pa.table({"k": [1, 2], "v": [1, 2], "h": pa.array([[1], [2]])})
     with pytest.raises(TypeError, match="column 'h' is an Arrow type"):
-        vask.aggregate(table, by, m=spec)
+        vask.aggregate(table, by, m=aggregation)
 
 
 def test_groups():

@@ -1,6 +1,7 @@
 // References: who keeps a BAT alive, and what becomes of it when nobody does.
 #include "tests/refkernel/leak_checked.h"
 #include "vask/refkernel/instrumentation.h"
+#include "vask/refkernel/reference_account.h"
 
 #include <gtest/gtest.h>
 
@@ -100,6 +101,28 @@ TEST_F(Pool, ABatLivesUntilItsLastHolderOfEitherKind) {
         EXPECT_EQ(BBPincref(id, 0), 0);
         EXPECT_EQ(BBPdescriptor(id), nullptr);
     }
+}
+
+// What an operator took, handed over or dropped before an exception passed it, with a call of its
+// own in between.
+TEST_F(Pool, AnAccountGivesBackWhatIsHeld) {
+    const bat input = make_void_column(3);
+    const int32_t id = input.id();
+    reference_account references;
+    EXPECT_EQ(BBPincref(-id, 0), 1);
+    BBPincref(id, 0);
+    int32_t made = 0;
+    {
+        const reference_account of_the_call;
+        BBPreleaseref(id);
+        made = handed_out();
+        BBPreleaseref(BATnew(TYPE_void, TYPE_int, 1)->bat_id);
+    }
+    references.give_back();
+    EXPECT_EQ(BBParr[made >> 16][made & 0xffff].logical_name, nullptr);
+    EXPECT_EQ(BBPincref(id, 0), 1); // beside the plan's logical one
+    BBPreleaseref(id);
+    references.give_back(); // of nothing
 }
 
 TEST(PoolMisuse, AReleaseTooManyIsReportedAndFreesNothing) {

@@ -747,7 +747,7 @@ TEST(Progress, GoesUpAndCancels) {
 
 // A call of so many rows that it is worked on elsewhere: asked and told on the thread that called,
 // and over soon after it was cancelled, wherever that finds it.
-TEST(Progress, CancelsWithinALongStep) {
+TEST(Progress, LongCallsAskTheirCallerAndEnd) {
     using clock = std::chrono::steady_clock;
     ledger counted;
     const table_pointer table = import_table(counted, large_table(300'000));

@@ -22,8 +22,8 @@ namespace refkernel {
  *         throw;
  *     }
  *
- * Made, used and destroyed on one thread. One within the other takes the counts over
- * for its life.
+ * Made, used and destroyed on one thread. One within another counts in its place, and
+ * adds what it has counted to the other in the end.
  */
 class REFKERNEL_API reference_account {
 public:

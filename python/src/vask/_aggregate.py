@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Any, Optional, Union
 
 from . import _library
 from ._calls import run_query
-from ._functions import Selector, Spec
+from ._functions import Aggregation, Selector
 from ._progress import Progress
 from ._query import Options, Query, column_list, on
 from ._result import Result
@@ -27,7 +27,7 @@ def aggregate(
     data: Any,
     by: By = None,
     *,
-    results: Optional[Mapping[str, Spec]] = None,
+    results: Optional[Mapping[str, Aggregation]] = None,
     dropna: bool = False,
     skipna: bool = True,
     nan_is_null: bool = False,
@@ -40,7 +40,7 @@ def aggregate(
     progress: Union[bool, Progress] = False,
     explain: bool = False,
     validate: bool = False,
-    **named: Spec,
+    **named: Aggregation,
 ) -> Result:
     """Aggregates the columns of a table, whole or by groups.
 
@@ -112,8 +112,8 @@ def aggregate(
             validate,
         ),
     )
-    for name, spec in [*(results or {}).items(), *named.items()]:
-        query.add(name, spec)
+    for name, aggregation in [*(results or {}).items(), *named.items()]:
+        query.add(name, aggregation)
     return query.run()
 
 
@@ -183,9 +183,9 @@ class GroupBy:
 
     def agg(
         self,
-        *specs: Any,
-        results: Optional[Mapping[str, Spec]] = None,
-        **named: Spec,
+        *aggregations: Any,
+        results: Optional[Mapping[str, Aggregation]] = None,
+        **named: Aggregation,
     ) -> Result:
         """Aggregates of the groups.
 
@@ -197,28 +197,28 @@ class GroupBy:
         ['kind', 'v_min', 'v_max']
 
         Args:
-            specs: mappings from columns to a function or a list of functions, as pandas takes
-                them; names of functions, for all columns; tuples as in :func:`aggregate`, which are
-                then called after function and column.
+            aggregations: mappings from columns to a function or a list of functions, as pandas
+                takes them; names of functions, for all columns; tuples as in :func:`aggregate`,
+                which are then called after function and column.
             named, results: as in :func:`aggregate`.
         """
         query = self._query()
-        for spec in specs:
-            if isinstance(spec, Mapping):
-                for column, functions in spec.items():
+        for aggregation in aggregations:
+            if isinstance(aggregation, Mapping):
+                for column, functions in aggregation.items():
                     if isinstance(functions, (list, tuple)):
                         for function in functions:
                             query.add(f"{column}_{function}", (column, function))
                     else:
                         query.add(column, (column, functions))
-            elif isinstance(spec, str) and spec not in ("size", "len", "first_row"):
-                self._add_each(query, spec, None, ())
-            elif isinstance(spec, list):
+            elif isinstance(aggregation, str) and aggregation not in ("size", "len", "first_row"):
+                self._add_each(query, aggregation, None, ())
+            elif isinstance(aggregation, list):
                 for column in self._others():
-                    for function in spec:
+                    for function in aggregation:
                         query.add(f"{column}_{function}", (column, function))
             else:
-                query.add(spec if isinstance(spec, str) else None, spec)
+                query.add(aggregation if isinstance(aggregation, str) else None, aggregation)
         for name, one in [*(results or {}).items(), *named.items()]:
             query.add(name, one)
         return query.run()

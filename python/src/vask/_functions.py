@@ -12,7 +12,7 @@ from ._table import Source
 from ._types import ColumnType
 from .errors import InvalidTypeError, InvalidValueError, UnknownNameError, nearest
 
-__all__ = ["Request", "Selector", "Spec", "requests_of"]
+__all__ = ["Aggregation", "Request", "Selector", "requests_of"]
 
 #: Names that mean something else in the library, or that it does not have.
 _NAMES = {
@@ -35,7 +35,7 @@ _TYPES = {
     "numbers, booleans, dates and times": _NUMBERS | {"temporal"},
 }
 
-Spec = Union[str, "tuple[Any, ...]"]
+Aggregation = Union[str, "tuple[Any, ...]"]
 
 
 class Selector:
@@ -107,7 +107,7 @@ def describe_functions() -> dict[str, str]:
 
 def requests_of(
     result: Optional[str],
-    spec: Any,
+    aggregation: Any,
     source: Source,
     by: Sequence[str],
     types: Optional[Mapping[str, ColumnType]],
@@ -120,18 +120,18 @@ def requests_of(
         source: what has the columns.
         types: their types, where a selector has to know them.
     """
-    label = f"result {result!r}" if result is not None else f"aggregate {spec!r}"
-    if isinstance(spec, str):
-        spec = ((), spec)
-    elif hasattr(spec, "aggfunc"):  # pandas.NamedAgg, which is a tuple up to pandas 2
-        spec = (spec.column, spec.aggfunc, *getattr(spec, "args", ()))
-    if not isinstance(spec, tuple) or len(spec) < 1:
+    label = f"result {result!r}" if result is not None else f"aggregate {aggregation!r}"
+    if isinstance(aggregation, str):
+        aggregation = ((), aggregation)
+    elif hasattr(aggregation, "aggfunc"):  # pandas.NamedAgg, which is a tuple up to pandas 2
+        aggregation = (aggregation.column, aggregation.aggfunc, *getattr(aggregation, "args", ()))
+    if not isinstance(aggregation, tuple) or len(aggregation) < 1:
         raise InvalidTypeError(
-            f"{label}: an aggregate is a tuple (column, function, *parameters), not {spec!r}"
+            f"{label}: an aggregate is a tuple (column, function, *parameters), not {aggregation!r}"
         )
-    if len(spec) == 1:
-        spec = ((), spec[0])
-    columns, function, *parameters = spec
+    if len(aggregation) == 1:
+        aggregation = ((), aggregation[0])
+    columns, function, *parameters = aggregation
     if not isinstance(function, str):
         raise InvalidTypeError(f"{label}: a function is named by a text, not by {function!r}")
     if function not in _rules:

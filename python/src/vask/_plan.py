@@ -7,7 +7,7 @@ from dataclasses import dataclass, replace
 from typing import TYPE_CHECKING, Any, Optional
 
 from . import _arrow
-from ._functions import Request, Spec
+from ._functions import Aggregation, Request
 from ._query import Options, Query, column_list
 from ._table import MappingSource, NativeTable, source_of
 from .errors import InvalidValueError
@@ -80,14 +80,14 @@ class Plan:
 def plan_of(
     example: pyarrow.Table,
     by: Any,
-    results: Optional[Mapping[str, Spec]],
-    named: Mapping[str, Spec],
+    results: Optional[Mapping[str, Aggregation]],
+    named: Mapping[str, Aggregation],
     options: Options,
 ) -> Plan:
     """The plan of what a caller asks of tables like ``example``, whose rows do not matter."""
     query = Query(source_of(example), column_list(by), options)
-    for name, spec in [*(results or {}).items(), *named.items()]:
-        query.add(name, spec)
+    for name, aggregation in [*(results or {}).items(), *named.items()]:
+        query.add(name, aggregation)
     for request in query.requests:
         if request.function == "first_row":
             raise InvalidValueError(

@@ -102,13 +102,15 @@ class Query:
     def __post_init__(self) -> None:
         self.source.check(self.by)
 
-    def add(self, result: Optional[str], spec: Any) -> None:
-        """Adds the aggregates that a specification means."""
+    def add(self, result: Optional[str], aggregation: Any) -> None:
+        """Adds the aggregates that a tuple or a name means."""
         types = None
-        columns = spec[0] if isinstance(spec, tuple) and spec else None
+        columns = aggregation[0] if isinstance(aggregation, tuple) and aggregation else None
         if isinstance(columns, Selector) and columns.numeric:
             types = self.source.table(self.source.names).types
-        self.requests += requests_of(result, spec, self.source, self.by, types, self.options.ddof)
+        self.requests += requests_of(
+            result, aggregation, self.source, self.by, types, self.options.ddof
+        )
 
     def columns(self) -> list[str]:
         """The columns that the query reads."""

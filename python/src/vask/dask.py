@@ -16,7 +16,7 @@ import pandas
 import pyarrow
 from dask.delayed import delayed
 
-from ._functions import Spec
+from ._functions import Aggregation
 from ._plan import Plan, plan_of
 from ._query import Options
 from ._table import MappingSource, Source
@@ -45,7 +45,7 @@ def aggregate(
     data: Any,
     by: Any = None,
     *,
-    results: Optional[Mapping[str, Spec]] = None,
+    results: Optional[Mapping[str, Aggregation]] = None,
     dropna: bool = False,
     skipna: bool = True,
     sort: bool = False,
@@ -53,7 +53,7 @@ def aggregate(
     wide_sums: bool = False,
     partitions: int = 0,
     split_every: int = SPLIT_EVERY,
-    **named: Spec,
+    **named: Aggregation,
 ) -> Any:
     """Aggregates the columns of a Dask data frame, whole or by groups.
 

@@ -16,7 +16,7 @@ from pyspark import TaskContext
 from pyspark.sql import functions
 from pyspark.sql.pandas.types import from_arrow_schema, to_arrow_schema
 
-from ._functions import Spec
+from ._functions import Aggregation
 from ._plan import Plan, plan_of
 from ._query import Options
 from ._whole import is_in as _is_in
@@ -46,7 +46,7 @@ def aggregate(
     data: Any,
     by: Any = None,
     *,
-    results: Optional[Mapping[str, Spec]] = None,
+    results: Optional[Mapping[str, Aggregation]] = None,
     dropna: bool = False,
     skipna: bool = True,
     nan_is_null: bool = False,
@@ -55,7 +55,7 @@ def aggregate(
     wide_sums: bool = False,
     partitions: int = 0,
     owners: int = 0,
-    **named: Spec,
+    **named: Aggregation,
 ) -> Any:
     """Aggregates the columns of a Spark data frame, whole or by groups.
 
