@@ -141,6 +141,8 @@ std::vector<aggregate_call> parse_aggregates(std::string_view text) {
         aggregate_call call;
         const std::size_t begin = scan.place();
         const std::string written = scan.take_argument(",()").text;
+        if (written.empty()) // in quotes
+            scan.complain("expected the name of a function");
         call.function = lower(written);
         // Behind a colon, commas stand between numbers of percent.
         while (call.function.find(':') != call.function.npos && scan.take(','))

@@ -58,7 +58,7 @@ TEST(NameList, WordsOfAnyKind) {
 
 TEST(NameList, MistakesAreTold) {
     for (const char *bad : {"", "sum", "sum(", "sum()", "sum(a", "sum(a)b", "sum(a),", ",sum(a)",
-                            "(a)", "sum(a,)", "sum Net x", "sum(\"a)", "sum(\"a\"b)"})
+                            "(a)", "sum(a,)", "sum Net x", "sum(\"a)", "sum(\"a\"b)", "\"\"(a)"})
         EXPECT_THROW(parse_aggregates(bad), user_error) << bad;
     try {
         parse_aggregates("sum Net x");
