@@ -19,39 +19,6 @@ namespace {
 using refkernel::bat;
 using refkernel::nil_of;
 
-// The difference of two integers as that of the integers where 64 bits hold it: as dbl, large
-// integers that are close to each other may be equal.
-template <std::integral T>
-VASK_ALWAYS_INLINE double distance(T value, T centre) {
-    if constexpr (sizeof(T) < sizeof(lng)) {
-        return static_cast<double>(lng{value} - lng{centre});
-    } else {
-        lng difference = 0;
-        if (__builtin_sub_overflow(value, centre, &difference))
-            return static_cast<double>(value) - static_cast<double>(centre);
-        return static_cast<double>(difference);
-    }
-}
-template <std::floating_point T>
-VASK_ALWAYS_INLINE double distance(T value, T centre) {
-    return static_cast<double>(value) - static_cast<double>(centre);
-}
-
-template <class T, class CentreOf>
-void write_distances(std::span<const T> values, std::span<dbl> distances,
-                     const CentreOf &centre_of) {
-    for_rows(values.size(), [&](std::size_t begin, std::size_t end) {
-        with_best_instruction_set(
-            [ from = values.data(), to = distances.data(), centre_of, begin, end ]()
-                __attribute__((always_inline)) {
-                    const T nil = nil_of<T>();
-                    for (std::size_t row = begin; row < end; ++row)
-                        to[row] =
-                            from[row] == nil ? nil_of<dbl>() : distance(from[row], centre_of(row));
-                });
-    });
-}
-
 constexpr std::size_t parts_of(std::size_t rows) {
     return (rows + rows_of_a_task - 1) / rows_of_a_task;
 }
@@ -163,40 +130,6 @@ bat map_of_present(const bat &values, std::span<const std::uint8_t> present, std
     });
     ALIGNsetH(result.record(), aligned.record());
     return result;
-}
-
-centred_values centred(const bat &values, const groups &by) {
-    return visit_values(values, [&]<class T>(std::span<const T> all) {
-        const T nil = nil_of<T>();
-        const auto number_of = by.number_of_row();
-        const std::span<const oid> first_rows = by.first_rows();
-        std::vector<T> centre(by.count(), nil);
-        bool any_without = false;
-        for (std::size_t group = 0; group < centre.size() && !all.empty(); ++group) {
-            centre[group] = all[first_rows[group]];
-            any_without |= centre[group] == nil;
-        }
-        for (std::size_t row = 0; any_without && row < all.size(); ++row) {
-            T &own = centre[number_of(row)];
-            if (own == nil)
-                own = all[row];
-        }
-        fresh_column<dbl> made(all.size());
-        // Of the whole there is one centre, and the loop has nothing to look up.
-        if (by.is_whole())
-            write_distances(all, made.values, [c = centre[0]](std::size_t) { return c; });
-        else
-            write_distances(all, made.values, [own = by.numbers(), &centre](std::size_t row) {
-                return centre[static_cast<std::size_t>(own[row])];
-            });
-        centred_values result;
-        result.distances = std::move(made).finish();
-        result.centres.resize(centre.size());
-        std::transform(centre.begin(), centre.end(), result.centres.begin(), [&](T value) {
-            return value == nil ? std::nan("") : static_cast<double>(value);
-        });
-        return result;
-    });
 }
 
 } // namespace vask::table

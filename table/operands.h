@@ -37,14 +37,4 @@ refkernel::bat map_of_present(const refkernel::bat &values, std::span<const std:
                               std::uint64_t missing, const refkernel::bat &map,
                               const refkernel::bat &aligned);
 
-//! A column as its distances, as dbl, from the first value of each group, the centre. Sums of
-//! squares of values that lie far from 0 and close to each other lose all their digits; those of
-//! distances do not, and moments, covariance, correlation and slope are the same.
-struct centred_values {
-    refkernel::bat distances;
-    std::vector<double> centres; //!< by group number; NaN for a group without values
-};
-
-centred_values centred(const refkernel::bat &values, const groups &by);
-
 } // namespace vask::table

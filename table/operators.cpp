@@ -93,6 +93,12 @@ bat operator_set::call(const std::string &name, std::span<const bat *const> bats
     return bat::adopt(id);
 }
 
+void operator_set::work(const std::string &name, std::string_view about, BUN rows,
+                        const std::function<void()> &work) const {
+    watched(
+        {name, about, rows}, [&] { tbb::this_task_arena::isolate(work); }, nothing_told);
+}
+
 operator_set::grouped_rows operator_set::group(const bat &column, std::string_view about) const {
     const std::string name = "VASKgroup";
     auto *const group =

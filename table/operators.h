@@ -48,6 +48,11 @@ public:
     refkernel::bat call(const std::string &name, std::span<const refkernel::bat *const> bats,
                         std::string_view about = {}) const;
 
+    //! Does what is no operator's work as an operator's is done: watched, under a name, and apart
+    //! from that of other queries.
+    void work(const std::string &name, std::string_view about, BUN rows,
+              const std::function<void()> &work) const;
+
     struct grouped_rows {
         refkernel::bat map;
         refkernel::bat extents;

@@ -162,7 +162,7 @@ private:
                     return truth(asked);
                 return asked.rule->name == "range" ? range(asked) : extreme(asked);
             case family::moment:
-                return moment(asked);
+                return parts_.distances().statistic(asked);
             case family::order:
                 return order_statistic(asked);
             case family::pair:
@@ -496,29 +496,20 @@ private:
 
     // ---- moments and pairs ----
 
-    answer moment(const asked_function &asked) {
-        return parts_.call(*asked.rule, {&parts_.centred_of(*asked.columns[0]).distances},
-                           about(asked));
-    }
-
     answer pair_statistic(const asked_function &asked) {
-        // The operators refuse groups without rows at all.
-        if (by_.rows() == 0)
-            return answer_of(form::dbl, std::vector<dbl>(by_.count(), nil_of<dbl>()));
-        const centred_values &first = parts_.centred_of(*asked.columns[0]);
-        const centred_values &second = parts_.centred_of(*asked.columns[1]);
-        answer result =
-            parts_.call(*asked.rule, {&first.distances, &second.distances}, about(asked));
+        answer result = parts_.distances().statistic(asked);
         if (asked.rule->name != "intercept")
             return result;
         // The line through the distances goes through the values when it is moved by their centres.
+        const centred_values &first = parts_.distances().centred_of(*asked.columns[0]);
+        const centred_values &second = parts_.distances().centred_of(*asked.columns[1]);
         const answer slopes = part("slope", asked);
         const auto at_centre = result.as<dbl>(by_.count());
         const auto slope = slopes.as<dbl>(by_.count());
         std::vector<dbl> moved(by_.count(), nil_of<dbl>());
         for (std::size_t i = 0; i < moved.size(); ++i)
             if (at_centre[i] != nil_of<dbl>() && slope[i] != nil_of<dbl>())
-                moved[i] = first.centres[i] + (at_centre[i] - slope[i] * second.centres[i]);
+                moved[i] = first.centres()[i] + (at_centre[i] - slope[i] * second.centres()[i]);
         return answer_of(form::dbl, std::move(moved));
     }
 
@@ -645,7 +636,7 @@ private:
     // ---- states ----
 
     answer centres_of(const column &of) {
-        answer result = answer_of(form::dbl, parts_.centred_of(of).centres);
+        answer result = answer_of(form::dbl, parts_.distances().centred_of(of).centres());
         parts_.mark_groups_without_values(of, result);
         return result;
     }
@@ -673,12 +664,12 @@ private:
         if (asked.columns.size() == 1) {
             if (part == "centre")
                 return centres_of(x);
-            const moment_states &all = parts_.moments_of(x);
+            const moment_states &all = parts_.distances().moments_of(x);
             return answer_of(form::dbl, part == "mean" ? all.mean : part == "m2" ? all.m2 : all.m3);
         }
         if (part == "centre_x" || part == "centre_y")
             return centres_of(*asked.columns[part == "centre_x" ? 0 : 1]);
-        const pair_states &all = parts_.pairs_of(x, *asked.columns[1]);
+        const pair_states &all = parts_.distances().pairs_of(x, *asked.columns[1]);
         if (part == "n_xy") {
             answer result = answer_of(form::lng, all.n);
             result.no_nil = true;

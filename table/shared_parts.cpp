@@ -32,7 +32,12 @@ shared_parts::shared_parts(std::int64_t rows, const query &asked, const query_co
     : asked_(asked),
       context_(context),
       nan_missing_((asked.flags & VASK_NAN_IS_NULL) != 0),
-      by_(rows, groups_of(asked), context.operators, context.tell) {
+      by_(rows, groups_of(asked), context.operators, context.tell),
+      distances_(asked, context, by_, [this](const column &of) -> const bat & {
+          const numbers &values = numbers_of(of);
+          const bool plain = !values.beyond && of.type().of != kind::decimal;
+          return plain ? values.values : doubles_of(of);
+      }) {
     find_shared_quantiles();
 }
 
@@ -186,16 +191,6 @@ const weighted_sums &shared_parts::weighted_sums_of(const column &values, const 
     return at->second;
 }
 
-const centred_values &shared_parts::centred_of(const column &of) {
-    const auto [at, is_new] = centred_.try_emplace(&of);
-    if (is_new) {
-        const numbers &values = numbers_of(of);
-        const bool plain = !values.beyond && of.type().of != kind::decimal;
-        at->second = centred(plain ? values.values : doubles_of(of), by_);
-    }
-    return at->second;
-}
-
 const present_rows &shared_parts::present_in(const column &of, const bat &values) {
     const auto [at, is_new] = present_.try_emplace(values.id());
     if (!is_new)
@@ -284,88 +279,6 @@ const quantiles &shared_parts::quantiles_of(const column &of) {
                     made.numbers[i][group] = between(found[i], shares[i]) / unit;
         });
     });
-    return made;
-}
-
-// Sums by group of what `value(row)` gives where that is not the nil.
-template <class Value>
-std::vector<dbl> shared_parts::sums_of(const Value &value) {
-    const auto rows = static_cast<std::size_t>(by_.rows());
-    fresh_column<dbl> values(rows);
-    for_rows(rows, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t row = begin; row < end; ++row)
-            values.values[row] = value(row);
-    });
-    const bat column = std::move(values).finish();
-    const answer sums = call(function("sum"), {&column}, "powers of distances");
-    const auto all = sums.as<dbl>(by_.count());
-    return {all.begin(), all.end()};
-}
-
-const moment_states &shared_parts::moments_of(const column &of) {
-    const auto [at, is_new] = moments_.try_emplace(&of);
-    moment_states &made = at->second;
-    if (!is_new)
-        return made;
-    const centred_values &own = centred_of(of);
-    const auto distance = own.distances.values<dbl>();
-    const dbl nil = nil_of<dbl>();
-    const auto power = [&](int exponent) {
-        return sums_of([distance, nil, exponent](std::size_t row) {
-            const double d = distance[row];
-            return d == nil ? nil : exponent == 1 ? d : exponent == 2 ? d * d : d * d * d;
-        });
-    };
-    made.mean = power(1);
-    made.m2 = power(2);
-    made.m3 = power(3);
-    const std::vector<lng> &counts = counts_of(of);
-    for (std::size_t i = 0; i < counts.size(); ++i) {
-        if (counts[i] == 0)
-            continue;
-        const auto n = static_cast<double>(counts[i]);
-        const double s1 = made.mean[i];
-        const double s2 = made.m2[i];
-        made.m3[i] += -3 * s1 * s2 / n + 2 * s1 * s1 * s1 / (n * n);
-        made.m2[i] -= s1 * s1 / n;
-        made.mean[i] = s1 / n;
-    }
-    return made;
-}
-
-const pair_states &shared_parts::pairs_of(const column &x, const column &y) {
-    const auto [at, is_new] = pairs_.try_emplace({&x, &y});
-    pair_states &made = at->second;
-    if (!is_new)
-        return made;
-    const centred_values &own_x = centred_of(x);
-    const centred_values &own_y = centred_of(y);
-    const auto dx = own_x.distances.values<dbl>();
-    const auto dy = own_y.distances.values<dbl>();
-    const dbl nil = nil_of<dbl>();
-    const auto sums = [&](const auto &term) {
-        return sums_of([&, dx, dy, nil](std::size_t row) {
-            return dx[row] == nil || dy[row] == nil ? nil : term(dx[row], dy[row]);
-        });
-    };
-    made.numbers = {
-        sums([](double a, double) { return a; }), sums([](double, double b) { return b; }),
-        sums([](double a, double) { return a * a; }), sums([](double, double b) { return b * b; }),
-        sums([](double a, double b) { return a * b; })};
-    const std::vector<dbl> counts = sums([](double, double) { return 1.0; });
-    made.n.resize(counts.size());
-    auto &[mean_x, mean_y, m2_x, m2_y, c] = made.numbers;
-    for (std::size_t i = 0; i < counts.size(); ++i) {
-        if (counts[i] == nil)
-            continue;
-        const double n = counts[i];
-        made.n[i] = static_cast<lng>(n);
-        c[i] -= mean_x[i] * mean_y[i] / n;
-        m2_x[i] -= mean_x[i] * mean_x[i] / n;
-        m2_y[i] -= mean_y[i] * mean_y[i] / n;
-        mean_x[i] /= n;
-        mean_y[i] /= n;
-    }
     return made;
 }
 

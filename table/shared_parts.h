@@ -1,12 +1,12 @@
 // What several functions of a query are made of, each made when it is first asked for.
 #pragma once
 
+#include "table/distance_statistics.h"
 #include "table/gathered.h"
 #include "table/kernel_column.h"
 #include "table/operands.h"
 #include "table/plan.h"
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -30,19 +30,6 @@ struct weighted_sums {
     answer weights;
 };
 
-//! Mean, less the centre, and centred sums of squares and cubes of a group's values.
-struct moment_states {
-    std::vector<dbl> mean;
-    std::vector<dbl> m2;
-    std::vector<dbl> m3;
-};
-
-//! The same of two columns over the rows with both values.
-struct pair_states {
-    std::vector<lng> n;
-    std::array<std::vector<dbl>, 5> numbers; //!< mean x, mean y, m2 x, m2 y, co-moment
-};
-
 class shared_parts {
 public:
     shared_parts(std::int64_t rows, const query &asked, const query_context &context);
@@ -60,7 +47,6 @@ public:
     //! As dbl: the column's own values where they are.
     const refkernel::bat &doubles_of(const column &of);
     const weighted_sums &weighted_sums_of(const column &values, const column &weights);
-    const centred_values &centred_of(const column &of);
     //! Of a column in one of its forms.
     const present_rows &present_in(const column &of, const refkernel::bat &values);
     //! Whether quantiles of a column are better selected together than asked of the operators one
@@ -69,8 +55,7 @@ public:
     bool are_quantiles_shared(const column &of) const;
     //! Those of all fractions that the query asks for.
     const quantiles &quantiles_of(const column &of);
-    const moment_states &moments_of(const column &of);
-    const pair_states &pairs_of(const column &x, const column &y);
+    distance_statistics &distances() { return distances_; }
 
     //! Marks the groups without a value as missing.
     void mark_groups_without_values(const column &of, answer &values);
@@ -119,8 +104,6 @@ public:
 private:
     bool needs_own_selection(const column &of) const;
     void find_shared_quantiles();
-    template <class Value>
-    std::vector<dbl> sums_of(const Value &value);
 
     const query &asked_;
     const query_context &context_;
@@ -130,12 +113,10 @@ private:
     std::map<const column *, std::vector<wide_integer>> exact_;
     std::map<const column *, refkernel::bat> doubles_;
     std::map<std::pair<const column *, const column *>, weighted_sums> weighted_;
-    std::map<const column *, centred_values> centred_;
     std::map<int, present_rows> present_; // by the number of the values' BAT
     std::map<const column *, std::set<double>> fractions_;
     std::map<const column *, quantiles> quantiles_;
-    std::map<const column *, moment_states> moments_;
-    std::map<std::pair<const column *, const column *>, pair_states> pairs_;
+    distance_statistics distances_;
 };
 
 //! Whether a function is a quantile, and of which share.

@@ -18,6 +18,7 @@
 #include "rows/isa.h"
 #include "vask/kernel/bat.h"
 
+#include <array>
 #include <cstddef>
 
 namespace vask {
@@ -35,6 +36,9 @@ struct column_rows {
 
     VASK_ALWAYS_INLINE bool is_nil(std::size_t p) const noexcept { return rows[p] == nil; }
     VASK_ALWAYS_INLINE T operator[](std::size_t p) const noexcept { return rows[p]; }
+
+    //! Where the value at p lies, with those of the rows to come.
+    std::array<const T *, 1> values(BUN p) const noexcept { return {rows + p}; }
 
     //! While n rows from p on are in use, asks for rows to come.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept { prefetch_ahead(rows, p, n); }

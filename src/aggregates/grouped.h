@@ -105,22 +105,26 @@ std::optional<bool> aggregate_dealt(const Rows &rows, const partition_plan &plan
     return std::nullopt;
 }
 
-//! Gathers the rows of the values, read as Rows, into one Aggregate::partial per group, and hands
-//! each group's to `finish(j, total)`, from tasks, which may do so twice. Whether one of them gave
-//! true, which means a nil. The partial can be any plain struct that starts at zero: every field of
-//! it gets a zeroed block of one element per group from each task. The map must have a stored tail.
+//! Gathers the rows of a plan's partitions into one Aggregate::partial per group, and hands each
+//! group's to `finish(j, total)`, from tasks, which may do so twice. Whether one of them gave true,
+//! which means a nil. The partial can be any plain struct that starts at zero: every field of it
+//! gets a zeroed block of one element per group from each task. The map must have a stored tail.
+template <class Aggregate, class Rows, class Finish>
+bool aggregate_rows(const Rows &rows, const partition_plan &plan, const BAT &map, BAT &extents,
+                    const Finish &finish) {
+    const std::optional<bool> dealt = aggregate_dealt<Aggregate>(rows, plan, map, extents, finish);
+    return dealt ? *dealt : aggregate_in_place<Aggregate>(rows, plan, map, extents, finish);
+}
+
+//! The same of the values of an operator, read as Rows.
 template <class Aggregate, class Rows, std::size_t N, class Finish>
 bool aggregate_groups(const grouped_inputs<N> &inputs, std::uint64_t nparts, Finish finish) {
     inputs.access(1);
-    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values);
-    const partition_plan plan(*inputs.values[0], nparts);
     bool any = false;
     try {
-        const std::optional<bool> dealt =
-            aggregate_dealt<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
-        any = dealt
-                  ? *dealt
-                  : aggregate_in_place<Aggregate>(rows, plan, *inputs.map, *inputs.extents, finish);
+        any = aggregate_rows<Aggregate>(
+            std::apply([](const auto *...b) { return Rows(*b...); }, inputs.values),
+            partition_plan(*inputs.values[0], nparts), *inputs.map, *inputs.extents, finish);
     } catch (...) { // a kernel that throws when it runs out of memory loses nothing
         inputs.access(-1);
         throw;

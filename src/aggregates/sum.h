@@ -2,6 +2,7 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/lanes.h"
 #include "aggregates/result_types.h"
 #include "kernel/frame.h"
 
@@ -53,6 +54,18 @@ struct sum {
 
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         add(total, part.value);
+    }
+
+    struct lanes {
+        dbl_lanes value;
+        lng_lanes seen;
+        static constexpr auto fields() noexcept { return std::tuple(&lanes::value, &lanes::seen); }
+    };
+
+    VASK_ALWAYS_INLINE static void add_lanes(lanes &sums, const lane_values<1> &values,
+                                             const lng_lanes &is_value) noexcept {
+        sums.value += values_or_zero(values[0], is_value);
+        sums.seen |= is_value;
     }
 
     VASK_ALWAYS_INLINE static partial scan(column_rows<T> column, vask_row_range r) noexcept {

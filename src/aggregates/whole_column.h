@@ -2,50 +2,68 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
-#include "aggregates/state_blocks.h"
+#include "aggregates/lanes.h"
 #include "kernel/frame.h"
 
+#include <algorithm>
 #include <array>
 #include <tuple>
 
 namespace vask {
 
-//! The aggregate of all rows of `inputs`, read as Rows(inputs...), in nparts partitions; the first
-//! has the rows that are partitioned. Merging in ascending partition order makes the result
-//! independent of task timing; of floats it depends on nparts, as partitions are summed apart.
-//! Neither nonil nor sorted is consulted: the marks are hints of the kernel, every row counts by
-//! its value. `store(total)` hands the result on while the columns are still open for reading.
-template <class Aggregate, class Rows, std::size_t N, class Store>
-void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, Store store) {
+//! The aggregate of the rows of a plan's partitions. Merging in ascending partition order makes the
+//! result independent of task timing; of floats it depends on the number of partitions, as they are
+//! summed apart. Neither nonil nor sorted is consulted: the marks are hints of the kernel, every
+//! row counts by its value.
+template <class Aggregate, class Rows>
+typename Aggregate::partial reduce_rows(const Rows &rows, const partition_plan &plan) {
     using partial = typename Aggregate::partial;
 
-    state_columns<partial> partials;
-    partials.allocate(nparts);
+    std::array<partial, max_partitions> partials{};
+    const std::uint64_t in_lanes = partitions_in_lanes<Aggregate, Rows>(plan.nparts);
+    task_set tasks;
+    if constexpr (adds_lanes<Aggregate, Rows>) {
+        for (std::uint64_t part = 0; part < in_lanes; part += lane_count)
+            tasks.spawn([rows, &plan, to = &partials[part], part] {
+                std::array<vask_row_range, lane_count> ranges;
+                for (std::size_t lane = 0; lane < lane_count; ++lane)
+                    ranges[lane] = plan.partition(part + lane);
+                const auto made = scan_in_lanes<Aggregate>(rows, ranges);
+                std::copy(made.begin(), made.end(), to);
+            });
+    }
+    for (std::uint64_t part = in_lanes; part < plan.nparts; ++part)
+        tasks.spawn([rows, r = plan.partition(part), to = &partials[part]] {
+            // The partial stays in registers during the loop: neighbouring ones belong to other
+            // tasks.
+            *to = with_best_instruction_set([=]() __attribute__((always_inline)) {
+                return Aggregate::scan(rows, r);
+            });
+        });
+    tasks.wait();
+
+    partial total{};
+    for (std::uint64_t part = 0; part < plan.nparts; ++part)
+        merge_partial<Aggregate>(total, partials[part]);
+    return total;
+}
+
+//! The aggregate of all rows of `inputs`, read as Rows(inputs...), in nparts partitions; the first
+//! has the rows that are partitioned. `store(total)` hands the result on while the columns are
+//! still open for reading.
+template <class Aggregate, class Rows, std::size_t N, class Store>
+void reduce_columns(const std::array<BAT *, N> &inputs, std::uint64_t nparts, Store store) {
     for (BAT *b : inputs)
         BATaccess(b, 2, 0, 1);
-
-    const Rows rows = std::apply([](const auto *...b) { return Rows(*b...); }, inputs);
     try {
-        run_partitions(partition_plan(*inputs[0], nparts),
-                       [partials, rows](std::uint64_t part, vask_row_range r) {
-                           // The partial stays in registers during the loop: neighbouring slots
-                           // belong to other tasks.
-                           const partial result = with_best_instruction_set([=
-                           ]() __attribute__((always_inline)) { return Aggregate::scan(rows, r); });
-                           partials.store(static_cast<BUN>(part), result);
-                       });
+        store(
+            reduce_rows<Aggregate>(std::apply([](const auto *...b) { return Rows(*b...); }, inputs),
+                                   partition_plan(*inputs[0], nparts)));
     } catch (...) { // of work that was cancelled
-        partials.release();
         for (BAT *b : inputs)
             BATaccess(b, 2, 0, -1);
         throw;
     }
-
-    partial total{};
-    for (BUN part = 0; part < nparts; ++part)
-        merge_partial<Aggregate>(total, partials.load(part));
-    partials.release();
-    store(total);
     for (BAT *b : inputs)
         BATaccess(b, 2, 0, -1);
 }

@@ -31,10 +31,6 @@ bool is_in_pool(std::int32_t id, const char *caller) {
     return false;
 }
 
-// Enough for every machine the design was made for, and a bound on what the grouped operators
-// allocate per group.
-constexpr std::uint64_t max_partitions = 256;
-
 std::uint64_t sign_extended(std::int32_t setting) noexcept {
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(setting));
 }

@@ -114,8 +114,12 @@ char *run_wrapper(const char *name, const input_bats<N> &inputs, Body body) {
 
 // ---- partitions -------------------------------------------------------------------------------
 
+// Enough for every machine the design was made for, and a bound on what the grouped operators
+// allocate per group.
+inline constexpr std::uint64_t max_partitions = 256;
+
 //! How many partitions a column of `rows` rows gets under the kernel's settings, which are read
-//! afresh: at least 1, at most 256, never more than threads. 0 only if GDKnr_threads or
+//! afresh: at least 1, at most max_partitions, never more than threads. 0 only if GDKnr_threads or
 //! GDKpart_size_div is 0, under which the kernel must not run an aggregate: the plan then divides
 //! by it. Tells the plan.
 std::uint64_t partition_count(BUN rows);

@@ -5,44 +5,8 @@
 #include "vask/ops.h"
 
 #include <array>
-#include <cmath>
 
 namespace vask {
-
-// The order of the operations in both formulas is part of what they mean: it fixes the last bits.
-
-dbl spread_of_values::operator()(const power_sums<2> &total) const noexcept {
-    const auto [s1, s2, n] = total;
-    const auto m = static_cast<dbl>(n);
-    if ((population ? 0.0 : 1.0) >= m)
-        return dbl_nil();
-    const dbl numerator = m * s2 - s1 * s1;
-    const dbl denominator = population ? m * m : (m - 1.0) * m;
-    dbl v = numerator / denominator;
-    if (0.0 > v)
-        v = 0.0;
-    return variance ? v : std::sqrt(v);
-}
-
-dbl vask_skew_from_sums(const power_sums<3> &total, bool population) {
-    // Below this the spread counts as rounding. Changing it changes which columns have a skewness.
-    constexpr dbl smallest_spread = 1e-7;
-
-    const auto [s1, s2, s3, n] = total;
-    const auto m = static_cast<dbl>(n);
-    if ((population ? 1.0 : 2.0) >= m)
-        return dbl_nil();
-    const dbl q = m * m;
-    dbl d = q * s2 - (s1 * s1) * m;
-    if (smallest_spread > d)
-        d = 0.0;
-    const dbl w = std::pow(d, 1.5);
-    const dbl c = population ? std::sqrt(m) : (std::sqrt(m - 1.0) * m) / (m - 2.0);
-    if (w == 0.0)
-        return dbl_nil();
-    const dbl numerator = ((q * m) * s3 - ((q * 3.0) * s1) * s2) + ((s1 * s1) * s1) * (m * 2.0);
-    return (numerator * c) / w;
-}
 
 namespace {
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/lanes.h"
 #include "kernel/frame.h"
 #include "statistics/statistic.h"
 
@@ -11,26 +12,27 @@
 
 namespace vask {
 
-//! The sums up to a power and the number of values, which the formulas want as a double.
-template <int Power>
+//! The sums up to a power and the number of values, which the formulas want as a double. Number and
+//! Count are of one row, or of one row of each lane.
+template <int Power, class Number = dbl, class Count = lng>
 struct power_sums;
 
-template <>
-struct power_sums<2> {
-    dbl s1;
-    dbl s2;
-    lng n;
+template <class Number, class Count>
+struct power_sums<2, Number, Count> {
+    Number s1;
+    Number s2;
+    Count n;
     static constexpr auto fields() noexcept {
         return std::tuple(&power_sums::s1, &power_sums::s2, &power_sums::n);
     }
 };
 
-template <>
-struct power_sums<3> {
-    dbl s1;
-    dbl s2;
-    dbl s3;
-    lng n;
+template <class Number, class Count>
+struct power_sums<3, Number, Count> {
+    Number s1;
+    Number s2;
+    Number s3;
+    Count n;
     static constexpr auto fields() noexcept {
         return std::tuple(&power_sums::s1, &power_sums::s2, &power_sums::s3, &power_sums::n);
     }
@@ -65,6 +67,18 @@ struct moment_sums {
         sums.n += is_value - 1;
     }
 
+    using lanes = power_sums<Power, dbl_lanes, lng_lanes>;
+
+    VASK_ALWAYS_INLINE static void add_lanes(lanes &sums, const lane_values<1> &values,
+                                             const lng_lanes &is_value) noexcept {
+        const dbl_lanes y = values_or_zero(values[0], is_value);
+        sums.s1 += y;
+        sums.s2 += y * y;
+        if constexpr (Power == 3)
+            sums.s3 += (y * y) * y;
+        sums.n -= is_value; // which is -1 for a value
+    }
+
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         total.s1 += part.s1;
         total.s2 += part.s2;
@@ -75,15 +89,17 @@ struct moment_sums {
 
     //! The sums are chains of additions in row order, which run side by side; their latency is the
     //! bound, so a nil costs a blend and never a mispredicted branch.
-    template <class T>
-    VASK_ALWAYS_INLINE static partial scan(column_rows<T> rows, vask_row_range r) noexcept {
+    template <class Rows>
+    VASK_ALWAYS_INLINE static partial scan(const Rows &rows, vask_row_range r) {
         partial sums{};
         lng nils = 0;
-        for (BUN p = r.begin; p < r.end; ++p) {
-            const bool nil = rows.is_nil(p);
-            add(sums, operand(rows[p], !nil));
-            nils += nil;
-        }
+        for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
+            for (BUN p = block.begin; p < block.end; ++p) {
+                const bool nil = loaded.is_nil(p);
+                add(sums, operand(loaded[p], !nil));
+                nils += nil;
+            }
+        });
         sums.n -= nils;
         return sums;
     }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "aggregates/aggregate.h"
+#include "aggregates/lanes.h"
 #include "kernel/frame.h"
 #include "statistics/paired_rows.h"
 #include "statistics/statistic.h"
@@ -31,18 +32,22 @@ struct covariance_sums {
     }
 };
 
-struct correlation_sums {
-    dbl x;
-    dbl y;
-    dbl xy;
-    dbl xx;
-    dbl yy;
-    std::uint64_t pairs;
+//! Number and Count are of one row, or of one row of each lane.
+template <class Number, class Count>
+struct all_pair_sums {
+    Number x;
+    Number y;
+    Number xy;
+    Number xx;
+    Number yy;
+    Count pairs;
     static constexpr auto fields() noexcept {
-        return std::tuple(&correlation_sums::x, &correlation_sums::y, &correlation_sums::xy,
-                          &correlation_sums::xx, &correlation_sums::yy, &correlation_sums::pairs);
+        return std::tuple(&all_pair_sums::x, &all_pair_sums::y, &all_pair_sums::xy,
+                          &all_pair_sums::xx, &all_pair_sums::yy, &all_pair_sums::pairs);
     }
 };
+
+using correlation_sums = all_pair_sums<dbl, std::uint64_t>;
 
 struct regression_sums {
     dbl x;
@@ -70,6 +75,20 @@ struct pair_sums {
         if constexpr (requires { sums.yy; })
             sums.yy += v.y * v.y;
         ++sums.pairs;
+    }
+
+    using lanes = all_pair_sums<dbl_lanes, lng_lanes>;
+
+    VASK_ALWAYS_INLINE static void add_lanes(lanes &sums, const lane_values<2> &values,
+                                             const lng_lanes &is_value) noexcept {
+        const dbl_lanes x = values_or_zero(values[0], is_value);
+        const dbl_lanes y = values_or_zero(values[1], is_value);
+        sums.x += x;
+        sums.y += y;
+        sums.xy += y * x;
+        sums.xx += x * x;
+        sums.yy += y * y;
+        sums.pairs -= is_value; // which is -1 for a pair
     }
 
     VASK_ALWAYS_INLINE static void merge(Sums &total, const Sums &part) noexcept {

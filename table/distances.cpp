@@ -1,0 +1,109 @@
+#include "table/distances.h"
+
+#include "table/parallel.h"
+
+#include "kernel/column.h"
+#include "rows/isa.h"
+
+#include <algorithm>
+#include <cmath>
+#include <concepts>
+#include <span>
+#include <utility>
+
+namespace vask::table {
+namespace {
+
+using refkernel::bat;
+using refkernel::nil_of;
+
+// From here on rows are dealt out to buckets of groups and read twice, and a centre is far off:
+// distances are looked up once.
+constexpr std::size_t fewest_groups_to_write = std::size_t{1} << 18;
+
+// Of 64-bit integers that of the integers where 64 bits hold it: as dbl, large integers that are
+// close to each other may be equal. Narrower ones are what they are as dbl, too.
+template <class T>
+VASK_ALWAYS_INLINE double distance(T value, T centre) {
+    if constexpr (std::integral<T> && sizeof(T) == sizeof(lng)) {
+        lng difference = 0;
+        if (!__builtin_sub_overflow(value, centre, &difference))
+            return static_cast<double>(difference);
+    }
+    return static_cast<double>(value) - static_cast<double>(centre);
+}
+
+// The distance of a nil is reckoned, too, so that the loop has no branch and becomes vectors.
+template <class T, class CentreOf>
+void write_distances(const T *values, const CentreOf &centre_of, vask_row_range rows, dbl *to) {
+    with_best_instruction_set([=]() __attribute__((always_inline)) {
+        const CentreOf own = centre_of;
+        const T nil = nil_of<T>();
+        const T *const from = values + rows.begin;
+        const std::size_t n = rows.size();
+        // Blocks of several partitions in turn are no order that the processor sees.
+        prefetch_bytes(from + n, 0, n * sizeof(T));
+        for (std::size_t i = 0; i < n; ++i) {
+            const double found = distance(from[i], own(rows.begin + i));
+            to[i] = from[i] == nil ? nil_of<dbl>() : found;
+        }
+    });
+}
+
+// By group the first value; the nil where there is none.
+template <class T>
+std::vector<T> first_values(std::span<const T> all, const groups &by) {
+    const T nil = nil_of<T>();
+    std::vector<T> first(by.count(), nil);
+    if (all.empty())
+        return first;
+    const std::span<const oid> first_rows = by.first_rows();
+    bool any_without = false;
+    for (std::size_t group = 0; group < first.size(); ++group) {
+        first[group] = all[first_rows[group]];
+        any_without |= first[group] == nil;
+    }
+    const auto number_of = by.number_of_row();
+    for (std::size_t row = 0; any_without && row < all.size(); ++row) {
+        T &own = first[number_of(row)];
+        if (own == nil)
+            own = all[row];
+    }
+    return first;
+}
+
+} // namespace
+
+centred_values::centred_values(const bat &values, const groups &by) : values_(values.record()) {
+    visit_values(values, [&]<class T>(std::span<const T> all) {
+        std::vector<T> centre = first_values(all, by);
+        centres_.resize(centre.size());
+        std::transform(centre.begin(), centre.end(), centres_.begin(), [](T value) {
+            return value == nil_of<T>() ? std::nan("") : static_cast<double>(value);
+        });
+        // Of the whole there is one centre, and the loop has nothing to look up.
+        if (by.is_whole())
+            write_ = [from = all.data(), c = centre[0]](vask_row_range rows, dbl *to) {
+                write_distances(
+                    from, [c](std::size_t) { return c; }, rows, to);
+            };
+        else
+            write_ = [from = all.data(), numbers = by.numbers().data(),
+                      centre = std::move(centre)](vask_row_range rows, dbl *to) {
+                write_distances(
+                    from,
+                    [numbers, own = centre.data()](std::size_t row) {
+                        return own[static_cast<std::size_t>(numbers[row])];
+                    },
+                    rows, to);
+            };
+    });
+    if (by.count() < fewest_groups_to_write)
+        return;
+    written_.emplace(static_cast<std::size_t>(by.rows()));
+    for_rows(written_->values.size(), [&](std::size_t begin, std::size_t end) {
+        write_({static_cast<BUN>(begin), static_cast<BUN>(end)}, written_->values.data() + begin);
+    });
+}
+
+} // namespace vask::table
