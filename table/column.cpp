@@ -162,6 +162,13 @@ const numbers &column::as_numbers(bool nan_missing, const teller &tell) const {
     return *numbers_without_nan_;
 }
 
+std::optional<bat> column::as_they_lie(bool nan_missing) const {
+    const std::scoped_lock lock(making_);
+    if (numbers_ != nullptr || is_text(type_.of) || (nan_missing && is_float(type_.of)))
+        return std::nullopt;
+    return numbers_as_they_lie(pieces_, static_cast<std::size_t>(rows_), type_);
+}
+
 const texts &column::as_texts(const teller &tell) const {
     const std::scoped_lock lock(making_);
     if (texts_ == nullptr)

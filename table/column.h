@@ -43,6 +43,7 @@ struct numbers {
     //! nils and NaNs, in their own memory.
     std::optional<value_bounds> bounds;                //!< of integers
     std::optional<std::array<double, 2>> float_bounds; //!< of floats
+    bool minus_zero = false;                           //!< one of those is -0.0
 };
 
 //! Texts as codes of words. A missing one has the nil.
@@ -89,6 +90,9 @@ public:
 
     //! For all types but texts. With `nan_missing` each NaN is missing, too.
     const numbers &as_numbers(bool nan_missing, const teller &tell) const;
+    //! The same of numbers that were not asked for before and lie where nothing is to be done but
+    //! look whether one equals the nil, without that look; else nothing.
+    std::optional<refkernel::bat> as_they_lie(bool nan_missing) const;
     const texts &as_texts(const teller &tell) const;
     //! The same with the ranks.
     const texts &as_ranked_texts(const teller &tell) const;

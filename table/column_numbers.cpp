@@ -93,12 +93,14 @@ template <class T>
 struct value_census {
     bool nil = false; // a value equals the number `nil`, or is one beyond the signed integers
     bool nan = false;
+    bool minus_zero = false; // which is no less than 0.0
     T low = std::numeric_limits<T>::max();
     T high = std::numeric_limits<T>::lowest();
 
     void add(const value_census &other) {
         nil = nil || other.nil;
         nan = nan || other.nan;
+        minus_zero = minus_zero || other.minus_zero;
         low = std::min(low, other.low);
         high = std::max(high, other.high);
     }
@@ -125,22 +127,32 @@ value_census<T> census_of(const T *values, std::int64_t rows, T nil) {
         lanes high = made.high - lanes{};
         auto any_nil = low != low;
         auto any_nan = any_nil;
+        auto any_minus_zero = any_nil;
+        using bits = std::remove_cvref_t<decltype(any_nil[0])>;
+        constexpr bits sign = std::numeric_limits<bits>::min();
         std::int64_t row = 0;
         for (; rows - row >= width; row += width) {
             lanes v;
             std::memcpy(&v, values + row, sizeof v);
             any_nil |= is_like_nil<T>(v, nils);
             any_nan |= v != v;
+            if constexpr (std::is_floating_point_v<T>) {
+                decltype(any_nil) b;
+                std::memcpy(&b, &v, sizeof b);
+                any_minus_zero |= b == sign;
+            }
             low = v < low ? v : low;
             high = v > high ? v : high;
         }
         for (std::int64_t lane = 0; lane < width; ++lane)
-            made.add({any_nil[lane] != 0, any_nan[lane] != 0, low[lane], high[lane]});
+            made.add({any_nil[lane] != 0, any_nan[lane] != 0, any_minus_zero[lane] != 0, low[lane],
+                      high[lane]});
         for (; row < rows; ++row) {
             T v;
             std::memcpy(&v, values + row, sizeof v);
             // A NaN is no bound.
-            made.add({is_like_nil<T>(v, nil), v != v, v < made.low ? v : made.low,
+            made.add({is_like_nil<T>(v, nil), v != v,
+                      v == T{} && std::signbit(static_cast<double>(v)), v < made.low ? v : made.low,
                       v > made.high ? v : made.high});
         }
         return made;
@@ -174,10 +186,12 @@ value_census<T> census_of(const std::vector<piece> &pieces, T nil) {
 
 template <class T>
 void keep_bounds(const value_census<T> &from, numbers &to) {
-    if constexpr (std::is_floating_point_v<T>)
+    if constexpr (std::is_floating_point_v<T>) {
         to.float_bounds = {from.low, from.high};
-    else
+        to.minus_zero = from.minus_zero;
+    } else {
         to.bounds = {static_cast<lng>(from.low), static_cast<lng>(from.high)};
+    }
 }
 
 template <class From, class To>
@@ -393,6 +407,20 @@ numbers numbers_of(const std::vector<piece> &given, std::size_t rows, const valu
             return refkernel::make_column(values, {.tail = {.nonil = true}});
         });
     return result;
+}
+
+std::optional<bat> numbers_as_they_lie(const std::vector<piece> &given, std::size_t rows,
+                                       const value_type &type) {
+    if (rows == 0 || given.size() != 1 || given.front().dictionary != nullptr ||
+        type.of == kind::null || type.of == kind::boolean || type.of == kind::decimal ||
+        is_temporal(type.of) || missing_rows(given) != 0)
+        return std::nullopt;
+    return visit_elements(type.of, [&]<class T>(std::type_identity<T>) -> std::optional<bat> {
+        if constexpr (std::is_same_v<T, stored_of<T>>)
+            if (is_aligned(values_of<T>(given.front())))
+                return borrowed_column(values_of<T>(given.front()), rows);
+        return std::nullopt;
+    });
 }
 
 numbers without_nan(const numbers &all) {

@@ -74,6 +74,40 @@ void sum_by_group(const std::array<const centred_values *, columns> &of, const g
     });
 }
 
+// The sum of values and how many they are.
+struct counted_sum {
+    template <class Number, class Count>
+    struct sums {
+        Number value;
+        Count n;
+        static constexpr auto fields() noexcept { return std::tuple(&sums::value, &sums::n); }
+    };
+    using partial = sums<dbl, lng>;
+    using lanes = sums<dbl_lanes, lng_lanes>;
+
+    VASK_ALWAYS_INLINE static void add(partial &p, dbl value) noexcept {
+        p.value += value;
+        ++p.n;
+    }
+    VASK_ALWAYS_INLINE static void add_lanes(lanes &all, const lane_values<1> &values,
+                                             const lng_lanes &is_value) noexcept {
+        all.value += values_or_zero(values[0], is_value);
+        all.n -= is_value; // which is -1 for a value
+    }
+    VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
+        total.value += part.value;
+        total.n += part.n;
+    }
+    VASK_ALWAYS_INLINE static partial scan(const column_rows<dbl> &rows,
+                                           vask_row_range r) noexcept {
+        partial result{};
+        for (BUN p = r.begin; p < r.end; ++p)
+            if (!rows.is_nil(p))
+                add(result, rows[p]);
+        return result;
+    }
+};
+
 // A result, by group, that is yet to be filled.
 struct wanted {
     stat_kind kind;
@@ -156,10 +190,55 @@ distance_statistics::columns distance_statistics::columns_of(const asked_functio
 }
 
 const centred_values &distance_statistics::centred_of(const column &of) {
-    std::unique_ptr<centred_values> &made = centred_[&of];
-    if (made == nullptr)
-        made = std::make_unique<centred_values>(values_of_(of), by_);
-    return *made;
+    centred_column &made = centred_[&of];
+    if (made.distances == nullptr) {
+        column_values own = values_of_(of, false);
+        made = {std::make_unique<centred_values>(std::move(own.values), by_), own.as_they_lie};
+    }
+    return *made.distances;
+}
+
+std::optional<dbl> distance_statistics::whole_sum(const column &of) {
+    if (!by_.is_whole() || of.type().of != kind::float64)
+        return std::nullopt;
+    const column_values own = values_of_(of, false);
+    if (!own.as_they_lie)
+        return std::nullopt;
+    counted_sum::partial made{};
+    context_.operators.work("sum", of.name(), static_cast<BUN>(by_.rows()), [&] {
+        const BAT &values = *own.values.record();
+        made = reduce_rows<counted_sum>(
+            column_rows<dbl>(values), partition_plan(values, partition_count(values.info->count)));
+    });
+    return made.n == by_.rows() ? std::optional(made.value) : std::nullopt;
+}
+
+// Calls `sum` with the distances of columns, and again if a value that is a number was taken for a
+// nil.
+template <std::size_t n, class Sum>
+void distance_statistics::over(const std::array<const column *, n> &of, const Sum &sum) {
+    std::string about;
+    for (const column *each : of)
+        about += fmt::format("{}{}", about.empty() ? "" : ", ", each->name());
+    const auto work = [&] {
+        for (bool again = true; again;) {
+            std::array<const centred_values *, n> rows;
+            for (std::size_t i = 0; i < n; ++i)
+                rows[i] = &centred_of(*of[i]);
+            sum(rows);
+            again = false;
+            for (const column *each : of) {
+                centred_column &own = centred_[each];
+                if (!own.as_they_lie || !own.distances->nil_seen())
+                    continue;
+                own = {std::make_unique<centred_values>(values_of_(*each, true).values, by_),
+                       false};
+                again = true;
+            }
+        }
+    };
+    context_.operators.work(n == 1 ? "moments" : "pair sums", about, static_cast<BUN>(by_.rows()),
+                            work);
 }
 
 answer distance_statistics::statistic(const asked_function &asked) {
@@ -178,33 +257,29 @@ answer distance_statistics::statistic(const asked_function &asked) {
 
 void distance_statistics::make_moments(const column &of, part &all) {
     std::vector<wanted> results = wanted_of(all.asked, all.made, by_.count());
-    const std::array<const centred_values *, 1> rows{&centred_of(of)};
-    const auto sum = [&]<int Power>(std::integral_constant<int, Power>) {
-        sum_by_group<moment_sums<Power>>(rows, by_, [&](BUN group, const auto &sums) {
+    const bool cubes = std::any_of(results.begin(), results.end(),
+                                   [](const wanted &result) { return is_skewness(result.kind); });
+    over(std::array{&of}, [&](const auto &rows) {
+        const auto finish = [&](BUN group, const auto &sums) {
             for (const wanted &result : results)
                 result.made.values[group] = moment_of(result.kind, sums);
-        });
-    };
-    context_.operators.work("moments", of.name(), static_cast<BUN>(by_.rows()), [&] {
-        if (std::any_of(results.begin(), results.end(),
-                        [](const wanted &result) { return is_skewness(result.kind); }))
-            sum(std::integral_constant<int, 3>{});
+        };
+        if (cubes)
+            sum_by_group<moment_sums<3>>(rows, by_, finish);
         else
-            sum(std::integral_constant<int, 2>{});
+            sum_by_group<moment_sums<2>>(rows, by_, finish);
     });
     keep(std::move(results), all.made);
 }
 
 void distance_statistics::make_pairs(const column &x, const column &y, part &all) {
     std::vector<wanted> results = wanted_of(all.asked, all.made, by_.count());
-    const std::array<const centred_values *, 2> rows{&centred_of(x), &centred_of(y)};
-    context_.operators.work(
-        "pair sums", fmt::format("{}, {}", x.name(), y.name()), static_cast<BUN>(by_.rows()), [&] {
-            sum_by_group<pair_sums<correlation_sums>>(rows, by_, [&](BUN group, const auto &sums) {
-                for (const wanted &result : results)
-                    result.made.values[group] = statistic_of(result.kind, sums);
-            });
+    over(std::array{&x, &y}, [&](const auto &rows) {
+        sum_by_group<pair_sums<correlation_sums>>(rows, by_, [&](BUN group, const auto &sums) {
+            for (const wanted &result : results)
+                result.made.values[group] = statistic_of(result.kind, sums);
         });
+    });
     keep(std::move(results), all.made);
 }
 
@@ -215,7 +290,6 @@ const moment_states &distance_statistics::moments_of(const column &of) {
         return made;
     for (std::vector<dbl> *numbers : {&made.mean, &made.m2, &made.m3})
         numbers->assign(by_.count(), nil_of<dbl>());
-    const std::array<const centred_values *, 1> rows{&centred_of(of)};
     const auto finish = [&](BUN group, const power_sums<3> &sums) {
         if (sums.n == 0)
             return;
@@ -225,8 +299,8 @@ const moment_states &distance_statistics::moments_of(const column &of) {
         made.m2[group] = s2 - s1 * s1 / n;
         made.m3[group] = s3 + (-3 * s1 * s2 / n + 2 * s1 * s1 * s1 / (n * n));
     };
-    context_.operators.work("moments", of.name(), static_cast<BUN>(by_.rows()),
-                            [&] { sum_by_group<moment_sums<3>>(rows, by_, finish); });
+    over(std::array{&of},
+         [&](const auto &rows) { sum_by_group<moment_sums<3>>(rows, by_, finish); });
     return made;
 }
 
@@ -238,7 +312,6 @@ const pair_states &distance_statistics::pairs_of(const column &x, const column &
     made.n.assign(by_.count(), 0);
     for (std::vector<dbl> &numbers : made.numbers)
         numbers.assign(by_.count(), nil_of<dbl>());
-    const std::array<const centred_values *, 2> rows{&centred_of(x), &centred_of(y)};
     const auto finish = [&](BUN group, const correlation_sums &sums) {
         if (sums.pairs == 0)
             return;
@@ -251,9 +324,8 @@ const pair_states &distance_statistics::pairs_of(const column &x, const column &
         m2_y[group] = sums.yy - sums.y * sums.y / n;
         c[group] = sums.xy - sums.x * sums.y / n;
     };
-    context_.operators.work("pair sums", fmt::format("{}, {}", x.name(), y.name()),
-                            static_cast<BUN>(by_.rows()),
-                            [&] { sum_by_group<pair_sums<correlation_sums>>(rows, by_, finish); });
+    over(std::array{&x, &y},
+         [&](const auto &rows) { sum_by_group<pair_sums<correlation_sums>>(rows, by_, finish); });
     return made;
 }
 

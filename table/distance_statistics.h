@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -33,8 +34,14 @@ struct pair_states {
 
 class distance_statistics {
 public:
-    //! A column's values as the operators take them.
-    using values_of_column = std::function<const refkernel::bat &(const column &)>;
+    //! A column's values as the operators take them; with `as_they_lie` perhaps a nil is one of
+    //! them that is a number.
+    struct column_values {
+        refkernel::bat values;
+        bool as_they_lie;
+    };
+    //! `looked`: a nil was met, so they are not to be taken as they lie.
+    using values_of_column = std::function<column_values(const column &, bool looked)>;
 
     distance_statistics(const query &asked, const query_context &context, const groups &by,
                         values_of_column values_of);
@@ -43,6 +50,9 @@ public:
     answer statistic(const asked_function &asked);
     const moment_states &moments_of(const column &of);
     const pair_states &pairs_of(const column &x, const column &y);
+    //! The sum of a whole column of floats that need no look first; else nothing.
+    std::optional<dbl> whole_sum(const column &of);
+    //! To be asked for when a statistic of the column was made.
     const centred_values &centred_of(const column &of);
 
 private:
@@ -54,14 +64,21 @@ private:
         std::map<stat_kind, answer> made;
     };
 
+    struct centred_column {
+        std::unique_ptr<centred_values> distances;
+        bool as_they_lie = false;
+    };
+
     static columns columns_of(const asked_function &asked);
+    template <std::size_t n, class Sum>
+    void over(const std::array<const column *, n> &of, const Sum &sum);
     void make_moments(const column &of, part &all);
     void make_pairs(const column &x, const column &y, part &all);
 
     const query_context &context_;
     const groups &by_;
     values_of_column values_of_;
-    std::map<const column *, std::unique_ptr<centred_values>> centred_;
+    std::map<const column *, centred_column> centred_;
     std::map<columns, part> parts_;
     std::map<const column *, moment_states> moments_;
     std::map<columns, pair_states> pairs_;

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <concepts>
 #include <span>
+#include <type_traits>
 #include <utility>
 
 namespace vask::table {
@@ -33,20 +34,32 @@ VASK_ALWAYS_INLINE double distance(T value, T centre) {
     return static_cast<double>(value) - static_cast<double>(centre);
 }
 
-// The distance of a nil is reckoned, too, so that the loop has no branch and becomes vectors.
+// An integer as wide as T, so that whether there was a nil is told by vectors, too.
+template <class T>
+using mark_of = std::conditional_t<
+    sizeof(T) == 8, std::int64_t,
+    std::conditional_t<sizeof(T) == 4, std::int32_t,
+                       std::conditional_t<sizeof(T) == 2, std::int16_t, std::int8_t>>>;
+
+// Whether there was a nil. Its distance is reckoned, too, so that the loop has no branch and
+// becomes vectors.
 template <class T, class CentreOf>
-void write_distances(const T *values, const CentreOf &centre_of, vask_row_range rows, dbl *to) {
-    with_best_instruction_set([=]() __attribute__((always_inline)) {
+bool write_distances(const T *values, const CentreOf &centre_of, vask_row_range rows, dbl *to) {
+    return with_best_instruction_set([=]() __attribute__((always_inline)) {
+        using mark = mark_of<T>;
         const CentreOf own = centre_of;
         const T nil = nil_of<T>();
         const T *const from = values + rows.begin;
         const std::size_t n = rows.size();
+        mark any_nil = 0;
         // Blocks of several partitions in turn are no order that the processor sees.
         prefetch_bytes(from + n, 0, n * sizeof(T));
         for (std::size_t i = 0; i < n; ++i) {
             const double found = distance(from[i], own(rows.begin + i));
             to[i] = from[i] == nil ? nil_of<dbl>() : found;
+            any_nil |= static_cast<mark>(from[i] == nil);
         }
+        return any_nil != 0;
     });
 }
 
@@ -74,8 +87,8 @@ std::vector<T> first_values(std::span<const T> all, const groups &by) {
 
 } // namespace
 
-centred_values::centred_values(const bat &values, const groups &by) : values_(values.record()) {
-    visit_values(values, [&]<class T>(std::span<const T> all) {
+centred_values::centred_values(bat values, const groups &by) : values_(std::move(values)) {
+    visit_values(values_, [&]<class T>(std::span<const T> all) {
         std::vector<T> centre = first_values(all, by);
         centres_.resize(centre.size());
         std::transform(centre.begin(), centre.end(), centres_.begin(), [](T value) {
@@ -84,13 +97,13 @@ centred_values::centred_values(const bat &values, const groups &by) : values_(va
         // Of the whole there is one centre, and the loop has nothing to look up.
         if (by.is_whole())
             write_ = [from = all.data(), c = centre[0]](vask_row_range rows, dbl *to) {
-                write_distances(
+                return write_distances(
                     from, [c](std::size_t) { return c; }, rows, to);
             };
         else
             write_ = [from = all.data(), numbers = by.numbers().data(),
                       centre = std::move(centre)](vask_row_range rows, dbl *to) {
-                write_distances(
+                return write_distances(
                     from,
                     [numbers, own = centre.data()](std::size_t row) {
                         return own[static_cast<std::size_t>(numbers[row])];
@@ -102,7 +115,7 @@ centred_values::centred_values(const bat &values, const groups &by) : values_(va
         return;
     written_.emplace(static_cast<std::size_t>(by.rows()));
     for_rows(written_->values.size(), [&](std::size_t begin, std::size_t end) {
-        write_({static_cast<BUN>(begin), static_cast<BUN>(end)}, written_->values.data() + begin);
+        write({static_cast<BUN>(begin), static_cast<BUN>(end)}, written_->values.data() + begin);
     });
 }
 

@@ -12,6 +12,7 @@
 #include "vask/embed.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -20,26 +21,33 @@
 
 namespace vask::table {
 
-//! The values of a column as distances from the first value of their group, the centre. The values
-//! and the groups outlive it.
+//! The values of a column as distances from the first value of their group, the centre. The groups
+//! outlive it.
 class centred_values {
 public:
-    centred_values(const refkernel::bat &values, const groups &by);
+    centred_values(refkernel::bat values, const groups &by);
 
     //! Writes the distances of rows, as dbl; the nil for a missing value.
-    void write(vask_row_range rows, dbl *to) const { write_(rows, to); }
+    void write(vask_row_range rows, dbl *to) const {
+        if (write_(rows, to))
+            nil_seen_.store(true, std::memory_order_relaxed);
+    }
+
+    //! Whether a nil was among the rows that were written.
+    bool nil_seen() const { return nil_seen_.load(std::memory_order_relaxed); }
 
     //! By group number; NaN for a group without values.
     const std::vector<double> &centres() const { return centres_; }
 
-    const BAT &values() const { return *values_; }
+    const BAT &values() const { return *values_.record(); }
 
     //! All distances by row where they were written beforehand, else null.
     const dbl *written() const { return written_.has_value() ? written_->values.data() : nullptr; }
 
 private:
-    const BAT *values_;
-    std::function<void(vask_row_range, dbl *)> write_;
+    refkernel::bat values_;
+    std::function<bool(vask_row_range, dbl *)> write_;
+    mutable std::atomic<bool> nil_seen_{false};
     std::vector<double> centres_;
     std::optional<fresh_column<dbl>> written_;
 };

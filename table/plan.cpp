@@ -5,6 +5,7 @@
 #include "table/errors.h"
 #include "table/shared_parts.h"
 #include "table/value_statistics.h"
+#include "table/whole_distinct.h"
 
 #include <algorithm>
 #include <array>
@@ -215,6 +216,13 @@ private:
         // In a group of one row a value is the only one.
         if (by_.count() == static_cast<std::size_t>(by_.rows()))
             return counts(of);
+        if (by_.is_whole() && keys.size() == 1 && !of.has_heap() && !is_float(of.type().of) &&
+            (is_text(of.type().of) || !parts_.numbers_of(of).beyond))
+            if (const auto known = different_within(keys[0], of.bounds(context_.tell))) {
+                answer result = answer_of(form::lng, std::vector{static_cast<lng>(*known)});
+                result.no_nil = true;
+                return result;
+            }
         std::vector<lng> result;
         if (keys.size() > 1 || by_.count() > most_groups_counted_in_parallel ||
             (!is_text(of.type().of) && parts_.numbers_of(of).beyond)) {
@@ -285,6 +293,13 @@ private:
 
     // A group's sum may be the number that is the nil.
     answer sum_of_floats(const column &of) {
+        if (const std::optional<dbl> known = parts_.distances().whole_sum(of)) {
+            answer result = answer_of(form::dbl, std::vector{*known});
+            result.no_nil = *known != nil_of<dbl>();
+            if (!result.no_nil)
+                parts_.mark_groups_without_values(of, result);
+            return result;
+        }
         if (parts_.numbers_of(of).beyond)
             return sum_in_row_order(of);
         answer result = parts_.call(function("sum"), {&parts_.doubles_of(of)}, of.name());
@@ -382,7 +397,7 @@ private:
     }
 
     // What was seen when the column was looked through. Of -0.0 and 0.0 the first one counts, which
-    // is known to the operator alone.
+    // is known to the operator alone where there are both.
     static std::optional<answer> known_extreme(const numbers &values, bool least) {
         return visit_storage(
             values.values.type(), [&]<class T>(std::type_identity<T>) -> std::optional<answer> {
@@ -391,7 +406,7 @@ private:
                     if (!values.float_bounds)
                         return std::nullopt;
                     known = static_cast<T>((*values.float_bounds)[least ? 0 : 1]);
-                    if (known == T{0})
+                    if (known == T{0} && values.minus_zero)
                         return std::nullopt;
                 } else {
                     if (!values.bounds)
@@ -662,14 +677,14 @@ private:
             return result;
         }
         if (asked.columns.size() == 1) {
+            const moment_states &all = parts_.distances().moments_of(x);
             if (part == "centre")
                 return centres_of(x);
-            const moment_states &all = parts_.distances().moments_of(x);
             return answer_of(form::dbl, part == "mean" ? all.mean : part == "m2" ? all.m2 : all.m3);
         }
+        const pair_states &all = parts_.distances().pairs_of(x, *asked.columns[1]);
         if (part == "centre_x" || part == "centre_y")
             return centres_of(*asked.columns[part == "centre_x" ? 0 : 1]);
-        const pair_states &all = parts_.distances().pairs_of(x, *asked.columns[1]);
         if (part == "n_xy") {
             answer result = answer_of(form::lng, all.n);
             result.no_nil = true;

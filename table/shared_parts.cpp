@@ -33,11 +33,15 @@ shared_parts::shared_parts(std::int64_t rows, const query &asked, const query_co
       context_(context),
       nan_missing_((asked.flags & VASK_NAN_IS_NULL) != 0),
       by_(rows, groups_of(asked), context.operators, context.tell),
-      distances_(asked, context, by_, [this](const column &of) -> const bat & {
-          const numbers &values = numbers_of(of);
-          const bool plain = !values.beyond && of.type().of != kind::decimal;
-          return plain ? values.values : doubles_of(of);
-      }) {
+      distances_(asked, context, by_,
+                 [this](const column &of, bool looked) -> distance_statistics::column_values {
+                     if (!looked)
+                         if (auto values = of.as_they_lie(nan_missing_))
+                             return {std::move(*values), true};
+                     const numbers &values = numbers_of(of);
+                     const bool plain = !values.beyond && of.type().of != kind::decimal;
+                     return {bat::share((plain ? values.values : doubles_of(of)).id()), false};
+                 }) {
     find_shared_quantiles();
 }
 

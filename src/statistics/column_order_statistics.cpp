@@ -5,15 +5,23 @@
 #include "rows/gdk_vector.h"
 #include "vask/ops.h"
 
+#include <concepts>
+#include <span>
+
 namespace vask {
 
 namespace {
 
-//! Gathers b's tail into an array of its own and runs the functor on it, all on the calling thread.
-//! Nils are not skipped, so a column has to be marked free of them; the mark is believed. An empty
-//! column has the nil as its answer, whatever its mark.
+//! What can be told of a column's values where they lie: stores the answer and gives true.
+template <class R>
+using look_in_place = bool (*)(R *result, std::span<const R> values, bte type);
+
+//! Gathers b's tail into an array of its own and runs the functor on it, unless `look`, if there is
+//! one, finds the answer without. Nils are not skipped, so a column has to be marked free of them;
+//! the mark is believed. An empty column has the nil as its answer, whatever its mark.
 template <class R, class S>
-int vask_stat_gather(R *result, BAT *b, bte type, const stat_functor<R> &functor) {
+int vask_stat_gather(R *result, BAT *b, bte type, const stat_functor<R> &functor,
+                     look_in_place<R> look) {
     use_kernel_memory_in_numeric_runtime();
     stat_flag flag = 0;
     gdk_vector<R> values;
@@ -25,22 +33,47 @@ int vask_stat_gather(R *result, BAT *b, bte type, const stat_functor<R> &functor
     if (!b->tail->nonil)
         return 0;
     tell_plan("1 range");
-    values.reserve(n);
     BATaccess(b, 2, 0, 1);
-    values.append_reserved(rows_of<const S>(*b->tail) + b->info->first, n);
+    const S *all = rows_of<const S>(*b->tail) + b->info->first;
+    bool found = false;
+    try {
+        if constexpr (std::same_as<R, S>)
+            found = look != nullptr && look(result, {all, n}, type);
+        if (!found) {
+            values.reserve(n);
+            values.append_reserved(all, n);
+        }
+    } catch (...) { // no memory, or work that was cancelled
+        BATaccess(b, 2, 0, -1);
+        throw;
+    }
     BATaccess(b, 2, 0, -1);
+    if (found)
+        return 1;
     const int done = functor(result, &flag, {values.begin(), values.end()}, type);
     drop_numeric_buffers_if(flag);
     return done;
 }
 
+//! The mode of integers that lie close together.
+template <class T>
+bool counted_mode_in_place(T *result, std::span<const T> values, bte type) {
+    if constexpr (std::integral<T>) {
+        if (const auto mode = count_mode(values)) {
+            *result = mode->count > 1 ? mode->value : nil_of<T>(type);
+            return true;
+        }
+    }
+    return false;
+}
+
 template <class R>
-char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type,
-                       const stat_functor<R> &functor) {
+char *vask_stat_scalar(R *result, const std::int32_t *bid, bte type, const stat_functor<R> &functor,
+                       look_in_place<R> look = nullptr) {
     return run_wrapper(order_statistics_place, input_bats(bid), [&](const auto &inputs) {
         BAT *b = inputs[0];
         return with_gathered_class<R>(*b->tail, [&]<class S>(std::type_identity<S>) {
-            return vask_stat_gather<R, S>(result, b, type, functor);
+            return vask_stat_gather<R, S>(result, b, type, functor, look);
         });
     });
 }
@@ -78,6 +111,7 @@ char *vask_largest(void *result, const int32_t *bid, const int32_t *rank) {
 
 char *vask_mode(void *result, const int32_t *bid) {
     return with_stat_class(bid, [=]<class T>(std::type_identity<T>, bte type) {
-        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>());
+        return vask_stat_scalar<T>(static_cast<T *>(result), bid, type, vask_mode_functor<T>(),
+                                   counted_mode_in_place<T>);
     });
 }
