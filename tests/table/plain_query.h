@@ -44,7 +44,9 @@ public:
 
     std::vector<result_column> run() {
         for (const wanted &function : asked_.functions)
-            check(function);
+            check_types(function);
+        for (const wanted &function : asked_.functions)
+            check_values(function);
         find_groups();
         std::vector<result_column> result;
         for (const std::string &key : asked_.by) {
@@ -165,7 +167,7 @@ private:
                 group_of_[row] = static_cast<int>(group);
     }
 
-    void check(const wanted &function) const {
+    void check_types(const wanted &function) const {
         const std::string &name = function.function;
         for (const std::string &each : function.columns) {
             const column_data &of = column(each);
@@ -177,7 +179,10 @@ private:
             if ((sums_only && (is_text(of) || is_time(of))) || (numbers_only && is_text(of)))
                 throw plain_refusal{VASK_BAD_REQUEST};
         }
-        if (!is_ordered(name) || flag(VASK_NAN_IS_NULL))
+    }
+
+    void check_values(const wanted &function) const {
+        if (!is_ordered(function.function) || flag(VASK_NAN_IS_NULL))
             return;
         for (const cell &value : column(function.columns[0]).values)
             if (is_nan(value))
