@@ -94,8 +94,13 @@ struct value_census {
     bool nil = false; // a value equals the number `nil`, or is one beyond the signed integers
     bool nan = false;
     bool minus_zero = false; // which is no less than 0.0
-    T low = std::numeric_limits<T>::max();
-    T high = std::numeric_limits<T>::lowest();
+    // Nothing is beyond them, and of a column of infinities they are the bounds.
+    static constexpr T greatest = std::is_floating_point_v<T> ? std::numeric_limits<T>::infinity()
+                                                              : std::numeric_limits<T>::max();
+    static constexpr T least =
+        std::is_floating_point_v<T> ? -greatest : std::numeric_limits<T>::lowest();
+    T low = greatest;
+    T high = least;
 
     void add(const value_census &other) {
         nil = nil || other.nil;

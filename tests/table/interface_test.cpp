@@ -76,6 +76,21 @@ TEST(Interface, ValuesThatAreTheKernelsNilsStayValues) {
     }
 }
 
+// Also the least and greatest of values that all are infinite, or of zeros of which none is -0.0.
+TEST(Interface, ExtremesOfWholeColumns) {
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    for (const std::vector<double> &values :
+         {std::vector{infinity}, std::vector{-infinity, -infinity}, std::vector{0.0, 0.0, 1.0},
+          std::vector{-0.0, 0.0}, std::vector{0.0, -0.0, -1.0},
+          std::vector<double>(40, infinity)}) {
+        const auto found = whole({"v", "g", reals(values)}, {of("min"), of("max")});
+        const auto [least_at, most_at] = std::minmax_element(values.begin(), values.end());
+        EXPECT_EQ(found[0].real, *least_at);
+        EXPECT_EQ(std::signbit(found[0].real), std::signbit(*least_at));
+        EXPECT_EQ(found[1].real, *most_at);
+    }
+}
+
 // A NaN that counts as null is in the group of the nulls, whatever else the key's column holds.
 TEST(Interface, NaNThatIsNullAndNullAreOneGroup) {
     ledger counted;
