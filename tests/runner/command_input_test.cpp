@@ -73,6 +73,7 @@ TEST(Command, LinesThatAreNoRecords) {
               "field stands for a missing value), or give --ragged fill to have it completed, "
               "--ragged skip to leave it out\n");
     EXPECT_EQ(sum({"--skip", "9"}, "x\n1\n").substr(0, 5), "vask:");
+    EXPECT_EQ(sum({"--skip", "0"}, "x\n1\n"), "1,1\n");
     EXPECT_EQ(sum({"--sep", "blanks"}, "  x \t y\n 1   2\n3\t\"a  b\" \r\n\n  10 z"), "3,14\n");
     EXPECT_EQ(sum({"--sep", "blanks", "-w", "y = 'a  b'"}, "x y\n1   2\n3\t\"a  b\"\n"), "1,3\n");
     const std::string ragged = "x,y\n1,2\n3\n4,5,6\ntotal\n7,8\n";

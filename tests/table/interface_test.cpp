@@ -91,6 +91,16 @@ TEST(Interface, ExtremesOfWholeColumns) {
     }
 }
 
+TEST(Interface, EdgesOf64Bits) {
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(whole({"v", "l", wholes({0, most})}, {of("range")})[0].whole, most);
+    const auto two = whole({"v", "l", wholes({least, 5})},
+                           {of("largest", "v", 2), {"largest", {"v"}, 3, "third"}, of("mode")});
+    EXPECT_EQ(two[0].whole, least);
+    EXPECT_TRUE(two[1].is_null());
+    EXPECT_TRUE(two[2].is_null());
+}
+
 // A NaN that counts as null is in the group of the nulls, whatever else the key's column holds.
 TEST(Interface, NaNThatIsNullAndNullAreOneGroup) {
     ledger counted;
@@ -254,6 +264,12 @@ TEST(Interface, SumsBeyond64BitsNameTheirGroup) {
     const outcome told = run(table.get(), {{"k"}, {of("sum")}, 0, 0}, result);
     EXPECT_EQ(told.code, VASK_BAD_DATA);
     EXPECT_NE(told.text.find("k 'y'"), std::string::npos) << told.text;
+    const table_pointer without_key =
+        import_table(counted, {{{"k", "u", {cell::null(), cell::null()}},
+                                {"n", "i", {cell::null(), cell::null()}},
+                                {"v", "l", wholes({large, large})}}});
+    const outcome null_keys = run(without_key.get(), {{"k", "n"}, {of("sum")}, 0, 0}, result);
+    EXPECT_NE(null_keys.text.find("k null, n null"), std::string::npos) << null_keys.text;
     const table_data wide_sums = run(table.get(), {{"k"}, {of("sum")}, VASK_WIDE_SUMS, 0});
     EXPECT_EQ(wide_sums.columns[1].format, "d:38,0");
     EXPECT_EQ(shown(wide_sums.columns[1].values[1]), "13835058055282163712");
@@ -264,6 +280,7 @@ TEST(Interface, BadRequestsAreRefusedWithATextAndStoreNothing) {
     const table_pointer table = import_table(counted, {{{"v", "i", wholes({1})},
                                                         {"t", "u", words({"x"})},
                                                         {"odd", "w:3", wholes({1})},
+                                                        {"digits", "d:5,-2", wholes({1})},
                                                         {"v2", "g", reals({1})},
                                                         {"v2", "g", reals({1})}}});
     const auto refused = [&](const asked_query &asked, const std::string &says) {
@@ -279,6 +296,7 @@ TEST(Interface, BadRequestsAreRefusedWithATextAndStoreNothing) {
     refused({{}, {of("sum", "v2")}, 0, 0}, "several");
     refused({{}, {of("count", "odd")}, 0, 0}, "w:3");
     refused({{"odd"}, {}, 0, 0}, "w:3");
+    refused({{}, {of("count", "digits")}, 0, 0}, "d:5,-2");
     refused({{"v", "v"}, {}, 0, 0}, "twice");
     refused({{}, {of("sum"), of("sum")}, 0, 0}, "sum(v)");
     refused({{}, {{"sum", {}, 0, ""}}, 0, 0}, "1 column");
@@ -632,6 +650,52 @@ TEST(Ownership, ResultsOutliveTablesAndStreamsOutliveResults) {
     second.release(&second); // without a look at it
 }
 
+// Texts of a result are written by several tasks, each behind those of the ones before.
+TEST(Interface, ManyTextsComeBack) {
+    ledger counted;
+    table_data data{{{"k", "u", {}}}};
+    for (int row = 0; row < 200'000; ++row)
+        data.columns[0].values.push_back(cell::of_text("text " + std::to_string(row * 7)));
+    const table_pointer table = import_table(counted, data);
+    const table_data found = run(table.get(), {{"k"}, {{"size", {}, 0, "n"}}, 0, 0});
+    ASSERT_EQ(found.rows(), data.rows());
+    for (std::size_t row = 0; row < data.rows(); ++row)
+        ASSERT_EQ(found.columns[0].values[row].text, data.columns[0].values[row].text) << row;
+}
+
+// ---- states -------------------------------------------------------------------------------------
+
+TEST(States, OfAnotherVersionOrQueryAreRefused) {
+    ledger counted;
+    const table_pointer table =
+        import_table(counted, {{{"k", "i", wholes({1, 1, 2})}, {"v", "g", reals({1, 2, 4})}}});
+    const query_record query({{"k"}, {of("sum")}, 0, 0});
+    vask_result *made = nullptr;
+    ASSERT_EQ(vask_partial(table.get(), &query.record, &made, nullptr), VASK_OK);
+    const result_pointer states(made);
+    const auto merged_without = [&](const std::string &column) {
+        table_data data = read_result(states.get());
+        std::erase_if(data.columns, [&](const column_data &of) { return of.name == column; });
+        const table_pointer whole = import_table(counted, read_result(states.get()));
+        const table_pointer part = import_table(counted, data);
+        const std::array<const vask_table *, 2> parts{whole.get(), part.get()};
+        vask_result *merged = nullptr;
+        char *error = nullptr;
+        const outcome told =
+            take(vask_merge(parts.data(), parts.size(), &query.record, 1, &merged, &error), error);
+        const result_pointer result(merged);
+        EXPECT_EQ(told.code, column.empty() ? VASK_OK : VASK_BAD_DATA);
+        return told.text;
+    };
+    EXPECT_EQ(merged_without(""), "");
+    for (const column_data &column : read_result(states.get()).columns) {
+        const std::string told = merged_without(column.name);
+        EXPECT_NE(told.find("part 2 of the states has no column"), std::string::npos) << told;
+        EXPECT_EQ(told.find("another version") != told.npos, column.name == "vask.states.1")
+            << told;
+    }
+}
+
 // ---- threads ------------------------------------------------------------------------------------
 
 table_data large_table(std::size_t rows) {
@@ -758,6 +822,21 @@ TEST(Progress, GoesUpAndCancels) {
         EXPECT_EQ(made, nullptr);
         EXPECT_EQ(some.done.size(), stop) << "nothing is asked after it was cancelled";
     }
+}
+
+TEST(Progress, FailuresOfLongCallsAreTold) {
+    ledger counted;
+    std::vector<double> values(300'000, 1);
+    values.back() = std::nan("");
+    const table_pointer table = import_table(counted, {{{"v", "g", reals(values)}}});
+    query_record query({{}, {of("median")}, 0, 0});
+    query.record.progress = [](void *, double) { return 0; };
+    vask_result *made = nullptr;
+    char *error = nullptr;
+    const outcome told = take(vask_run(table.get(), &query.record, &made, &error), error);
+    EXPECT_EQ(told.code, VASK_BAD_DATA);
+    EXPECT_NE(told.text.find("NaN"), std::string::npos) << told.text;
+    EXPECT_EQ(made, nullptr);
 }
 
 // A call of so many rows that it is worked on elsewhere: asked and told on the thread that called,
