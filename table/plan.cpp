@@ -749,12 +749,12 @@ asked_function bind_function(std::string_view name, std::vector<column_pointer> 
                              double parameter, std::string title) {
     const auto [rule, given] = find_function(name);
     if (columns.size() != rule->columns)
-        fail(VASK_BAD_REQUEST, "{}: {} takes {} column{}, not {}", shown(title), rule->name,
+        fail(VASK_BAD_REQUEST, "{}: {} takes {} column{}, not {}", shown(title), shown(name),
              rule->columns, rule->columns == 1 ? "" : "s", columns.size());
     for (const column_pointer &column : columns)
         if (!accepts(rule->accepts, column->type().of))
             fail(VASK_BAD_REQUEST, "{}: column '{}' is {}; {} takes {}", shown(title),
-                 shown(column->name()), name_of(column->type()), rule->name,
+                 shown(column->name()), name_of(column->type()), shown(name),
                  name_of(rule->accepts));
     asked_function result{rule, std::move(columns), given, std::move(title)};
     if (rule->parameter == nullptr || given) {
@@ -768,7 +768,7 @@ asked_function bind_function(std::string_view name, std::vector<column_pointer> 
     if (!(parameter >= bounds.lowest && parameter <= bounds.highest) ||
         (bounds.whole && parameter != std::floor(parameter)))
         fail(VASK_BAD_REQUEST, "{}: the parameter {} of {} is out of bounds; it is {}",
-             shown(result.title), parameter, rule->name, bounds.meaning);
+             shown(result.title), parameter, shown(name), bounds.meaning);
     result.parameter = parameter;
     return result;
 }

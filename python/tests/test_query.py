@@ -100,7 +100,7 @@ def test_partitions_do_not_depend_on_the_machine():
         ),
         (dict(s=("v", "medain")), KeyError, "no function 'medain'; did you mean 'median'"),
         (dict(s=("k", "sum")), TypeError, "result 's'.*sum.*column 'k' is utf8"),
-        (dict(s=(("v", "k"), "corr")), TypeError, "column 'k' is utf8"),
+        (dict(s=(("v", "k"), "corr")), TypeError, "corr takes numbers.*column 'k' is utf8"),
         (dict(s=("v", "corr")), TypeError, "takes a pair of columns"),
         (dict(s=(("v", "w"), "sum")), TypeError, "takes one column"),
         (dict(s=("v", "quantile", 2)), ValueError, "from 0 to 1"),
@@ -119,6 +119,7 @@ def test_partitions_do_not_depend_on_the_machine():
         (dict(by=7), TypeError, "by is a column's name"),
         (dict(by=[7]), TypeError, "named by a text"),
         (dict(sort=("v", "sum")), TypeError, r"results=\{'sort'"),
+        (dict(progress=5), TypeError, "progress is True"),
         (dict(partitions=1000), ValueError, "from 1 to 256"),
         (dict(observed=False), ValueError, "observed"),
         (dict(interpolation="nearest"), ValueError, "linear"),
@@ -182,6 +183,8 @@ def test_groups():
         vask.group_by(TABLE, "K")
     with pytest.raises(ValueError, match="one key at least"):
         vask.group_by(TABLE, [])
+    with pytest.raises(ValueError, match=r"'k' is a key.*max"):
+        g.max("k")
 
 
 def test_groups_see_the_data_as_they_are():

@@ -244,6 +244,11 @@ class GroupBy:
                 and (not columns.numeric or types[name].kind in ("integer", "float", "decimal"))
             ]
         for column in [columns] if isinstance(columns, str) else columns:
+            if column in self._by:
+                raise InvalidValueError(
+                    f"{column!r} is a key, and so is the name of a column of the result; give the "
+                    f"{function} a name of its own, as in agg(name=({column!r}, {function!r}))"
+                )
             query.add(column, (column, function, *parameters))
 
     def _each(self, function: str, columns: Any, *parameters: Any) -> Result:

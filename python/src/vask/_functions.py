@@ -56,6 +56,7 @@ class Request(NamedTuple):
     function: str
     columns: tuple[str, ...]
     parameter: Optional[float] = None
+    written: str = ""  #: the function as its user named it
 
 
 class _Rule(NamedTuple):
@@ -151,7 +152,7 @@ def requests_of(
                 name = f"{function}({', '.join(operand)})"
             elif several:
                 name = f"{result}_{'_'.join(operand)}"
-            requests.append(Request(name + suffix, actual, operand, parameter))
+            requests.append(Request(name + suffix, actual, operand, parameter, function))
     return requests
 
 
@@ -272,6 +273,6 @@ def check_types(
             allowed = _TYPES.get(wanted)
             if allowed is not None and type_.kind not in allowed:
                 raise InvalidTypeError(
-                    f"result {request.name!r}: {request.function} takes {wanted}, "
+                    f"result {request.name!r}: {request.written} takes {wanted}, "
                     f"and column {column!r} is {type_.name}"
                 )

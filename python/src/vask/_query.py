@@ -52,6 +52,11 @@ class Options:
                 f"partitions is a number from 1 to 256, or 0 for the default, "
                 f"not {self.partitions!r}"
             )
+        if not isinstance(self.progress, bool) and not callable(self.progress):
+            raise InvalidTypeError(
+                "progress is True for a bar, or a function that is given the share that is done, "
+                f"not {self.progress!r}"
+            )
         if self.ddof not in (0, 1):
             raise InvalidValueError(f"ddof is 0 or 1, not {self.ddof!r}")
 
