@@ -89,10 +89,16 @@ public:
         const text_key *keys = keys_.get();
         std::size_t mask = slot_count_ - 1;
         unsigned shift = shift_;
+        recent_text *const recent = recent_texts();
         for (unsigned i = 0; i < n; ++i) {
             text_key key;
             if (!load(i, key)) [[unlikely]]
                 return i;
+            recent_text *const known = recent == nullptr ? nullptr : recent + recent_place(key);
+            if (known != nullptr && known->key == key) {
+                put(i, known->word);
+                continue;
+            }
             const std::uint32_t own = hash(key);
             std::size_t at = own >> shift;
             while (slots[at].word != 0 && slots[at].hash != own)
@@ -105,6 +111,9 @@ public:
                 mask = slot_count_ - 1;
                 shift = shift_;
             }
+            // Who came first stays: two texts of one place would take turns.
+            if (known != nullptr && known->word == 0 && key.is_whole_text())
+                *known = {key, found};
             put(i, found);
         }
         return n;
@@ -149,6 +158,32 @@ private:
     static constexpr std::uint64_t no_length = 0x80;
     //! Texts of which a table of `slots` slots is full.
     static constexpr std::size_t room(std::size_t slots) noexcept { return slots / 8 * 5; }
+
+    //! Of few texts most are found at one look, by a cheaper hash, where an early text of that hash
+    //! is: ten words of five bytes take 2.6 CPU ns a row, and 3.9 without.
+    struct recent_text {
+        text_key key;
+        number word; // 0: none
+    };
+    static constexpr unsigned recent_bits = 12;
+    static constexpr number most_recent_texts = 256;
+
+    VASK_ALWAYS_INLINE static std::size_t recent_place(text_key key) noexcept {
+        constexpr std::uint64_t odd = 0x9e3779b97f4a7c15;
+        return (key.low ^ std::rotl(key.high, 24)) * odd >> (64 - recent_bits);
+    }
+
+    //! Null where texts are many.
+    recent_text *recent_texts() {
+        if (size_ > most_recent_texts)
+            return nullptr;
+        if (recent_ == nullptr) {
+            constexpr std::size_t places = std::size_t{1} << recent_bits;
+            recent_ = std::make_unique<recent_text[]>(places);
+            std::fill_n(recent_.get(), places, recent_text{{0, no_length << 56}, 0});
+        }
+        return recent_.get();
+    }
 
     VASK_ALWAYS_INLINE std::size_t slot_of(std::uint32_t hash) const noexcept {
         return hash >> shift_;
@@ -226,6 +261,7 @@ private:
     block<slot> slots_;
     block<text_key> keys_;      // by number, from 1 on
     block<const char *> texts_; // where they were met first
+    std::unique_ptr<recent_text[]> recent_;
 };
 
 } // namespace vask::table
