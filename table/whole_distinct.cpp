@@ -13,7 +13,6 @@
 namespace vask::table {
 
 using refkernel::bat;
-using refkernel::nil_of;
 
 std::optional<std::uint64_t> different_within(const bat &values, value_bounds bounds) {
     constexpr std::uint64_t word_bits = 64;
