@@ -650,6 +650,28 @@ TEST(Ownership, ResultsOutliveTablesAndStreamsOutliveResults) {
     second.release(&second); // without a look at it
 }
 
+// Batches can have parts of one array as their dictionaries.
+TEST(Interface, DictionariesThatShareMemoryAreOthers) {
+    ledger counted;
+    ArrowArray first{};
+    const table_pointer table =
+        import_stream(make_stream(counted, {{{"v", "u", words({"a", "b", "c", "b", "c"})}}},
+                                  {{{.dictionary = true}}, {3, 2}}, [&](ArrowArray &batch) {
+                                      ArrowArray &dictionary = *batch.children[0]->dictionary;
+                                      if (first.buffers == nullptr) {
+                                          first = dictionary;
+                                          return;
+                                      }
+                                      // In the memory of the first one, where the entries are c, b
+                                      // and a behind one of no
+                                      // row, but without that: b and c become a and b.
+                                      std::copy_n(first.buffers, 3, dictionary.buffers);
+                                      dictionary.offset = first.offset + 1;
+                                  }));
+    const table_data found = run(table.get(), {{"v"}, {{"size", {}, 0, "n"}}, 0, 0});
+    EXPECT_EQ(shown(found), "v (u): 'a' 'b' 'c'\nn (l): 2 2 1\n");
+}
+
 // Texts of a result are written by several tasks, each behind those of the ones before.
 TEST(Interface, ManyTextsComeBack) {
     ledger counted;
