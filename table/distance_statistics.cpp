@@ -5,8 +5,12 @@
 #include "statistics/moments.h"
 #include "statistics/pair_statistics.h"
 
-#include <span>
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <string_view>
+#include <type_traits>
 
 #include <fmt/format.h>
 
@@ -39,8 +43,7 @@ bool is_skewness(stat_kind kind) {
     return kind == stat_kind::skews || kind == stat_kind::skewp;
 }
 
-// Hands the sums of each group to `finish(group, sums)`, from tasks, perhaps twice. Of groups
-// without rows they are not told.
+// Hands the sums of each group to `finish(group, sums)`, from tasks, perhaps twice.
 template <class Aggregate, std::size_t columns, class Finish>
 void sum_by_group(const std::array<const centred_values *, columns> &of, const groups &by,
                   const Finish &finish) {
@@ -74,40 +77,6 @@ void sum_by_group(const std::array<const centred_values *, columns> &of, const g
     });
 }
 
-// The sum of values and how many they are.
-struct counted_sum {
-    template <class Number, class Count>
-    struct sums {
-        Number value;
-        Count n;
-        static constexpr auto fields() noexcept { return std::tuple(&sums::value, &sums::n); }
-    };
-    using partial = sums<dbl, lng>;
-    using lanes = sums<dbl_lanes, lng_lanes>;
-
-    VASK_ALWAYS_INLINE static void add(partial &p, dbl value) noexcept {
-        p.value += value;
-        ++p.n;
-    }
-    VASK_ALWAYS_INLINE static void add_lanes(lanes &all, const lane_values<1> &values,
-                                             const lng_lanes &is_value) noexcept {
-        all.value += values_or_zero(values[0], is_value);
-        all.n -= is_value; // which is -1 for a value
-    }
-    VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
-        total.value += part.value;
-        total.n += part.n;
-    }
-    VASK_ALWAYS_INLINE static partial scan(const column_rows<dbl> &rows,
-                                           vask_row_range r) noexcept {
-        partial result{};
-        for (BUN p = r.begin; p < r.end; ++p)
-            if (!rows.is_nil(p))
-                add(result, rows[p]);
-        return result;
-    }
-};
-
 // A result, by group, that is yet to be filled.
 struct wanted {
     stat_kind kind;
@@ -118,22 +87,14 @@ std::vector<wanted> wanted_of(const std::set<stat_kind> &asked,
                               const std::map<stat_kind, answer> &made, std::size_t groups) {
     std::vector<wanted> result;
     for (const stat_kind kind : asked)
-        if (!made.contains(kind)) {
+        if (!made.contains(kind))
             result.push_back({kind, fresh_column<dbl>(groups)});
-            std::fill(result.back().made.values.begin(), result.back().made.values.end(),
-                      nil_of<dbl>());
-        }
     return result;
 }
 
 void keep(std::vector<wanted> results, std::map<stat_kind, answer> &made) {
     for (wanted &result : results)
         made.emplace(result.kind, answer_of(std::move(result.made).finish({.nil = true})));
-}
-
-template <int Power>
-power_sums<2> squares_of(const power_sums<Power> &sums) {
-    return {sums.s1, sums.s2, sums.n};
 }
 
 template <int Power>
@@ -145,7 +106,7 @@ dbl moment_of(stat_kind kind, const power_sums<Power> &sums) {
             else
                 return nil_of<dbl>();
         } else {
-            return moment(squares_of(sums));
+            return moment(power_sums<2>{sums.s1, sums.s2, sums.n});
         }
     });
 }
@@ -204,13 +165,13 @@ std::optional<dbl> distance_statistics::whole_sum(const column &of) {
     const column_values own = values_of_(of, false);
     if (!own.as_they_lie)
         return std::nullopt;
-    counted_sum::partial made{};
+    power_sums<1> made{};
     context_.operators.work("sum", of.name(), static_cast<BUN>(by_.rows()), [&] {
         const BAT &values = *own.values.record();
-        made = reduce_rows<counted_sum>(
+        made = reduce_rows<moment_sums<1>>(
             column_rows<dbl>(values), partition_plan(values, partition_count(values.info->count)));
     });
-    return made.n == by_.rows() ? std::optional(made.value) : std::nullopt;
+    return made.n == by_.rows() ? std::optional(made.s1) : std::nullopt;
 }
 
 // Calls `sum` with the distances of columns, and again if a value that is a number was taken for a

@@ -18,6 +18,13 @@ template <int Power, class Number = dbl, class Count = lng>
 struct power_sums;
 
 template <class Number, class Count>
+struct power_sums<1, Number, Count> {
+    Number s1;
+    Count n;
+    static constexpr auto fields() noexcept { return std::tuple(&power_sums::s1, &power_sums::n); }
+};
+
+template <class Number, class Count>
 struct power_sums<2, Number, Count> {
     Number s1;
     Number s2;
@@ -45,7 +52,8 @@ struct moment_sums {
 
     VASK_ALWAYS_INLINE static void add(partial &sums, dbl y) noexcept {
         sums.s1 += y;
-        sums.s2 += y * y;
+        if constexpr (Power >= 2)
+            sums.s2 += y * y;
         if constexpr (Power == 3)
             sums.s3 += (y * y) * y;
         ++sums.n;
@@ -73,7 +81,8 @@ struct moment_sums {
                                              const lng_lanes &is_value) noexcept {
         const dbl_lanes y = values_or_zero(values[0], is_value);
         sums.s1 += y;
-        sums.s2 += y * y;
+        if constexpr (Power >= 2)
+            sums.s2 += y * y;
         if constexpr (Power == 3)
             sums.s3 += (y * y) * y;
         sums.n -= is_value; // which is -1 for a value
@@ -81,7 +90,8 @@ struct moment_sums {
 
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         total.s1 += part.s1;
-        total.s2 += part.s2;
+        if constexpr (Power >= 2)
+            total.s2 += part.s2;
         if constexpr (Power == 3)
             total.s3 += part.s3;
         total.n += part.n;
