@@ -13,7 +13,7 @@
 namespace vask::runner {
 
 table_column contained_in(const named_column &left, const named_column &right,
-                          const std::string &looked_up, const table::operator_set &operators) {
+                          const std::string &looked_up) {
     const bool left_text = left.column.type == column_type::str;
     const bool right_text = right.column.type == column_type::str;
     const bool left_time = is_time_type(left.column.type);
@@ -30,9 +30,8 @@ table_column contained_in(const named_column &left, const named_column &right,
                                "give --types '{}:int', which goes for them in both files",
                                looked_up)
                  : "");
-    const table::result_column found =
-        contained(*as_table_column(left.name, left.column),
-                  *as_table_column(right.name, right.column), operators);
+    const table::result_column found = contained(*as_table_column(left.name, left.column),
+                                                 *as_table_column(right.name, right.column));
     std::vector<bte> values(static_cast<std::size_t>(found.rows));
     const auto *const bits = static_cast<const std::uint8_t *>(found.values);
     for (std::size_t row = 0; row < values.size(); ++row)

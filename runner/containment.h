@@ -3,8 +3,6 @@
 
 #include "table_loader.h"
 
-#include "table/operators.h"
-
 #include <string>
 
 namespace vask::runner {
@@ -22,6 +20,6 @@ struct named_column {
  * for other pairs. `looked_up` is the left column as --types names it.
  */
 table_column contained_in(const named_column &left, const named_column &right,
-                          const std::string &looked_up, const table::operator_set &operators);
+                          const std::string &looked_up);
 
 } // namespace vask::runner

@@ -66,8 +66,7 @@ csv_header with_file_column(const input_file &file, csv_header header, const std
 }
 
 table_column look_up(const options &request, const input_file &file, std::size_t column,
-                     const loaded_table &data, const table::operator_set &operators,
-                     const explain_log &explain) {
+                     const loaded_table &data, const explain_log &explain) {
     const auto &[path, name] = *request.contained_in;
     input_file other(path, request, {});
     const std::size_t place = find_column(other.header(), other.source(), name, "--contained-in");
@@ -86,7 +85,7 @@ table_column look_up(const options &request, const input_file &file, std::size_t
         return fmt::format("{}: column {}", of.source().name(), its);
     };
     return contained_in({data.columns[column], called(file, request.looked_up)},
-                        {known.columns[place], called(other, name)}, request.looked_up, operators);
+                        {known.columns[place], called(other, name)}, request.looked_up);
 }
 
 // Keys that are times are printed as they were read, if all were written alike.
@@ -166,7 +165,7 @@ void run_aggregates(const options &request, const explain_log &explain) {
         keys[looked_up] = true;
     loaded_table data = file.load(wanted, request.types, explain, true, keys);
     if (looks_up)
-        data.columns.push_back(look_up(request, file, looked_up, data, operators, explain));
+        data.columns.push_back(look_up(request, file, looked_up, data, explain));
     if (request.file_column)
         data.columns.push_back(file.file_names(data));
     derived.compute(data, needed, static_cast<unsigned>(request.threads));

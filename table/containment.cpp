@@ -1,20 +1,30 @@
 #include "table/containment.h"
 
 #include "kernel/column.h"
+#include "rows/huge_pages.h"
+#include "rows/value_set.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
-#include "table/operands.h"
 #include "table/parallel.h"
+#include "table/text_encoder.h"
+#include "table/validity.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
+#include <cstdint>
+#include <functional>
 #include <limits>
+#include <memory>
+#include <optional>
+#include <span>
 #include <string_view>
-#include <unordered_set>
-#include <utility>
+#include <type_traits>
 #include <vector>
+
+#include <tbb/task_arena.h>
 
 namespace vask::table {
 namespace {
@@ -24,54 +34,56 @@ using refkernel::nil_of;
 
 const teller silent = [](const std::string &) {};
 
-// Values as numbers that are equal where the values are.
-struct comparable_values {
-    std::vector<lng> keys;
-    std::vector<std::uint8_t> present;    // by row 1 for a value
-    std::vector<std::uint8_t> comparable; // 0: no value of the other column can be equal
-};
-
 bool is_whole(double value) {
     return value >= -0x1p63 && value < 0x1p63 && value == std::floor(value);
 }
 
-// Floats by their bits where both columns are floats, else all as whole numbers.
-comparable_values comparable_of(const column &of, bool as_floats, bool as_unsigned) {
-    const numbers &values = of.as_numbers(false, silent);
-    const auto rows = static_cast<std::size_t>(of.rows());
-    const bool is_unsigned = of.type().of == kind::uint64 && values.beyond;
-    comparable_values result{std::vector<lng>(rows), std::vector<std::uint8_t>(rows),
-                             std::vector<std::uint8_t>(rows)};
-    visit_values(values.values, [&]<class T>(std::span<const T> all) {
-        for_rows(rows, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t row = begin; row < end; ++row) {
-                const T value = all[row];
-                const bool present = values.beyond
-                                         ? values.present.empty() || values.present[row] != 0
-                                         : value != nil_of<T>();
-                result.present[row] = present;
-                bool comparable = present;
-                if constexpr (std::is_floating_point_v<T>) {
-                    const auto wide = static_cast<double>(value);
-                    if (as_floats) {
-                        result.keys[row] = std::bit_cast<lng>(
-                            wide != wide ? std::numeric_limits<double>::quiet_NaN() : wide + 0.0);
-                    } else {
-                        comparable = present && is_whole(wide);
-                        result.keys[row] = comparable ? static_cast<lng>(wide) : 0;
-                    }
-                } else {
-                    result.keys[row] = lng{value};
-                    // Beyond the signed numbers only an unsigned one can be equal, and the other
-                    // way round.
-                    if (is_unsigned && !as_unsigned)
-                        comparable = present && lng{value} >= 0;
-                }
-                result.comparable[row] = comparable;
+// How values of two columns are compared: floats by their bits where both are floats, else all as
+// whole numbers.
+struct comparison {
+    bool as_floats;
+    bool as_unsigned; // both columns are
+};
+
+// Rows that are answered at one go: whole bytes of bits.
+constexpr std::size_t answer_rows = 1024;
+
+// Values of such rows as keys that are equal where the values are.
+template <class Key>
+struct key_block {
+    std::array<Key, answer_rows> keys;
+    std::array<std::uint8_t, answer_rows> present;    // 1 for a value
+    std::array<std::uint8_t, answer_rows> comparable; // 0: no value of the other can be equal
+};
+
+// Writes the block of the rows from `begin` on, n of them.
+template <class Key, class T>
+void load_keys(const column &of, const numbers &values, comparison how, std::span<const T> all,
+               std::size_t begin, std::size_t n, key_block<Key> &to) {
+    // Beyond the signed numbers only an unsigned one can be equal, and the other way round.
+    const bool low_only = of.type().of == kind::uint64 && values.beyond && !how.as_unsigned;
+    for (std::size_t i = 0; i < n; ++i) {
+        const T value = all[begin + i];
+        const bool present = values.beyond
+                                 ? values.present.empty() || values.present[begin + i] != 0
+                                 : value != nil_of<T>();
+        bool comparable = present;
+        if constexpr (std::is_floating_point_v<T>) {
+            const auto wide = static_cast<double>(value);
+            if (how.as_floats) {
+                to.keys[i] = static_cast<Key>(std::bit_cast<std::uint64_t>(
+                    wide != wide ? std::numeric_limits<double>::quiet_NaN() : wide + 0.0));
+            } else {
+                comparable = present && is_whole(wide);
+                to.keys[i] = static_cast<Key>(comparable ? static_cast<lng>(wide) : 0);
             }
-        });
-    });
-    return result;
+        } else {
+            to.keys[i] = static_cast<Key>(value);
+            comparable = present && (!low_only || value >= 0);
+        }
+        to.present[i] = present;
+        to.comparable[i] = comparable;
+    }
 }
 
 void require_comparable(const value_type &left, const value_type &right) {
@@ -84,140 +96,220 @@ void require_comparable(const value_type &left, const value_type &right) {
              name_of(right));
 }
 
-std::vector<lng> text_answers(const column &left, const column &right,
-                              std::vector<std::uint8_t> &present) {
-    const texts &asked = left.as_texts(silent);
-    const texts &known = right.as_texts(silent);
-    // A word of a dictionary may occur in no row.
-    std::vector<std::uint8_t> occurs(known.words.size(), 0);
-    for (const std::int32_t code : known.codes.values<std::int32_t>())
-        if (code != nil_of<std::int32_t>())
-            occurs[static_cast<std::size_t>(code)] = 1;
-    std::unordered_set<std::string_view> words;
-    for (std::size_t i = 0; i < occurs.size(); ++i)
-        if (occurs[i] != 0)
-            words.insert(known.words[i]);
-    std::vector<std::uint8_t> found(asked.words.size());
-    for_rows(found.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i)
-            found[i] = words.contains(asked.words[i]);
+// Booleans of rows, some of which are missing.
+struct answer_bits {
+    explicit answer_bits(std::size_t rows) : values(rows / 8 + 1), validity(rows / 8 + 1) {}
+
+    std::vector<std::uint8_t> values;
+    std::vector<std::uint8_t> validity;
+    std::atomic<std::int64_t> missing = 0;
+};
+
+// Calls `answer(begin, n, contained, present)` for blocks of the rows.
+template <class Answer>
+void for_answers(std::size_t rows, answer_bits &to, const Answer &answer) {
+    for_row_ranges(static_cast<std::int64_t>(rows), [&](std::int64_t begin, std::int64_t end) {
+        std::array<std::uint8_t, answer_rows> contained;
+        std::array<std::uint8_t, answer_rows> present;
+        std::int64_t n = 0;
+        for (std::int64_t row = begin; row < end; row += n) {
+            n = std::min(std::int64_t{answer_rows}, end - row);
+            answer(static_cast<std::size_t>(row), static_cast<std::size_t>(n), contained.data(),
+                   present.data());
+            (void)bitmap_of<std::uint8_t>(contained.data(), n, 0, to.values.data() + row / 8);
+            to.missing +=
+                bitmap_of<std::uint8_t>(present.data(), n, 0, to.validity.data() + row / 8);
+        }
     });
-    const auto codes = asked.codes.values<std::int32_t>();
-    std::vector<lng> answers(codes.size());
-    for (std::size_t row = 0; row < codes.size(); ++row) {
-        present[row] = codes[row] != nil_of<std::int32_t>();
-        answers[row] = present[row] != 0 && found[static_cast<std::size_t>(codes[row])] != 0;
-    }
-    return answers;
 }
 
+// Which words of one column occur in rows of the other.
+std::vector<std::uint8_t> common_words(const texts &asked, const texts &known) {
+    // A word of a dictionary may occur in no row.
+    std::vector<std::uint8_t> occurs(known.words.size());
+    const auto codes = known.codes.values<std::int32_t>();
+    for_rows(codes.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t row = begin; row < end; ++row)
+            if (codes[row] != nil_of<std::int32_t>())
+                std::atomic_ref(occurs[static_cast<std::size_t>(codes[row])])
+                    .store(1, std::memory_order_relaxed);
+    });
+    std::vector<std::string_view> words;
+    for (std::size_t i = 0; i < occurs.size(); ++i)
+        if (occurs[i] != 0)
+            words.push_back(known.words[i]);
+    const auto chunk_of = [](const std::vector<std::string_view> &of) {
+        text_chunk chunk{};
+        chunk.kind = text_chunk::layout::anywhere;
+        chunk.rows = static_cast<std::int64_t>(of.size());
+        chunk.places = of.data();
+        return chunk;
+    };
+    const std::array chunks{chunk_of(words), chunk_of(asked.words)};
+    std::vector<std::int32_t> numbers(words.size() + asked.words.size());
+    encode_texts(chunks, numbers, nil_of<std::int32_t>());
+    // Words are numbered as they come, those of the other column first, each once.
+    std::vector<std::uint8_t> common(asked.words.size());
+    for (std::size_t i = 0; i < common.size(); ++i)
+        common[i] = static_cast<std::size_t>(numbers[words.size() + i]) < words.size();
+    return common;
+}
+
+void answer_texts(const column &left, const column &right, answer_bits &to) {
+    const texts &asked = left.as_texts(silent);
+    const texts &known = right.as_texts(silent);
+    const std::vector<std::uint8_t> common = common_words(asked, known);
+    const auto codes = asked.codes.values<std::int32_t>();
+    for_answers(
+        codes.size(), to,
+        [&](std::size_t begin, std::size_t n, std::uint8_t *contained, std::uint8_t *present) {
+            for (std::size_t i = 0; i < n; ++i) {
+                const std::int32_t code = codes[begin + i];
+                present[i] = code != nil_of<std::int32_t>();
+                contained[i] = present[i] != 0 && common[static_cast<std::size_t>(code)] != 0;
+            }
+        });
+}
+
+// Whether the values of a column are numbers of up to 32 bits.
 bool fits_int(const column &of) {
     const numbers &values = of.as_numbers(false, silent);
     const int type = values.values.type();
     return !values.beyond && (type == TYPE_bte || type == TYPE_sht || type == TYPE_int);
 }
 
-// By the operator for 32 bits. Missing values of `right` are left out.
-std::vector<lng> int_answers(const comparable_values &left, const comparable_values &right,
-                             const operator_set &operators, const std::string &about) {
-    std::vector<std::int32_t> known;
-    for (std::size_t row = 0; row < right.keys.size(); ++row)
-        if (right.present[row] != 0)
-            known.push_back(static_cast<std::int32_t>(right.keys[row]));
-    std::vector<lng> answers(left.keys.size());
-    if (known.empty() || answers.empty())
-        return answers;
-    std::vector<std::int32_t> asked(left.keys.size());
-    std::transform(left.keys.begin(), left.keys.end(), asked.begin(),
-                   [](lng key) { return static_cast<std::int32_t>(key); });
-    const bat values = refkernel::make_column(std::move(asked));
-    const bat others = refkernel::make_column(std::move(known));
-    const std::array operands{&values, &others};
-    const bat mask = operators.call("vaskops_are_bat_indexes_contained", operands, about);
-    const auto found = mask.values<bit>();
-    for (std::size_t row = 0; row < answers.size(); ++row)
-        answers[row] = left.present[row] != 0 && found[row] != 0;
-    return answers;
+// Calls `body(begin, n, block)` for the blocks of rows begin .. end - 1 until it gives false.
+template <class Key, class Body>
+void for_key_blocks(const column &of, comparison how, std::size_t begin, std::size_t end,
+                    const Body &body) {
+    const numbers &values = of.as_numbers(false, silent);
+    visit_values(values.values, [&]<class T>(std::span<const T> all) {
+        key_block<Key> block;
+        for (std::size_t row = begin, n = 0; row < end; row += n) {
+            n = std::min(answer_rows, end - row);
+            load_keys(of, values, how, all, row, n, block);
+            if (!body(row, n, block))
+                return;
+        }
+    });
 }
 
-// Both columns are grouped as one: a value is contained where its group has a row of `right`.
-std::vector<lng> grouped_answers(const comparable_values &left, const comparable_values &right,
-                                 const operator_set &operators, const std::string &about) {
-    std::vector<lng> answers(left.keys.size());
-    std::vector<lng> together;
-    std::vector<std::size_t> rows;
-    for (std::size_t row = 0; row < right.keys.size(); ++row)
-        if (right.comparable[row] != 0)
-            together.push_back(right.keys[row]);
-    const std::size_t others = together.size();
-    for (std::size_t row = 0; row < left.keys.size(); ++row)
-        if (left.comparable[row] != 0) {
-            together.push_back(left.keys[row]);
-            rows.push_back(row);
-        }
-    if (others == 0 || rows.empty())
-        return answers;
-    const operator_set::grouped_rows found =
-        operators.group(refkernel::make_column(std::move(together)), about);
-    const oid_reader groups(*found.map->tail, *found.map.record());
-    const BUN first = found.map->info->first;
-    // A group's id is its first row, and the rows of `right` come first.
-    for (std::size_t i = 0; i < rows.size(); ++i)
-        answers[rows[i]] = groups[first + static_cast<BUN>(others + i)] < others;
-    return answers;
+// The keys of a column that can be equal to one of another.
+template <class Key>
+class known_keys {
+public:
+    known_keys(const column &of, comparison how) {
+        const auto rows = static_cast<std::size_t>(of.rows());
+        const numbers &values = of.as_numbers(false, silent);
+        if constexpr (sizeof(Key) == sizeof(lng))
+            if (values.values.type() == TYPE_lng && values.missing == 0 && !values.beyond) {
+                const auto all = values.values.values<lng>();
+                keys_ = {reinterpret_cast<const Key *>(all.data()), rows};
+                return;
+            }
+        std::optional<Key> some;
+        for_key_blocks<Key>(of, how, 0, rows,
+                            [&](std::size_t, std::size_t n, const key_block<Key> &block) {
+                                end_if_cancelled();
+                                for (std::size_t i = 0; i < n && !some; ++i)
+                                    if (block.comparable[i] != 0)
+                                        some = block.keys[i];
+                                return !some;
+                            });
+        if (!some)
+            return;
+        memory_ = large_block<Key>(rows);
+        for_rows(rows, [&](std::size_t begin, std::size_t end) {
+            for_key_blocks<Key>(of, how, begin, end,
+                                [&](std::size_t row, std::size_t n, const key_block<Key> &block) {
+                                    // One that occurs anyway, in place of what can equal nothing.
+                                    for (std::size_t i = 0; i < n; ++i)
+                                        memory_[row + i] =
+                                            block.comparable[i] != 0 ? block.keys[i] : *some;
+                                    return true;
+                                });
+        });
+        keys_ = {memory_.get(), rows};
+    }
+
+    //! Empty if there is none.
+    std::span<const Key> get() const { return keys_; }
+
+private:
+    gdk_block<Key> memory_;
+    std::span<const Key> keys_;
+};
+
+template <class Key>
+void answer_numbers(const column &left, const column &right, comparison how, answer_bits &to) {
+    const auto run_tasks = [](std::size_t n, const std::function<void(std::size_t)> &task) {
+        for_each_number(n, task);
+    };
+    const known_keys<Key> known(right, how);
+    std::optional<value_set<Key>> set;
+    if (!known.get().empty()) {
+        // As much memory as tables take.
+        constexpr std::uint64_t bits_of_a_key = 128;
+        set.emplace(known.get(), bits_of_a_key * known.get().size(), run_tasks,
+                    static_cast<std::size_t>(tbb::this_task_arena::max_concurrency()));
+    }
+    for_answers(
+        static_cast<std::size_t>(left.rows()), to,
+        [&](std::size_t begin, std::size_t rows, std::uint8_t *contained, std::uint8_t *present) {
+            for_key_blocks<Key>(left, how, begin, begin + rows,
+                                [&](std::size_t, std::size_t n, const key_block<Key> &block) {
+                                    std::array<bit, answer_rows> found{};
+                                    if (set)
+                                        set->mark(block.keys.data(), n, found.data());
+                                    for (std::size_t i = 0; i < n; ++i)
+                                        contained[i] = found[i] != 0 && block.comparable[i] != 0;
+                                    std::copy_n(block.present.data(), n, present);
+                                    return true;
+                                });
+        });
+}
+
+// Where one of the columns has no values at all.
+void answer_nulls(const column &left, answer_bits &to) {
+    const kind of = left.type().of;
+    if (of == kind::null)
+        return;
+    if (is_text(of))
+        answer_texts(left, left, to);
+    else
+        answer_numbers<std::uint64_t>(left, left, {}, to);
+    std::fill(to.values.begin(), to.values.end(), 0);
 }
 
 } // namespace
 
-result_column contained(const column &left, const column &right, const operator_set &operators) {
+result_column contained(const column &left, const column &right) {
     const value_type &asked = left.type();
     const value_type &known = right.type();
     require_comparable(asked, known);
     const auto rows = static_cast<std::size_t>(left.rows());
-    std::vector<std::uint8_t> present(rows, 0);
-    std::vector<lng> answers(rows);
+    const auto bits = std::make_shared<answer_bits>(rows);
     if (asked.of == kind::null || known.of == kind::null) {
-        if (asked.of != kind::null && is_text(asked.of))
-            answers = text_answers(left, left, present);
-        else if (asked.of != kind::null)
-            present = comparable_of(left, false, false).present;
-        std::fill(answers.begin(), answers.end(), 0);
+        answer_nulls(left, *bits);
     } else if (is_text(asked.of)) {
-        answers = text_answers(left, right, present);
+        answer_texts(left, right, *bits);
+    } else if (fits_int(left) && fits_int(right)) {
+        answer_numbers<std::uint32_t>(left, right, {}, *bits);
     } else {
-        if (left.rows() + right.rows() > std::numeric_limits<std::int32_t>::max() - 1)
-            fail(VASK_BAD_REQUEST, "is_in: both columns together have more than {} rows",
-                 std::numeric_limits<std::int32_t>::max() - 1);
-        const bool floats = is_float(asked.of) && is_float(known.of);
-        const bool is_unsigned = asked.of == kind::uint64 && known.of == kind::uint64;
-        const comparable_values own = comparable_of(left, floats, is_unsigned);
-        const comparable_values others = comparable_of(right, floats, is_unsigned);
-        const std::string about = fmt::format("{}, {}", left.name(), right.name());
-        answers = fits_int(left) && fits_int(right)
-                      ? int_answers(own, others, operators, about)
-                      : grouped_answers(own, others, operators, about);
-        present = own.present;
+        answer_numbers<std::uint64_t>(left, right,
+                                      {is_float(asked.of) && is_float(known.of),
+                                       asked.of == kind::uint64 && known.of == kind::uint64},
+                                      *bits);
     }
     result_column made;
     made.name = "contained";
     made.type = plain_type(kind::boolean);
     made.rows = left.rows();
-    auto bits = std::make_shared<std::vector<std::uint8_t>>(rows / 8 + 1, 0);
-    auto validity = std::make_shared<std::vector<std::uint8_t>>(rows / 8 + 1, 0);
-    for (std::size_t row = 0; row < rows; ++row) {
-        const auto place = static_cast<unsigned>(row & 7);
-        (*bits)[row >> 3] =
-            static_cast<std::uint8_t>((*bits)[row >> 3] | ((answers[row] != 0 ? 1U : 0U) << place));
-        (*validity)[row >> 3] = static_cast<std::uint8_t>((*validity)[row >> 3] |
-                                                          ((present[row] != 0 ? 1U : 0U) << place));
-        made.nulls += present[row] != 0 ? 0 : 1;
-    }
-    made.values = bits->data();
-    made.owners.push_back(std::move(bits));
-    if (made.nulls > 0) {
-        made.validity = validity->data();
-        made.owners.push_back(std::move(validity));
-    }
+    made.nulls = bits->missing;
+    made.values = bits->values.data();
+    if (made.nulls > 0)
+        made.validity = bits->validity.data();
+    made.owners.push_back(bits);
     return made;
 }
 

@@ -2,12 +2,11 @@
 #pragma once
 
 #include "table/answer.h"
-#include "table/operators.h"
 
 namespace vask::table {
 
 //! A column of booleans called `contained`, null where `left` is. Numbers compare by value; types
 //! that do not compare are refused by table_error.
-result_column contained(const column &left, const column &right, const operator_set &operators);
+result_column contained(const column &left, const column &right);
 
 } // namespace vask::table

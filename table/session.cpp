@@ -100,7 +100,6 @@ const std::array linked{
     VASK_LINKED(vask_sum_sht),
     VASK_LINKED(vask_variance),
     VASK_LINKED(vask_variancep),
-    VASK_LINKED(vaskops_are_bat_indexes_contained),
 };
 
 #undef VASK_LINKED

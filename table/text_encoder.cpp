@@ -164,6 +164,9 @@ void encode_range(std::span<const text_chunk> chunks, const std::vector<row_posi
             case text_chunk::layout::views:
                 encode(view_texts(chunk.places, chunk.view_buffers));
                 break;
+            case text_chunk::layout::anywhere:
+                encode(far_texts(chunk.places));
+                break;
         }
         if (range.malformed != nullptr)
             range.malformed = chunk.kind == text_chunk::layout::views

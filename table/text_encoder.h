@@ -10,15 +10,16 @@
 
 namespace vask::table {
 
-//! Rows of one array of texts or binaries: where they lie, from the first row on. Texts are bytes:
-//! any length, zero bytes included.
+//! Rows of one array of texts or binaries, or texts anywhere: where they lie, from the first row
+//! on. Texts are bytes: any length, zero bytes included.
 struct text_chunk {
-    enum class layout : std::uint8_t { offsets32, offsets64, views };
+    enum class layout : std::uint8_t { offsets32, offsets64, views, anywhere };
 
     layout kind = layout::offsets32;
     std::int64_t rows = 0;
-    const void *places = nullptr; //!< offsets (rows + 1) or 16-byte views (rows), at the first row
-    const char *bytes = nullptr;  //!< of offsets: where offset 0 points
+    //! Offsets (rows + 1), 16-byte views (rows) or std::string_view (rows), at the first row.
+    const void *places = nullptr;
+    const char *bytes = nullptr;               //!< of offsets: where offset 0 points
     const void *const *view_buffers = nullptr; //!< of views: the buffers that views name
     const std::uint8_t *validity = nullptr;    //!< 1 bits are values; null: all are
     std::int64_t first_bit = 0;                //!< the first row's bit of `validity`

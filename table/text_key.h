@@ -214,4 +214,24 @@ private:
     const void *const *buffers_;
 };
 
+//! Texts wherever they lie.
+class far_texts {
+public:
+    explicit far_texts(const void *texts) noexcept
+        : texts_(static_cast<const std::string_view *>(texts)) {}
+
+    VASK_ALWAYS_INLINE bool load(std::int64_t row, const text_hash &hash,
+                                 text_key &key) const noexcept {
+        const std::string_view text = texts_[row];
+        key = text.size() <= text_key::longest_whole ? short_key(text.data(), text.size())
+                                                     : hash.key_of_long(text.data(), text.size());
+        return true;
+    }
+
+    std::string_view operator[](std::int64_t row) const noexcept { return texts_[row]; }
+
+private:
+    const std::string_view *texts_;
+};
+
 } // namespace vask::table

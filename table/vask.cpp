@@ -462,9 +462,8 @@ int vask_is_in(const vask_table *table, const char *column, const vask_table *ot
         const column_pointer &right =
             find_column(required(others, "others"), other_column, "is_in");
         std::vector<result_column> columns;
-        run_call(own, left->rows() + right->rows(), [&](const query_context &context) {
-            columns.push_back(contained(*left, *right, context.operators));
-        });
+        run_call(own, left->rows() + right->rows(),
+                 [&](const query_context &) { columns.push_back(contained(*left, *right)); });
         *result = new_result(std::move(columns));
     });
 }

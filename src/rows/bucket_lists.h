@@ -1,6 +1,7 @@
 // Dealing elements out to buckets in one pass.
 #pragma once
 
+#include "kernel/column.h"
 #include "rows/gdk_vector.h"
 #include "rows/huge_pages.h"
 #include "rows/isa.h"

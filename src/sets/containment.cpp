@@ -1,7 +1,9 @@
 #include "kernel/frame.h"
+#include "rows/range_tasks.h"
+#include "rows/row_blocks.h"
+#include "rows/value_set.h"
 #include "sets/absence_filter.h"
 #include "sets/oid_position_map.h"
-#include "sets/value_set.h"
 #include "vask/ops.h"
 
 #include <algorithm>
@@ -164,9 +166,10 @@ void vaskops_are_indexes_contained(const uint32_t *left, uint64_t left_count, co
     // What is built by one thread should be the smaller side. 1e7 rows in 5e4 values: 82 ms by a
     // map of the rows, 6 ms by a set of the values.
     if (right_count <= left_count && left_count <= std::numeric_limits<BUN>::max()) {
-        const value_set set({right, right_count}, std::max(left_count, smallest_bitmap));
+        const value_set<std::uint32_t> set(
+            {right, right_count}, std::max(left_count, smallest_bitmap), run_as_tasks, parts);
         run_row_loop(static_cast<BUN>(left_count), [&set, left, contained](vask_row_range rows) {
-            set.mark(left, rows, contained);
+            for_each_block(rows, [&](BUN row, BUN n) { set.mark(left + row, n, contained + row); });
         });
         return;
     }

@@ -2,7 +2,9 @@
 #include "tests/table/plain_query.h"
 
 #include <random>
+#include <set>
 #include <thread>
+#include <tuple>
 
 #include <tbb/global_control.h>
 
@@ -199,24 +201,28 @@ TEST(Interface, AliasesGiveWhatTheirFunctionsGive) {
     EXPECT_GE(functions, 32);
 }
 
+// A character for each row of the first table's column v.
+std::string is_in(const table_pointer &left, const table_pointer &right) {
+    vask_result *made = nullptr;
+    char *error = nullptr;
+    const outcome told =
+        take(vask_is_in(left.get(), "v", right.get(), "v", nullptr, &made, &error), error);
+    const result_pointer result(made);
+    if (told.code != VASK_OK)
+        return "code " + std::to_string(told.code);
+    std::string text;
+    const table_data read = read_result(made);
+    for (const cell &value : read.columns[0].values)
+        text += value.is_null() ? '-' : value.whole != 0 ? '1' : '0';
+    return text;
+}
+
 TEST(Interface, IsInComparesByValue) {
     ledger counted;
     const double nan = std::nan("");
     const auto contained = [&](const column_data &own, const column_data &other) {
-        const table_pointer left = import_table(counted, {{own}}, {{{.offset = 3}}, {}, 2});
-        const table_pointer right = import_table(counted, {{other}}, {{{.dictionary = true}}, {}});
-        vask_result *made = nullptr;
-        char *error = nullptr;
-        const outcome told =
-            take(vask_is_in(left.get(), "v", right.get(), "v", nullptr, &made, &error), error);
-        const result_pointer result(made);
-        if (told.code != VASK_OK)
-            return "code " + std::to_string(told.code);
-        std::string text;
-        const table_data read = read_result(made);
-        for (const cell &value : read.columns[0].values)
-            text += value.is_null() ? '-' : value.whole != 0 ? '1' : '0';
-        return text;
+        return is_in(import_table(counted, {{own}}, {{{.offset = 3}}, {}, 2}),
+                     import_table(counted, {{other}}, {{{.dictionary = true}}, {}}));
     };
     const cell null = cell::null();
     const wide far = wide{1} << 63;
@@ -252,6 +258,55 @@ TEST(Interface, IsInComparesByValue) {
     EXPECT_EQ(contained({"v", "d:10,2", wholes({150, 2})}, {"v", "d:12,2", wholes({150})}), "10");
     EXPECT_EQ(contained({"v", "u", words({"1"})}, {"v", "i", wholes({1})}), "code 1");
     EXPECT_EQ(contained({"v", "tss:", wholes({1})}, {"v", "tsm:", wholes({1000})}), "code 1");
+}
+
+TEST(Interface, IsInOfManyRowsIsALookupPerRow) {
+    ledger counted;
+    std::mt19937_64 random(3);
+    const auto as = [](const std::string &format, std::int64_t number) {
+        switch (sort_of_format(format)) {
+            case sort_of::real:
+                return cell::of_real(static_cast<double>(number));
+            case sort_of::text:
+                return cell::of_text("text number " + std::to_string(number));
+            default:
+                return cell::of(number);
+        }
+    };
+    // Tables are taken for known values that lie far apart, and for many of them several.
+    for (const auto &[own, other, bits] : {std::tuple{"i", "i", 31U},
+                                           {"i", "l", 31U},
+                                           {"l", "l", 40U},
+                                           {"l", "L", 52U},
+                                           {"g", "g", 40U},
+                                           {"l", "g", 40U},
+                                           {"u", "vu", 20U}})
+        for (const std::size_t n : {40U, 100'000U}) {
+            SCOPED_TRACE(std::string(own) + " in " + other + ", " + std::to_string(n));
+            const auto draw = [&, bits = bits, least = other == std::string("L") ? 0 : -1] {
+                return static_cast<std::int64_t>(random() >> (64 - bits)) +
+                       least * (std::int64_t{1} << (bits - 1));
+            };
+            column_data right{"v", other, {}};
+            std::vector<std::int64_t> known;
+            for (std::size_t i = 0; i < n; ++i) {
+                known.push_back(i == 1 ? 0 : draw());
+                right.values.push_back(i % 7 == 0 ? cell::null() : as(other, known.back()));
+            }
+            std::set<std::int64_t> present;
+            for (std::size_t i = 0; i < n; ++i)
+                if (i % 7 != 0)
+                    present.insert(known[i]);
+            column_data left{"v", own, {}};
+            std::string expected;
+            for (std::size_t i = 0; i < 4000; ++i) {
+                const std::int64_t asked = i % 2 == 0 ? known[random() % n] : draw();
+                left.values.push_back(i % 5 == 0 ? cell::null() : as(own, asked));
+                expected += i % 5 == 0 ? '-' : present.contains(asked) ? '1' : '0';
+            }
+            EXPECT_EQ(is_in(import_table(counted, {{left}}), import_table(counted, {{right}})),
+                      expected);
+        }
 }
 
 TEST(Interface, SumsBeyond64BitsNameTheirGroup) {
