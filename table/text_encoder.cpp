@@ -1,13 +1,15 @@
 #include "table/text_encoder.h"
 
 #include "table/parallel.h"
+#include "table/text_buckets.h"
 #include "table/text_dictionary.h"
-#include "table/text_key.h"
+#include "table/text_rows.h"
 #include "table/validity_bits.h"
 
 #include "rows/huge_pages.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <limits>
 #include <memory>
@@ -20,7 +22,6 @@ namespace vask::table {
 namespace {
 
 using number = text_dictionary::number;
-using row_position = std::int64_t;
 
 //! Rows that are worth a task of their own.
 constexpr row_position task_rows = row_position{1} << 16;
@@ -135,44 +136,31 @@ void encode_chunk(const Texts &texts, const text_chunk &chunk, row_position chun
     });
 }
 
-void encode_range(std::span<const text_chunk> chunks, const std::vector<row_position> &begins,
-                  const text_hash &hash, row_range &range, const written_codes &to) {
-    // The last chunk that begins at or before the range's first row; empty ones begin with it.
-    auto i = static_cast<std::size_t>(std::upper_bound(begins.begin(), begins.end(), range.begin) -
-                                      begins.begin() - 1);
-    for (; i < chunks.size() && begins[i] < range.end && range.malformed == nullptr; ++i) {
-        const text_chunk &chunk = chunks[i];
-        if (chunk.rows == 0)
-            continue;
-        const row_position begin = std::max<row_position>(range.begin - begins[i], 0);
-        const row_position end = std::min(range.end - begins[i], chunk.rows);
-        const auto encode = [&](const auto &texts) {
-            for (row_position row = begin; row < end && range.malformed == nullptr;
-                 row += task_rows) {
-                end_if_cancelled();
-                encode_chunk(texts, chunk, begins[i], row, std::min(row + task_rows, end), hash,
-                             range, to);
-            }
-        };
-        switch (chunk.kind) {
-            case text_chunk::layout::offsets32:
-                encode(offset_texts<std::int32_t>(chunk.places, chunk.rows, chunk.bytes));
-                break;
-            case text_chunk::layout::offsets64:
-                encode(offset_texts<std::int64_t>(chunk.places, chunk.rows, chunk.bytes));
-                break;
-            case text_chunk::layout::views:
-                encode(view_texts(chunk.places, chunk.view_buffers));
-                break;
-            case text_chunk::layout::anywhere:
-                encode(far_texts(chunk.places));
-                break;
-        }
-        if (range.malformed != nullptr)
-            range.malformed = chunk.kind == text_chunk::layout::views
-                                  ? "a view of a text has a negative length or place"
-                                  : "offsets of texts descend";
-    }
+//! Until another range, or this one, has met more than `most_texts` texts in less than half of its
+//! rows. Then `many` is true and what was written is worth nothing.
+void encode_range(const text_rows &rows, std::size_t most_texts, const text_hash &hash,
+                  row_range &range, std::atomic<bool> &many, const written_codes &to) {
+    rows.for_each_chunk(
+        range.begin, range.end,
+        [&](const text_chunk &chunk, row_position chunk_begin, row_position begin,
+            row_position end) {
+            with_texts(chunk, [&](const auto &texts) {
+                for (row_position row = begin; row < end && range.malformed == nullptr;
+                     row += task_rows) {
+                    end_if_cancelled();
+                    encode_chunk(texts, chunk, chunk_begin, row, std::min(row + task_rows, end),
+                                 hash, range, to);
+                    if (range.texts.size() > most_texts &&
+                        2 * (chunk_begin + row - range.begin) < range.end - range.begin)
+                        many.store(true, std::memory_order_relaxed);
+                    if (many.load(std::memory_order_relaxed))
+                        return;
+                }
+            });
+            if (range.malformed != nullptr)
+                range.malformed = what_is_malformed(chunk);
+            return range.malformed == nullptr && !many.load(std::memory_order_relaxed);
+        });
 }
 
 // ---- the ranges' texts to codes ----------------------------------------------------------------
@@ -304,13 +292,8 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
 
 encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::int32_t> codes,
                            std::int32_t missing_code, text_encoding_plan plan) {
-    std::vector<row_position> begins;
-    begins.reserve(chunks.size());
-    std::uint64_t rows = 0;
-    for (const text_chunk &chunk : chunks) {
-        begins.push_back(static_cast<row_position>(rows));
-        rows += static_cast<std::uint64_t>(chunk.rows);
-    }
+    const text_rows all(chunks);
+    const auto rows = static_cast<std::uint64_t>(all.rows());
     if (rows != codes.size() || rows > std::numeric_limits<std::int32_t>::max())
         throw std::length_error("texts and codes have different numbers of rows, or too many");
 
@@ -323,12 +306,17 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
         ranges[r].begin = static_cast<row_position>(rows * r / ranges.size());
         ranges[r].end = static_cast<row_position>(rows * (r + 1) / ranges.size());
     }
+    std::atomic<bool> many{false};
     for_each_number(ranges.size(), [&](std::size_t r) {
         // The first range's numbers are its codes, less one.
-        encode_range(chunks, begins, hash, ranges[r],
+        encode_range(all, plan.most_texts, hash, ranges[r], many,
                      r == 0 ? written_codes{codes.data(), -1, missing_code}
                             : written_codes{codes.data(), 0, 0});
     });
+    if (many) {
+        ranges.clear();
+        return encode_in_buckets(all, codes, missing_code, hash, plan.ranges);
+    }
     for (const row_range &range : ranges) {
         if (range.malformed != nullptr)
             throw malformed_texts(range.malformed, static_cast<std::uint64_t>(range.malformed_row));

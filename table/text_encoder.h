@@ -1,6 +1,8 @@
 // Texts of Arrow arrays to dense codes, in parallel.
 #pragma once
 
+#include "kernel/hostile.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -53,6 +55,8 @@ encoded_texts encode_texts(std::span<const text_chunk> chunks, std::span<std::in
 struct text_encoding_plan {
     std::size_t ranges;                    //!< contiguous rows, each the work of a task
     std::uint32_t hash_bits = 0xffffffffU; //!< of hashes that are kept; 0: all are equal
+    //! Of a range; where more are met early, rows are dealt out to buckets first.
+    std::size_t most_texts = unless_hostile(std::size_t{3} << 16, std::size_t{1});
 };
 
 //! The same by a given plan.

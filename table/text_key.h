@@ -53,6 +53,12 @@ public:
                ~kept_bits_;
     }
 
+    //! The same hash with more bits; its upper ones are those of the other.
+    VASK_ALWAYS_INLINE std::uint64_t of_64_bits(text_key key) const noexcept {
+        return folded(key.low ^ first_, key.high ^ second_) |
+               ~(std::uint64_t{kept_bits_} << 32 | kept_bits_);
+    }
+
     //! The key of a text of at least 16 bytes.
     text_key key_of_long(const char *text, std::uint64_t n) const noexcept {
         constexpr std::uint64_t step = 16;

@@ -51,7 +51,7 @@ struct new_group {
     BUN count;
 };
 
-//! Where the rows of the extents go. Null: they are not written.
+//! Where the rows of the extents go. Null: they are not written; counts alone can be left out.
 struct extents_rows {
     oid *ids = nullptr;
     wrd *counts = nullptr;

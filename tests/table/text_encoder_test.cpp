@@ -41,6 +41,8 @@ public:
         text_chunk chunk{.kind = kind, .rows = static_cast<std::int64_t>(rows.size())};
         if (kind == layout::views)
             add_views(chunk, stored, skipped, random);
+        else if (kind == layout::anywhere)
+            add_anywhere(chunk, stored, skipped);
         else if (kind == layout::offsets32)
             add_offsets<std::int32_t>(chunk, stored, skipped);
         else
@@ -112,6 +114,16 @@ private:
         }
     }
 
+    void add_anywhere(text_chunk &chunk, const std::vector<cell> &stored, std::size_t skipped) {
+        std::vector<std::string_view> texts;
+        for (const cell &c : stored)
+            texts.push_back(c ? std::string_view(keep<char>(*c), c->size())
+                              : std::string_view(nullptr, 1000));
+        chunk.places = keep<std::string_view>(texts) + skipped;
+        for (std::size_t i = skipped; i < stored.size(); ++i)
+            places_.push_back(stored[i] ? texts[i] : std::string_view());
+    }
+
     void add_validity(text_chunk &chunk, std::span<const cell> rows, std::size_t first_bit) {
         std::vector<std::uint8_t> bits((first_bit + rows.size() + 7) / 8, 0x5a);
         for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -161,17 +173,21 @@ expected_texts encode_plainly(std::span<const std::string_view> places, std::int
 }
 
 void check(const text_arrays &arrays, std::int32_t missing_code, text_encoding_plan plan) {
-    SCOPED_TRACE(std::to_string(plan.ranges) + " ranges, hash bits " +
-                 std::to_string(plan.hash_bits));
     const expected_texts expected = encode_plainly(arrays.places(), missing_code);
     const guarded<std::int32_t> codes(arrays.places().size());
-    const encoded_texts got =
-        encode_texts(arrays.chunks(), {codes.data(), codes.size()}, missing_code, plan);
-    ASSERT_EQ(got.missing, expected.missing);
-    ASSERT_TRUE(std::equal(expected.codes.begin(), expected.codes.end(), codes.data()));
-    ASSERT_EQ(got.words, expected.words);
-    for (std::size_t i = 0; i < got.words.size(); ++i)
-        ASSERT_EQ(got.words[i].data(), expected.words[i].data()) << "not the first occurrence";
+    // In a dictionary for each range, and in buckets as soon as there is a text.
+    for (const std::size_t most_texts : {plan.most_texts, std::size_t{0}}) {
+        SCOPED_TRACE(std::to_string(plan.ranges) + " ranges, hash bits " +
+                     std::to_string(plan.hash_bits) + ", up to " + std::to_string(most_texts));
+        plan.most_texts = most_texts;
+        const encoded_texts got =
+            encode_texts(arrays.chunks(), {codes.data(), codes.size()}, missing_code, plan);
+        ASSERT_EQ(got.missing, expected.missing);
+        ASSERT_TRUE(std::equal(expected.codes.begin(), expected.codes.end(), codes.data()));
+        ASSERT_EQ(got.words, expected.words);
+        for (std::size_t i = 0; i < got.words.size(); ++i)
+            ASSERT_EQ(got.words[i].data(), expected.words[i].data()) << "not the first occurrence";
+    }
 }
 
 enum class lengths { up_to_a_key, around_a_key, long_ones };
@@ -210,7 +226,7 @@ void add_in_pieces(text_arrays &to, std::span<const cell> cells, std::size_t mos
     while (!cells.empty()) {
         const std::size_t n =
             random() % 4 == 0 ? 0 : std::min<std::size_t>(cells.size(), 1 + random() % most);
-        to.add(cells.first(n), kind.value_or(static_cast<layout>(random() % 3)), random() % 3,
+        to.add(cells.first(n), kind.value_or(static_cast<layout>(random() % 4)), random() % 3,
                random);
         cells = cells.subspan(n);
     }
@@ -233,8 +249,8 @@ TEST(TextEncoder, FirstOccurrenceNumbersTheTexts) {
                         const auto cells =
                             draw_cells(rows, draw_words(words, l, random), missing, random);
                         std::optional<layout> kind;
-                        if (turn % 4 != 3)
-                            kind = static_cast<layout>(turn % 4);
+                        if (turn % 5 != 4)
+                            kind = static_cast<layout>(turn % 5);
                         text_arrays arrays;
                         add_in_pieces(arrays, cells, piece, kind, random);
                         const std::size_t ranges = 1 + random() % 9;
@@ -296,10 +312,10 @@ TEST(TextEncoder, EmptyTextsNeedNoBytes) {
 }
 
 void expect_malformed(const text_chunk &chunk, std::uint64_t row) {
-    for (std::size_t ranges = 1; ranges <= 4; ++ranges) {
+    for (std::size_t ranges = 1; ranges <= 8; ++ranges) {
         std::vector<std::int32_t> codes(static_cast<std::size_t>(chunk.rows));
         try {
-            encode_texts({&chunk, 1}, codes, -1, {.ranges = ranges});
+            encode_texts({&chunk, 1}, codes, -1, {.ranges = ranges, .most_texts = ranges % 2});
             ADD_FAILURE() << "no failure for row " << row;
         } catch (const malformed_texts &failure) {
             EXPECT_EQ(failure.row, row) << ranges << " ranges";
