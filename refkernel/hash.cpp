@@ -2,6 +2,7 @@
 
 #include "refkernel/error_reports.h"
 #include "refkernel/instrumented.h"
+#include "refkernel/memory.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -20,6 +21,7 @@ hash_table *allocate_table(std::uint64_t buckets, std::uint64_t positions) noexc
     if (block == nullptr) {
         return nullptr;
     }
+    memory::advise_huge_pages(block, bytes);
     auto *made = new (block) hash_table;
     made->mask = static_cast<std::uint32_t>(buckets - 1);
     made->buckets = reinterpret_cast<BUN *>(made + 1);

@@ -4,6 +4,7 @@
 #include "table/element_types.h"
 #include "table/errors.h"
 #include "table/kernel_column.h"
+#include "table/large_vector.h"
 #include "table/parallel.h"
 #include "table/validity.h"
 
@@ -90,7 +91,9 @@ struct kept_array {
     std::unique_ptr<T[]> values;
     std::size_t size;
     explicit kept_array(std::size_t n)
-        : values(std::make_unique_for_overwrite<T[]>(std::max<std::size_t>(n, 1))), size(n) {}
+        : values(std::make_unique_for_overwrite<T[]>(std::max<std::size_t>(n, 1))), size(n) {
+        advise_huge_pages(values.get(), n * sizeof(T));
+    }
 };
 
 // Takes over the validity that bytes say, 1 for a value.
@@ -226,7 +229,8 @@ void put_texts(result_column &made, std::span<const std::string_view> words,
 template <class WordAt>
 void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const std::size_t parts = (n + rows_of_a_task - 1) / rows_of_a_task;
-    const auto words = std::make_unique_for_overwrite<std::string_view[]>(n);
+    const kept_array<std::string_view> kept_words(n);
+    std::string_view *const words = kept_words.values.get();
     std::vector<std::size_t> begins(parts + 1, 0);
     std::atomic<bool> any_missing{false};
     for_each_number(parts, [&](std::size_t part) {
@@ -257,9 +261,9 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const char letter = made.type.of == kind::text ? 'u' : 'z';
     made.type.format.assign(1, large ? static_cast<char>(letter - 'u' + 'U') : letter);
     if (large)
-        put_texts<std::int64_t>(made, {words.get(), n}, begins);
+        put_texts<std::int64_t>(made, {words, n}, begins);
     else
-        put_texts<std::int32_t>(made, {words.get(), n}, begins);
+        put_texts<std::int32_t>(made, {words, n}, begins);
 }
 
 // The values of rows as an answer of the column's own form.
@@ -273,7 +277,7 @@ answer rows_of_numbers(const numbers &source, const value_type &type, std::span<
                                           source.present[static_cast<std::size_t>(rows[i])] != 0);
     }
     visit_values(source.values, [&]<class T>(std::span<const T> values) {
-        std::vector<T> picked(rows.size());
+        large_vector<T> picked(rows.size());
         for_rows(rows.size(), [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i)
                 picked[i] = rows[i] < 0 ? nil_of<T>() : values[static_cast<std::size_t>(rows[i])];

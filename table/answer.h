@@ -47,9 +47,9 @@ struct answer {
     }
 };
 
-template <class T>
-answer answer_of(form stored, std::vector<T> values) {
-    const auto kept = std::make_shared<const std::vector<T>>(std::move(values));
+template <class T, class Allocator>
+answer answer_of(form stored, std::vector<T, Allocator> values) {
+    const auto kept = std::make_shared<const std::vector<T, Allocator>>(std::move(values));
     answer result;
     result.stored = stored;
     result.values = kept->data();

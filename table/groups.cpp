@@ -160,7 +160,7 @@ sort_key sort_key_of(const column &key, std::span<const oid> rows, bool nan_miss
 
 // Puts groups in the order of a single key, if its values lie close together and none comes twice:
 // then each has a slot, as ranks of texts have. Otherwise nothing is changed.
-bool place_by_key(std::vector<std::uint32_t> &groups, const sort_key &key) {
+bool place_by_key(large_vector<std::uint32_t> &groups, const sort_key &key) {
     constexpr std::uint64_t most_slots_of_group = 4;
     std::uint64_t least = ~std::uint64_t{0};
     std::uint64_t greatest = 0;
@@ -195,7 +195,7 @@ bool place_by_key(std::vector<std::uint32_t> &groups, const sort_key &key) {
 // Puts groups in the order of their keys, those with the same keys in that of `earlier`. The first
 // key lies beside the group, as fetching it for each comparison took three times as long.
 template <class Earlier>
-void sort_by_keys(std::vector<std::uint32_t> &groups, std::span<const sort_key> keys,
+void sort_by_keys(large_vector<std::uint32_t> &groups, std::span<const sort_key> keys,
                   const Earlier &earlier) {
     if (keys.size() == 1 && place_by_key(groups, keys.front()))
         return;

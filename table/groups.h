@@ -2,6 +2,7 @@
 #pragma once
 
 #include "table/column.h"
+#include "table/large_vector.h"
 #include "table/operators.h"
 
 #include <cstddef>
@@ -69,8 +70,8 @@ private:
     group_request request_;
     std::int64_t rows_;
     mutable operator_set::grouped_rows found_;
-    std::vector<oid> first_rows_;
-    std::vector<std::uint32_t> order_;
+    large_vector<oid> first_rows_;
+    large_vector<std::uint32_t> order_;
     bool in_order_ = true;
     mutable std::shared_ptr<refkernel::memory::block> number_memory_;
     mutable std::span<const std::int32_t> numbers_; // in it, once they were asked for

@@ -3,6 +3,8 @@
 #include "distinct/count_distinct.h"
 
 #include "table/errors.h"
+#include "table/large_vector.h"
+#include "table/parallel.h"
 #include "table/shared_parts.h"
 #include "table/value_statistics.h"
 #include "table/whole_distinct.h"
@@ -90,7 +92,7 @@ private:
         if (parts_.missing_in(of) == 0)
             return;
         const auto sizes = by_.sizes();
-        const std::vector<lng> &counts = parts_.counts_of(of);
+        const large_vector<lng> &counts = parts_.counts_of(of);
         if (values.present.empty())
             values.present = presence_of(values, by_.count());
         for (std::size_t i = 0; i < counts.size(); ++i)
@@ -178,7 +180,7 @@ private:
 
     answer sizes() {
         const auto all = by_.sizes();
-        answer result = answer_of(form::lng, std::vector<lng>(all.begin(), all.end()));
+        answer result = answer_of(form::lng, large_vector<lng>(all.begin(), all.end()));
         result.no_nil = true;
         return result;
     }
@@ -202,7 +204,7 @@ private:
         std::vector<lng> missing(by_.count());
         const auto sizes = by_.sizes();
         for (const column_pointer &column : asked.columns) {
-            const std::vector<lng> &counts = parts_.counts_of(*column);
+            const large_vector<lng> &counts = parts_.counts_of(*column);
             for (std::size_t i = 0; i < missing.size(); ++i)
                 missing[i] += sizes[i] - counts[i];
         }
@@ -241,7 +243,7 @@ private:
             result.assign(all.begin(), all.end());
             // To the operator the missing ones of a group are one more value.
             if (parts_.missing_in(of) > 0) {
-                const std::vector<lng> &counts = parts_.counts_of(of);
+                const large_vector<lng> &counts = parts_.counts_of(of);
                 const auto sizes = by_.sizes();
                 for (std::size_t i = 0; i < result.size(); ++i)
                     result[i] -= counts[i] < sizes[i] ? 1 : 0;
@@ -328,35 +330,37 @@ private:
 
     answer mean(const asked_function &asked) {
         const column &of = *asked.columns[0];
-        const std::vector<lng> &counts = parts_.counts_of(of);
-        if (is_temporal(of.type().of)) {
-            const std::vector<wide_integer> &sums = parts_.exact_sums(of);
-            std::vector<lng> means(counts.size());
-            for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = counts[i] == 0 ? 0 : rounded_quotient(sums[i], counts[i]);
-            answer result = answer_of(form::lng, std::move(means));
+        const large_vector<lng> &counts = parts_.counts_of(of);
+        const auto by_group = [&]<class T>(form stored, T, const auto &mean_of) {
+            large_vector<T> means(counts.size());
+            for_rows(counts.size(), [&](std::size_t begin, std::size_t end) {
+                for (std::size_t i = begin; i < end; ++i)
+                    means[i] = mean_of(i);
+            });
+            answer result = answer_of(stored, std::move(means));
             parts_.mark_groups_without_values(of, result);
             return result;
-        }
-        std::vector<dbl> means(counts.size(), nil_of<dbl>());
-        if (is_float(of.type().of)) {
-            const answer sums = part("sum", asked);
-            const auto all = sums.as<dbl>(by_.count());
-            for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = all[i] / static_cast<double>(counts[i]);
-        } else if (parts_.may_leave_lng(of)) {
+        };
+        const int scale = of.type().scale;
+        if (is_temporal(of.type().of)) {
             const std::vector<wide_integer> &sums = parts_.exact_sums(of);
-            for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = scaled_mean(sums[i], counts[i], of.type().scale);
-        } else {
-            const answer sums = part("sum", asked);
-            const auto all = sums.as<lng>(by_.count());
-            for (std::size_t i = 0; i < counts.size(); ++i)
-                means[i] = scaled_mean(all[i], counts[i], of.type().scale);
+            return by_group(form::lng, lng{}, [&](std::size_t i) {
+                return counts[i] == 0 ? 0 : rounded_quotient(sums[i], counts[i]);
+            });
         }
-        answer result = answer_of(form::dbl, std::move(means));
-        parts_.mark_groups_without_values(of, result);
-        return result;
+        if (!is_float(of.type().of) && parts_.may_leave_lng(of)) {
+            const std::vector<wide_integer> &sums = parts_.exact_sums(of);
+            return by_group(form::dbl, dbl{},
+                            [&](std::size_t i) { return scaled_mean(sums[i], counts[i], scale); });
+        }
+        const answer sums = part("sum", asked);
+        if (is_float(of.type().of))
+            return by_group(form::dbl, dbl{}, [&, all = sums.as<dbl>(by_.count())](std::size_t i) {
+                return all[i] / static_cast<double>(counts[i]);
+            });
+        return by_group(form::dbl, dbl{}, [&, all = sums.as<lng>(by_.count())](std::size_t i) {
+            return scaled_mean(all[i], counts[i], scale);
+        });
     }
 
     answer weighted_mean(const asked_function &asked) {
@@ -476,7 +480,7 @@ private:
         refuse_nan(asked);
         const answer low = part("min", asked);
         const answer high = part("max", asked);
-        const std::vector<lng> &counts = parts_.counts_of(of);
+        const large_vector<lng> &counts = parts_.counts_of(of);
         std::vector<dbl> distances(counts.size());
         std::vector<lng> whole(counts.size());
         bool too_far = false;
@@ -610,7 +614,7 @@ private:
         answer result;
         if (is_temporal(of.type().of)) {
             std::vector<lng> distance(by_.count());
-            const std::vector<lng> &counts = parts_.counts_of(of);
+            const large_vector<lng> &counts = parts_.counts_of(of);
             for (std::size_t i = 0; i < distance.size(); ++i) {
                 const wide_integer wide = static_cast<wide_integer>(high.as<lng>(by_.count())[i]) -
                                           low.as<lng>(by_.count())[i];

@@ -53,8 +53,8 @@ const numbers &shared_parts::numbers_of(const column &of) const {
     return of.as_numbers(nan_missing_, context_.tell);
 }
 
-const std::vector<lng> &shared_parts::counts_of(const column &of) {
-    std::vector<lng> &counts = counts_[&of];
+const large_vector<lng> &shared_parts::counts_of(const column &of) {
+    large_vector<lng> &counts = counts_[&of];
     if (!counts.empty() || by_.count() == 0)
         return counts;
     const auto sizes = by_.sizes();
@@ -85,10 +85,12 @@ const std::vector<lng> &shared_parts::counts_of(const column &of) {
 }
 
 void shared_parts::mark_groups_without_values(const column &of, answer &values) {
-    const std::vector<lng> &counts = counts_of(of);
+    const large_vector<lng> &counts = counts_of(of);
     values.present.resize(counts.size());
-    for (std::size_t i = 0; i < counts.size(); ++i)
-        values.present[i] = counts[i] > 0;
+    for_rows(counts.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            values.present[i] = counts[i] > 0;
+    });
 }
 
 answer shared_parts::call(const function_rule &rule, const std::vector<const bat *> &columns,

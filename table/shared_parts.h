@@ -4,6 +4,7 @@
 #include "table/distance_statistics.h"
 #include "table/gathered.h"
 #include "table/kernel_column.h"
+#include "table/large_vector.h"
 #include "table/operands.h"
 #include "table/plan.h"
 
@@ -39,7 +40,7 @@ public:
     std::uint64_t missing_in(const column &of) const;
     const numbers &numbers_of(const column &of) const;
     //! By group, how many values.
-    const std::vector<lng> &counts_of(const column &of);
+    const large_vector<lng> &counts_of(const column &of);
     //! Whether a sum of the values may not be a lng, of which the nil is none.
     bool may_leave_lng(const column &of) const;
     //! By group, in 128 bits. Of integers.
@@ -109,7 +110,7 @@ private:
     const query_context &context_;
     bool nan_missing_;
     groups by_;
-    std::map<const column *, std::vector<lng>> counts_;
+    std::map<const column *, large_vector<lng>> counts_;
     std::map<const column *, std::vector<wide_integer>> exact_;
     std::map<const column *, refkernel::bat> doubles_;
     std::map<std::pair<const column *, const column *>, weighted_sums> weighted_;
