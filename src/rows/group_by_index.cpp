@@ -194,7 +194,7 @@ private:
 
     //! Adds the new groups of all ranges, in their order. Gives how many indices were new.
     std::size_t merge(gdk_vector<noted_rows> &found) {
-        std::array<std::uint32_t, noted_rows::word_bits> indices;
+        std::array<std::uint32_t, noted_rows::stretch_rows> indices;
         // The rows have been loaded before, so it cannot fail.
         const auto open = [&, this](BUN row, BUN n) {
             static_cast<void>(source_.load(row, n, indices.data()));
