@@ -34,16 +34,29 @@ using refkernel::nil_of;
 
 const teller silent = [](const std::string &) {};
 
-bool is_whole(double value) {
-    return value >= -0x1p63 && value < 0x1p63 && value == std::floor(value);
-}
-
 // How values of two columns are compared: floats by their bits where both are floats, else all as
 // whole numbers.
 struct comparison {
     bool as_floats;
-    bool as_unsigned; // both columns are
+    bool as_unsigned; // neither column has numbers of a signed type
 };
+
+comparison comparison_of(kind left, kind right) {
+    const auto reaches_2_to_64 = [](kind k) { return k == kind::uint64 || is_float(k); };
+    return {is_float(left) && is_float(right), reaches_2_to_64(left) && reaches_2_to_64(right)};
+}
+
+// Whether a whole number of 64 bits, which is unsigned if `as_unsigned`, can be equal.
+bool is_whole(double value, bool as_unsigned) {
+    const double least = as_unsigned ? 0.0 : -0x1p63;
+    const double end = as_unsigned ? 0x1p64 : 0x1p63;
+    return value >= least && value < end && value == std::floor(value);
+}
+
+std::uint64_t whole_bits(double value) {
+    return value < 0 ? static_cast<std::uint64_t>(static_cast<lng>(value))
+                     : static_cast<std::uint64_t>(value);
+}
 
 // Rows that are answered at one go: whole bytes of bits.
 constexpr std::size_t answer_rows = 1024;
@@ -60,7 +73,7 @@ struct key_block {
 template <class Key, class T>
 void load_keys(const column &of, const numbers &values, comparison how, std::span<const T> all,
                std::size_t begin, std::size_t n, key_block<Key> &to) {
-    // Beyond the signed numbers only an unsigned one can be equal, and the other way round.
+    // Beyond the signed numbers none of a signed type can be equal.
     const bool low_only = of.type().of == kind::uint64 && values.beyond && !how.as_unsigned;
     for (std::size_t i = 0; i < n; ++i) {
         const T value = all[begin + i];
@@ -74,8 +87,8 @@ void load_keys(const column &of, const numbers &values, comparison how, std::spa
                 to.keys[i] = static_cast<Key>(std::bit_cast<std::uint64_t>(
                     wide != wide ? std::numeric_limits<double>::quiet_NaN() : wide + 0.0));
             } else {
-                comparable = present && is_whole(wide);
-                to.keys[i] = static_cast<Key>(comparable ? static_cast<lng>(wide) : 0);
+                comparable = present && is_whole(wide, how.as_unsigned);
+                to.keys[i] = static_cast<Key>(comparable ? whole_bits(wide) : 0);
             }
         } else {
             to.keys[i] = static_cast<Key>(value);
@@ -296,10 +309,7 @@ result_column contained(const column &left, const column &right) {
     } else if (fits_int(left) && fits_int(right)) {
         answer_numbers<std::uint32_t>(left, right, {}, *bits);
     } else {
-        answer_numbers<std::uint64_t>(left, right,
-                                      {is_float(asked.of) && is_float(known.of),
-                                       asked.of == kind::uint64 && known.of == kind::uint64},
-                                      *bits);
+        answer_numbers<std::uint64_t>(left, right, comparison_of(asked.of, known.of), *bits);
     }
     result_column made;
     made.name = "contained";

@@ -220,6 +220,14 @@ TEST(Interface, IsInComparesByValue) {
     EXPECT_EQ(contained({"v", "l", wholes({(wide{1} << 53) + 1, wide{1} << 53})},
                         {"v", "g", reals({0x1p53})}),
               "01");
+    // Floats reach all unsigned numbers, and beyond them.
+    EXPECT_EQ(contained({"v", "L", wholes({far, far + 2048, far + 1, 3, 2 * far - 1})},
+                        {"v", "g", reals({0x1p63, 0x1p63 + 2048, 3, 0x1p64, -0x1p63, nan})}),
+              "11010");
+    EXPECT_EQ(contained({"v", "g", reals({0x1p63, 0x1p63 + 2048, -0.0, 0x1p64, -0x1p63, -1, nan})},
+                        {"v", "L", wholes({far, far + 1, 0, 2 * far - 1})}),
+              "1010000");
+    EXPECT_EQ(contained({"v", "f", reals({0x1p63, 0x1p62})}, {"v", "L", wholes({far})}), "10");
     EXPECT_EQ(
         contained({"v", "u", {cell::of_text(std::string("a\0b", 3)), null, cell::of_text("")}},
                   {"v", "vu", words({std::string("a\0c", 3), ""})}),
