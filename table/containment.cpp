@@ -285,8 +285,10 @@ void answer_numbers(const column &left, const column &right, comparison how, ans
 // Where one of the columns has no values at all.
 void answer_nulls(const column &left, answer_bits &to) {
     const kind of = left.type().of;
-    if (of == kind::null)
+    if (of == kind::null) {
+        to.missing = left.rows();
         return;
+    }
     if (is_text(of))
         answer_texts(left, left, to);
     else

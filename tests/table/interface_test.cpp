@@ -234,6 +234,8 @@ TEST(Interface, IsInComparesByValue) {
         "0-1");
     EXPECT_EQ(contained({"v", "b", wholes({0, 1})}, {"v", "i", wholes({1, 2})}), "01");
     EXPECT_EQ(contained({"v", "i", {null, cell::of(1)}}, {"v", "n", {null}}), "-0");
+    EXPECT_EQ(contained({"v", "n", {null, null}}, {"v", "i", wholes({1})}), "--");
+    EXPECT_EQ(contained({"v", "n", {null, null}}, {"v", "n", {null}}), "--");
     EXPECT_EQ(contained({"v", "i", {}}, {"v", "i", {}}), "");
     EXPECT_EQ(contained({"v", "d:10,2", wholes({150, 2})}, {"v", "d:12,2", wholes({150})}), "10");
     EXPECT_EQ(contained({"v", "u", words({"1"})}, {"v", "i", wholes({1})}), "code 1");
