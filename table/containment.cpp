@@ -148,9 +148,12 @@ std::vector<std::uint8_t> common_words(const texts &asked, const texts &known) {
                     .store(1, std::memory_order_relaxed);
     });
     std::vector<std::string_view> words;
-    for (std::size_t i = 0; i < occurs.size(); ++i)
+    for (std::size_t i = 0; i < occurs.size(); ++i) {
+        if (i % rows_of_a_task == 0)
+            end_if_cancelled();
         if (occurs[i] != 0)
             words.push_back(known.words[i]);
+    }
     const auto chunk_of = [](const std::vector<std::string_view> &of) {
         text_chunk chunk{};
         chunk.kind = text_chunk::layout::anywhere;
@@ -163,8 +166,10 @@ std::vector<std::uint8_t> common_words(const texts &asked, const texts &known) {
     encode_texts(chunks, numbers, nil_of<std::int32_t>());
     // Words are numbered as they come, those of the other column first, each once.
     std::vector<std::uint8_t> common(asked.words.size());
-    for (std::size_t i = 0; i < common.size(); ++i)
-        common[i] = static_cast<std::size_t>(numbers[words.size() + i]) < words.size();
+    for_rows(common.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            common[i] = static_cast<std::size_t>(numbers[words.size() + i]) < words.size();
+    });
     return common;
 }
 
