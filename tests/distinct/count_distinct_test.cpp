@@ -344,7 +344,7 @@ TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
         const support::leak_guard leaks;
         support::fail_each_call(
             op, [] { return 0; },
-            [&](int, const auto &, auto failed) {
+            [&](int, const auto &kernel, auto failed) {
                 std::int32_t id = int_nil;
                 const auto failure = refkernel::take_exception(
                     AggrX3_countDistinct(&id, b.slot(), g.map.slot(), g.extents.slot()));
@@ -352,6 +352,7 @@ TEST(CountDistinct, EveryFailureIsTheOperatorsOwn) {
                 if (failed()) {
                     EXPECT_EQ(failure, operators_own);
                 }
+                EXPECT_EQ(kernel.bytes_outstanding(), 0U);
             });
     };
     for (const auto op : {bat_new, bat_sample, grp_group, gdk_zalloc, gdk_malloc, view_combine})

@@ -282,6 +282,8 @@ TEST(Group, FailuresReleaseWhatTheyHold) {
         watch kernel;
         kernel.fail_at(c.op, c.nth);
         EXPECT_EQ(grouping(c.id).failure, c.expected);
+        // The exception string of the kernel's own operator is released, too.
+        EXPECT_EQ(kernel.bytes_outstanding(), 0U);
     }
     const kernel_settings no_threads(0);
     EXPECT_EQ(grouping(numbers.id()).failure, place("operation failed"));
