@@ -484,8 +484,8 @@ VASK_EXPORT char *vask_grp_skewp(int32_t *result, const int32_t *b, const int32_
  * "Quartile function: Invalid input parameter. Input parameter should be one of
  * the following: 0, 1, 2, 3 or 4." and "Percentile function: Invalid input
  * parameter. Input parameter should be between 0 and 1 (including)."; a NaN
- * percentile is an "operation failed". A parameter that cannot be read leaves its
- * own exception string behind, one that is out of range none.
+ * percentile is an "operation failed". A parameter that cannot be read is refused
+ * like one that is out of range.
  * Memory: 8 bytes per row. Running out of it throws std::bad_alloc, and the
  * call's references are lost.
  *

@@ -21,21 +21,23 @@ bool fetch_parameter(ValRecord *record, bte *type, const std::int32_t *bid, char
         return false;
     }
     *type = parameter->tail->type;
-    const char *text = nullptr;
-    if (is_arithmetic_type(*type)) {
+    const bool is_number = is_arithmetic_type(*type);
+    char *text = nullptr;
+    if (is_number) {
         *record = {0, BATatoms[*type].atom_size, *type};
         const BUN row = 0;
         text = doALGfetch(record, parameter, &row);
-    } else {
-        text = failure::unsupported_tail;
     }
     BBPreleaseref(parameter->bat_id);
+    if (!is_number) {
+        *exception = make_exception(order_statistics_place, failure::unsupported_tail);
+        return false;
+    }
     if (text == nullptr)
         return true;
     // The kernel's own text may hold any character, so it is no format.
-    *exception = text == failure::unsupported_tail
-                     ? make_exception(order_statistics_place, text)
-                     : createException(0, order_statistics_place, "%s", text);
+    *exception = createException(0, order_statistics_place, "%s", text);
+    GDKfree(text);
     return false;
 }
 
@@ -107,7 +109,9 @@ bool accept_parameter(T *result, char *(*read)(T *, bte *, const std::int32_t *)
                       const std::int32_t *bid, char **exception, const char *refusal,
                       Accept accept) {
     bte type = 0;
-    if (read(result, &type, bid) == nullptr && accept(*result))
+    if (char *const unread = read(result, &type, bid))
+        GDKfree(unread);
+    else if (accept(*result))
         return true;
     *exception = make_exception(order_statistics_place, refusal);
     return false;

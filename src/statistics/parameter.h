@@ -21,8 +21,8 @@ char *vask_read_lng_param(lng *result, bte *type, const std::int32_t *bid);
 char *vask_read_dbl_param(dbl *result, bte *type, const std::int32_t *bid);
 
 // The parameters as the operators accept them. False when one is refused, with the operator's own
-// exception string, which says what it wants. A reader's string only counts as a refusal: its text
-// is dropped, and the kernel offers no way to give it back.
+// exception string, which says what it wants. A reader's string only counts as a refusal and is
+// released.
 
 //! The number of a quartile, 0 to 4.
 bool quartile_param(bte *result, const std::int32_t *bid, char **exception);

@@ -2,6 +2,7 @@
 
 #include "statistics/plain_statistics.h"
 #include "vask/ops.h"
+#include "vask/refkernel/instrumentation.h"
 
 #include <cmath>
 #include <limits>
@@ -22,6 +23,7 @@ template <class Statistic>
 std::string answer(Statistic statistic, const bat &p) {
     const bat b = nonil_column(std::vector<double>{30, 0, 40, 10, 20});
     double result = -1;
+    const refkernel::instrumentation::watch bytes; // of which a reader's text takes some
     const refkernel::checkpoint before;
     const auto failure = take_exception(statistic(&result, b.slot(), p.slot()));
     EXPECT_EQ(before.leaks(), "");
