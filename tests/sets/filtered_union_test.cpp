@@ -15,6 +15,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -254,6 +255,16 @@ TEST(FilteredUnion, ColumnThatChangesBetweenThePassesFails) {
     EXPECT_EQ(take_exception(vask_coSNNandUnion(&id, left.slot(), right.slot())),
               operator_failure{});
     EXPECT_EQ(bat::adopt(id).count(), 12U);
+}
+
+// Of a type that the kernel stores in no way that the operators know, no element is read.
+TEST(FilteredUnion, TypesWithoutAStorageClassFail) {
+    const bat wrds = refkernel::make_column(std::vector<wrd>{1, 2, 3}, {.type = TYPE_wrd});
+    const bat lngs = refkernel::make_column(std::vector<std::int64_t>{4, 5, 6});
+    const int storage = std::exchange(BATatoms[TYPE_wrd].atom_storage, TYPE_wrd);
+    for (const auto &[left, right] : {std::pair(&wrds, &lngs), {&lngs, &wrds}, {&wrds, &wrds}})
+        EXPECT_EQ(failure_of(*left, *right), failed("operation failed"));
+    BATatoms[TYPE_wrd].atom_storage = storage;
 }
 
 } // namespace
