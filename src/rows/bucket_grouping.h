@@ -1,6 +1,7 @@
 // Grouping in buckets, for any kind of keys.
 #pragma once
 
+#include "kernel/cancelled.h"
 #include "kernel/hostile.h"
 #include "rows/grouping_rows.h"
 #include "rows/huge_pages.h"
@@ -152,6 +153,7 @@ private:
                 return;
             }
             for (std::size_t bucket = begin; bucket < end; ++bucket) {
+                end_if_cancelled();
                 vask_refine_group(bucket, table);
                 count_begun(table.groups, begun.data() + i * ranges);
                 if (sink.take && !take(sink, i, table)) {
