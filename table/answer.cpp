@@ -195,10 +195,16 @@ void finish_numbers(result_column &made, const answer &values, const groups &by)
     });
 }
 
-// Texts one behind the other, written in tasks, of which each begins at a known place. A view
-// without an address stands for a missing one.
+// A text, without an address a missing one. Unlike a view it is not zeroed when memory for many is
+// made.
+struct text_place {
+    const char *data;
+    std::size_t size;
+};
+
+// Texts one behind the other, written in tasks, of which each begins at a known place.
 template <class Offset>
-void put_texts(result_column &made, std::span<const std::string_view> words,
+void put_texts(result_column &made, std::span<const text_place> words,
                std::span<const std::size_t> begins) {
     // In another order than that of their memory each text is a cache miss.
     constexpr std::size_t ahead = 16;
@@ -210,12 +216,12 @@ void put_texts(result_column &made, std::span<const std::string_view> words,
         const std::size_t end = std::min(n, (part + 1) * rows_of_a_task);
         for (std::size_t i = part * rows_of_a_task; i < end; ++i) {
             if (i + ahead < n)
-                __builtin_prefetch(words[i + ahead].data());
+                __builtin_prefetch(words[i + ahead].data);
             offsets->values[i] = static_cast<Offset>(next);
-            if (words[i].empty())
+            if (words[i].size == 0)
                 continue;
-            std::memcpy(text->values.get() + next, words[i].data(), words[i].size());
-            next += words[i].size();
+            std::memcpy(text->values.get() + next, words[i].data, words[i].size);
+            next += words[i].size;
         }
     });
     offsets->values[n] = static_cast<Offset>(begins.back());
@@ -229,8 +235,7 @@ void put_texts(result_column &made, std::span<const std::string_view> words,
 template <class WordAt>
 void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const std::size_t parts = (n + rows_of_a_task - 1) / rows_of_a_task;
-    const kept_array<std::string_view> kept_words(n);
-    std::string_view *const words = kept_words.values.get();
+    large_vector<text_place> words(n);
     std::vector<std::size_t> begins(parts + 1, 0);
     std::atomic<bool> any_missing{false};
     for_each_number(parts, [&](std::size_t part) {
@@ -241,7 +246,10 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
             const std::optional<std::string_view> word = word_at(i);
             missing = missing | !word.has_value();
             bytes += word ? word->size() : 0;
-            words[i] = word && word->data() == nullptr ? "" : word.value_or(std::string_view());
+            if (word)
+                words[i] = {word->data() == nullptr ? "" : word->data(), word->size()};
+            else
+                words[i] = {nullptr, 0};
         }
         begins[part + 1] = bytes;
         if (missing)
@@ -252,7 +260,7 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     if (any_missing) {
         std::vector<std::uint8_t> present(n);
         for (std::size_t i = 0; i < n; ++i)
-            present[i] = words[i].data() != nullptr;
+            present[i] = words[i].data != nullptr;
         set_validity(made, present);
     }
     const bool large =
@@ -261,9 +269,9 @@ void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
     const char letter = made.type.of == kind::text ? 'u' : 'z';
     made.type.format.assign(1, large ? static_cast<char>(letter - 'u' + 'U') : letter);
     if (large)
-        put_texts<std::int64_t>(made, {words, n}, begins);
+        put_texts<std::int64_t>(made, words, begins);
     else
-        put_texts<std::int32_t>(made, {words, n}, begins);
+        put_texts<std::int32_t>(made, words, begins);
 }
 
 // The values of rows as an answer of the column's own form.
