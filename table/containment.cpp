@@ -29,7 +29,6 @@
 namespace vask::table {
 namespace {
 
-using refkernel::bat;
 using refkernel::nil_of;
 
 const teller silent = [](const std::string &) {};
