@@ -15,7 +15,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -68,12 +67,23 @@ struct key_block {
     std::array<std::uint8_t, answer_rows> comparable; // 0: no value of the other can be equal
 };
 
+// A column's numbers and how they are compared.
+struct compared_numbers {
+    const numbers &values;
+    comparison how;
+    bool low_only; // beyond the signed numbers none of a signed type can be equal
+
+    compared_numbers(const column &of, comparison with)
+        : values(of.as_numbers(false, silent)),
+          how(with),
+          low_only(of.type().of == kind::uint64 && values.beyond && !with.as_unsigned) {}
+};
+
 // Writes the block of the rows from `begin` on, n of them.
 template <class Key, class T>
-void load_keys(const column &of, const numbers &values, comparison how, std::span<const T> all,
-               std::size_t begin, std::size_t n, key_block<Key> &to) {
-    // Beyond the signed numbers none of a signed type can be equal.
-    const bool low_only = of.type().of == kind::uint64 && values.beyond && !how.as_unsigned;
+void load_keys(const compared_numbers &of, std::span<const T> all, std::size_t begin, std::size_t n,
+               key_block<Key> &to) {
+    const auto &[values, how, low_only] = of;
     for (std::size_t i = 0; i < n; ++i) {
         const T value = all[begin + i];
         const bool present = values.beyond
@@ -197,14 +207,13 @@ bool fits_int(const column &of) {
 
 // Calls `body(begin, n, block)` for the blocks of rows begin .. end - 1 until it gives false.
 template <class Key, class Body>
-void for_key_blocks(const column &of, comparison how, std::size_t begin, std::size_t end,
+void for_key_blocks(const compared_numbers &of, std::size_t begin, std::size_t end,
                     const Body &body) {
-    const numbers &values = of.as_numbers(false, silent);
-    visit_values(values.values, [&]<class T>(std::span<const T> all) {
+    visit_values(of.values.values, [&]<class T>(std::span<const T> all) {
         key_block<Key> block;
         for (std::size_t row = begin, n = 0; row < end; row += n) {
             n = std::min(answer_rows, end - row);
-            load_keys(of, values, how, all, row, n, block);
+            load_keys(of, all, row, n, block);
             if (!body(row, n, block))
                 return;
         }
@@ -217,7 +226,8 @@ class known_keys {
 public:
     known_keys(const column &of, comparison how) {
         const auto rows = static_cast<std::size_t>(of.rows());
-        const numbers &values = of.as_numbers(false, silent);
+        const compared_numbers compared(of, how);
+        const numbers &values = compared.values;
         if constexpr (sizeof(Key) == sizeof(lng))
             if (values.values.type() == TYPE_lng && values.missing == 0 && !values.beyond) {
                 const auto all = values.values.values<lng>();
@@ -225,7 +235,7 @@ public:
                 return;
             }
         std::optional<Key> some;
-        for_key_blocks<Key>(of, how, 0, rows,
+        for_key_blocks<Key>(compared, 0, rows,
                             [&](std::size_t, std::size_t n, const key_block<Key> &block) {
                                 end_if_cancelled();
                                 for (std::size_t i = 0; i < n && !some; ++i)
@@ -237,7 +247,7 @@ public:
             return;
         memory_ = large_block<Key>(rows);
         for_rows(rows, [&](std::size_t begin, std::size_t end) {
-            for_key_blocks<Key>(of, how, begin, end,
+            for_key_blocks<Key>(compared, begin, end,
                                 [&](std::size_t row, std::size_t n, const key_block<Key> &block) {
                                     // One that occurs anyway, in place of what can equal nothing.
                                     for (std::size_t i = 0; i < n; ++i)
@@ -259,21 +269,19 @@ private:
 
 template <class Key>
 void answer_numbers(const column &left, const column &right, comparison how, answer_bits &to) {
-    const auto run_tasks = [](std::size_t n, const std::function<void(std::size_t)> &task) {
-        for_each_number(n, task);
-    };
+    const compared_numbers asked(left, how);
     const known_keys<Key> known(right, how);
     std::optional<value_set<Key>> set;
     if (!known.get().empty()) {
         // As much memory as tables take.
         constexpr std::uint64_t bits_of_a_key = 128;
-        set.emplace(known.get(), bits_of_a_key * known.get().size(), run_tasks,
+        set.emplace(known.get(), bits_of_a_key * known.get().size(), run_in_tasks,
                     static_cast<std::size_t>(tbb::this_task_arena::max_concurrency()));
     }
     for_answers(
         static_cast<std::size_t>(left.rows()), to,
         [&](std::size_t begin, std::size_t rows, std::uint8_t *contained, std::uint8_t *present) {
-            for_key_blocks<Key>(left, how, begin, begin + rows,
+            for_key_blocks<Key>(asked, begin, begin + rows,
                                 [&](std::size_t, std::size_t n, const key_block<Key> &block) {
                                     std::array<bit, answer_rows> found{};
                                     if (set)

@@ -44,4 +44,12 @@ template <class T>
 requires std::is_trivially_copyable_v<T>
 using large_vector = std::vector<T, large_allocator<T>>;
 
+//! Makes room for n values in an empty vector of any kind.
+template <class T>
+void resize_in_huge_pages(std::vector<T> &values, std::size_t n, T initial = {}) {
+    values.reserve(n);
+    advise_huge_pages(values.data(), n * sizeof(T));
+    values.resize(n, initial);
+}
+
 } // namespace vask::table

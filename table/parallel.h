@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
@@ -43,6 +44,11 @@ void for_each_number(std::size_t n, const Work &work) {
         for (std::size_t i = begin; i < end; ++i)
             work(i);
     });
+}
+
+//! The same, as the devices of rows call it.
+inline void run_in_tasks(std::size_t n, const std::function<void(std::size_t)> &task) {
+    for_each_number(n, task);
 }
 
 } // namespace vask::table

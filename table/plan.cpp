@@ -331,34 +331,34 @@ private:
     answer mean(const asked_function &asked) {
         const column &of = *asked.columns[0];
         const large_vector<lng> &counts = parts_.counts_of(of);
-        const auto by_group = [&]<class T>(form stored, T, const auto &mean_of) {
-            large_vector<T> means(counts.size());
+        const auto by_group = [&](const auto &mean_of) {
+            using mean = decltype(mean_of(0));
+            large_vector<mean> means(counts.size());
             for_rows(counts.size(), [&](std::size_t begin, std::size_t end) {
                 for (std::size_t i = begin; i < end; ++i)
                     means[i] = mean_of(i);
             });
-            answer result = answer_of(stored, std::move(means));
+            answer result = answer_of(form_of<mean>(), std::move(means));
             parts_.mark_groups_without_values(of, result);
             return result;
         };
         const int scale = of.type().scale;
         if (is_temporal(of.type().of)) {
             const std::vector<wide_integer> &sums = parts_.exact_sums(of);
-            return by_group(form::lng, lng{}, [&](std::size_t i) {
+            return by_group([&](std::size_t i) {
                 return counts[i] == 0 ? 0 : rounded_quotient(sums[i], counts[i]);
             });
         }
         if (!is_float(of.type().of) && parts_.may_leave_lng(of)) {
             const std::vector<wide_integer> &sums = parts_.exact_sums(of);
-            return by_group(form::dbl, dbl{},
-                            [&](std::size_t i) { return scaled_mean(sums[i], counts[i], scale); });
+            return by_group([&](std::size_t i) { return scaled_mean(sums[i], counts[i], scale); });
         }
         const answer sums = part("sum", asked);
         if (is_float(of.type().of))
-            return by_group(form::dbl, dbl{}, [&, all = sums.as<dbl>(by_.count())](std::size_t i) {
+            return by_group([&, all = sums.as<dbl>(by_.count())](std::size_t i) {
                 return all[i] / static_cast<double>(counts[i]);
             });
-        return by_group(form::dbl, dbl{}, [&, all = sums.as<lng>(by_.count())](std::size_t i) {
+        return by_group([&, all = sums.as<lng>(by_.count())](std::size_t i) {
             return scaled_mean(all[i], counts[i], scale);
         });
     }

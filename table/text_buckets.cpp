@@ -1,5 +1,6 @@
 #include "table/text_buckets.h"
 
+#include "table/large_vector.h"
 #include "table/parallel.h"
 #include "table/text_key.h"
 #include "table/validity_bits.h"
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
-#include <functional>
 #include <limits>
 #include <string_view>
 #include <vector>
@@ -177,10 +177,7 @@ encoded_texts encode_in_buckets(const text_rows &rows, std::span<std::int32_t> c
         ranges[i] = share_of(all, i, range_count);
     // The codes' memory holds first rows meanwhile.
     auto *const first_of = reinterpret_cast<oid *>(codes.data());
-    const auto run = [](std::size_t n, const std::function<void(std::size_t)> &task) {
-        for_each_number(n, task);
-    };
-    const grouping_rows grouped{{ranges, run}, oid_reader(), first_of};
+    const grouping_rows grouped{{ranges, run_in_tasks}, oid_reader(), first_of};
     key_reader reader(rows, hash);
     const key_loader<text_key> load = [&](BUN row, BUN n, std::uint32_t *, text_key *keys, bool) {
         return reader.load(row, row_position{row} + n, keys);
@@ -227,9 +224,7 @@ encoded_texts encode_in_buckets(const text_rows &rows, std::span<std::int32_t> c
         missing.fetch_add(own, std::memory_order_relaxed);
     });
     result.missing = missing;
-    result.words.reserve(texts.size());
-    advise_huge_pages(result.words.data(), texts.size() * sizeof(std::string_view));
-    result.words.resize(texts.size());
+    resize_in_huge_pages(result.words, texts.size());
     for_rows(texts.size(), [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
             result.words[i] = rows[texts[i]];

@@ -1,12 +1,11 @@
 #include "table/text_encoder.h"
 
+#include "table/large_vector.h"
 #include "table/parallel.h"
 #include "table/text_buckets.h"
 #include "table/text_dictionary.h"
 #include "table/text_rows.h"
 #include "table/validity_bits.h"
-
-#include "rows/huge_pages.h"
 
 #include <algorithm>
 #include <atomic>
@@ -171,14 +170,6 @@ struct first_place {
     number word;
 };
 
-//! Values for so many words, in pages as large as the system has.
-template <class T>
-void resize_for_words(std::vector<T> &values, std::size_t n, T initial = {}) {
-    values.reserve(n);
-    advise_huge_pages(values.data(), n * sizeof(T));
-    values.resize(n, initial);
-}
-
 //! Finds, for texts whose hashes have one prefix, the first range that has them. Nothing is written
 //! for that range: each place is a line of memory, and most texts can be in one range alone.
 void find_first_places(std::span<const row_range> ranges, std::uint32_t prefix,
@@ -229,7 +220,7 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
         texts += range.texts.size();
     for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r)
-            resize_for_words(places[r], ranges[r].texts.size() + std::size_t{1});
+            resize_in_huge_pages(places[r], ranges[r].texts.size() + std::size_t{1});
     });
     const unsigned prefix_bits =
         std::min(static_cast<unsigned>(std::bit_width(texts / texts_per_prefix)), most_prefix_bits);
@@ -247,12 +238,12 @@ code_maps number_texts(std::span<const row_range> ranges, std::int32_t missing_c
     });
     for (std::size_t r = 0; r < ranges.size(); ++r)
         firsts[r + 1] += firsts[r];
-    resize_for_words(words, firsts.back());
+    resize_in_huge_pages(words, firsts.back());
 
     code_maps codes(ranges.size());
     for_parts(ranges.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t r = begin; r < end; ++r) {
-            resize_for_words(codes[r], ranges[r].texts.size() + std::size_t{1}, missing_code);
+            resize_in_huge_pages(codes[r], ranges[r].texts.size() + std::size_t{1}, missing_code);
             std::size_t code = firsts[r];
             for (number word = 1; word <= ranges[r].texts.size(); ++word)
                 if (is_first(r, word)) {

@@ -42,7 +42,7 @@ public:
     std::size_t bucket_size() const noexcept { return rows_ >> bits_; }
 
     VASK_ALWAYS_INLINE std::size_t bucket_of(std::uint64_t hash) const noexcept {
-        return static_cast<std::size_t>(hash >> 1 >> (63 - bits_));
+        return static_cast<std::size_t>(leading_bits(hash, bits_));
     }
 
 private:

@@ -91,7 +91,7 @@ private:
     static void find_buckets(Kind kind, unsigned bits, const key_type *keys, BUN n,
                              std::uint16_t *buckets, BUN *counts) noexcept {
         for (BUN k = 0; k < n; ++k) {
-            buckets[k] = static_cast<std::uint16_t>(kind.hash(keys[k]) >> 1 >> (63 - bits));
+            buckets[k] = static_cast<std::uint16_t>(leading_bits(kind.hash(keys[k]), bits));
             ++counts[buckets[k]];
         }
     }

@@ -31,6 +31,12 @@ VASK_ALWAYS_INLINE std::uint64_t spread_bits(std::uint64_t bits) noexcept {
     return unless_hostile_hash(bits * second_factor);
 }
 
+//! The first `bits` bits of a hash, up to 63 of them. In two steps, because a shift by all bits is
+//! none.
+VASK_ALWAYS_INLINE std::uint64_t leading_bits(std::uint64_t hash, unsigned bits) noexcept {
+    return hash >> 1 >> (63 - bits);
+}
+
 //! 64 bits of a value and a number of 32 beside them, without padding.
 struct wide_key {
     std::array<std::uint32_t, 3> words;

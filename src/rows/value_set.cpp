@@ -126,8 +126,7 @@ void value_set<Value>::make_lines(std::size_t n) {
 
 template <class Value>
 std::size_t value_set<Value>::area_of(std::uint64_t hash) const noexcept {
-    // In two steps, because a shift by all bits is none.
-    return hash >> 1 >> (63 - area_bits_);
+    return leading_bits(hash, area_bits_);
 }
 
 template <class Value>

@@ -45,7 +45,8 @@ TYPED_TEST(ValueSet, HoldsWhatItWasMadeOf) {
     std::mt19937_64 random(5);
     for (const drawing &d : drawings)
         // One that takes no table, one table, and areas that several tasks fill.
-        for (const std::size_t n : {1U, 700U, 50'000U, 300'000U})
+        for (const std::size_t n : {1U, 700U, vask::unless_hostile(50'000U, 2'000U),
+                                    vask::unless_hostile(300'000U, 4'000U)})
             for (const std::uint64_t most_bits : {std::uint64_t{0}, std::uint64_t{1} << 16}) {
                 SCOPED_TRACE(std::string(d.name) + ", " + std::to_string(n) + ", bits " +
                              std::to_string(most_bits));
