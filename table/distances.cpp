@@ -89,6 +89,7 @@ std::vector<T> first_values(std::span<const T> all, const groups &by) {
 
 centred_values::centred_values(bat values, const groups &by) : values_(std::move(values)) {
     visit_values(values_, [&]<class T>(std::span<const T> all) {
+        are_integers_ = std::integral<T>;
         std::vector<T> centre = first_values(all, by);
         centres_.resize(centre.size());
         std::transform(centre.begin(), centre.end(), centres_.begin(), [](T value) {

@@ -11,6 +11,7 @@
 
 #include "vask/embed.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -41,11 +42,15 @@ public:
 
     const BAT &values() const { return *values_.record(); }
 
+    //! Whether the distances are integers.
+    bool are_integers() const { return are_integers_; }
+
     //! All distances by row where they were written beforehand, else null.
     const dbl *written() const { return written_.has_value() ? written_->values.data() : nullptr; }
 
 private:
     refkernel::bat values_;
+    bool are_integers_ = false;
     std::function<bool(vask_row_range, dbl *)> write_;
     mutable std::atomic<bool> nil_seen_{false};
     std::vector<double> centres_;
@@ -99,6 +104,11 @@ public:
         for (std::size_t c = 0; c < columns; ++c)
             result[c] = rows_[c] + (p - block_.begin);
         return result;
+    }
+
+    bool are_integers() const noexcept {
+        return std::all_of(of_.begin(), of_.end(),
+                           [](const auto *of) { return of->are_integers(); });
     }
 
     //! The number of nils in the loaded block.

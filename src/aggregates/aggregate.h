@@ -19,6 +19,7 @@
 #include "vask/kernel/bat.h"
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 
 namespace vask {
@@ -39,6 +40,9 @@ struct column_rows {
 
     //! Where the value at p lies, with those of the rows to come.
     std::array<const T *, 1> values(BUN p) const noexcept { return {rows + p}; }
+
+    //! Whether doubles hold every value as the integer it is.
+    static constexpr bool are_integers() noexcept { return std::integral<T> && sizeof(T) <= 4; }
 
     //! While n rows from p on are in use, asks for rows to come.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept { prefetch_ahead(rows, p, n); }

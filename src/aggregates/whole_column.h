@@ -20,7 +20,9 @@ typename Aggregate::partial reduce_rows(const Rows &rows, const partition_plan &
     using partial = typename Aggregate::partial;
 
     std::array<partial, max_partitions> partials{};
-    const std::uint64_t in_lanes = partitions_in_lanes<Aggregate, Rows>(plan.nparts);
+    const bool in_any_order = adds_in_any_order<Aggregate>(rows);
+    const std::uint64_t in_lanes =
+        in_any_order ? 0 : partitions_in_lanes<Aggregate, Rows>(plan.nparts);
     task_set tasks;
     if constexpr (adds_lanes<Aggregate, Rows>) {
         for (std::uint64_t part = 0; part < in_lanes; part += lane_count)
@@ -33,7 +35,13 @@ typename Aggregate::partial reduce_rows(const Rows &rows, const partition_plan &
             });
     }
     for (std::uint64_t part = in_lanes; part < plan.nparts; ++part)
-        tasks.spawn([rows, r = plan.partition(part), to = &partials[part]] {
+        tasks.spawn([rows, in_any_order, r = plan.partition(part), to = &partials[part]] {
+            if constexpr (knows_integers<Aggregate, Rows>) {
+                if (in_any_order) {
+                    *to = scan_integers<Aggregate>(rows, r);
+                    return;
+                }
+            }
             // The partial stays in registers during the loop: neighbouring ones belong to other
             // tasks.
             *to = with_best_instruction_set([=]() __attribute__((always_inline)) {

@@ -88,6 +88,11 @@ struct moment_sums {
         sums.n -= is_value; // which is -1 for a value
     }
 
+    //! Of integers no sum was larger than that of their squares, or, of cubes, its power of 1.5.
+    static bool is_exact(const lanes &sums) noexcept requires(Power >= 2) {
+        return sum_of_lanes(sums.s2) < (Power == 2 ? largest_exact_sum : 0x1p34);
+    }
+
     VASK_ALWAYS_INLINE static void merge(partial &total, const partial &part) noexcept {
         total.s1 += part.s1;
         if constexpr (Power >= 2)
@@ -100,8 +105,9 @@ struct moment_sums {
     //! The sums are chains of additions in row order, which run side by side; their latency is the
     //! bound, so a nil costs a blend and never a mispredicted branch.
     template <class Rows>
-    VASK_ALWAYS_INLINE static partial scan(const Rows &rows, vask_row_range r) {
-        partial sums{};
+    VASK_ALWAYS_INLINE static partial scan(const Rows &rows, vask_row_range r,
+                                           const partial &before = {}) {
+        partial sums = before;
         lng nils = 0;
         for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
             for (BUN p = block.begin; p < block.end; ++p) {

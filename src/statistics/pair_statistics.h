@@ -32,7 +32,8 @@ struct covariance_sums {
     }
 };
 
-//! Number and Count are of one row, or of one row of each lane.
+//! Number and Count are of one row, or of one row of each lane. The fields of the other sums are
+//! the first of these.
 template <class Number, class Count>
 struct all_pair_sums {
     Number x;
@@ -43,7 +44,7 @@ struct all_pair_sums {
     Count pairs;
     static constexpr auto fields() noexcept {
         return std::tuple(&all_pair_sums::x, &all_pair_sums::y, &all_pair_sums::xy,
-                          &all_pair_sums::xx, &all_pair_sums::yy, &all_pair_sums::pairs);
+                          &all_pair_sums::pairs, &all_pair_sums::xx, &all_pair_sums::yy);
     }
 };
 
@@ -57,7 +58,7 @@ struct regression_sums {
     std::uint64_t pairs;
     static constexpr auto fields() noexcept {
         return std::tuple(&regression_sums::x, &regression_sums::y, &regression_sums::xy,
-                          &regression_sums::xx, &regression_sums::pairs);
+                          &regression_sums::pairs, &regression_sums::xx);
     }
 };
 
@@ -91,6 +92,12 @@ struct pair_sums {
         sums.pairs -= is_value; // which is -1 for a pair
     }
 
+    //! Of integers no sum was larger than the larger one of squares.
+    static bool is_exact(const lanes &sums) noexcept {
+        return sum_of_lanes(sums.xx) < largest_exact_sum &&
+               sum_of_lanes(sums.yy) < largest_exact_sum;
+    }
+
     VASK_ALWAYS_INLINE static void merge(Sums &total, const Sums &part) noexcept {
         std::apply([&](auto... field) { ((total.*field += part.*field), ...); }, Sums::fields());
     }
@@ -99,8 +106,8 @@ struct pair_sums {
     //! the kernel they run in the shadow of those calls, 8 cycles each, though they have to be
     //! kept in memory meanwhile: summing a block after all its calls took a fifth more time.
     template <asks_kernel Rows>
-    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r) {
-        Sums sums{};
+    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r, const Sums &before = {}) {
+        Sums sums = before;
         for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
             for (BUN p = block.begin; p < block.end; ++p)
                 if (!loaded.is_nil(p))
@@ -113,9 +120,9 @@ struct pair_sums {
     //! the place of a dropped pair changes no sum, as none can be -0.0, all beginning with 0.0. The
     //! memory brings the next block meanwhile (slope of 1e7 rows: 5.6 ms, against 7.7).
     template <class Rows>
-    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r) {
+    VASK_ALWAYS_INLINE static Sums scan(Rows rows, vask_row_range r, const Sums &before = {}) {
+        Sums sums = before;
         constexpr BUN stretch = 16;
-        Sums sums{};
         for_each_block(rows, r, [&](const Rows &loaded, vask_row_range block) {
             const BUN nils = loaded.nils();
             for (BUN p = block.begin; p < block.end;) {

@@ -63,7 +63,8 @@ double_rows::double_rows(const BATcol &column, int storage_class) noexcept
       convert_(converter_from<dbl>(storage_class)),
       mark_(visit_storage_class(
           storage_class, nil_marker{nullptr},
-          []<class T>(std::type_identity<T>) { return nil_marker{mark_nils_of<T>}; })) {
+          []<class T>(std::type_identity<T>) { return nil_marker{mark_nils_of<T>}; })),
+      are_integers_(storage_class != TYPE_flt && storage_class != TYPE_dbl) {
     if (storage_class == TYPE_dbl && is_array_of<dbl>(column)) {
         convert_ = nullptr;
         rows_ = rows_of<const dbl>(column);

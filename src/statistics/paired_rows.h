@@ -8,6 +8,7 @@
 #include "rows/atom_nil_test.h"
 #include "rows/row_conversion.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -51,6 +52,11 @@ public:
 
     VASK_ALWAYS_INLINE dbl operator[](BUN p) const noexcept { return rows_[p - first_]; }
 
+    //! Where the element at p lies, with those of the block behind it.
+    const dbl *at(BUN p) const noexcept { return rows_ + (p - first_); }
+
+    bool are_integers() const noexcept { return are_integers_; }
+
     //! Asks for the column's own elements.
     VASK_ALWAYS_INLINE void prefetch(BUN p, BUN n) const noexcept {
         prefetch_bytes(column_->base, std::size_t{p} << column_->shift,
@@ -63,6 +69,7 @@ private:
     const BATcol *column_;
     row_converter<dbl> convert_; // null: the elements are doubles
     nil_marker mark_;
+    bool are_integers_;
     const dbl *rows_ = nullptr;
     BUN first_ = 0; // position of rows_[0]
 };
@@ -148,6 +155,16 @@ public:
     VASK_ALWAYS_INLINE bool is_nil(BUN p) const noexcept {
         return (*scratch_).nil[p - block_.begin] != 0;
     }
+
+    //! Where the values of the row at p lie, with those of the block behind it.
+    std::array<const dbl *, 2> values(BUN p) const noexcept { return {x_.at(p), y_.at(p)}; }
+
+    //! Where the flags of the same rows lie, 1 for a nil; null if the block has none.
+    const std::uint8_t *nil_flags(BUN p) const noexcept {
+        return (*scratch_).has_nils ? (*scratch_).nil + (p - block_.begin) : nullptr;
+    }
+
+    bool are_integers() const noexcept { return x_.are_integers() && y_.are_integers(); }
 
 private:
     vask_row_range block_{};

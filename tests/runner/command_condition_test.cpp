@@ -89,6 +89,7 @@ TEST(Command, RowsThatFulfilACondition) {
         {"n ? 5", "nothing can begin with this character, at character 3"},
         {"city > 5", "column 2 (city): 'Oslo' is no number"},
         {"flag = true and n = true", "'5' is no truth value"},
+        {"year('2020-05-05') * 9223372036854775807 + n > 0", "leaves 64 bits"},
         {"", "expected a column or a value at character 1"},
     };
     for (const auto &[condition, told] : mistakes) {

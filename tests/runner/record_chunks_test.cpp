@@ -29,6 +29,14 @@ TEST(RecordChunks, NulBytesAreFound) {
     EXPECT_TRUE(split_records("", 0, '"', 100, 2).chunks.empty());
 }
 
+TEST(RecordChunks, EndsAreOutsideQuotes) {
+    const std::string text = "\"a\",\"b\"\n\"c\nd\"\ne\n";
+    EXPECT_EQ(end_outside_quotes(text, 0, 8, '"'), 8U);   // four quotes, all closed
+    EXPECT_EQ(end_outside_quotes(text, 0, 11, '"'), 14U); // within "c\nd"
+    EXPECT_EQ(end_outside_quotes(text, 8, 14, '"'), 14U); // two quotes
+    EXPECT_EQ(end_outside_quotes(text, 8, 11, '\''), 11U);
+}
+
 TEST(RecordChunks, LineEnds) {
     std::mt19937 random(7);
     for (int i = 0; i < 200; ++i) {

@@ -6,6 +6,9 @@
 #include "support/replaced_comparison.h"
 #include "vask/ops.h"
 
+#include <algorithm>
+#include <random>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -193,6 +196,44 @@ int noting_comparison(const void *nil, const void *element) {
     EXPECT_EQ(nil, BATatoms[TYPE_int].atom_null);
     compared.push_back(element);
     return *static_cast<const int *>(nil) != *static_cast<const int *>(element);
+}
+
+//! Integers are added up in any order as long as doubles hold their sums, so they have to give what
+//! the same numbers give as doubles, which are added in the order of rows.
+TEST(PairStatistics, OfIntegersAreThoseOfTheSameDoubles) {
+    std::mt19937 random(20);
+    for (const std::uint32_t largest : {5U, 1U << 13, 1U << 21, 1U << 27, 1U << 31})
+        for (const std::size_t rows : {7UL, 4095UL, 70001UL}) {
+            std::vector<std::int32_t> x(rows);
+            std::vector<std::int32_t> y(rows);
+            for (std::size_t row = 0; row < rows; ++row) {
+                // The large ones come late in each partition.
+                const std::uint32_t span = row % 8000 < 6000 ? std::min(largest, 1000U) : largest;
+                x[row] = static_cast<std::int32_t>(random() % span - span / 2);
+                y[row] = static_cast<std::int32_t>(random() % span + x[row] % 3);
+                if (random() % 1000 == 0)
+                    (row % 2 == 0 ? x : y)[row] = nil_of<std::int32_t>();
+            }
+            const auto as_doubles = [](const std::vector<std::int32_t> &of) {
+                std::vector<double> made(of.size());
+                std::transform(of.begin(), of.end(), made.begin(), [](std::int32_t value) {
+                    return value == nil_of<std::int32_t>() ? nil_of<double>() : value;
+                });
+                return made;
+            };
+            for (std::size_t i = 0; i < std::size(statistics); ++i)
+                EXPECT_EQ(run(i, x, y), run(i, as_doubles(x), as_doubles(y)))
+                    << i << " of " << rows << " rows up to " << largest;
+            for (const auto moment :
+                 {vask_stdev, vask_stdevp, vask_variance, vask_variancep, vask_skews, vask_skewp}) {
+                double of_integers = 0;
+                double of_doubles = 0;
+                EXPECT_EQ(take_exception(moment(&of_integers, column_of(x).slot())), success);
+                EXPECT_EQ(take_exception(moment(&of_doubles, column_of(as_doubles(x)).slot())),
+                          success);
+                EXPECT_EQ(of_integers, of_doubles) << rows << " rows up to " << largest;
+            }
+        }
 }
 
 TEST(PairStatistics, TheTypesOwnComparisonSeesEachElementOnce) {

@@ -14,6 +14,8 @@ namespace {
 // How many more blocks there are; none beyond.
 std::atomic<std::int64_t> blocks_left{std::numeric_limits<std::int64_t>::max()};
 
+std::atomic<std::int64_t> blocks_held{0};
+
 void *take_block(std::size_t bytes, std::size_t alignment) {
     if (blocks_left.load() <= 0 || blocks_left.fetch_sub(1) <= 0)
         throw std::bad_alloc();
@@ -22,7 +24,14 @@ void *take_block(std::size_t bytes, std::size_t alignment) {
                        : std::aligned_alloc(alignment, (bytes + alignment) / alignment * alignment);
     if (made == nullptr)
         throw std::bad_alloc();
+    blocks_held.fetch_add(1);
     return made;
+}
+
+void give_back(void *held) {
+    if (held != nullptr)
+        blocks_held.fetch_sub(1);
+    std::free(held);
 }
 
 // For its life only so many blocks are given out.
@@ -47,22 +56,22 @@ void *operator new(std::size_t bytes, std::align_val_t alignment) {
     return take_block(bytes, static_cast<std::size_t>(alignment));
 }
 void operator delete(void *held) noexcept {
-    std::free(held);
+    give_back(held);
 }
 void operator delete[](void *held) noexcept {
-    std::free(held);
+    give_back(held);
 }
 void operator delete(void *held, std::size_t) noexcept {
-    std::free(held);
+    give_back(held);
 }
 void operator delete[](void *held, std::size_t) noexcept {
-    std::free(held);
+    give_back(held);
 }
 void operator delete(void *held, std::align_val_t) noexcept {
-    std::free(held);
+    give_back(held);
 }
 void operator delete(void *held, std::size_t, std::align_val_t) noexcept {
-    std::free(held);
+    give_back(held);
 }
 
 namespace vask_test {
@@ -152,6 +161,48 @@ TEST(NoMemory, AtAnyBlockOfACallLosesNothing) {
         ASSERT_FALSE(testing::Test::HasFailure()) << blocks << " blocks";
     }
     EXPECT_GT(refused, 100);
+}
+
+TEST(NoMemory, AtAnyBlockOfAnExportLosesNothing) {
+    ledger counted;
+    vask_table *table = nullptr;
+    ASSERT_EQ(vask_table_new(&table, nullptr), VASK_OK);
+    for (const column_data &column : sample().columns) {
+        ArrowSchema schema = make_schema(counted, column);
+        ArrowArray array = make_array(counted, column, 0, column.values.size(), {});
+        ASSERT_EQ(vask_table_add_arrow(table, column.name.c_str(), &schema, &array, nullptr),
+                  VASK_OK);
+    }
+    const asked_query asked = everything();
+    vask_result *result = nullptr;
+    const query_record query(asked);
+    ASSERT_EQ(vask_run(table, &query.record, &result, nullptr), VASK_OK);
+    int refused = 0;
+    const auto exported = [&](std::int64_t blocks) {
+        const few_blocks few(blocks);
+        ArrowArrayStream stream{};
+        if (vask_result_stream(result, &stream, nullptr) != VASK_OK)
+            return false;
+        ArrowSchema schema{};
+        ArrowArray batch{};
+        const bool whole =
+            stream.get_schema(&stream, &schema) == 0 && stream.get_next(&stream, &batch) == 0;
+        if (schema.release != nullptr)
+            schema.release(&schema);
+        if (batch.release != nullptr)
+            batch.release(&batch);
+        stream.release(&stream);
+        return whole;
+    };
+    const std::int64_t held = blocks_held.load();
+    while (!exported(refused)) {
+        ASSERT_EQ(blocks_held.load(), held) << refused << " blocks";
+        ++refused;
+    }
+    EXPECT_EQ(blocks_held.load(), held);
+    EXPECT_GT(refused, 10);
+    vask_result_free(result);
+    vask_table_free(table);
 }
 
 } // namespace
