@@ -47,18 +47,20 @@ result_cell cell_at(const void *value, column_type type) {
 std::function<result_cell(std::size_t)> cells_of(const refkernel::bat &column, column_type type) {
     const BAT &b = *column.record();
     const BUN first = b.info->first;
-    if (type == column_type::str) {
-        const char *const nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
-        return [texts = text_reader(*b.tail), first, nil](std::size_t row) -> result_cell {
-            const char *const text = texts[first + static_cast<BUN>(row)];
-            if (std::strcmp(text, nil) == 0)
-                return std::monostate{};
-            return std::string_view(text);
-        };
-    }
     const char *const base = static_cast<const char *>(b.tail->base);
     return [base, first, shift = b.tail->shift, type](std::size_t row) {
         return cell_at(base + ((first + row) << shift), type);
+    };
+}
+
+std::function<result_cell(std::size_t)> cells_of(const table_column &column) {
+    if (column.type != column_type::str)
+        return cells_of(column.values, column.type);
+    return [codes = column.values.values<std::int32_t>(),
+            &words = column.words->words](std::size_t row) -> result_cell {
+        if (codes[row] == refkernel::nil_of<std::int32_t>())
+            return std::monostate{};
+        return words[static_cast<std::size_t>(codes[row])];
     };
 }
 

@@ -68,7 +68,7 @@ public:
         first_ = b.info->first;
         base_ = static_cast<const char *>(b.tail->base);
         if (type_ == column_type::str)
-            texts_.emplace(*b.tail);
+            words_ = column.words->words;
     }
 
     void read(std::size_t first_row, std::size_t rows, value_block &block) const {
@@ -84,11 +84,13 @@ public:
 
 private:
     void read_texts(std::size_t first_row, std::size_t rows, value_block &block) const {
-        const std::string_view nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
+        const auto *const codes =
+            reinterpret_cast<const std::int32_t *>(base_) + first_ + first_row;
         block.texts.resize(block_rows);
         for (std::size_t i = 0; i < rows; ++i) {
-            block.texts[i] = (*texts_)[first_ + static_cast<BUN>(first_row + i)];
-            block.missing[i] = block.texts[i] == nil ? 1 : 0;
+            block.missing[i] = codes[i] == refkernel::nil_of<std::int32_t>() ? 1 : 0;
+            block.texts[i] = block.missing[i] != 0 ? std::string_view()
+                                                   : words_[static_cast<std::size_t>(codes[i])];
         }
     }
 
@@ -127,7 +129,7 @@ private:
     column_type type_;
     BUN first_ = 0;
     const char *base_ = nullptr;
-    std::optional<text_reader> texts_;
+    std::span<const std::string_view> words_; // of texts
 };
 
 class computation {
@@ -150,6 +152,7 @@ public:
             const table_column &same = data.columns[made_.value.columns[root.slot]];
             result_.missing = same.missing;
             result_.values = refkernel::bat::share(same.values.id());
+            result_.words = same.words;
             return std::move(result_);
         }
         if (kind_ == value_kind::text)

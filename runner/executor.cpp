@@ -90,7 +90,7 @@ private:
         std::string text;
         for (const std::size_t i : asked_.group_by) {
             text += fmt::format("{}{} ", text.empty() ? " in the group " : ", ", header_.names[i]);
-            const result_cell value = cells_of(data_.columns[i].values, data_.columns[i].type)(row);
+            const result_cell value = cells_of(data_.columns[i])(row);
             if (std::holds_alternative<std::monostate>(value))
                 text += "NA";
             else

@@ -84,11 +84,20 @@ table_column input_file::file_names(const loaded_table &loaded) const {
     std::vector<std::string_view> names{source_.name()};
     for (const auto &source : further_)
         names.push_back(source->name());
+    auto different = std::make_shared<word_list>();
     std::vector<std::int32_t> codes;
     codes.reserve(loaded.rows);
-    for (std::size_t file = 0; file < names.size(); ++file)
-        codes.insert(codes.end(), loaded.file_rows[file], static_cast<std::int32_t>(file));
-    return {column_type::str, 0, refkernel::make_dictionary_column(names, codes)};
+    for (std::size_t file = 0; file < names.size(); ++file) {
+        // A file may be given twice.
+        std::vector<std::string_view> &words = different->words;
+        const auto at = std::find(words.begin(), words.end(), names[file]) - words.begin();
+        if (static_cast<std::size_t>(at) == words.size())
+            words.push_back(names[file]);
+        codes.insert(codes.end(), loaded.file_rows[file], static_cast<std::int32_t>(at));
+    }
+    return {column_type::str, 0,
+            refkernel::make_column(std::move(codes), {.tail = {.nonil = true}}),
+            std::move(different)};
 }
 
 loaded_table input_file::load(const std::vector<bool> &wanted,

@@ -101,9 +101,9 @@ result_table rows_of(const loaded_table &data, const csv_header &header,
     result_table result;
     result.rows = data.rows;
     for (const std::size_t column : columns)
-        result.columns.push_back(
-            {header.names[column], data.columns[column].type == column_type::str,
-             cells_of(data.columns[column].values, data.columns[column].type)});
+        result.columns.push_back({header.names[column],
+                                  data.columns[column].type == column_type::str,
+                                  cells_of(data.columns[column])});
     return result;
 }
 

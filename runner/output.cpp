@@ -3,6 +3,7 @@
 #include "terminal_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -18,8 +19,10 @@
 
 #include <unistd.h>
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <tbb/parallel_pipeline.h>
 
 namespace vask::runner {
 namespace {
@@ -40,19 +43,51 @@ public:
             flush();
     }
 
-    // Whole rows. Formats that are exact in a file are not on a terminal, which obeys what it is
-    // sent.
     void flush() {
-        if (on_terminal_)
-            buffer_ = terminal_lines(buffer_);
-        if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() ||
-            std::fflush(file_) != 0)
-            throw std::runtime_error(
-                fmt::format("cannot write the result: {}", std::strerror(errno)));
+        write(std::move(buffer_));
         buffer_.clear();
     }
 
+    // Rows from 0 on, of which append_row(text, row) appends one with its end to a text, from
+    // several threads.
+    template <class AppendRow>
+    void rows(std::size_t count, const AppendRow &append_row) {
+        constexpr std::size_t block = 4096;
+        constexpr std::size_t most_blocks_in_memory = 64;
+        flush();
+        std::size_t next = 0;
+        const auto next_block = [&](tbb::flow_control &control) {
+            if (next >= count)
+                control.stop();
+            return std::exchange(next, next + block);
+        };
+        const auto text_of = [&](std::size_t first) {
+            std::string text;
+            for (std::size_t row = first; row < std::min(first + block, count); ++row)
+                append_row(text, row);
+            return text;
+        };
+        tbb::parallel_pipeline(
+            most_blocks_in_memory,
+            tbb::make_filter<void, std::size_t>(tbb::filter_mode::serial_in_order, next_block) &
+                tbb::make_filter<std::size_t, std::string>(tbb::filter_mode::parallel, text_of) &
+                tbb::make_filter<std::string, void>(
+                    tbb::filter_mode::serial_in_order,
+                    [this](std::string text) { write(std::move(text)); }));
+    }
+
 private:
+    // Whole rows. Formats that are exact in a file are not on a terminal, which obeys what it is
+    // sent.
+    void write(std::string text) const {
+        if (on_terminal_)
+            text = terminal_lines(text);
+        if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() ||
+            std::fflush(file_) != 0)
+            throw std::runtime_error(
+                fmt::format("cannot write the result: {}", std::strerror(errno)));
+    }
+
     static constexpr std::size_t flush_bytes = std::size_t{1} << 16;
     std::FILE *file_;
     bool on_terminal_;
@@ -90,7 +125,8 @@ void append(std::string &out, Number value) {
     if constexpr (std::is_floating_point_v<Number>)
         if (std::isnan(value))
             value = std::numeric_limits<Number>::quiet_NaN();
-    fmt::format_to(std::back_inserter(out), "{}", value);
+    std::array<char, 32> text; // a double has at most 24
+    out.append(text.data(), fmt::format_to(text.data(), FMT_COMPILE("{}"), value));
 }
 void append(std::string &out, truth value) {
     out += value.value != 0 ? "true" : "false";
@@ -130,17 +166,18 @@ bool has_dates_alone(const result_column &column, std::size_t rows) {
 }
 
 // The column with its times in a spelling; where cells are of several kinds, midnights alone. A
-// cell's text lasts until the next one is asked for.
+// cell's text lasts until the thread asks for the next one.
 result_column with_spelling(result_column column, const time_spelling &spelling) {
-    column.cell = [spelling, is_mixed = column.is_mixed, text = std::make_shared<std::string>(),
+    column.cell = [spelling, is_mixed = column.is_mixed,
                    cell = std::move(column.cell)](std::size_t row) -> result_cell {
+        thread_local std::string text;
         const result_cell value = cell(row);
         const auto *const time = std::get_if<timestamp>(&value);
         if (time == nullptr || (is_mixed && !is_midnight(time->microseconds)))
             return value;
-        text->clear();
-        append_time(*text, time->microseconds, spelling.style, spelling.dates);
-        return std::string_view(*text);
+        text.clear();
+        append_time(text, time->microseconds, spelling.style, spelling.dates);
+        return std::string_view(text);
     };
     return column;
 }
@@ -283,7 +320,6 @@ void append_csv_field(std::string &out, std::string_view text) {
 }
 
 void print_csv(const result_table &result, const output_style &style, printer &out) {
-    std::string text;
     for (std::size_t i = 0; style.titles && i < result.columns.size(); ++i) {
         if (i > 0)
             out.buffer() += ',';
@@ -291,27 +327,28 @@ void print_csv(const result_table &result, const output_style &style, printer &o
     }
     if (style.titles)
         out.end_row();
-    for (std::size_t row = 0; row < result.rows; ++row) {
+    out.rows(result.rows, [&](std::string &to, std::size_t row) {
         bool lone_missing = false;
+        std::string text;
         for (std::size_t i = 0; i < result.columns.size(); ++i) {
             if (i > 0)
-                out.buffer() += ',';
+                to += ',';
             text.clear();
             const result_cell cell = result.columns[i].cell(row);
             append_text(text, rounded_cell(cell, style.digits));
             const bool missing = std::holds_alternative<std::monostate>(cell);
             // An empty text is no missing value.
             if (text.empty() && !missing)
-                out.buffer() += "\"\"";
+                to += "\"\"";
             else
-                append_csv_field(out.buffer(), text);
+                append_csv_field(to, text);
             lone_missing = missing && result.columns.size() == 1;
         }
         // A lone empty field must not become a blank line, which readers pass over.
         if (lone_missing)
-            out.buffer() += "\"\"";
-        out.end_row();
-    }
+            to += "\"\"";
+        to += '\n';
+    });
 }
 
 // ---- tsv ----------------------------------------------------------------------------------------
@@ -344,17 +381,17 @@ void print_tsv(const result_table &result, const output_style &style, printer &o
     }
     if (style.titles)
         out.end_row();
-    std::string text;
-    for (std::size_t row = 0; row < result.rows; ++row) {
+    out.rows(result.rows, [&](std::string &to, std::size_t row) {
+        std::string text;
         for (std::size_t i = 0; i < result.columns.size(); ++i) {
             if (i > 0)
-                out.buffer() += '\t';
+                to += '\t';
             text.clear();
             append_text(text, rounded_cell(result.columns[i].cell(row), style.digits));
-            append_tsv_field(out.buffer(), text);
+            append_tsv_field(to, text);
         }
-        out.end_row();
-    }
+        to += '\n';
+    });
 }
 
 // ---- json ---------------------------------------------------------------------------------------
@@ -396,23 +433,20 @@ std::string json_object(const result_table &result, std::size_t row, const outpu
 
 void print_json(const result_table &result, const output_style &style, printer &out) {
     out.buffer() += '[';
-    for (std::size_t row = 0; row < result.rows; ++row) {
-        if (row > 0) {
-            out.buffer() += ',';
-            out.end_row();
-            out.buffer() += ' ';
-        }
-        out.buffer() += json_object(result, row, style);
-    }
+    out.rows(result.rows, [&](std::string &to, std::size_t row) {
+        if (row > 0)
+            to += ",\n ";
+        to += json_object(result, row, style);
+    });
     out.buffer() += ']';
     out.end_row();
 }
 
 void print_json_lines(const result_table &result, const output_style &style, printer &out) {
-    for (std::size_t row = 0; row < result.rows; ++row) {
-        out.buffer() += json_object(result, row, style);
-        out.end_row();
-    }
+    out.rows(result.rows, [&](std::string &to, std::size_t row) {
+        to += json_object(result, row, style);
+        to += '\n';
+    });
 }
 
 } // namespace

@@ -169,7 +169,7 @@ namespace {
 bool looks_numeric(const table_column &column) {
     if (column.type != column_type::str || column.is_derived)
         return false;
-    const std::function<result_cell(std::size_t)> cell = cells_of(column.values, column.type);
+    const std::function<result_cell(std::size_t)> cell = cells_of(column);
     bool any = false;
     for (std::size_t row = 0; row < column.values.count(); ++row) {
         const result_cell value = cell(row);

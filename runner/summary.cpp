@@ -69,7 +69,7 @@ bool has_nan(const table_column &column) {
 // How many values lie in each of so many equal parts between the least and the greatest one.
 std::vector<std::uint64_t> parts_of(const table_column &column, std::uint64_t rows) {
     constexpr std::size_t parts = 12;
-    const auto cell = cells_of(column.values, column.type);
+    const auto cell = cells_of(column);
     double least = std::numeric_limits<double>::infinity();
     double greatest = -least;
     for (std::size_t row = 0; row < rows; ++row)

@@ -56,6 +56,14 @@ table::value_type value_type_of(column_type type) {
 }
 
 std::shared_ptr<const table::column> as_table_column(std::string name, const table_column &loaded) {
+    if (loaded.type == column_type::str) {
+        table::texts encoded;
+        encoded.codes = bat::share(loaded.values.id());
+        encoded.missing = loaded.missing;
+        encoded.words = loaded.words->words;
+        encoded.held = loaded.words;
+        return std::make_shared<const table::column>(std::move(name), std::move(encoded));
+    }
     return std::make_shared<const table::column>(std::move(name), value_type_of(loaded.type),
                                                  plain_values(loaded), loaded.missing);
 }

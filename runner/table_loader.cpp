@@ -8,7 +8,8 @@
 #include "user_error.h"
 #include "worker_pool.h"
 
-#include "kernel/column.h"
+#include "table/kernel_column.h"
+#include "table/text_encoder.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <limits>
 #include <numeric>
+#include <span>
 
 namespace vask::runner {
 namespace {
@@ -273,7 +275,7 @@ private:
             column.key_style = column.times.style();
         }
         if (column.type == column_type::str) {
-            column.values = text_column(i, outcomes);
+            encode_texts(i, outcomes);
             return;
         }
         if (is_streamed_)
@@ -287,29 +289,50 @@ private:
         values->state->access = ACCESS_READ;
     }
 
-    refkernel::bat text_column(std::size_t i, std::vector<chunk_outcome> &outcomes) const {
+    void encode_texts(std::size_t i, std::vector<chunk_outcome> &outcomes) {
         std::vector<text_cells> texts;
         texts.reserve(outcomes.size());
         for (chunk_outcome &outcome : outcomes)
             texts.push_back(std::move(outcome.columns[i].texts));
-        if (table_.rows > std::numeric_limits<std::int32_t>::max())
-            return text_column_without_codes(texts);
         std::vector<table::text_chunk> chunks;
         for (const text_cells &each : texts)
             each.append_chunks(chunks);
-        std::vector<std::int32_t> codes(table_.rows);
-        const table::encoded_texts encoded = table::encode_texts(chunks, codes, refkernel::no_word);
-        return refkernel::make_dictionary_column(encoded.words, codes);
+        table::fresh_column<std::int32_t> codes(table_.rows);
+        table::encoded_texts encoded =
+            table::encode_texts(chunks, codes.values, refkernel::nil_of<std::int32_t>());
+        table_column &column = table_.columns[i];
+        column.words = with_own_bytes(std::move(encoded.words));
+        column.values =
+            std::move(codes).finish({.nil = column.missing > 0, .nonil = column.missing == 0});
     }
 
-    // Codes have 32 bits.
-    static refkernel::bat text_column_without_codes(const std::vector<text_cells> &texts) {
-        refkernel::text_builder builder;
-        for (const text_cells &each : texts)
-            each.for_each([&builder](const std::string_view *text) {
-                text == nullptr ? builder.append_nil() : builder.append(*text);
-            });
-        return builder.finish();
+    // The cells hold each text as often as it occurs.
+    std::shared_ptr<const word_list> with_own_bytes(std::vector<std::string_view> words) const {
+        constexpr std::size_t piece_words = std::size_t{1} << 15;
+        const std::size_t pieces = (words.size() + piece_words - 1) / piece_words;
+        const auto words_of = [&](std::size_t piece) {
+            return std::span(words)
+                .subspan(piece * piece_words)
+                .first(std::min(piece_words, words.size() - piece * piece_words));
+        };
+        std::vector<std::size_t> begins(pieces + 1);
+        run_pieces(pieces, request_.threads, [&](std::size_t piece) {
+            for (const std::string_view word : words_of(piece))
+                begins[piece + 1] += word.size();
+        });
+        std::partial_sum(begins.begin(), begins.end(), begins.begin());
+        auto result = std::make_shared<word_list>();
+        result->bytes = std::make_unique_for_overwrite<char[]>(begins.back());
+        run_pieces(pieces, request_.threads, [&](std::size_t piece) {
+            char *to = result->bytes.get() + begins[piece];
+            for (std::string_view &word : words_of(piece)) {
+                std::copy(word.begin(), word.end(), to);
+                word = {to, word.size()};
+                to += word.size();
+            }
+        });
+        result->words = std::move(words);
+        return result;
     }
 
     // A chunk with quoted newlines or blank lines has fewer records than room.
@@ -455,7 +478,7 @@ std::optional<text_cell> first_wide_integer(const source_text &source, const csv
     if (column.type != column_type::dbl)
         return std::nullopt;
     const auto values = column.values.values<dbl>();
-    const dbl nil = nil_of<dbl>(TYPE_dbl);
+    const dbl nil = refkernel::nil_of<dbl>();
     if (std::none_of(values.begin(), values.end(),
                      [nil](dbl value) { return std::abs(value) >= 0x1p63 && value != nil; }))
         return std::nullopt;

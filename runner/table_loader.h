@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -43,10 +44,19 @@ struct load_request {
     std::size_t chunk_bytes = std::size_t{4} << 20;
 };
 
+//! Different texts, by code.
+struct word_list {
+    std::vector<std::string_view> words;
+    std::unique_ptr<char[]> bytes; // of the words
+};
+
 struct table_column {
     column_type type{};
     std::uint64_t missing = 0;
-    refkernel::bat values; //!< void head from 0 on; an empty handle for a column not asked for
+    //! Void head from 0 on; an empty handle for a column not asked for. Of texts, the codes of
+    //! words.
+    refkernel::bat values;
+    std::shared_ptr<const word_list> words{};
     //! Of a key whose type was inferred: a cell that is not how its number is printed.
     std::optional<std::string> respelled{};
     time_spellings times{}; //!< of dates and timestamps

@@ -230,7 +230,7 @@ void put_texts(result_column &made, std::span<const text_place> words,
     made.owners.push_back(std::move(text));
 }
 
-// A source of views, dictionaries or a heap becomes plain. `word_at(i)` gives the i-th text, or
+// A source of views or dictionaries becomes plain. `word_at(i)` gives the i-th text, or
 // nothing.
 template <class WordAt>
 void finish_texts(result_column &made, std::size_t n, const WordAt &word_at) {
@@ -361,16 +361,7 @@ result_column finish_answer(std::string name, const value_type &type, const answ
         look_up(values.as<std::int32_t>(by.count()), [&all](std::size_t rank) -> word {
             return all.words[static_cast<std::size_t>(all.by_rank[rank])];
         });
-    } else if (source->has_heap() && source->known_texts() == nullptr) {
-        const bat &heap = source->heap();
-        const text_reader texts(*heap->tail);
-        const std::string_view nil = static_cast<const char *>(BATatoms[TYPE_str].atom_null);
-        look_up(values.as<lng>(by.count()),
-                [&, first = heap->info->first](std::size_t row) -> word {
-                    const std::string_view text = texts[first + static_cast<BUN>(row)];
-                    return text == nil ? std::nullopt : word(text);
-                });
-    } else { // whose lengths are known, which a heap does not tell
+    } else {
         const texts &all = source->as_texts(tell);
         const auto codes = all.codes.values<std::int32_t>();
         look_up(values.as<lng>(by.count()), [&](std::size_t row) -> word {

@@ -105,16 +105,17 @@ column::column(std::string name, value_type type, bat values, std::uint64_t miss
     : name_(std::move(name)),
       type_(std::move(type)),
       rows_(static_cast<std::int64_t>(values.count())) {
-    if (is_text(type_.of)) {
-        heap_ = std::move(values);
-        heap_missing_ = missing;
-    } else {
-        numbers made;
-        made.values = std::move(values);
-        made.missing = missing;
-        numbers_ = std::make_unique<const numbers>(std::move(made));
-    }
+    numbers made;
+    made.values = std::move(values);
+    made.missing = missing;
+    numbers_ = std::make_unique<const numbers>(std::move(made));
 }
+
+column::column(std::string name, texts encoded)
+    : name_(std::move(name)),
+      type_(plain_type(kind::text)),
+      rows_(static_cast<std::int64_t>(encoded.codes.count())),
+      texts_(std::make_unique<texts>(std::move(encoded))) {}
 
 std::shared_ptr<const column>
 column::joined(std::string name, const std::vector<std::shared_ptr<const column>> &parts) {
@@ -173,14 +174,8 @@ const texts &column::as_texts(const teller &tell) const {
     const std::scoped_lock lock(making_);
     if (texts_ == nullptr)
         texts_ = std::make_unique<texts>(
-            has_heap() ? texts_of_heap(heap_, heap_missing_)
-                       : texts_of(pieces_, static_cast<std::size_t>(rows_), name_, tell));
+            texts_of(pieces_, static_cast<std::size_t>(rows_), name_, tell));
     return *texts_;
-}
-
-const texts *column::known_texts() const {
-    const std::scoped_lock lock(making_);
-    return texts_.get();
 }
 
 const texts &column::as_ranked_texts(const teller &tell) const {
@@ -193,10 +188,6 @@ const texts &column::as_ranked_texts(const teller &tell) const {
 }
 
 std::optional<std::string_view> column::text_at(std::size_t row, const teller &tell) const {
-    if (has_heap()) {
-        const std::string_view text = heap_.text(static_cast<BUN>(row));
-        return is_nil_text(text.data()) ? std::nullopt : std::optional(text);
-    }
     const texts &all = as_texts(tell);
     const std::int32_t code = all.codes.values<std::int32_t>()[row];
     if (code == nil_of<std::int32_t>())
@@ -207,7 +198,7 @@ std::optional<std::string_view> column::text_at(std::size_t row, const teller &t
 const std::vector<bat> &column::as_keys(bool nan_missing, const teller &tell) const {
     if (!is_text(type_.of))
         as_numbers(nan_missing, tell);
-    else if (!has_heap())
+    else
         as_texts(tell);
     const bool variant = nan_missing && is_float(type_.of);
     const numbers *const all = is_text(type_.of) ? nullptr : &as_numbers(nan_missing, tell);
@@ -216,7 +207,7 @@ const std::vector<bat> &column::as_keys(bool nan_missing, const teller &tell) co
     if (keys == nullptr) {
         std::vector<bat> made;
         if (all == nullptr) {
-            made.push_back(bat::share(has_heap() ? heap_.id() : texts_->codes.id()));
+            made.push_back(bat::share(texts_->codes.id()));
         } else {
             made.push_back(distinct_bits(all->values, !all->beyond));
             if (!all->present.empty())
@@ -251,8 +242,6 @@ void column::validate() const {
 }
 
 std::uint64_t column::missing(bool nan_missing, const teller &tell) const {
-    if (has_heap())
-        return heap_missing_;
     return is_text(type_.of) ? as_texts(tell).missing : as_numbers(nan_missing, tell).missing;
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,7 +51,8 @@ struct numbers {
 struct texts {
     refkernel::bat codes;
     std::uint64_t missing = 0;
-    std::vector<std::string_view> words; //!< by code, each once; some may not occur
+    std::span<const std::string_view> words; //!< by code, each once; some may not occur
+    std::shared_ptr<const void> held;        //!< what the words lie in, if nobody else keeps it
     //! The place of each word in ascending order of bytes, and the words' codes in that order.
     std::vector<std::int32_t> rank;
     std::vector<std::int32_t> by_rank;
@@ -69,9 +71,10 @@ public:
     column(std::string name, value_type type, std::int64_t rows, std::vector<piece> pieces);
     //! A column of a type that no query can use, and why.
     column(std::string name, std::int64_t rows, std::string refusal);
-    //! A column whose values are a kernel's already: in the type's storage, or texts of a heap that
-    //! holds each of them once.
+    //! A column of numbers that are a kernel's already, in the type's storage.
     column(std::string name, value_type type, refkernel::bat values, std::uint64_t missing);
+    //! A column of texts that are encoded already.
+    column(std::string name, texts encoded);
 
     //! The rows of several columns of one type, one behind the other. Throws table_error where
     //! types differ.
@@ -83,11 +86,6 @@ public:
     //! Throws table_error for a type that no query can use.
     const value_type &type() const;
 
-    //! Whether the values are texts of a kernel's heap. Operators that compare nothing but equality
-    //! take these as they stand; codes are made where an order or a dictionary is asked for.
-    bool has_heap() const { return static_cast<bool>(heap_); }
-    const refkernel::bat &heap() const { return heap_; }
-
     //! For all types but texts. With `nan_missing` each NaN is missing, too.
     const numbers &as_numbers(bool nan_missing, const teller &tell) const;
     //! The same of numbers that were not asked for before and lie where nothing is to be done but
@@ -96,8 +94,6 @@ public:
     const texts &as_texts(const teller &tell) const;
     //! The same with the ranks.
     const texts &as_ranked_texts(const teller &tell) const;
-    //! The same if they were asked for before; else null.
-    const texts *known_texts() const;
 
     //! The text of a row; nothing for a missing one.
     std::optional<std::string_view> text_at(std::size_t row, const teller &tell) const;
@@ -107,7 +103,7 @@ public:
     const std::vector<refkernel::bat> &as_keys(bool nan_missing, const teller &tell) const;
 
     //! Least and greatest of the numbers, or of the codes of texts, that are not the nil of their
-    //! integer storage. Not for floats, nor for texts in a heap.
+    //! integer storage. Not for floats.
     value_bounds bounds(const teller &tell) const;
 
     std::uint64_t missing(bool nan_missing, const teller &tell) const;
@@ -121,8 +117,6 @@ private:
     std::string refusal_;
     std::int64_t rows_;
     std::vector<piece> pieces_;
-    refkernel::bat heap_;
-    std::uint64_t heap_missing_ = 0;
 
     mutable std::mutex making_;
     mutable std::unique_ptr<const numbers> numbers_;

@@ -120,8 +120,10 @@ std::uint64_t look_up_codes(const piece &p, std::int64_t from, std::int64_t rows
 
 } // namespace
 
-bool is_nil_text(const char *text) {
-    return std::strcmp(text, static_cast<const char *>(BATatoms[TYPE_str].atom_null)) == 0;
+void keep_words(texts &all, std::vector<std::string_view> words) {
+    const auto held = std::make_shared<const std::vector<std::string_view>>(std::move(words));
+    all.words = *held;
+    all.held = held;
 }
 
 texts texts_of(const std::vector<piece> &pieces, std::size_t all_rows, const std::string &name,
@@ -141,7 +143,7 @@ texts texts_of(const std::vector<piece> &pieces, std::size_t all_rows, const std
                                                                codes.values.data() + row, name);
                        });
                    });
-        result.words = std::move(known.encoded.words);
+        keep_words(result, std::move(known.encoded.words));
         result.missing = missing;
     } else {
         std::vector<text_chunk> chunks;
@@ -149,42 +151,11 @@ texts texts_of(const std::vector<piece> &pieces, std::size_t all_rows, const std
         for (const piece &p : pieces)
             chunks.push_back(chunk_of(p, name));
         encoded_texts encoded = encode(chunks, codes.values, name);
-        result.words = std::move(encoded.words);
+        keep_words(result, std::move(encoded.words));
         result.missing = encoded.missing;
         tell(fmt::format("column '{}' was encoded: {} different texts", shown(name),
                          result.words.size()));
     }
-    result.codes =
-        std::move(codes).finish({.nil = result.missing > 0, .nonil = result.missing == 0});
-    return result;
-}
-
-texts texts_of_heap(const bat &column, std::uint64_t missing) {
-    const std::size_t rows = column.count();
-    const text_reader heap(*column->tail);
-    const BUN first = column->info->first;
-    constexpr std::int32_t none = -1;
-    std::uint32_t last_offset = 0;
-    for (BUN row = 0; row < rows; ++row)
-        last_offset = std::max(last_offset, heap.offset(first + row));
-    std::vector<std::int32_t> code_at(std::size_t{last_offset} + 1, none);
-    fresh_column<std::int32_t> codes(rows);
-    texts result;
-    for (BUN row = 0; row < rows; ++row) {
-        const std::uint32_t offset = heap.offset(first + row);
-        std::int32_t &code = code_at[offset];
-        if (code == none) {
-            const char *const text = heap.at_offset(offset);
-            if (is_nil_text(text)) {
-                code = nil_of<std::int32_t>();
-            } else {
-                code = static_cast<std::int32_t>(result.words.size());
-                result.words.emplace_back(text);
-            }
-        }
-        codes.values[row] = code;
-    }
-    result.missing = missing;
     result.codes =
         std::move(codes).finish({.nil = result.missing > 0, .nonil = result.missing == 0});
     return result;

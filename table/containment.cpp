@@ -163,7 +163,7 @@ std::vector<std::uint8_t> common_words(const texts &asked, const texts &known) {
         if (occurs[i] != 0)
             words.push_back(known.words[i]);
     }
-    const auto chunk_of = [](const std::vector<std::string_view> &of) {
+    const auto chunk_of = [](std::span<const std::string_view> of) {
         text_chunk chunk{};
         chunk.kind = text_chunk::layout::anywhere;
         chunk.rows = static_cast<std::int64_t>(of.size());

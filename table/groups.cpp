@@ -250,7 +250,7 @@ groups::groups(std::int64_t rows, group_request request, const operator_set &ope
     std::vector<named_key> keys;
     for (const column_pointer &key : request_.keys) {
         const std::vector<bat> &parts = key->as_keys(request_.nan_missing, tell);
-        const bool bounded = parts.size() == 1 && !is_float(key->type().of) && !key->has_heap();
+        const bool bounded = parts.size() == 1 && !is_float(key->type().of);
         for (const bat &part : parts)
             keys.push_back({bat::share(part.id()), key->name(), bounded ? key.get() : nullptr});
     }

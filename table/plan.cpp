@@ -218,7 +218,7 @@ private:
         // In a group of one row a value is the only one.
         if (by_.count() == static_cast<std::size_t>(by_.rows()))
             return counts(of);
-        if (by_.is_whole() && keys.size() == 1 && !of.has_heap() && !is_float(of.type().of) &&
+        if (by_.is_whole() && keys.size() == 1 && !is_float(of.type().of) &&
             (is_text(of.type().of) || !parts_.numbers_of(of).beyond))
             if (const auto known = different_within(keys[0], of.bounds(context_.tell))) {
                 answer result = answer_of(form::lng, std::vector{static_cast<lng>(*known)});

@@ -74,9 +74,7 @@ const large_vector<lng> &shared_parts::counts_of(const column &of) {
             counts[static_cast<std::size_t>(numbers[row])] -= own->present[row] == 0 ? 1 : 0;
         return counts;
     }
-    const bat &values = !text           ? own->values
-                        : of.has_heap() ? of.heap()
-                                        : of.as_texts(context_.tell).codes;
+    const bat &values = text ? of.as_texts(context_.tell).codes : own->values;
     const std::array operands{&values, &by_.map(), &by_.extents()};
     const bat made = context_.operators.call("vask_grp_count", operands, of.name());
     const auto all = made.values<lng>();

@@ -15,6 +15,7 @@
 #include "runner/user_error.h"
 #include "vask/refkernel/sample.h"
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 
@@ -35,6 +36,14 @@ column_type type_of(const std::string &column) {
                                                                  : column_type::int_;
 }
 
+// As a column of the kernel's texts.
+refkernel::bat texts_of(const vask::runner::table_column &loaded) {
+    const auto codes = loaded.values.values<std::int32_t>();
+    std::vector<std::int32_t> words(codes.begin(), codes.end());
+    std::replace(words.begin(), words.end(), refkernel::nil_of<std::int32_t>(), refkernel::no_word);
+    return refkernel::make_dictionary_column(loaded.words->words, words);
+}
+
 columns_by_name load(const std::string &file, std::int32_t odd_to) {
     const vask::runner::source_text source(file);
     vask::runner::load_request request;
@@ -46,8 +55,11 @@ columns_by_name load(const std::string &file, std::int32_t odd_to) {
     vask::runner::loaded_table table = load_table(source, header, request);
 
     columns_by_name columns;
-    for (std::size_t i = 0; i < header.names.size(); ++i)
-        columns.emplace(header.names[i], std::move(table.columns[i].values));
+    for (std::size_t i = 0; i < header.names.size(); ++i) {
+        vask::runner::table_column &loaded = table.columns[i];
+        columns.emplace(header.names[i],
+                        loaded.words != nullptr ? texts_of(loaded) : std::move(loaded.values));
+    }
     std::vector<std::int32_t> odd;
     for (std::int32_t i = 1; i <= odd_to; i += 2)
         odd.push_back(i);

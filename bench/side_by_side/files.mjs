@@ -1,7 +1,7 @@
 // Questions of a file of the same rows: our command, from the start of its process to its end, beside
 // statements of systems that run already and read the file.
 import { spawn } from "node:child_process";
-import { readFileSync } from "node:fs";
+import { closeSync, openSync, readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 
 import { digestLines } from "./answers.mjs";
@@ -24,10 +24,12 @@ export const fileCases = Object.entries(asked).map(([id, aggregates]) => {
 // The command as a system: a request is a process.
 class CommandRuns {
     #words;
+    #answerFile;
     #peakMib = 0;
 
-    constructor(words) {
+    constructor(words, answerFile) {
         this.#words = words;
+        this.#answerFile = answerFile;
     }
 
     resetPeakMemory() {
@@ -43,18 +45,20 @@ class CommandRuns {
         const { keys, results, aggregates } = request.run;
         const types = "id1:str,id2:str,id3:str,id4:int,id5:int,id6:int,v1:int,v2:int,v3:dbl";
         const words = [...this.#words, "--types", types, "--group-by", keys.join(","), "--agg", aggregates];
+        const answer = openSync(this.#answerFile, "w+");
         const begin = performance.now();
-        const process = spawn(words[0], words.slice(1), { stdio: ["ignore", "pipe", "pipe"] });
-        let text = "";
+        const process = spawn(words[0], words.slice(1), { stdio: ["ignore", answer, "pipe"] });
         let told = "";
-        process.stdout.on("data", (part) => (text += part));
         process.stderr.on("data", (part) => (told += part));
         // The last that is seen of a process that is still there.
         const watch = setInterval(() => this.#notePeak(process.pid), 5);
         const status = await new Promise((resolve) => process.on("close", resolve));
         clearInterval(watch);
         const ms = performance.now() - begin;
+        closeSync(answer);
         if (status !== 0) return { error: told };
+        const text = readFileSync(this.#answerFile, "utf8");
+        rmSync(this.#answerFile);
         return { ms, answer: digestLines(text, keys, results.length) };
     }
 
@@ -70,6 +74,9 @@ class CommandRuns {
 
 export function commandOnFile(options, rows) {
     const words = [join(options.build, "bin/vask"), dataFile(options, rows)];
-    const worker = new CommandRuns([...words, "--threads", String(threads), "--format", "csv"]);
+    const worker = new CommandRuns(
+        [...words, "--threads", String(threads), "--format", "csv"],
+        join(options.out, "answer.csv"),
+    );
     return { name: "vask", worker, loadedMib: 0, request: (c) => ({ run: c }) };
 }

@@ -2,6 +2,7 @@
 // however many threads read them, columns and messages are the same, also where it is compressed.
 #include "fuzz_target.h"
 
+#include "runner/column_cells.h"
 #include "runner/csv_header.h"
 #include "runner/row_filter.h"
 #include "runner/source_text.h"
@@ -101,8 +102,14 @@ std::string bytes_of(const table_column &column) {
         return {static_cast<const char *>(tail.base), std::size_t{rows} << tail.shift};
     }
     std::string bytes;
-    for (BUN row = 0; row < rows; ++row)
-        bytes.append(column.values.text(row)).push_back('\0');
+    const auto cell = cells_of(column);
+    for (BUN row = 0; row < rows; ++row) {
+        const result_cell text = cell(row);
+        bytes
+            .append(std::holds_alternative<std::monostate>(text) ? std::string_view("\xff")
+                                                                 : std::get<std::string_view>(text))
+            .push_back('\0');
+    }
     return bytes;
 }
 

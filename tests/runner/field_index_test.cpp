@@ -192,7 +192,8 @@ TEST(FieldIndex, ChunksGiveTheCellsOfTheLibrary) {
                     missing += is_missing ? 1 : 0;
                     ASSERT_EQ(loaded.columns[c].values.is_nil(static_cast<BUN>(row)), is_missing);
                     if (!is_missing) {
-                        ASSERT_EQ(loaded.columns[c].values.text(static_cast<BUN>(row)), cell);
+                        ASSERT_EQ(std::get<std::string_view>(cells_of(loaded.columns[c])(row)),
+                                  cell);
                     }
                 }
                 EXPECT_EQ(loaded.columns[c].missing, missing);

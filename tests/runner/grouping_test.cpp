@@ -52,10 +52,12 @@ int value_of(int row, int values) {
 }
 
 std::string file_of(int few, int many) {
-    std::string csv = "few,many,text,v\n";
-    for (int i = 0; i < rows; ++i)
-        csv += std::to_string(value_of(i, few)) + "," + std::to_string(value_of(i, many)) + ",t" +
-               std::to_string(value_of(i, few)) + "," + std::to_string(i % 10) + "\n";
+    std::string csv = "few,many,text,real,v\n";
+    for (int i = 0; i < rows; ++i) {
+        const std::string number = std::to_string(value_of(i, few));
+        csv += number + "," + std::to_string(value_of(i, many)) + ",t" + number + "," + number +
+               ".5," + std::to_string(i % 10) + "\n";
+    }
     return csv;
 }
 
@@ -84,6 +86,7 @@ TEST(Grouping, EveryPathGivesThePlainGroupsOnAnyThreads) {
         return [=](int i) { return std::to_string(value_of(i, values)); };
     };
     const auto text = [&](int i) { return std::string("t").append(number(few)(i)); };
+    const auto real = [&](int i) { return number(few)(i) + ".5"; };
     const struct {
         std::string columns;
         std::string expected;
@@ -94,10 +97,12 @@ TEST(Grouping, EveryPathGivesThePlainGroupsOnAnyThreads) {
         {"many", plain_sums(number(many)),
          "VASKgroup(many): 70000 rows, sort path: many values in a sample, 2 ranges"},
         {"text", plain_sums([&](int i) { return text(i); }),
-         "VASKgroup(text): 70000 rows, hash path: text, 2 ranges, 90 groups, "},
+         "VASKgroup(text): 70000 rows, hash path: few values in a sample, 2 ranges, 90 groups, "},
         {"few,text", plain_sums([&](int i) { return number(few)(i) + "," + text(i); }),
-         "VASKderive(text): 70000 rows, "},
-        {"text,many", plain_sums([&](int i) { return text(i) + "," + number(many)(i); }),
+         "VASKgroup(few, text): 70000 rows, "},
+        {"text,real", plain_sums([&](int i) { return text(i) + "," + real(i); }),
+         "VASKderive(real): 70000 rows, "},
+        {"real,many", plain_sums([&](int i) { return real(i) + "," + number(many)(i); }),
          "VASKderive(many): 70000 rows, buckets path: "},
         {"few,many", plain_sums([&](int i) { return number(few)(i) + "," + number(many)(i); }),
          "VASKgroup(few, many): 70000 rows, "},

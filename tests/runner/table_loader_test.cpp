@@ -118,7 +118,7 @@ void expect_cells(const expected_column &expected, const table_column &loaded) {
     ASSERT_EQ(loaded.values.count(), expected.cells.size());
     const column_type type = loaded.type;
     std::uint64_t missing = 0;
-    const auto cell = cells_of(loaded.values, type);
+    const auto cell = cells_of(loaded);
     for (std::size_t row = 0; row < expected.cells.size(); ++row) {
         const cell_text &text = expected.cells[row];
         result_cell value;
@@ -142,6 +142,10 @@ void expect_cells(const expected_column &expected, const table_column &loaded) {
     EXPECT_EQ(loaded.missing, missing);
     EXPECT_EQ(loaded.values->tail->nil != 0, missing > 0);
     EXPECT_EQ(loaded.values->tail->nonil != 0, missing == 0);
+}
+
+std::string_view text_at(const table_column &column, std::size_t row) {
+    return std::get<std::string_view>(cells_of(column)(row));
 }
 
 loaded_table load(const source_text &source, load_request request, const csv_dialect &dialect) {
@@ -211,8 +215,8 @@ TEST(TableLoader, TypesAndColumnsThatWereAskedFor) {
     EXPECT_EQ(loaded.columns[0].values.type(), TYPE_bte);
     EXPECT_EQ(loaded.columns[0].values.values<bte>()[0], 1);
     EXPECT_TRUE(loaded.columns[0].values.is_nil(1));
-    EXPECT_EQ(loaded.columns[1].values.text(0), "07");
-    EXPECT_EQ(loaded.columns[1].values.text(1), "NA");
+    EXPECT_EQ(text_at(loaded.columns[1], 0), "07");
+    EXPECT_EQ(text_at(loaded.columns[1], 1), "NA");
     EXPECT_FALSE(loaded.columns[2].values);
     EXPECT_EQ(loaded.columns[3].values.values<lng>()[0], 1577836800'000'000);
     EXPECT_TRUE(loaded.columns[3].values.is_nil(1));
@@ -222,16 +226,16 @@ TEST(TableLoader, TypesAndColumnsThatWereAskedFor) {
     const std::string codes = "a,b,c\n007,001.50,1\n7,1.5,-02\n";
     const loaded_table typed = load(codes, plain);
     EXPECT_EQ(typed.columns[0].values.values<std::int32_t>()[0], 7);
-    EXPECT_EQ(typed.columns[1].values.text(0), "001.50");
-    EXPECT_EQ(typed.columns[2].values.text(0), "1");
-    EXPECT_EQ(typed.columns[2].values.text(1), "-02");
+    EXPECT_EQ(text_at(typed.columns[1], 0), "001.50");
+    EXPECT_EQ(text_at(typed.columns[2], 0), "1");
+    EXPECT_EQ(text_at(typed.columns[2], 1), "-02");
     plain.keep_zeros = false;
     const loaded_table numbers = load(codes, plain);
     EXPECT_EQ(numbers.columns[1].values.values<dbl>()[0], 1.5);
     EXPECT_EQ(numbers.columns[2].values.values<std::int32_t>()[1], -2);
     const loaded_table unquoted = load("a\tb\n5\" pipe\t\"x\n", {}, {'\t', false});
-    EXPECT_EQ(unquoted.columns[0].values.text(0), "5\" pipe");
-    EXPECT_EQ(unquoted.columns[1].values.text(0), "\"x");
+    EXPECT_EQ(text_at(unquoted.columns[0], 0), "5\" pipe");
+    EXPECT_EQ(text_at(unquoted.columns[1], 0), "\"x");
 }
 
 // Faults in the middle of a file of many chunks: the first one is told, with its line.
