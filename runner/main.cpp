@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -27,6 +28,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <tbb/global_control.h>
 
 namespace {
@@ -236,9 +238,20 @@ void run(const options &request) {
     }
 }
 
+// A process that lives for one request uses memory again rather than giving it back: new pages cost
+// more than anything that is done in them, the more so on a virtual machine (sums by 4 million
+// texts: 1.3 s, against 2.5).
+void keep_memory() {
+#if defined(__GLIBC__)
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+#endif
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
+    keep_memory();
     try {
         if (const auto request = parse_options(argc, argv))
             run(*request);
