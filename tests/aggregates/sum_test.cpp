@@ -48,6 +48,33 @@ TEST(GroupedSum, AgreesWithThePlainSumOnAllShapes) {
     support::check_grouped<plain::sum>(vask_grp_sum);
 }
 
+// Blocks with nils are added up another way once each group has seen a value. The last group sees
+// one at `first_value`, if at all.
+TEST(GroupedSum, OfGroupsThatSeeTheirFirstValueLate) {
+    constexpr BUN rows = 150'000;
+    constexpr oid groups = 5;
+    const support::kernel_settings settings(1);
+    for (const BUN first_value : {BUN{0}, BUN{70'004}, rows - 1, rows}) {
+        std::vector<oid> map(rows);
+        std::vector<double> values(rows);
+        std::vector<double> expected(groups);
+        for (BUN row = 0; row < rows; ++row) {
+            map[row] = row % groups;
+            const bool is_nil = map[row] == groups - 1 ? row < first_value : row % 7 == 0;
+            values[row] = is_nil ? nil_of<double>() : 0.1 * row;
+            expected[map[row]] += is_nil ? 0 : values[row];
+        }
+        if (first_value == rows)
+            expected[groups - 1] = nil_of<double>();
+        const refkernel::bat sums = support::call_grouped(
+            vask_grp_sum, make_column(std::move(values)), make_column(std::move(map)),
+            make_column(std::vector<std::int64_t>(groups), {.type = TYPE_wrd}));
+        for (oid group = 0; group < groups; ++group)
+            EXPECT_EQ(sums.values<double>()[group], expected[group])
+                << group << ", from row " << first_value;
+    }
+}
+
 TEST(GroupedSum, OfRowsThatAreGroupsIsTheValue) {
     support::for_each_arithmetic_type([]<class T>(int type) {
         using types = vask::sum_result<T>;
