@@ -86,20 +86,29 @@ VASK_ALWAYS_INLINE unsigned encode_block(const Texts &texts, row_position first,
                                          std::uint64_t valid, const text_hash &hash,
                                          text_dictionary &dictionary, text_block &block,
                                          const written_codes &to, std::int32_t *codes) {
-    unsigned found = 0;
-    for (std::uint64_t left = valid; left != 0; left &= left - 1) {
-        const auto i = static_cast<unsigned>(std::countr_zero(left));
-        if (!texts.load(first + i, hash, block.keys[found])) [[unlikely]]
-            return i;
-        block.hashes[found] = hash(block.keys[found]);
-        block.row_of[found++] = static_cast<std::uint8_t>(i);
-    }
-    dictionary.find_or_add(
-        block.keys, block.hashes, found, [&](unsigned i) { return texts[first + block.row_of[i]]; },
-        block.numbers);
+    unsigned values = 0;
+    for (std::uint64_t left = valid; left != 0; left &= left - 1)
+        block.row_of[values++] = static_cast<std::uint8_t>(std::countr_zero(left));
+    const auto load = [&](unsigned i, text_key &key) {
+        return texts.load(first + block.row_of[i], hash, key);
+    };
+    const auto text_of = [&](unsigned i) { return texts[first + block.row_of[i]]; };
+    const auto put = [&](unsigned i, number found) {
+        codes[block.row_of[i]] = static_cast<std::int32_t>(found) + to.bias;
+    };
     std::fill_n(codes, n, to.missing);
-    for (unsigned i = 0; i < found; ++i)
-        codes[block.row_of[i]] = static_cast<std::int32_t>(block.numbers[i]) + to.bias;
+    if (dictionary.is_cached()) {
+        const unsigned done = dictionary.find_or_add_cached(values, load, hash, text_of, put);
+        return done < values ? block.row_of[done] : n;
+    }
+    for (unsigned i = 0; i < values; ++i) {
+        if (!load(i, block.keys[i])) [[unlikely]]
+            return block.row_of[i];
+        block.hashes[i] = hash(block.keys[i]);
+    }
+    dictionary.find_or_add(block.keys, block.hashes, values, text_of, block.numbers);
+    for (unsigned i = 0; i < values; ++i)
+        put(i, block.numbers[i]);
     return n;
 }
 
