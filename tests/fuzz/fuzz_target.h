@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -30,7 +31,10 @@ inline void require(bool holds, std::string_view what) {
 //! An input read from its front. What lies behind its end reads as 0, so every input is complete.
 class byte_source {
 public:
-    byte_source(const std::uint8_t *bytes, std::size_t size) : bytes_(bytes), left_(size) {}
+    byte_source(const std::uint8_t *bytes, std::size_t size)
+        : bytes_(bytes),
+          left_(size),
+          hash_(std::hash<std::string_view>()({reinterpret_cast<const char *>(bytes), size})) {}
 
     bool empty() const { return left_ == 0; }
 
@@ -55,6 +59,13 @@ public:
         return n <= 256 ? take<std::uint8_t>() % n : take<std::uint32_t>() % n;
     }
     bool one_in(std::uint64_t n) { return below(n) == 1; }
+    //! For what is costly. All bytes decide it together: what is made of a costly input, of which
+    //! a fuzzer that looks for coverage keeps many, is seldom costly again.
+    bool seldom(std::uint64_t n) {
+        const bool is = hash_ % n == 0;
+        hash_ /= n;
+        return is;
+    }
     template <class T>
     T one_of(std::initializer_list<T> all) {
         return all.begin()[below(all.size())];
@@ -70,6 +81,7 @@ public:
 private:
     const std::uint8_t *bytes_;
     std::size_t left_;
+    std::size_t hash_;
 };
 
 } // namespace fuzz

@@ -12,9 +12,12 @@
 #include "vask/embed.h"
 #include "vask/ops.h"
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <tbb/global_control.h>
 
 namespace {
 
@@ -283,11 +286,15 @@ void check_refinement(byte_source &in, std::vector<T> values, std::int32_t threa
 template <class T>
 void check_type(byte_source &in) {
     const std::uint64_t what = in.below(4);
-    const std::int32_t threads = in.one_of<std::int32_t>({1, 2, 3, 8, 256});
+    auto threads = in.one_of<std::int32_t>({1, 2, 3, 8, 256});
+    // As many partitions as rows: most of the time goes into the reference's lists of each.
+    if (threads == 256 && !in.seldom(4))
+        threads = 5;
     const kernel_settings settings(threads);
+    const bool many = in.one_in(8);
+    auto rows = static_cast<BUN>(in.below(many && in.seldom(4) ? 1200 : 100));
     // Refinement in parallel begins at 8,192 rows.
-    auto rows = static_cast<BUN>(in.below(in.one_in(8) ? 1200 : 100));
-    if (what == 3 && in.one_in(8))
+    if (what == 3 && in.one_in(8) && in.seldom(16))
         rows = 8192 + static_cast<BUN>(in.below(64));
     const BUN first = in.one_in(3) ? 13 : 0;
     if (what == 0) {
@@ -305,7 +312,7 @@ void check_type(byte_source &in) {
         grouped_shape shape;
         shape.seed = in.take<std::uint16_t>();
         shape.rows = rows;
-        shape.groups = static_cast<BUN>(1 + in.below(in.one_in(4) ? 3000 : 20));
+        shape.groups = static_cast<BUN>(1 + in.below(in.one_in(4) && in.seldom(8) ? 3000 : 20));
         shape.first = first;
         shape.head = static_cast<extents_head>(in.below(6));
         shape.order = static_cast<group_order>(in.below(3));
@@ -331,6 +338,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t size) {
     byte_source in(bytes, size);
+    // Few wait for other threads, which takes longer than the work.
+    std::optional<tbb::global_control> alone;
+    if (!in.seldom(16))
+        alone.emplace(tbb::global_control::max_allowed_parallelism, 1);
     const refkernel::checkpoint before;
     switch (in.below(6)) {
         case 0:
