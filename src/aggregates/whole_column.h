@@ -20,9 +20,8 @@ typename Aggregate::partial reduce_rows(const Rows &rows, const partition_plan &
     using partial = typename Aggregate::partial;
 
     std::array<partial, max_partitions> partials{};
-    const bool in_any_order = adds_in_any_order<Aggregate>(rows);
     const std::uint64_t in_lanes =
-        in_any_order ? 0 : partitions_in_lanes<Aggregate, Rows>(plan.nparts);
+        adds_in_any_order<Aggregate>(rows) ? 0 : partitions_in_lanes<Aggregate, Rows>(plan.nparts);
     task_set tasks;
     if constexpr (adds_lanes<Aggregate, Rows>) {
         for (std::uint64_t part = 0; part < in_lanes; part += lane_count)
@@ -35,9 +34,9 @@ typename Aggregate::partial reduce_rows(const Rows &rows, const partition_plan &
             });
     }
     for (std::uint64_t part = in_lanes; part < plan.nparts; ++part)
-        tasks.spawn([rows, in_any_order, r = plan.partition(part), to = &partials[part]] {
+        tasks.spawn([rows, r = plan.partition(part), to = &partials[part]] {
             if constexpr (knows_integers<Aggregate, Rows>) {
-                if (in_any_order) {
+                if (rows.are_integers()) {
                     *to = scan_integers<Aggregate>(rows, r);
                     return;
                 }
