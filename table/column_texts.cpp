@@ -19,7 +19,6 @@
 namespace vask::table {
 namespace {
 
-using refkernel::bat;
 using refkernel::nil_of;
 
 // The offsets between are looked at when the texts are.
