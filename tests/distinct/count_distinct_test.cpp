@@ -1,3 +1,4 @@
+#include "kernel/hostile.h"
 #include "rows/text_hash.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
@@ -143,10 +144,13 @@ std::vector<shape> shapes() {
         {.groups = 1},
         {.groups = 1500, .shuffled_extents = true},
         {.stored_heads = true, .shuffled_extents = true},
-        {.rows = 9000, .groups = 2, .stored_heads = true, .first = 11},
+        {.rows = vask::unless_hostile(9000U, 3000U),
+         .groups = 2,
+         .stored_heads = true,
+         .first = 11},
         {.rows = 3000, .groups = 50, .stored_heads = true, .without_map = 700},
         {.rows = 3000, .groups = 50, .first = 5, .without_map = 1},
-        {.rows = 50'000, .groups = 900, .shuffled_extents = true},
+        {.rows = vask::unless_hostile(50'000U, 3'000U), .groups = 900, .shuffled_extents = true},
     };
 }
 

@@ -82,8 +82,9 @@ std::vector<layout> layouts() {
                 for (const BUN groups : {1U, 3U, 700U}) {
                     const int threads[] = {2, 3, 1, 9};
                     ++seed;
-                    all.push_back({seed % 3 == 0 ? 20000U : 999U, groups, head, map, dense_histo,
-                                   static_cast<BUN>(seed % 2 * 4), threads[seed % 4], seed});
+                    all.push_back({seed % 3 == 0 ? unless_hostile(20000U, 3000U) : 999U, groups,
+                                   head, map, dense_histo, static_cast<BUN>(seed % 2 * 4),
+                                   threads[seed % 4], seed});
                 }
     return all;
 }
@@ -114,17 +115,18 @@ TEST(Derive, IntegersAsFarApartAsCanBe) {
 
 // Extents of so many groups are put in order by way of the map where the head is dense.
 TEST(Derive, NearlyEveryRowAGroup) {
+    constexpr BUN rows = unless_hostile(40000U, 4000U);
     for (const heads head : all_heads)
-        for (const BUN groups : {1U, 30000U})
-            check_numbers({.rows = 40000, .groups = groups, .head = head, .threads = 3},
-                          random_values<lng>(40000, ~0ULL, 0, groups));
+        for (const BUN groups : {1U, rows / 4 * 3})
+            check_numbers({.rows = rows, .groups = groups, .head = head, .threads = 3},
+                          random_values<lng>(rows, ~0ULL, 0, groups));
 }
 
 // Pairs are counted while they are few, which in each range of rows shows only as they come.
 TEST(Derive, ValuesThatComeLate) {
     for (const heads head : {heads::void_head, heads::shuffled})
         for (const BUN rows_per_value : {2U, 7U, 60U, 9000U}) {
-            const layout l{.rows = 20000, .groups = 3, .head = head};
+            const layout l{.rows = unless_hostile(20000U, 4000U), .groups = 3, .head = head};
             std::vector<lng> values;
             for (BUN row = 0; row < l.rows; ++row)
                 values.push_back(static_cast<lng>(row / rows_per_value) << 40);
@@ -147,7 +149,7 @@ TEST(Derive, SignedZerosAndNans) {
 
 TEST(Derive, ManyNansTakeNoLongerThanOtherValues) {
     // Looking for each among those before would take hours.
-    const layout l{.rows = 2'000'000, .groups = 1};
+    const layout l{.rows = unless_hostile(2'000'000U, 2'000U), .groups = 1};
     const old_grouping old(l);
     const bat b =
         refkernel::make_column(std::vector<float>(l.rows, std::numeric_limits<float>::quiet_NaN()),
@@ -279,7 +281,10 @@ TEST(Derive, TextsAtTheLimitOfAnIndex) {
 }
 
 TEST(Derive, TheResultIsTheSameForAnyThreadsAndEachTime) {
-    const layout l{.rows = 60000, .groups = 300, .head = heads::shuffled, .map = map_kind::hashed};
+    const layout l{.rows = unless_hostile(60000U, 6000U),
+                   .groups = 300,
+                   .head = heads::shuffled,
+                   .map = map_kind::hashed};
     const old_grouping old(l);
     const bat b = refkernel::make_column(random_values<std::int32_t>(l.rows, 50, 3, 8),
                                          head_options(l.head, old.heads));

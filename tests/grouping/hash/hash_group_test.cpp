@@ -96,7 +96,7 @@ TEST(HashGroup, IntegersThatLieCloseTogether) {
 // Windows and memos beyond the caches, tables whose buckets are widened, every number of ranges the
 // same groups.
 TEST(HashGroup, ManyGroups) {
-    constexpr std::size_t rows = vask::unless_hostile<std::size_t>(200000, 2000);
+    constexpr std::size_t rows = unless_hostile<std::size_t>(200000, 2000);
     for (const int threads : {1, 2, 5}) {
         check_numbers(close_values<std::int32_t>(rows, -7, 30000, 1, 1), heads::void_head, threads);
         check_numbers(close_values<lng>(rows, lng{1} << 40, 90000, 0, 2), heads::shuffled, threads);
@@ -108,7 +108,7 @@ TEST(HashGroup, ManyGroups) {
 
 // More keys than a table of a range takes, of which the later rows bring some again, or hardly any.
 TEST(HashGroup, MoreKeysThanATableHolds) {
-    constexpr std::size_t rows = vask::unless_hostile<std::size_t>(700000, 3000);
+    constexpr std::size_t rows = unless_hostile<std::size_t>(700000, 3000);
     for (const int threads : {1, 2}) {
         check_numbers(random_values<lng>(rows, 400000, 1, 6), heads::void_head, threads);
         check_numbers(random_values<std::int32_t>(rows, ~0ULL, 0, 7), heads::shuffled, threads);
@@ -163,7 +163,7 @@ TEST(HashGroup, TextsStoredOnceAndAnew) {
     std::uint64_t seed = 0;
     for (const auto sharing : {refkernel::text_sharing::once, refkernel::text_sharing::anew})
         for (const int width : {1, 2, 4})
-            for (const std::size_t rows : {1U, 50U, 3000U, 40000U})
+            for (const std::size_t rows : {1U, 50U, 3000U, unless_hostile(40000U, 6000U)})
                 for (const std::uint64_t distinct : {1U, 60U, 9000U})
                     for (const int nils : {0, 40}) {
                         ++seed;
@@ -251,6 +251,8 @@ std::vector<std::int32_t> values_of_large_range() {
 // Values that lie close together, in a window too large for wide counters: one so often that narrow
 // ones are full several times, many that only later rows have, all in order.
 TEST(HashGroup, LargeWindows) {
+    if (forced_way() == grouping_way::table || forced_way() == grouping_way::buckets)
+        GTEST_SKIP() << "a window is for an index; by equal hashes its values take hours";
     std::vector<std::int32_t> values = values_of_large_range();
     for (std::size_t row = 0; row < many_rows; ++row) {
         std::int32_t &value = values[row];

@@ -2,6 +2,7 @@
 
 #include "grouping/path_check.h"
 #include "grouping/sort/sorted_runs.h"
+#include "kernel/hostile.h"
 #include "support/failing_calls.h"
 #include "support/kernel_settings.h"
 #include "support/leak_guard.h"
@@ -58,7 +59,7 @@ TEST(SortGroup, AgreesWithThePlainWay) {
 
 // Large enough for several buckets, and for extents that are sorted in parallel.
 TEST(SortGroup, LargeColumnsOfAnyShape) {
-    constexpr std::size_t rows = 70000;
+    constexpr std::size_t rows = unless_hostile(70000, 7000);
     for_each_number_type([&]<class T>(T) {
         for (const int threads : {2, 5}) {
             check_path(random_values<T>(rows, ~0ULL, 1, 5), heads::void_head, 12, threads);
@@ -127,7 +128,8 @@ TEST(SortGroup, ANanFailsAtOnceAndSaysSo) {
 // nothing behind, but for the working arrays, whose exception takes the path's BATs with it.
 TEST(SortGroup, FailingKernelCalls) {
     const kernel_settings settings(4);
-    const bat b = refkernel::make_column(random_values<lng>(70000, 60000, 0, 1));
+    const bat b =
+        refkernel::make_column(random_values<lng>(unless_hostile(70000, 7000), 60000, 0, 1));
     const refkernel::checkpoint before;
     for (const operation op : {operation::bat_copy, operation::bat_materialize, operation::bat_new,
                                operation::bat_extend, operation::gdk_malloc}) {
