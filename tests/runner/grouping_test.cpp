@@ -55,10 +55,9 @@ std::string file_of(int few, int many) {
     std::string csv = "few,many,text,real,v\n";
     for (int i = 0; i < rows; ++i) {
         const std::string number = std::to_string(value_of(i, few));
-        for (const std::string &text :
-             {number, "," + std::to_string(value_of(i, many)), ",t" + number, "," + number + ".5",
-              "," + std::to_string(i % 10) + "\n"})
-            csv += text;
+        csv.append(number).append(",").append(std::to_string(value_of(i, many))).append(",t");
+        csv.append(number).append(",").append(number).append(".5,");
+        csv.append(std::to_string(i % 10)).append("\n");
     }
     return csv;
 }
