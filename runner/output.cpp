@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -23,6 +24,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <tbb/parallel_pipeline.h>
+#include <tbb/task_arena.h>
 
 namespace vask::runner {
 namespace {
@@ -52,25 +54,36 @@ public:
     // several threads.
     template <class AppendRow>
     void rows(std::size_t count, const AppendRow &append_row) {
-        constexpr std::size_t block = 4096;
-        constexpr std::size_t most_blocks_in_memory = 64;
+        constexpr std::size_t block_bytes = std::size_t{1} << 18;
+        constexpr std::size_t most_rows = 4096;
+        constexpr std::size_t first_rows = 64;
+        struct block {
+            std::size_t begin;
+            std::size_t end;
+        };
         flush();
         std::size_t next = 0;
+        // As many as the last ones made a block's bytes.
+        std::atomic<std::size_t> rows_of_block = first_rows;
         const auto next_block = [&](tbb::flow_control &control) {
-            if (next >= count)
+            if (next == count)
                 control.stop();
-            return std::exchange(next, next + block);
+            const std::size_t begin = next;
+            next = std::min(begin + rows_of_block, count);
+            return block{begin, next};
         };
-        const auto text_of = [&](std::size_t first) {
+        const auto text_of = [&](block of) {
             std::string text;
-            for (std::size_t row = first; row < std::min(first + block, count); ++row)
+            for (std::size_t row = of.begin; row < of.end; ++row)
                 append_row(text, row);
+            rows_of_block = std::clamp(block_bytes * (of.end - of.begin) / (text.size() + 1),
+                                       std::size_t{1}, most_rows);
             return text;
         };
         tbb::parallel_pipeline(
-            most_blocks_in_memory,
-            tbb::make_filter<void, std::size_t>(tbb::filter_mode::serial_in_order, next_block) &
-                tbb::make_filter<std::size_t, std::string>(tbb::filter_mode::parallel, text_of) &
+            2 * static_cast<std::size_t>(tbb::this_task_arena::max_concurrency()),
+            tbb::make_filter<void, block>(tbb::filter_mode::serial_in_order, next_block) &
+                tbb::make_filter<block, std::string>(tbb::filter_mode::parallel, text_of) &
                 tbb::make_filter<std::string, void>(
                     tbb::filter_mode::serial_in_order,
                     [this](std::string text) { write(std::move(text)); }));
