@@ -138,9 +138,6 @@ private:
                 add_function(inner, "count_distinct", states_[i].part("value", function.title), i,
                              "distinct");
         }
-        // A query has to ask for something; no state is called so.
-        if (inner.by.empty() && inner.functions.empty())
-            inner.functions.push_back({&function("size"), {}, {}, "rows"});
         return run_query(rows_, inner, context_);
     }
 
