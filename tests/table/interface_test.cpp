@@ -243,6 +243,24 @@ TEST(Interface, IsInComparesByValue) {
     EXPECT_EQ(contained({"v", "tss:", wholes({1})}, {"v", "tsm:", wholes({1000})}), "code 1");
 }
 
+// Of blocks in which nothing compares, no row behind the end is taken for one that does.
+TEST(Interface, NothingIsInAColumnWithoutValuesThatCompare) {
+    ledger counted;
+    const table_pointer left = import_table(counted, {{{"v", "l", wholes({0, 1, -1, 255})}}});
+    const table_pointer unsigned_left =
+        import_table(counted, {{{"v", "L", wholes({0, wide{1} << 63})}}});
+    for (const std::size_t rows : {1U, 1023U, 1024U, 1025U, 3072U}) {
+        SCOPED_TRACE(rows);
+        const auto column = [&](const char *format, const cell &value) {
+            return import_table(counted, {{{"v", format, std::vector<cell>(rows, value)}}});
+        };
+        EXPECT_EQ(is_in(left, column("i", cell::null())), "0000");
+        EXPECT_EQ(is_in(left, column("l", cell::null())), "0000");
+        EXPECT_EQ(is_in(left, column("g", cell::of_real(0.5))), "0000");
+        EXPECT_EQ(is_in(unsigned_left, column("l", cell::of(least))), "00");
+    }
+}
+
 TEST(Interface, IsInOfManyRowsIsALookupPerRow) {
     ledger counted;
     std::mt19937_64 random(3);
