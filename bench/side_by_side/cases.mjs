@@ -128,7 +128,7 @@ export const cases = [
     {
         id: "r2_by_id2_id4",
         title: "r² of v1, v2 by id2, id4",
-        bound: "a nil test by the kernel's comparison for each row; six sums of 1e4 groups",
+        bound: "pairs of numbers converted a block at a time, six sums of 1e4 groups",
         keys: ["id2", "id4"],
         results: [
             call("vask_grp_correl", ["v1", "v2"], "power(corr(v1, v2), 2)", { squared: true }),
@@ -189,7 +189,7 @@ export const cases = [
     {
         id: "correlation",
         title: "correlation v1, v2",
-        bound: "a nil test by the kernel's comparison for each row; sums in row order",
+        bound: "bandwidth and conversion, a block at a time; sums of integers in any order",
         results: [call("vask_correl", ["v1", "v2"], "corr(v1, v2)", scalar("dbl"))],
     },
     {
